@@ -1,0 +1,17 @@
+#ifndef PLATFORM_EM_H_
+#define PLATFORM_EM_H_
+
+#include <stdint.h>
+
+// True while this enclosure manager is the active one: /var/run/em/active exists.
+bool this_em_is_active();
+
+// The number of the other enclosure manager: /var/run/em/number holds this one's, 1 or 2 (1 when
+// it cannot be read); the mate's is the other.
+uint32_t get_my_mate_em_num();
+
+// Starts `/etc/em/use_replicated_data <id>`, detached, when that file is executable. Returns 0
+// unless it could not be started. `argument` is not interpreted.
+int use_replicated_data(uint32_t id, int argument);
+
+#endif  // PLATFORM_EM_H_

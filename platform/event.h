@@ -1,0 +1,10 @@
+#ifndef PLATFORM_EVENT_H_
+#define PLATFORM_EVENT_H_
+
+#include <stdint.h>
+
+// Makes `record` the last state of the event: replaces /var/run/em/events/0x<8 hex digits of the
+// number> through a temporary file. Returns 0, or non-zero when it cannot.
+int event_send(uint32_t event, const void* record, uint32_t size);
+
+#endif  // PLATFORM_EVENT_H_

@@ -1,0 +1,48 @@
+#ifndef PLATFORM_STORAGE_H_
+#define PLATFORM_STORAGE_H_
+
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+
+// A result as it travels: answer to a local caller and part of every group message.
+struct RpcResult {
+  uint8_t success;
+  uint8_t local_ok;
+  uint8_t remote_ok;
+  uint8_t benign;
+  uint8_t canceled;
+  uint8_t padding[3];
+  uint32_t peer_present;  // the character 'Y' or 'N'
+  char reason[116];       // NUL-terminated
+};
+static_assert(sizeof(RpcResult) == 128);
+static_assert(offsetof(RpcResult, success) == 0 && offsetof(RpcResult, local_ok) == 1);
+static_assert(offsetof(RpcResult, remote_ok) == 2 && offsetof(RpcResult, benign) == 3);
+static_assert(offsetof(RpcResult, canceled) == 4 && offsetof(RpcResult, peer_present) == 8);
+static_assert(offsetof(RpcResult, reason) == 12);
+
+// Fills all 128 bytes of `*result`. Code 0 makes a success: success, local_ok and remote_ok are 1.
+// Any other code makes a failure: success and remote_ok are 0, canceled is 1, local_ok is 1 unless
+// the code has 0x02 or 0x20, benign is 1 when it has 0x08, and `reason` is the formatted text cut
+// to 115 bytes. peer_present is 'N'. `format` may be null. Leaves errno as it was.
+void storage_cfg_set_result(RpcResult* result, uint32_t code, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* format, va_list args)
+    __attribute__((format(printf, 3, 0)));
+
+struct StorageHandle;
+
+constexpr int kStorageOpenWrite = 0x02;
+constexpr int kStorageOpenRestricted = 0x40;  // mode 0600 instead of 0644
+
+// Replaces the file at the absolute `path` as a whole: storage_open makes a temporary file
+// (TempUpdate_<random>) in its directory, storage_write_all writes to it, storage_close brings it
+// to the disk and renames it over `path`. Each returns 0, or non-zero with errno set. After any
+// failure `path` is what it was and the temporary file is gone, at the latest after storage_close,
+// which must follow every successful open and frees the handle. `kind` is not interpreted.
+int storage_open(int kind, const char* path, int flags, StorageHandle** handle);
+int storage_write_all(StorageHandle* handle, const void* data, size_t size);
+int storage_close(StorageHandle* handle);
+
+#endif  // PLATFORM_STORAGE_H_
