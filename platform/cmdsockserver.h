@@ -9,11 +9,18 @@
 // at most 64 KiB of message, a response packet a 32-bit status and the attached payload, both
 // little-endian; a connection may carry any number of them, one after the other.
 
+// printf format of a socket's path, given its number.
+constexpr char kCmdSocketFormat[] = "/var/run/em/cmd.%d";
+
+constexpr uint32_t kCmdMaxMessageSize = 64 * 1024;
+
 struct CmdRsp;  // one response under construction, valid until the handler returns
 
 // Answers one request; runs on the connection's own thread, many at once. Returns the status of
 // the response. `message` is not terminated and belongs to the server.
 using CmdHandler = uint32_t (*)(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp);
+
+struct CmdConnections;  // the server's own bookkeeping
 
 struct CmdServer {
   pthread_t thread;  // the accepting thread; joinable once cmd_server_start has succeeded
@@ -21,6 +28,7 @@ struct CmdServer {
   int listen_fd;
   int stop_fd;  // eventfd that ends the accepting thread
   CmdHandler handler;
+  CmdConnections* connections;
 };
 
 // Binds the socket of `number`. A stale socket file is replaced; nullptr (errno tells why) when

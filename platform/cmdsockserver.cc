@@ -1,0 +1,299 @@
+#include "platform/cmdsockserver.h"
+
+#include <endian.h>
+#include <errno.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "platform/util.h"
+
+struct CmdRsp {
+  std::vector<uint8_t> payload;
+};
+
+namespace {
+
+constexpr int kMaxConnections = 256;
+constexpr int kListenBacklog = 64;
+constexpr int kGraceSeconds = 5;     // for handlers in flight at shutdown
+constexpr int kSendSeconds = 5;      // for a client to make room for its answer
+constexpr int kAcceptPauseMs = 100;  // after accept failed for want of descriptors or memory
+constexpr int kFreeSlot = -1;
+constexpr size_t kTypeSize = sizeof(uint32_t);
+// 256 stacks must fit the address space of a 32-bit process.
+constexpr size_t kWorkerStackSize = 512 * 1024;
+
+struct Connection {
+  CmdServer* server;
+  int fd;  // kFreeSlot while nobody uses the slot
+};
+
+}  // namespace
+
+// `mutex` guards everything; `changed` tells the accepting thread that a connection ended.
+struct CmdConnections {
+  pthread_mutex_t mutex;
+  pthread_cond_t changed;
+  bool stopping;
+  int count;
+  Connection slots[kMaxConnections];
+  CmdServer* next_server;
+};
+
+namespace {
+
+// All servers ever made. A worker whose handler never returned may outlive the accepting thread,
+// so none is ever freed.
+CmdServer* g_servers = nullptr;
+pthread_mutex_t g_servers_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+sockaddr_un socket_address(int number) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof address.sun_path, kCmdSocketFormat, number);
+  return address;
+}
+
+// Removes a socket file that nobody listens on. Returns false with errno set when the path is
+// taken by something else.
+bool remove_stale_socket(const sockaddr_un& address) {
+  struct stat info;
+  if (lstat(address.sun_path, &info) != 0) return errno == ENOENT;
+  if (!S_ISSOCK(info.st_mode)) {
+    errno = EEXIST;
+    return false;
+  }
+  const int probe = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  const int rc = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  const bool stale = rc != 0 && errno == ECONNREFUSED;
+  close(probe);
+  if (!stale) {
+    errno = EADDRINUSE;
+    return false;
+  }
+  return unlink(address.sun_path) == 0;
+}
+
+int listen_on(int number) {
+  const sockaddr_un address = socket_address(number);
+  mkdir("/var/run/em", 0755);
+  if (!remove_stale_socket(address)) return -1;
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  // bind(2) gives the file the mode of the descriptor, so it is never open to others; the chmod
+  // only undoes a umask that would take the owner's bits away.
+  if (fchmod(fd, 0600) == 0 &&
+      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+      chmod(address.sun_path, 0600) == 0 && listen(fd, kListenBacklog) == 0)
+    return fd;
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return -1;
+}
+
+bool peer_is_allowed(int fd) {
+  ucred peer = {};
+  socklen_t size = sizeof peer;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
+  return peer.uid == 0 || peer.uid == geteuid();
+}
+
+bool server_is_stopping(CmdConnections* connections) {
+  pthread_mutex_lock(&connections->mutex);
+  const bool stopping = connections->stopping;
+  pthread_mutex_unlock(&connections->mutex);
+  return stopping;
+}
+
+// Receives one request packet. False at the end of the connection and for a packet that is none.
+bool receive_request(int fd, std::vector<uint8_t>* packet) {
+  ssize_t size;
+  do {
+    size = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+  } while (size < 0 && errno == EINTR);
+  if (size < static_cast<ssize_t>(kTypeSize) ||
+      size > static_cast<ssize_t>(kTypeSize + kCmdMaxMessageSize))
+    return false;
+  packet->resize(static_cast<size_t>(size));
+  return recv(fd, packet->data(), packet->size(), 0) == size;
+}
+
+bool send_response(int fd, uint32_t status, const std::vector<uint8_t>& payload) {
+  const uint32_t wire_status = htole32(status);
+  std::vector<uint8_t> packet(sizeof wire_status + payload.size());
+  memcpy(packet.data(), &wire_status, sizeof wire_status);
+  if (!payload.empty()) memcpy(packet.data() + sizeof wire_status, payload.data(), payload.size());
+  return send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(packet.size());
+}
+
+void serve_requests(const Connection& connection) {
+  std::vector<uint8_t> packet;
+  while (receive_request(connection.fd, &packet) &&
+         !server_is_stopping(connection.server->connections)) {
+    uint32_t type;
+    memcpy(&type, packet.data(), kTypeSize);
+    CmdRsp response;
+    const uint32_t status =
+        connection.server->handler(le32toh(type), packet.data() + kTypeSize,
+                                   static_cast<uint32_t>(packet.size() - kTypeSize), &response);
+    if (!send_response(connection.fd, status, response.payload)) return;
+    packet = {};  // an idle connection keeps no buffer
+  }
+}
+
+void free_slot(Connection* connection) {
+  CmdConnections* connections = connection->server->connections;
+  pthread_mutex_lock(&connections->mutex);
+  close(connection->fd);
+  connection->fd = kFreeSlot;
+  --connections->count;
+  pthread_cond_signal(&connections->changed);
+  pthread_mutex_unlock(&connections->mutex);
+}
+
+void* serve_connection(void* argument) {
+  Connection* connection = static_cast<Connection*>(argument);
+  serve_requests(*connection);
+  free_slot(connection);
+  return nullptr;
+}
+
+// Takes a slot for `fd`; nullptr when all are taken.
+Connection* take_slot(CmdServer* server, int fd) {
+  CmdConnections* connections = server->connections;
+  Connection* taken = nullptr;
+  pthread_mutex_lock(&connections->mutex);
+  for (Connection& slot : connections->slots) {
+    if (slot.fd == kFreeSlot) {
+      slot = {server, fd};
+      ++connections->count;
+      taken = &slot;
+      break;
+    }
+  }
+  pthread_mutex_unlock(&connections->mutex);
+  return taken;
+}
+
+bool start_worker(Connection* connection) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_setstacksize(&attributes, kWorkerStackSize);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  const int rc = Create_Thread(&thread, &attributes, serve_connection, connection, "cmd_worker");
+  pthread_attr_destroy(&attributes);
+  return rc == 0;
+}
+
+void accept_connection(CmdServer* server) {
+  const int fd = accept4(server->listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) {
+    // Without descriptors the listener stays readable: wait instead of spinning.
+    pollfd stop = {server->stop_fd, POLLIN, 0};
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+      poll(&stop, 1, kAcceptPauseMs);
+    return;
+  }
+  const timeval limit = {kSendSeconds, 0};
+  if (!peer_is_allowed(fd) || setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+    close(fd);
+    return;
+  }
+  Connection* connection = take_slot(server, fd);
+  if (connection == nullptr)
+    close(fd);
+  else if (!start_worker(connection))
+    free_slot(connection);
+}
+
+void accept_until_stopped(CmdServer* server) {
+  pollfd fds[] = {{server->listen_fd, POLLIN, 0}, {server->stop_fd, POLLIN, 0}};
+  while (fds[1].revents == 0) {
+    if (poll(fds, 2, -1) < 0) fds[0].revents = fds[1].revents = 0;
+    if (fds[0].revents != 0 && fds[1].revents == 0) accept_connection(server);
+  }
+}
+
+// Wakes the workers that wait for a request and gives those in a handler time to answer.
+void drain_connections(CmdConnections* connections) {
+  timespec deadline;
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kGraceSeconds;
+  pthread_mutex_lock(&connections->mutex);
+  connections->stopping = true;
+  for (const Connection& slot : connections->slots) {
+    if (slot.fd != kFreeSlot) shutdown(slot.fd, SHUT_RD);
+  }
+  int rc = 0;
+  while (connections->count > 0 && rc != ETIMEDOUT)
+    rc = pthread_cond_timedwait(&connections->changed, &connections->mutex, &deadline);
+  pthread_mutex_unlock(&connections->mutex);
+}
+
+void* accept_thread_fn(void* argument) {
+  CmdServer* server = static_cast<CmdServer*>(argument);
+  accept_until_stopped(server);
+  // Unlinked while it is still listened on, so that it cannot be a successor's.
+  unlink(socket_address(server->number).sun_path);
+  close(server->listen_fd);
+  drain_connections(server->connections);
+  return nullptr;
+}
+
+CmdConnections* make_connections() {
+  CmdConnections* connections = new CmdConnections{};
+  for (Connection& slot : connections->slots)
+    slot.fd = kFreeSlot;
+  pthread_mutex_init(&connections->mutex, nullptr);
+  _brel_cond_init(&connections->changed);
+  return connections;
+}
+
+}  // namespace
+
+CmdServer* cmd_server_create(int number, CmdHandler handler) {
+  const int stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (stop_fd < 0) return nullptr;
+  const int listen_fd = listen_on(number);
+  if (listen_fd < 0) {
+    const int error = errno;
+    close(stop_fd);
+    errno = error;
+    return nullptr;
+  }
+  CmdServer* server =
+      new CmdServer{pthread_t{}, number, listen_fd, stop_fd, handler, make_connections()};
+  pthread_mutex_lock(&g_servers_mutex);
+  server->connections->next_server = g_servers;
+  g_servers = server;
+  pthread_mutex_unlock(&g_servers_mutex);
+  return server;
+}
+
+int cmd_server_start(CmdServer* server) {
+  return Create_Thread(&server->thread, nullptr, accept_thread_fn, server, "cmd_server");
+}
+
+void cmd_server_shutdown(CmdServer* server) {
+  const uint64_t one = 1;
+  // Only a full counter could refuse the value, and then the thread is awake already.
+  [[maybe_unused]] const ssize_t written = write(server->stop_fd, &one, sizeof one);
+}
+
+void cmd_rsp_attach_payload(const void* payload, uint32_t size, CmdRsp* rsp) {
+  const uint8_t* bytes = static_cast<const uint8_t*>(payload);
+  rsp->payload.assign(bytes, bytes + size);
+}

@@ -1,0 +1,107 @@
+#include "platform/daemon.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <libdaemon/daemon.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+bool g_parent_waits = false;
+
+// The pid file is held by a lock, not by its content: after a crash the lock is gone, however
+// the number in the file has been used since.
+// Returns the locked descriptor, or -1 with errno set; EWOULDBLOCK when another process holds it.
+int lock_pid_file(const char* path) {
+  for (;;) {
+    const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) return -1;
+    struct stat locked;
+    struct stat named;
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fstat(fd, &locked) != 0) {
+      const int error = errno;
+      close(fd);
+      errno = error;
+      return -1;
+    }
+    // A holder that ended in between has removed the file that was opened here.
+    if (stat(path, &named) == 0 && named.st_ino == locked.st_ino && named.st_dev == locked.st_dev)
+      return fd;
+    close(fd);
+  }
+}
+
+bool write_pid(int fd) {
+  const std::string text = std::to_string(getpid()) + "\n";
+  return ftruncate(fd, 0) == 0 &&
+         write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+int run_in_child(const std::string& pid_path, int pid_fd, int (*daemon_main)(int, char**), int argc,
+                 char** argv) {
+  // daemon_fork(3) leaves a mask that takes every permission away from files made later.
+  umask(0022);
+  if (!write_pid(pid_fd)) {
+    daemon_log(LOG_ERR, "Could not write %s: %s", pid_path.c_str(), strerror(errno));
+    unlink(pid_path.c_str());
+    return 1;
+  }
+  g_parent_waits = true;
+  const int result = daemon_main(argc, argv);
+  if (g_parent_waits) daemon_retval_done();
+  unlink(pid_path.c_str());  // while it is still locked
+  close(pid_fd);
+  return result;
+}
+
+int wait_for_child(const char* name) {
+  // The pipe also ends when the new process dies, so there is no need of a limit.
+  if (daemon_retval_wait(0) == 0) return 0;
+  fprintf(stderr, "%s: ended before its start-up was complete, see the system log\n", name);
+  return 1;
+}
+
+}  // namespace
+
+int daemon_create(const char* name, int (*daemon_main)(int, char**), int argc, char** argv) {
+  daemon_log_ident = name;
+  const std::string pid_path = std::string("/var/run/") + name + ".pid";
+  // Locked before the fork, so that a refusal can still be told on the caller's terminal; the
+  // lock belongs to the open file, which the new process inherits.
+  const int pid_fd = lock_pid_file(pid_path.c_str());
+  if (pid_fd < 0) {
+    const char* reason = errno == EWOULDBLOCK ? "another instance is running" : strerror(errno);
+    fprintf(stderr, "%s: %s: %s\n", name, pid_path.c_str(), reason);
+    return 1;
+  }
+  daemon_reset_sigs(-1);
+  daemon_unblock_sigs(-1);
+  if (daemon_retval_init() != 0) {
+    fprintf(stderr, "%s: no pipe to the new process: %s\n", name, strerror(errno));
+    close(pid_fd);
+    return 1;
+  }
+  const pid_t pid = daemon_fork();
+  if (pid == 0) return run_in_child(pid_path, pid_fd, daemon_main, argc, argv);
+  int result = 1;
+  if (pid < 0) {
+    fprintf(stderr, "%s: could not start the new process: %s\n", name, strerror(errno));
+    daemon_retval_done();
+  } else {
+    result = wait_for_child(name);
+  }
+  close(pid_fd);
+  return result;
+}
+
+void daemon_signal_daemonize_complete() {
+  if (!g_parent_waits) return;
+  g_parent_waits = false;
+  daemon_retval_send(0);
+}

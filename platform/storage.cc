@@ -1,0 +1,127 @@
+#include "platform/storage.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+// A replacement under way. After a failure `error` holds its errno and the temporary is gone.
+struct StorageHandle {
+  int fd;
+  int error;
+  std::string path;
+  std::string temporary;
+};
+
+namespace {
+
+constexpr int kNameAttempts = 100;
+
+constexpr uint32_t kCodeLocalNotDone = 0x02 | 0x20;
+constexpr uint32_t kCodeBenign = 0x08;
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+// Makes a file with a fresh name in `directory` (which ends in '/'). Returns the descriptor and
+// sets `*name`, or returns -1 with errno set.
+int create_temporary(const std::string& directory, std::string* name) {
+  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) return -1;
+    char text[40];
+    snprintf(text, sizeof text, "TempUpdate_%016" PRIx64, number);
+    *name = directory + text;
+    const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return fail(EEXIST);
+}
+
+// Gives the replacement up; the first failure's errno is the one that counts.
+int give_up(StorageHandle* handle, int error) {
+  if (handle->error == 0) {
+    handle->error = error;
+    unlink(handle->temporary.c_str());
+  }
+  return fail(handle->error);
+}
+
+}  // namespace
+
+void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* format, va_list args) {
+  const int saved_errno = errno;
+  // Built aside, because the arguments may point into the old record.
+  RpcResult made = {};
+  made.peer_present = 'N';
+  if (code == 0) {
+    made.success = made.local_ok = made.remote_ok = 1;
+  } else {
+    made.local_ok = (code & kCodeLocalNotDone) == 0;
+    made.benign = (code & kCodeBenign) != 0;
+    made.canceled = 1;
+    if (format != nullptr && vsnprintf(made.reason, sizeof made.reason, format, args) < 0)
+      made.reason[0] = '\0';
+  }
+  memcpy(result, &made, sizeof made);
+  errno = saved_errno;
+}
+
+void storage_cfg_set_result(RpcResult* result, uint32_t code, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  storage_cfg_set_result_v(result, code, format, args);
+  va_end(args);
+}
+
+int storage_open(int kind, const char* path, int flags, StorageHandle** handle) {
+  (void)kind;
+  const std::string target = path;
+  const size_t slash = target.rfind('/');
+  if (target[0] != '/' || slash + 1 == target.size() || (flags & kStorageOpenWrite) == 0)
+    return fail(EINVAL);
+
+  std::string temporary;
+  const int fd = create_temporary(target.substr(0, slash + 1), &temporary);
+  if (fd < 0) return -1;
+  // Set rather than created with: the umask must not decide what the peer's copy looks like.
+  if (fchmod(fd, (flags & kStorageOpenRestricted) != 0 ? 0600 : 0644) != 0) {
+    const int error = errno;
+    close(fd);
+    unlink(temporary.c_str());
+    return fail(error);
+  }
+  *handle = new StorageHandle{fd, 0, target, temporary};
+  return 0;
+}
+
+int storage_write_all(StorageHandle* handle, const void* data, size_t size) {
+  if (handle->error != 0) return fail(handle->error);
+  const char* position = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t written = write(handle->fd, position, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return give_up(handle, written < 0 ? errno : EIO);
+    position += written;
+    size -= static_cast<size_t>(written);
+  }
+  return 0;
+}
+
+int storage_close(StorageHandle* handle) {
+  if (handle->error == 0 && fdatasync(handle->fd) != 0) give_up(handle, errno);
+  if (close(handle->fd) != 0) give_up(handle, errno);
+  if (handle->error == 0 && rename(handle->temporary.c_str(), handle->path.c_str()) != 0)
+    give_up(handle, errno);
+  const int error = handle->error;
+  delete handle;
+  return error == 0 ? 0 : fail(error);
+}
