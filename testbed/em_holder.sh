@@ -1,0 +1,64 @@
+#!/bin/sh
+# Runs inside the fresh namespaces of one EM: gives it private state, then stays as the process
+# that keeps the namespaces alive.
+#
+#   em_holder.sh NUMBER own|shared PERSISTENT CLEANUP_SCRIPT VISIBLE_DIR...
+#
+# "shared" means that another EM's mounts are below: its /dev/shm and /etc/corosync stay in use.
+# PERSISTENT is a directory to use as /mnt/part.persistent, or "-" for memory. Every VISIBLE_DIR is
+# at its own path inside as well, though /tmp, /mnt and /run are private.
+set -eu
+umask 022
+number=$1 state=$2 persistent=$3 cleanup_script=$4
+shift 4
+
+fresh() { mount -n -t tmpfs -o mode="$2" em"$number" "$1"; }
+
+# The private mounts are built up beside the old ones, so that directories of the old /tmp, /mnt or
+# /run can be bound into the new ones before they disappear.
+stage=/var/lib/misc
+fresh $stage 755
+mkdir $stage/tmp $stage/mnt $stage/run $stage/upper $stage/work
+for top in tmp mnt run; do fresh $stage/$top 755; done
+chmod 1777 $stage/tmp
+mkdir $stage/mnt/part.persistent
+if [ "$persistent" != - ]; then mount -n --bind "$persistent" $stage/mnt/part.persistent; fi
+for dir in "$@"; do
+  case $dir in
+    /tmp/* | /mnt/* | /run/*)
+      mkdir -p "$stage$dir"
+      mount -n --rbind "$dir" "$stage$dir"
+      ;;
+  esac
+done
+
+# /etc and /usr/bin take additions without touching the machine's own.
+for dir in etc usr/bin; do
+  mkdir -p $stage/upper/$dir $stage/work/$dir
+done
+mkdir -p $stage/upper/etc/em
+cp "$cleanup_script" $stage/upper/usr/bin/clean_up_temp_files.py 2>/dev/null &&
+  chmod 755 $stage/upper/usr/bin/clean_up_temp_files.py || :
+if [ "$state" = own ]; then mkdir -p $stage/upper/etc/corosync; fi
+for dir in etc usr/bin; do
+  mount -n -t overlay -o "lowerdir=/$dir,upperdir=$stage/upper/$dir,workdir=$stage/work/$dir" \
+    em"$number" /$dir
+done
+
+for top in tmp mnt run; do mount -n --move $stage/$top /$top; done
+[ -L /var/run ] || mount -n --rbind /run /var/run
+if [ "$state" = own ]; then
+  fresh /dev/shm 1777
+  fresh /var/lib/corosync 755
+  hostname em"$number"
+  ip link set lo up
+fi
+
+mkdir -p /run/em /run/replicated_by_active_em
+for root in replicated_by_active_em replicated_by_this_em replicated_by_other_em; do
+  mkdir -p /mnt/part.persistent/$root
+done
+echo "$number" > /run/em/number
+
+echo ready
+exec sleep infinity < /dev/null > /dev/null

@@ -1,0 +1,342 @@
+"""A pair of EMs on this machine: two sets of namespaces, each with its Corosync and its daemon.
+
+    with EmPair() as pair:
+        pair.ctl(1, "sync")
+
+Nothing outlives the pair: leaving the block, an exception, Ctrl-C and even SIGKILL of this process
+end every process, namespace, mount and link of it and remove its work directory (see keeper.py).
+Root is needed. Processes of the pair belong to the EmPair; use it from one thread.
+"""
+
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from collections.abc import Callable, Sequence
+from pathlib import Path
+
+from keeper import LINK
+
+REPO = Path(__file__).resolve().parent.parent
+PERSISTENT = "/mnt/part.persistent"
+ACTIVE = f"{PERSISTENT}/replicated_by_active_em"
+OWN = f"{PERSISTENT}/replicated_by_this_em"
+PEERS = f"{PERSISTENT}/replicated_by_other_em"
+VOLATILE = "/var/run/replicated_by_active_em"
+COMMAND_SOCKET = 2006
+EMS = (1, 2)
+
+# The shipped corosync.conf, changed only where a testbed must differ.
+OVERRIDES = {
+    "udpu": "totem {\n  transport: udpu\n  crypto_cipher: none\n  crypto_hash: none\n"
+            "  netmtu: 8900\n}\n",
+    "knet": "",
+}
+COMMON_OVERRIDES = """
+system {
+  sched_rr: no
+  move_to_root_cgroup: no
+}
+logging {
+  to_syslog: no
+  to_stderr: yes
+}
+"""
+
+
+class PairError(Exception):
+    """Something on the pair did not happen in time or failed."""
+
+
+def wait_for(predicate: Callable[[], object], timeout: float, what: str, interval: float = 0.05):
+    """Returns the first true value of `predicate`; PairError naming `what` after `timeout` s."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() >= deadline:
+            raise PairError(f"waited {timeout:g} s in vain: {what}")
+        time.sleep(interval)
+
+
+class EmPair:
+    """Two EMs, numbered 1 and 2.
+
+    build_dir  where cluster_sync_daemon and cluster_sync_ctl are
+    form       "two-node", or "one-node": two daemons on one node of one Corosync, which have their
+               trees to themselves and share network, IPC and /dev/shm
+    transport  "udpu" or "knet" (encrypted, as shipped)
+    log_level  highest syslog level that the daemons log (BREL_LOG_LEVEL)
+    wrapper    command in front of the daemon, for example ["valgrind", "--error-exitcode=99"]
+    environment  further variables of the daemons
+    on_disk    /mnt/part.persistent is a directory beneath the work directory instead of memory
+    visible    further directories that the EMs must see, if they are beneath /tmp, /mnt or /run
+    work_dir   directory to make; a new one beneath the temporary directory by default
+    """
+
+    def __init__(self, build_dir: Path | str = REPO / "build", form: str = "two-node",
+                 transport: str = "udpu", log_level: int = 6, wrapper: Sequence[str] = (),
+                 environment: dict[str, str] | None = None, on_disk: bool = False,
+                 visible: Sequence[str] = (), work_dir: Path | str | None = None):
+        if form not in ("two-node", "one-node") or transport not in OVERRIDES:
+            raise ValueError(f"no such form or transport: {form}, {transport}")
+        self.build_dir = Path(build_dir).resolve()
+        self.form, self.transport = form, transport
+        self.wrapper = list(wrapper)
+        self.environment = {"BREL_LOG_LEVEL": str(log_level)} | (environment or {})
+        self._on_disk, self._visible = on_disk, list(visible)
+        self._wanted_work_dir = work_dir
+        self._keeper: subprocess.Popen | None = None
+        self._processes: dict[tuple[str, int], subprocess.Popen] = {}
+        self.holders: dict[int, int] = {}
+        self.work_dir = Path()
+        self._key = os.urandom(256)
+
+    def __enter__(self):
+        return self.start()
+
+    def __exit__(self, *_):
+        self.stop()
+
+    # Start and stop.
+
+    def start(self, daemons: bool = True, active: int | None = 1) -> "EmPair":
+        """Brings all up; EM `active` gets the active role. Returns when the group is complete."""
+        try:
+            self.start_machines()
+            if active:
+                self.set_active(active)
+            for n in self.nodes():
+                self.start_corosync(n)
+            self.wait_nodes()
+            if daemons:
+                for n in EMS:
+                    self.start_daemon(n)
+                self.wait_joined()
+        except BaseException:
+            self.stop()
+            raise
+        return self
+
+    def start_machines(self) -> None:
+        """Makes the two machines without starting anything on them."""
+        if self._wanted_work_dir:
+            self.work_dir = Path(self._wanted_work_dir)
+            self.work_dir.mkdir(mode=0o700)
+        else:
+            self.work_dir = Path(tempfile.mkdtemp(prefix="em_pair."))
+        persistent = {}
+        for n in EMS:
+            (self.work_dir / f"em{n}").mkdir()
+            if self._on_disk:
+                persistent[n] = str(self.work_dir / f"em{n}" / "persistent")
+                Path(persistent[n]).mkdir()
+        options = {
+            "form": self.form,
+            "work_dir": str(self.work_dir),
+            "persistent": persistent,
+            "cleanup_script": str(REPO / "platform/clean_up_temp_files.py"),
+            "visible": [str(path) for path in
+                        {REPO, self.build_dir, self.work_dir, *map(Path, self._visible)}
+                        if path.is_dir()],
+        }
+        self._keeper = subprocess.Popen(
+            [sys.executable, str(REPO / "testbed/keeper.py"), json.dumps(options)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
+        answer = self._keeper.stdout.readline()
+        if not answer:
+            raise PairError("cannot make the EMs (their namespaces need root)")
+        self.holders = dict(zip(EMS, json.loads(answer)))
+
+    def stop(self) -> None:
+        """Ends everything and removes the work directory. May be called again."""
+        for process in self._processes.values():
+            if process.poll() is None:
+                process.send_signal(signal.SIGCONT)
+                process.terminate()
+        for process in self._processes.values():
+            try:
+                process.wait(timeout=3)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+        self._processes.clear()
+        if self._keeper:
+            self._keeper.stdin.close()
+            self._keeper.wait(timeout=60)
+            self._keeper = None
+        self.holders = {}
+
+    # Processes.
+
+    def nodes(self) -> tuple[int, ...]:
+        """The EMs that run a Corosync of their own."""
+        return EMS if self.form == "two-node" else (1,)
+
+    def command(self, n: int, argv: Sequence[str]) -> list[str]:
+        """The argv that runs `argv` on EM `n`; paths in it are absolute, it starts in "/"."""
+        return ["nsenter", "-t", str(self.holders[n]), "-m", "-n", "-i", "-u", "--",
+                *map(str, argv)]
+
+    def run(self, n: int, argv: Sequence[str], timeout: float = 60, check: bool = False,
+            **options) -> subprocess.CompletedProcess:
+        """Runs a command on EM `n` and captures what it prints (text, both streams apart)."""
+        options = {"capture_output": True, "text": True} | options
+        return subprocess.run(self.command(n, argv), timeout=timeout, check=check, **options)
+
+    def popen(self, n: int, argv: Sequence[str], **options) -> subprocess.Popen:
+        """Starts a command on EM `n`, which the end of the pair ends at the latest."""
+        return subprocess.Popen(self.command(n, argv), **options)
+
+    def ctl(self, n: int, *arguments: str, timeout: float = 60) -> subprocess.CompletedProcess:
+        """Runs cluster_sync_ctl with `arguments` on EM `n`."""
+        return self.run(n, [self.build_dir / "cluster_sync_ctl", *arguments], timeout=timeout)
+
+    def log_path(self, n: int, what: str = "daemon") -> Path:
+        """Where the output of all runs of EM `n`'s "daemon" or "corosync" goes."""
+        return self.work_dir / f"em{n}" / f"{what}.log"
+
+    def log(self, n: int, what: str = "daemon") -> str:
+        path = self.log_path(n, what)
+        return path.read_text(errors="replace") if path.exists() else ""
+
+    def process(self, n: int, what: str) -> subprocess.Popen:
+        """EM `n`'s "daemon" or "corosync"; poll() tells whether and how it ended."""
+        return self._processes[what, n]
+
+    def alive(self, n: int, what: str) -> bool:
+        process = self._processes.get((what, n))
+        return process is not None and process.poll() is None
+
+    def start_corosync(self, n: int) -> None:
+        etc = self.path(n, "/etc/corosync")
+        (etc / "authkey").write_bytes(self._key)
+        (etc / "corosync.conf").write_text(
+            (REPO / "packaging/corosync.conf").read_text() + OVERRIDES[self.transport] +
+            COMMON_OVERRIDES)
+        self._start(n, "corosync", ["corosync", "-f"], {})
+
+    def start_daemon(self, n: int, build_dir: Path | str | None = None) -> None:
+        daemon = Path(build_dir or self.build_dir).resolve() / "cluster_sync_daemon"
+        self._start(n, "daemon", [*self.wrapper, daemon, "-x", str(COMMAND_SOCKET)],
+                    self.environment)
+
+    def _start(self, n: int, what: str, argv: Sequence[str], environment: dict[str, str]) -> None:
+        if self.alive(n, what):
+            raise PairError(f"{what} of EM {n} is running already")
+        with open(self.log_path(n, what), "ab") as log:
+            self._processes[what, n] = self.popen(
+                n, argv, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
+                env=os.environ | environment, umask=0o022, start_new_session=True)
+
+    def signal(self, n: int, what: str, number: int) -> None:
+        """Sends a signal (SIGSTOP, SIGCONT, ...) to EM `n`'s "daemon" or "corosync"."""
+        self.process(n, what).send_signal(number)
+
+    def kill(self, n: int, what: str) -> None:
+        """SIGKILLs EM `n`'s "daemon" or "corosync" and waits for its end.
+
+        A daemon aborts when its Corosync is gone; nothing starts either again but restart().
+        """
+        process = self.process(n, what)
+        process.kill()
+        process.wait(timeout=20)
+
+    def restart(self, n: int, what: str) -> None:
+        """Ends EM `n`'s "daemon" or "corosync", if it runs, and starts it. Does not wait for it.
+
+        With a Corosync the daemons that use it end too; they are started again after it.
+        """
+        daemons = [n] if what == "daemon" else [m for m in EMS if self.node_of(m) == n]
+        daemons = [m for m in daemons if ("daemon", m) in self._processes]
+        for m in daemons:
+            self.kill(m, "daemon")
+        if what == "corosync":
+            self.kill(n, "corosync")
+            self.start_corosync(n)
+            wait_for(lambda: self._group(n) is not None, 20, f"Corosync of EM {n} answers")
+        for m in daemons:
+            self.start_daemon(m)
+
+    def exit_daemon(self, n: int, timeout: float = 60) -> int:
+        """Stops EM `n`'s daemon in order; returns its exit status."""
+        self.ctl(n, "exit")
+        return self.process(n, "daemon").wait(timeout=timeout)
+
+    # Roles, membership and the link.
+
+    def set_role(self, n: int, active: bool) -> None:
+        mark = self.path(n, "/run/em/active")
+        if active:
+            mark.touch()
+        else:
+            mark.unlink(missing_ok=True)
+
+    def set_active(self, n: int) -> None:
+        """EM `n` becomes the active one, the other the standby one, never both at once."""
+        self.set_role(3 - n, False)
+        self.set_role(n, True)
+
+    def is_active(self, n: int) -> bool:
+        return self.path(n, "/run/em/active").exists()
+
+    def node_of(self, n: int) -> int:
+        return n if self.form == "two-node" else 1
+
+    def _group(self, n: int) -> set[tuple[int, int]] | None:
+        """Members (node, process id) of em-sync as EM `n` sees them; None without a Corosync."""
+        output = self.run(n, ["corosync-cpgtool", "-d", " "])
+        if output.returncode != 0:
+            return None
+        rows = [line.split() for line in output.stdout.splitlines()]
+        return {(int(row[2]), int(row[1])) for row in rows if len(row) == 3 and row[0] == "em-sync"}
+
+    def joined(self) -> bool:
+        """True when both EMs see exactly the two running daemons in the group."""
+        pids = [(self.node_of(n), self.process(n, "daemon").pid) for n in EMS]
+        return all(self._group(n) == set(pids) for n in EMS)
+
+    def wait_joined(self, timeout: float = 30) -> None:
+        def joined_or_dead():
+            for n in EMS:
+                if not self.alive(n, "daemon"):
+                    tail = "\n".join(self.log(n).splitlines()[-15:])
+                    raise PairError(f"the daemon of EM {n} has ended:\n{tail}")
+            return self.joined()
+        wait_for(joined_or_dead, timeout, "both daemons are members of em-sync")
+
+    def node_members(self, n: int) -> set[int]:
+        """Node ids in the membership of EM `n`'s Corosync."""
+        output = self.run(n, ["corosync-quorumtool", "-l", "-p"]).stdout
+        return {int(line.split()[0]) for line in output.splitlines()
+                if re.match(r"\s*\d+\s", line)}
+
+    def wait_nodes(self, timeout: float = 30, members: set[int] | None = None) -> None:
+        """Waits until every Corosync sees the nodes `members` (all of them by default)."""
+        members = members or set(self.nodes())
+        wait_for(lambda: all(self.node_members(n) == members for n in self.nodes()), timeout,
+                 f"nodes {sorted(members)} form one Corosync membership")
+
+    def cut(self) -> None:
+        """Drops every packet between the EMs; the interfaces stay up, as with a dead switch."""
+        self._on_links("replace", "pfifo", "limit", "0")
+
+    def heal(self) -> None:
+        self._on_links("del")
+
+    def _on_links(self, verb: str, *discipline: str) -> None:
+        for n in EMS:
+            self.run(n, ["tc", "qdisc", verb, "dev", LINK, "root", *discipline], check=True)
+
+    # Files.
+
+    def path(self, n: int, inside: str) -> Path:
+        """A path of EM `n` as this process reaches it, without a command on the EM."""
+        if inside.startswith("/var/run"):
+            inside = inside[len("/var"):]  # an absolute symbolic link would lead out of the EM
+        return Path(f"/proc/{self.holders[n]}/root{inside}")
