@@ -1,0 +1,48 @@
+#include "redundancy_health/frame/daemon_main.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "platform/cmdsockserver.h"
+#include "platform/daemon.h"
+#include "redundancy_health/frame/cleanup_thread.h"
+#include "redundancy_health/frame/exit_flag.h"
+#include "redundancy_health/frame/flight_recorder.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/sync_context.h"
+#include "redundancy_health/rpc/notification.h"
+#include "redundancy_health/transport/sync_thread.h"
+
+uint8_t g_foreground = 0;
+int32_t g_cmd_socket_num = 2006;
+
+int daemon_main(int, char**) {
+  LOG(6, "Starting cluster_sync_daemon");
+  init_context(&g_context);
+  CmdServer* cmd_server = cmd_server_create(g_cmd_socket_num, on_rpc_notification);
+  CHECK_NOT_NULL(cmd_server);
+  g_context.rpc_fd = eventfd(0, 0);
+  CHECK_NOT_NEGATIVE(g_context.rpc_fd);
+
+  pthread_t cpg_pthread_sync;
+  pthread_t cleanup_pthread;
+  CHECK_ZERO(Create_Thread(&cpg_pthread_sync, nullptr, sync_thread_fn, &g_context, "sync_thread"));
+  CHECK_ZERO(
+      Create_Thread(&cleanup_pthread, nullptr, cleanup_thread_fn, nullptr, "cleanup_thread"));
+  if (!g_foreground) daemon_signal_daemonize_complete();
+  CHECK_ZERO(cmd_server_start(cmd_server));
+
+  do {
+    sleep(1);
+  } while (!get_exit_daemon());
+
+  LOG(4, "cluster_sync_daemon clean shutdown requested");
+  const pthread_t cmd_server_pthread = cmd_server->thread;
+  cmd_server_shutdown(cmd_server);
+  pthread_join(cmd_server_pthread, nullptr);
+  pthread_join(cpg_pthread_sync, nullptr);
+  pthread_join(cleanup_pthread, nullptr);
+  empty_flight_recorder();
+  LOG(6, "Exiting cluster_sync_daemon");
+  return 0;
+}

@@ -1,0 +1,67 @@
+#include "redundancy_health/frame/flight_recorder.h"
+
+#include "redundancy_health/frame/log.h"
+
+FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
+                                    SIMPLEQ_HEAD_INITIALIZER(g_flight_recorder.entries), 500, 0, 0};
+
+namespace {
+
+void append_line(const char* prefix, const char* message) {
+  auto* entry = static_cast<FlightRecorderEntry*>(malloc(sizeof(FlightRecorderEntry)));
+  CHECK_NOT_NULL(entry);
+  const int r = asprintf(&entry->text, "%s%s", prefix, message);
+  CHECK_TRUE(r >= 0);
+  SIMPLEQ_INSERT_TAIL(&g_flight_recorder.entries, entry, next);
+  ++g_flight_recorder.count;
+}
+
+void remove_oldest() {
+  FlightRecorderEntry* entry = SIMPLEQ_FIRST(&g_flight_recorder.entries);
+  SIMPLEQ_REMOVE_HEAD(&g_flight_recorder.entries, next);
+  free(entry->text);
+  free(entry);
+}
+
+}  // namespace
+
+bool flight_recorder_records() {
+  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
+  const bool records = !g_flight_recorder.paused &&
+                       (g_flight_recorder.max_entries != 0 || g_flight_recorder.count != 0);
+  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
+  return records;
+}
+
+void record_line(int level, int dump, const char* prefix, const char* message) {
+  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
+  if (!g_flight_recorder.paused) {
+    if (g_flight_recorder.max_entries != 0) append_line(prefix, message);
+    if (level <= 3 && (dump & 1) != 0) {
+      LOG_PLATFORM_ONLY(3,
+                        "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. "
+                        "=====");
+      dump_flight_recorder();
+      g_flight_recorder.paused = 1;
+    }
+    while (g_flight_recorder.count > g_flight_recorder.max_entries) {
+      CHECK_ZERO(SIMPLEQ_EMPTY(&g_flight_recorder.entries));
+      remove_oldest();
+      --g_flight_recorder.count;
+    }
+  }
+  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
+}
+
+void dump_flight_recorder() {
+  FlightRecorderEntry* entry;
+  SIMPLEQ_FOREACH(entry, &g_flight_recorder.entries, next) {
+    LOG_PLATFORM_ONLY(3, "%s", entry->text);
+  }
+}
+
+void empty_flight_recorder() {
+  while (!SIMPLEQ_EMPTY(&g_flight_recorder.entries))
+    remove_oldest();
+  g_flight_recorder.count = 0;
+}

@@ -1,0 +1,37 @@
+#ifndef FRAME_FLIGHT_RECORDER_H_
+#define FRAME_FLIGHT_RECORDER_H_
+
+#include <pthread.h>
+#include <stdint.h>
+#include <sys/queue.h>
+
+// The most recent log lines, kept in memory so that the first error can show what led up to it.
+
+struct FlightRecorderEntry {
+  char* text;  // prefix and message without a newline; owned
+  SIMPLEQ_ENTRY(FlightRecorderEntry) next;
+};
+
+struct FlightRecorder {
+  pthread_mutex_t mutex;                                           // guards every field
+  SIMPLEQ_HEAD(FlightRecorderQueue, FlightRecorderEntry) entries;  // oldest first
+  uint32_t max_entries;                                            // 0 records nothing
+  uint32_t count;
+  uint8_t paused;  // set by the first dump: the lines before the first error are the precious ones
+};
+
+extern FlightRecorder g_flight_recorder;
+
+// True unless the recorder is paused or holds no lines at all. Takes the mutex.
+bool flight_recorder_records();
+
+// Records one line, dumps and pauses when it is the first error, and trims. Takes the mutex.
+void record_line(int level, int dump, const char* prefix, const char* message);
+
+// Writes every line to the platform log at level 3. The caller holds the mutex.
+void dump_flight_recorder();
+
+// Drops every line, without the mutex: for the end of the process, when no other thread is left.
+void empty_flight_recorder();
+
+#endif  // FRAME_FLIGHT_RECORDER_H_

@@ -1,0 +1,86 @@
+#include "redundancy_health/frame/log.h"
+
+#include <stdarg.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/flight_recorder.h"
+
+namespace {
+
+constexpr char kLogFile[] = "/tmp/cluster_sync_daemon.log";
+constexpr char kOldLogFile[] = "/tmp/cluster_sync_daemon.log.0";
+
+uint32_t read_max_log_size() {
+  CHECK_ZERO(pthread_mutex_lock(&g_diag_params.mutex));
+  const uint32_t max_log_size = static_cast<uint32_t>(g_diag_params.max_log_size);
+  CHECK_ZERO(pthread_mutex_unlock(&g_diag_params.mutex));
+  return max_log_size;
+}
+
+// False when the line is to be dropped: its file cannot be looked at or moved away.
+bool make_room_in_log_file(uint32_t max_log_size) {
+  struct stat status;
+  if (stat(kLogFile, &status) != 0) return errno == ENOENT;
+  if (static_cast<uint64_t>(status.st_size) <= max_log_size) return true;
+  return rename(kLogFile, kOldLogFile) == 0;
+}
+
+void append_to_log_file(const char* prefix, const char* message) {
+  FILE* f = fopen(kLogFile, "ae");
+  if (f == nullptr) return;
+  fprintf(f, "%s%s\n", prefix, message);
+  CHECK_CLOSE(fclose(f));
+}
+
+}  // namespace
+
+bool log_wanted(int level) {
+  return DbgOutputEnabled(level) || read_max_log_size() != 0 || flight_recorder_records();
+}
+
+void private_log(int level, const char* function, int line, int dump, const char* format, ...) {
+  const int saved_errno = errno;
+  const uint32_t max_log_size = read_max_log_size();
+  if (max_log_size != 0 && !make_room_in_log_file(max_log_size)) {
+    errno = saved_errno;
+    return;
+  }
+
+  char thread_name[50];
+  GetThreadName(thread_name, sizeof(thread_name));
+  char* prefix = nullptr;
+  int r = asprintf(&prefix, "%10lld (%5d-%s) %s:%d: ", static_cast<long long>(time(nullptr)),
+                   static_cast<int>(getpid()), thread_name, function, line);
+  CHECK_TRUE(r >= 0);
+  char* message = nullptr;
+  va_list args;
+  va_start(args, format);
+  r = vasprintf(&message, format, args);
+  va_end(args);
+  CHECK_TRUE(r >= 0);
+
+  if (max_log_size != 0) append_to_log_file(prefix, message);
+  record_line(level, dump, prefix, message);
+  free(prefix);
+  free(message);
+  errno = saved_errno;
+}
+
+void on_severe_error() {
+  LOG_PLATFORM_ONLY(3, "EXCEPTION: Exiting daemon due to unrecoverable error");
+  abort();
+}
+
+int32_t get_uptime() {
+  struct sysinfo info;
+  if (sysinfo(&info) != 0) {
+    LOG(3, "Call to sysinfo() failed: %s", strerror(errno));
+    return -1;
+  }
+  return static_cast<int32_t>(info.uptime);
+}

@@ -1,0 +1,54 @@
+#ifndef FRAME_LOG_H_
+#define FRAME_LOG_H_
+
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "platform/util.h"
+#include "redundancy_health/frame/check.h"
+
+// Levels are syslog priorities: 3 errors, 4 operator actions and notable events, 6 milestones,
+// 7 debug trace. Arguments are not evaluated when nobody would take the line.
+
+#define LOG(level, ...) LOG_AS(__func__, level, 1, __VA_ARGS__)
+
+// An expected error: it does not dump the flight recorder.
+#define LOG_NO_DUMP(level, ...) LOG_AS(__func__, level, 0, __VA_ARGS__)
+
+// For the platform log alone: neither the private log file nor the flight recorder gets the line.
+#define LOG_PLATFORM_ONLY(level, ...) DbgOutput(__FILE__, __LINE__, __func__, level, __VA_ARGS__)
+
+// The full form: under the name `function`, with the dump flag given. errno is kept.
+#define LOG_AS(function, level, dump, ...)                          \
+  do {                                                              \
+    if (!log_wanted(level)) break;                                  \
+    const int _log_errno = errno;                                   \
+    char* _log_str = nullptr;                                       \
+    CHECK_NOT_NEGATIVE(asprintf(&_log_str, __VA_ARGS__));           \
+    DbgOutput(__FILE__, __LINE__, function, level, "%s", _log_str); \
+    private_log(level, function, __LINE__, dump, "%s", _log_str);   \
+    free(_log_str);                                                 \
+    errno = _log_errno;                                             \
+  } while (0)
+
+// False when the platform log drops lines of this level, no log file is written and the flight
+// recorder records nothing. Any thread.
+bool log_wanted(int level);
+
+// Appends the line to /tmp/cluster_sync_daemon.log (when a size limit is set) and to the flight
+// recorder; the first line of level 3 or less with bit 0 of `dump` set dumps the recorder and
+// pauses it. Any thread; leaves errno as it was. A line whose file cannot be looked at or renamed
+// is lost.
+void private_log(int level, const char* function, int line, int dump, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+// The end of a process that cannot go on: logs and aborts.
+extern "C" [[noreturn]] __attribute__((visibility("default"))) void on_severe_error();
+
+// Seconds since boot, -1 (logged) when the clock cannot be read. The wall clock may jump; this one
+// does not.
+int32_t get_uptime();
+
+#endif  // FRAME_LOG_H_

@@ -1,0 +1,3 @@
+#include "redundancy_health/frame/statistics.h"
+
+Statistics stats;

@@ -1,0 +1,47 @@
+#include "redundancy_health/frame/sync_context.h"
+
+#include "platform/util.h"
+#include "redundancy_health/frame/check.h"
+#include "redundancy_health/frame/result_codes.h"
+
+SyncContext g_context;
+
+void init_context(SyncContext* ctx) {
+  CHECK_ZERO(pthread_mutex_init(&ctx->rpc_mutex, NULL));
+  _brel_cond_init(&ctx->rpc_cond);
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  ctx->rpc_fd = -1;
+  ctx->cpg_local_nodeid = 0;
+  ctx->cpg_handle = 0;
+  ctx->cpg_initialized = 0;
+  ctx->state_time = 0;
+  ctx->cpg_membership_flags = 0;
+  ctx->cur_exchange_id = 0;
+  ctx->cur_sequence_id = 0;
+  ctx->peer_exchange_id = 0;
+  ctx->peer_sequence_id = 0;
+  ctx->cur_exchange_em_is_active = 0;
+  ctx->rpc_deferred = 0;
+  ctx->cur_state = ST_UNLOCKED;
+  reset_cpg_result(ctx);
+  ctx->resync_countdown = -1;
+  ctx->consecutive_errors = 0;
+  ctx->update_queue = nullptr;
+  ctx->rpc_stage = RPC_IDLE;
+  ctx->rpc_msg = nullptr;
+  ctx->current_rpc_size = 0;
+  ctx->waiting_rpc_count = 0;
+  storage_cfg_set_result(&ctx->rpc_result, RESULT_OK, nullptr);
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+}
+
+void reset_cpg_result(SyncContext* ctx) {
+  storage_cfg_set_result(&ctx->cpg_result, RESULT_OK, nullptr);
+}
+
+uint32_t read_rpc_stage(SyncContext* ctx) {
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  const uint32_t stage = ctx->rpc_stage;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  return stage;
+}

@@ -1,0 +1,85 @@
+#ifndef FRAME_SYNC_CONTEXT_H_
+#define FRAME_SYNC_CONTEXT_H_
+
+#include <corosync/cpg.h>
+#include <pthread.h>
+#include <stdint.h>
+
+#include "platform/storage.h"
+#include "redundancy_health/frame/relaxed.h"
+
+struct FileEntry;
+
+// Files are listed, compared and sent in chunks of this many bytes.
+constexpr uint32_t kChunkSize = 65536;
+
+// cur_state: where the exchange state machine is.
+enum SyncState : uint32_t {
+  ST_UNLOCKED = 0,  // no exchange runs
+  ST_LOCKREQ = 1,   // own lock request sent, not yet delivered back
+  ST_PEERLOCK = 2,  // the peer holds the lock, this daemon serves
+  ST_LISTREQ = 3,   // lock held, the peer's listing asked for
+  ST_UPDATE = 4,    // updates go out one by one
+  ST_DONE = 5,      // release sent, not yet delivered back
+};
+
+// rpc_stage: hand-off of a local request between its caller's thread and sync_thread.
+enum RpcStage : uint32_t {
+  RPC_IDLE = 0,
+  RPC_REQUESTING = 1,  // a request waits to be served
+  RPC_PENDING = 2,     // its exchange has been started
+  RPC_COMPLETE = 3,    // its result waits for the caller
+  RPC_LOCAL_BUSY = 4,  // the daemon itself wants an exchange
+};
+
+// cpg_membership_flags: what the last configuration change of the group said.
+constexpr uint32_t kSelfMember = 0x01;
+constexpr uint32_t kPeerMember = 0x02;
+constexpr uint32_t kSelfJoined = 0x04;
+constexpr uint32_t kPeerJoined = 0x08;
+constexpr uint32_t kSelfLeft = 0x10;
+constexpr uint32_t kPeerLeft = 0x20;
+
+// All state of the daemon. Once sync_thread runs, every field is its own, but for rpc_fd (written
+// before the threads start) and the RPC fields after rpc_mutex.
+struct SyncContext {
+  int rpc_fd;  // eventfd: a caller's thread wakes sync_thread for a request
+  uint32_t cpg_local_nodeid;
+  cpg_handle_t cpg_handle;
+  uint8_t cpg_initialized;  // cpg_handle is valid
+  int32_t state_time;       // uptime in seconds of the last progress, -1 unknown
+  uint32_t cpg_membership_flags;
+  uint32_t cur_exchange_id;  // the exchange this daemon started last
+  uint32_t cur_sequence_id;
+  uint32_t peer_exchange_id;  // the peer's exchange being served
+  uint32_t peer_sequence_id;
+  uint8_t cur_exchange_em_is_active;  // the exchange runs with the rights of the active EM
+  uint8_t rpc_deferred;               // a request was announced while an exchange ran
+  uint32_t cur_state;                 // SyncState
+  RpcResult cpg_result;               // outcome of the current exchange so far
+  int32_t resync_countdown;           // loop passes to the next resync, -1 = none
+  int32_t consecutive_errors;         // failed exchanges in a row, on the active EM
+  FileEntry* update_queue;            // entries still to send; owned
+  uint8_t data_chunk_buf[kChunkSize];
+
+  pthread_mutex_t rpc_mutex;    // guards the fields below
+  pthread_cond_t rpc_cond;      // a change of rpc_stage
+  Relaxed<uint32_t> rpc_stage;  // RpcStage; log lines read it without the mutex
+  const uint8_t* rpc_msg;       // the caller's own bytes, valid while it waits
+  uint32_t current_rpc_size;
+  Relaxed<int32_t> waiting_rpc_count;  // callers inside; log lines read it without the mutex
+  RpcResult rpc_result;
+};
+
+extern SyncContext g_context;
+
+// Puts every field to its start value. Before any other thread exists.
+void init_context(SyncContext* ctx);
+
+// Makes cpg_result a success again: a new exchange, or the end of one.
+void reset_cpg_result(SyncContext* ctx);
+
+// Reads rpc_stage under its mutex.
+uint32_t read_rpc_stage(SyncContext* ctx);
+
+#endif  // FRAME_SYNC_CONTEXT_H_
