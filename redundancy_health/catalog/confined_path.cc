@@ -1,0 +1,58 @@
+#include "redundancy_health/catalog/confined_path.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "redundancy_health/catalog/file_entry.h"
+
+bool relative_path_is_confined(const char* relative_path) {
+  if (relative_path[0] == '/') return false;
+  for (const char* component = relative_path; component != nullptr;) {
+    const char* end = strchrnul(component, '/');
+    if (end - component == 2 && component[0] == '.' && component[1] == '.') return false;
+    component = *end == '/' ? end + 1 : nullptr;
+  }
+  return true;
+}
+
+uint32_t root_of_path(const char* path) {
+  for (uint32_t root_index = 0; root_index < kRootCount; ++root_index) {
+    const size_t length = strlen(root_paths[root_index]);
+    if (strncmp(path, root_paths[root_index], length) != 0) continue;
+    const char* rest = path + length;
+    while (*rest == '/')
+      ++rest;
+    return relative_path_is_confined(rest) ? root_index : kRootCount;
+  }
+  return kRootCount;
+}
+
+int check_no_symlink_above(uint32_t root_index, const char* path) {
+  std::string above(path);
+  for (size_t slash = above.find('/', strlen(root_paths[root_index])); slash != std::string::npos;
+       slash = above.find('/', slash + 1)) {
+    above[slash] = '\0';
+    struct stat status;
+    if (lstat(above.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
+    if (S_ISLNK(status.st_mode)) return ELOOP;
+    above[slash] = '/';
+  }
+  return 0;
+}
+
+FILE* open_stream(const char* path, int flags, mode_t mode, const char* stream_mode) {
+  const int fd = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
+  if (fd < 0) return nullptr;
+  FILE* stream = fdopen(fd, stream_mode);
+  if (stream == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return stream;
+}

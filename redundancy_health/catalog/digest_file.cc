@@ -1,0 +1,232 @@
+#include "redundancy_health/catalog/digest_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/scan_failure.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transport/exchange_outcome.h"
+
+namespace {
+
+constexpr size_t kPrefixLength = sizeof(kDigestPrefix) - 1;
+constexpr size_t kLineSize = 256;
+
+// What one digest cache file gave; the counters take it when the file is done with.
+struct LoadedLines {
+  uint32_t count;
+  int64_t bytes;
+};
+
+enum class LoadState { kComplete, kIncomplete, kFailed };
+
+// Deletes the digest cache file `entry` when its data file is gone.
+void delete_if_orphaned(SyncContext* ctx, const FileEntry* entry, const char* dir_path,
+                        const char* name) {
+  FileEntry* target = new_file_entry(entry->root_index, dir_path, name + kPrefixLength);
+  if (access(target->path, F_OK) != 0) {
+    if (errno == ENOENT) {
+      LOG(7, "Found orphaned digest file '%s'; Deleting it.", entry->path);
+      if (unlink(entry->path) != 0) {
+        RECORD_SCAN_FAILURE(ctx, 0, "Could not delete orphaned digest file (%s): %s",
+                            strerror(errno), entry->path);
+      }
+    } else {
+      RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of target file (%s): %s",
+                          strerror(errno), target->path);
+    }
+  }
+  free_file_entry(target);
+}
+
+// Reads the header line. False when the file is not to be used; what is a failure is recorded.
+bool read_header(SyncContext* ctx, FILE* f, const char* digest_path, const struct stat& status) {
+  char line[kLineSize];
+  errno = 0;
+  if (fgets(line, sizeof(line), f) == nullptr) {
+    RECORD_SCAN_FAILURE(ctx, 1, "Could not read digest file (%s) '%s'", strerror(errno),
+                        digest_path);
+    return false;
+  }
+  unsigned size;
+  long long mtime;
+  char newline[2];
+  if (sscanf(line, "Digest-V1 %u %lld%1[\n]", &size, &mtime, newline) < 3) {
+    RECORD_SCAN_FAILURE(ctx, 0, "Invalid digest file header in '%s'", digest_path);
+    return false;
+  }
+  if (size != static_cast<uint64_t>(status.st_size) ||
+      mtime != static_cast<long long>(status.st_mtime)) {
+    LOG(7, "Digest file '%s' has stale data. Ignoring", digest_path);
+    return false;
+  }
+  return true;
+}
+
+// Makes the entry of one chunk line, or returns null when the line does not parse. A chunk above
+// kChunkSize is none that a scan has written, and neither side could carry it.
+FileEntry* parse_chunk_line(const char* line, const FileEntry* entry, const struct stat& status) {
+  FileEntry* chunk = new_file_entry(entry->root_index, nullptr, entry->path);
+  chunk->file_size = static_cast<uint32_t>(status.st_size);
+  chunk->restricted = mode_is_restricted(status.st_mode);
+  char newline[2];
+  if (sscanf(line, "%40s %x %x%1[\n]", chunk->digest, &chunk->begin_offs, &chunk->end_offs,
+             newline) < 4 ||
+      chunk->end_offs - chunk->begin_offs > kChunkSize) {
+    free_file_entry(chunk);
+    return nullptr;
+  }
+  return chunk;
+}
+
+LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const FileEntry* entry,
+                           const char* digest_path, char tag, const struct stat& status,
+                           LoadedLines* loaded) {
+  char line[kLineSize];
+  for (;;) {
+    if (fgets(line, sizeof(line), f) == nullptr) {
+      if (!ferror(f)) break;
+      RECORD_SCAN_FAILURE(ctx, 1, "Could not read digest file (%s) '%s'", strerror(errno),
+                          digest_path);
+      return LoadState::kFailed;
+    }
+    FileEntry* chunk = parse_chunk_line(line, entry, status);
+    if (chunk == nullptr) {
+      RECORD_SCAN_FAILURE(ctx, 1, "Invalid digest file contents '%s'", digest_path);
+      return LoadState::kFailed;
+    }
+    loaded->bytes += chunk->end_offs - chunk->begin_offs;
+    ++loaded->count;
+    compute_xmit_line(chunk, tag);
+    chunk->next = *list;
+    *list = chunk;
+  }
+  // Power fails on an EM while a digest cache file is being written.
+  const uint64_t chunks = static_cast<uint64_t>(status.st_size) / kChunkSize + 1;
+  return loaded->count < chunks ? LoadState::kIncomplete : LoadState::kComplete;
+}
+
+// Takes the chunks of `entry` from its digest cache file. False when the data file is to be
+// hashed.
+bool load_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry,
+                      const char* digest_path, char tag, const struct stat& status) {
+  FILE* f = open_stream(digest_path, O_RDONLY, 0, "r");
+  if (f == nullptr) {
+    RECORD_SCAN_FAILURE(ctx, 1, "Could not open digest file (%s): %s", strerror(errno),
+                        digest_path);
+    return false;
+  }
+  FileEntry* const list_before = *list;
+  LoadedLines loaded = {0, 0};
+  LoadState state = LoadState::kFailed;
+  if (read_header(ctx, f, digest_path, status)) {
+    state = read_chunk_lines(ctx, f, list, entry, digest_path, tag, status, &loaded);
+  }
+  if (state == LoadState::kIncomplete) {
+    LOG(7, "Digest file '%s' has stale data. Ignoring", digest_path);
+    while (*list != list_before) {
+      FileEntry* chunk = *list;
+      *list = chunk->next;
+      free_file_entry(chunk);
+    }
+  } else {
+    stats.n_digest_bytes_elided += loaded.bytes;
+    stats.n_digest_chunks_scanned += loaded.count;
+    if (state == LoadState::kComplete) stats.n_digest_files_scanned += 1;
+  }
+  CHECK_CLOSE(fclose(f));
+  return state == LoadState::kComplete;
+}
+
+}  // namespace
+
+char* compute_digest_path(const char* path) {
+  const char* slash = strrchr(path, '/');
+  const char* base = slash != nullptr ? slash + 1 : path;
+  if (strncmp(base, kDigestPrefix, kPrefixLength) == 0) return nullptr;
+  char* digest_path = nullptr;
+  const int r =
+      asprintf(&digest_path, "%.*s%s%s", static_cast<int>(base - path), path, kDigestPrefix, base);
+  CHECK_TRUE(r >= 0);
+  return digest_path;
+}
+
+void remove_digest_file(const char* path) {
+  char* digest_path = compute_digest_path(path);
+  if (digest_path == nullptr) return;
+  if (unlink(digest_path) != 0 && errno != ENOENT) {
+    LOG(3, "Could not remove stale digest file '%s': %s", digest_path, strerror(errno));
+  }
+  free(digest_path);
+}
+
+DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry,
+                               const char* dir_path, const char* name, char tag,
+                               const struct stat& status) {
+  char* digest_name = compute_digest_path(name);
+  if (digest_name == nullptr) {
+    delete_if_orphaned(ctx, entry, dir_path, name);
+    return DigestLookup::kIsDigestFile;
+  }
+  FileEntry* digest = new_file_entry(entry->root_index, dir_path, digest_name);
+  free(digest_name);
+  bool loaded = false;
+  if (access(digest->path, F_OK) == 0) {
+    loaded = load_digest_file(ctx, list, entry, digest->path, tag, status);
+  } else if (errno != ENOENT) {
+    RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of digest file (%s): %s",
+                        strerror(errno), digest->path);
+  }
+  free_file_entry(digest);
+  return loaded ? DigestLookup::kLoaded : DigestLookup::kHashData;
+}
+
+DigestWriter start_digest_file(const char* data_path, const struct stat& status) {
+  DigestWriter writer = {nullptr, nullptr, 0};
+  if (status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
+  writer.path = compute_digest_path(data_path);
+  writer.file = open_stream(writer.path, O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
+  if (writer.file == nullptr) {
+    LOG(3, "Could not open digest file '%s': %s", writer.path, strerror(errno));
+    return writer;
+  }
+  if (fprintf(writer.file, "Digest-V1 %lu %lld\n", static_cast<unsigned long>(status.st_size),
+              static_cast<long long>(status.st_mtime)) < 0) {
+    writer.error = errno;
+  }
+  stats.n_digest_files_created += 1;
+  return writer;
+}
+
+void append_digest_line(DigestWriter* writer, const FileEntry* chunk) {
+  if (writer->file == nullptr || writer->error != 0) return;
+  if (fprintf(writer->file, "%s %08x %08x\n", chunk->digest, chunk->begin_offs, chunk->end_offs) <
+      0) {
+    writer->error = errno;
+  }
+}
+
+void finish_digest_file(SyncContext* ctx, DigestWriter* writer) {
+  if (writer->file != nullptr) {
+    const int r = fclose(writer->file);
+    const int close_error = errno;
+    CHECK_CLOSE(r);
+    if (r != 0 && writer->error == 0) writer->error = close_error;
+    if (writer->error != 0) {
+      LOG_PLATFORM_ONLY(3, "Error occurred updating digest file '%s'; removing it: %s",
+                        writer->path, strerror(writer->error));
+      if (unlink(writer->path) != 0) {
+        LOG_PLATFORM_ONLY(3, "Error occurred removing bad digest file '%s': %s", writer->path,
+                          strerror(errno));
+        end_exchange_full(ctx, RESULT_READ_FAILED, "Corrupt digest file '%s' can't be removed.",
+                          writer->path);
+      }
+    }
+  }
+  free(writer->path);
+}

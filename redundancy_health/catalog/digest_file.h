@@ -1,0 +1,51 @@
+#ifndef CATALOG_DIGEST_FILE_H_
+#define CATALOG_DIGEST_FILE_H_
+
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include "redundancy_health/catalog/file_entry.h"
+
+// Digest cache files: beside every data file above kChunkSize bytes the scan leaves a text file
+// with its size, its modification second and one line per chunk, which stands in for the data file
+// as long as size and second are the same. Everything here runs on sync_thread.
+
+constexpr char kDigestPrefix[] = ".$SyncDigest$";
+
+// The path of the digest cache file of `path` (a bare name gives a bare name), or null when the
+// last component already is one. The caller frees it.
+extern "C" __attribute__((visibility("default"))) char* compute_digest_path(const char* path);
+
+// Removes the digest cache file of a data file that is about to change; a failure other than
+// ENOENT is only logged.
+void remove_digest_file(const char* path);
+
+// What the scan is to do with a regular file.
+enum class DigestLookup {
+  kIsDigestFile,  // nothing: the file is itself a digest cache file (orphans are deleted)
+  kLoaded,        // nothing: its chunks were taken from its digest cache file
+  kHashData,      // read and hash it
+};
+
+// Looks for the digest cache file of `entry` (the regular file `name` in `dir_path`, status just
+// taken) and, when it can be trusted, pushes its chunks at the head of `list`. Failures are
+// recorded in cpg_result.
+DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry,
+                               const char* dir_path, const char* name, char tag,
+                               const struct stat& status);
+
+// Writes the digest cache file of one data file while it is hashed.
+struct DigestWriter {
+  char* path;  // owned; null: no digest cache file for this data file
+  FILE* file;  // null: it could not be created
+  int error;   // errno of the first failure, 0 = none; the scan sets it when the data file fails
+};
+
+// Creates the file and writes its header when the data file is above kChunkSize bytes. Finish must
+// follow.
+DigestWriter start_digest_file(const char* data_path, const struct stat& status);
+void append_digest_line(DigestWriter* writer, const FileEntry* chunk);
+// Closes the file, and removes it after a failure; when even that fails, ends the exchange.
+void finish_digest_file(SyncContext* ctx, DigestWriter* writer);
+
+#endif  // CATALOG_DIGEST_FILE_H_

@@ -1,0 +1,107 @@
+#include "redundancy_health/catalog/file_entry.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "redundancy_health/frame/check.h"
+
+const char* const root_paths[kRootCount] = {
+    "/mnt/part.persistent/replicated_by_active_em/",
+    "/mnt/part.persistent/replicated_by_this_em/",
+    "/mnt/part.persistent/replicated_by_other_em/",
+    "/var/run/replicated_by_active_em/",
+};
+
+uint32_t tag_root_index(char tag) {
+  switch (tag) {
+    case 'A':
+      return kActivePersistentRoot;
+    case 'Q':
+      return kThisEmRoot;
+    case 'P':
+      return kOtherEmRoot;
+    case 'V':
+      return kActiveVolatileRoot;
+    default:
+      return kRootCount;
+  }
+}
+
+const char* update_type_name(uint32_t update_type) {
+  static const char* const names[] = {"PULL_REQ",     "PULL_ACK",     "PUSH_REQ", "PUSH_ACK",
+                                      "PUSH_DEL_REQ", "PUSH_DEL_ACK", "PUSH_NOP"};
+  return update_type < sizeof(names) / sizeof(names[0]) ? names[update_type] : "PUSH_PULL_???";
+}
+
+FileEntry* new_file_entry(uint32_t root_index, const char* dir_path, const char* name) {
+  auto* entry = static_cast<FileEntry*>(calloc(1, sizeof(FileEntry)));
+  CHECK_NOT_NULL(entry);
+  entry->root_index = root_index;
+  entry->is_local = 1;
+  entry->update_type = PUSH_NOP;
+
+  const size_t name_length = strlen(name);
+  if (dir_path == nullptr) {
+    entry->path = strdup(name);
+    CHECK_NOT_NULL(entry->path);
+  } else {
+    size_t dir_length = strlen(dir_path);
+    while (dir_length > 0 && dir_path[dir_length - 1] == '/')
+      --dir_length;
+    entry->path = static_cast<char*>(malloc(dir_length + name_length + 2));
+    CHECK_NOT_NULL(entry->path);
+    memcpy(entry->path, dir_path, dir_length);
+    entry->path[dir_length] = '/';
+    memcpy(entry->path + dir_length + 1, name, name_length + 1);
+  }
+
+  const char* root_path = root_index < kRootCount ? root_paths[root_index] : nullptr;
+  CHECK_NOT_NULL(root_path);
+  const size_t root_length = strlen(root_path);
+  const int r = strncmp(entry->path, root_path, root_length);
+  CHECK_TRUE(0 == r);
+  entry->relative_path = entry->path + root_length;
+  return entry;
+}
+
+int compute_xmit_line(FileEntry* entry, char tag) {
+  CHECK_TRUE(NULL == entry->xmit_line);
+  const int r =
+      asprintf(&entry->xmit_line, "%c %s %08x %08x %c %s", tag, entry->digest, entry->begin_offs,
+               entry->end_offs, entry->restricted ? 'P' : 'G', entry->relative_path);
+  CHECK_TRUE(r > 0);
+  return r;
+}
+
+void free_file_entry(FileEntry* entry) {
+  if (entry == nullptr) return;
+  free(entry->xmit_line);
+  free(entry->path);
+  free(entry);
+}
+
+void free_file_list(FileEntry** list) {
+  while (*list != nullptr) {
+    FileEntry* entry = *list;
+    *list = entry->next;
+    free_file_entry(entry);
+  }
+}
+
+int compare_file_entries(const void* a, const void* b) {
+  const FileEntry* left = *static_cast<const FileEntry* const*>(a);
+  const FileEntry* right = *static_cast<const FileEntry* const*>(b);
+  int order = static_cast<int>(left->root_index) - static_cast<int>(right->root_index);
+  if (order != 0) return order;
+  order = strcmp(left->relative_path, right->relative_path);
+  if (order != 0) return order;
+  order = strcmp(left->xmit_line, right->xmit_line);
+  if (order != 0) return order;
+  if (left->is_local == right->is_local) return 0;
+  return left->is_local ? -1 : 1;
+}
+
+bool mode_is_restricted(uint32_t mode) {
+  return (mode & 0644) != 0644;
+}
