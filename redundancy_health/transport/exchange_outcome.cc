@@ -1,0 +1,101 @@
+#include "redundancy_health/transport/exchange_outcome.h"
+
+#include <string.h>
+
+#include "platform/em.h"
+#include "platform/event.h"
+#include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/transport/cpg_message.h"
+
+namespace {
+
+constexpr int32_t kFirstResyncDelay = 5;  // passes of the sync loop
+
+void send_fault_event(uint32_t status) {
+  ReplicationFaultEvent event;
+  memset(&event, 0, sizeof(event));
+  event.em_num = get_my_mate_em_num();
+  event.fault_id = kReplicationFaultId;
+  event.status = status;
+  if (event_send(kReplicationFaultEvent, &event, sizeof(event)) != 0) {
+    LOG_PLATFORM_ONLY(3, "Failed to send data replication fault event (new status: %d) for EM %d",
+                      static_cast<int>(status), static_cast<int>(event.em_num));
+  }
+}
+
+// Counts failures on the active EM and reports a lasting one: a single failed exchange is not yet
+// a fault.
+void account_for_faults(SyncContext* ctx, uint32_t flags) {
+  if (!this_em_is_active()) {
+    ctx->consecutive_errors = 0;
+    ctx->resync_countdown = -1;
+    return;
+  }
+  if (ctx->cpg_result.peer_present == 'N' || ctx->cpg_result.benign ||
+      (flags & kCodeUncounted) == kCodeUncounted) {
+    return;
+  }
+  uint32_t status = kReplicationHealthy;
+  if (ctx->cpg_result.success) {
+    ctx->consecutive_errors = 0;
+    ctx->resync_countdown = -1;
+  } else {
+    if (ctx->resync_countdown == -1) ctx->resync_countdown = kFirstResyncDelay;
+    ++ctx->consecutive_errors;
+    LOG_PLATFORM_ONLY(3, "Replication failed, consecutive errors=%d", ctx->consecutive_errors);
+    if (ctx->consecutive_errors > 1) status = kReplicationFailing;
+  }
+  send_fault_event(status);
+}
+
+// Moves rpc_stage on and wakes whoever waits for it.
+void hand_back_to_rpc(SyncContext* ctx) {
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  switch (ctx->rpc_stage) {
+    case RPC_REQUESTING:
+    case RPC_PENDING:
+      ctx->rpc_result = ctx->cpg_result;
+      ctx->rpc_stage = RPC_COMPLETE;
+      break;
+    case RPC_COMPLETE:
+      break;
+    default:
+      ctx->rpc_stage = RPC_IDLE;
+      break;
+  }
+  CHECK_ZERO(pthread_cond_broadcast(&ctx->rpc_cond));
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+}
+
+}  // namespace
+
+void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, va_list args) {
+  if ((flags & kCodeError) != 0) {
+    storage_cfg_set_result_v(&ctx->cpg_result, flags, format, args);
+    LOG_AS(__func__, 3, ctx->cpg_result.benign ? 0 : 1, "Sync Error: %s", ctx->cpg_result.reason);
+  }
+  ctx->cpg_result.peer_present = (ctx->cpg_membership_flags & kPeerMember) != 0 ? 'Y' : 'N';
+  account_for_faults(ctx, flags);
+  free_file_list(&ctx->update_queue);
+  if ((flags & kCodeNoExchange) == 0) {
+    ctx->cur_state = ST_DONE;
+    send_cpg_command(ctx, MSG_LOCK_REL, FLAG_NO_END, nullptr, nullptr, 0);
+  }
+  hand_back_to_rpc(ctx);
+}
+
+void end_exchange_full(SyncContext* ctx, uint32_t flags, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  end_exchange_full_v(ctx, flags, format, args);
+  va_end(args);
+}
+
+void end_exchange_error(SyncContext* ctx, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  end_exchange_full_v(ctx, RESULT_EXCHANGE_FAILED, format, args);
+  va_end(args);
+}
