@@ -1,0 +1,79 @@
+#include "redundancy_health/exchange/listing.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/tree_scan.h"
+#include "redundancy_health/exchange/checkpoint.h"
+#include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transport/cpg_message.h"
+
+namespace {
+
+// True for a path below a root that no "..", and no link on the way, leads out of it.
+bool is_confined(const char* path) {
+  const uint32_t root_index = root_of_path(path);
+  return root_index != kRootCount && check_no_symlink_above(root_index, path) == 0;
+}
+
+// Repeats the requester's rename on this EM's own copies, so that the content need not travel. A
+// temporary file has no copy here. Whatever fails, the comparison that follows finds the
+// difference.
+void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
+  if (payload == nullptr || payload_size < 2) return;
+  const auto* source = reinterpret_cast<const char*>(payload);
+  const size_t source_size = strnlen(source, payload_size) + 1;
+  if (source_size > payload_size) return;
+  const char* destination = source + source_size;
+  const size_t rest = payload_size - source_size;
+  if (strnlen(destination, rest) == rest) return;
+  if (*source == '\0' || *destination == '\0') return;
+  if (strstr(source, "/TempUpdate_") != nullptr) return;
+  // The bytes are the peer's: they move nothing into or out of the roots.
+  if (!is_confined(source) || !is_confined(destination)) return;
+  (void)rename(source, destination);
+}
+
+// Packs the listing into one allocation of its exact size. Returns the size; `*listing` is null
+// for an empty listing and after a failed scan. The caller frees it.
+uint32_t gather_file_listing(SyncContext* ctx, char** listing) {
+  *listing = nullptr;
+  FileEntry* list = nullptr;
+  scan_replicated_roots(ctx, &list, false);
+  SKIP_IF_CANCELED(ctx, __func__, {
+    free_file_list(&list);
+    return 0;
+  });
+
+  uint32_t total_size = 0;
+  for (const FileEntry* entry = list; entry != nullptr; entry = entry->next) {
+    CHECK_NOT_NULL(entry->xmit_line);
+    total_size += static_cast<uint32_t>(strlen(entry->xmit_line)) + 1;
+  }
+  if (total_size == 0) return 0;
+  *listing = static_cast<char*>(malloc(total_size));
+  CHECK_NOT_NULL(*listing);
+  char* cur_line = *listing;
+  for (const FileEntry* entry = list; entry != nullptr; entry = entry->next) {
+    cur_line = stpcpy(cur_line, entry->xmit_line) + 1;
+  }
+  CHECK_TRUE(*listing + total_size == cur_line);
+  free_file_list(&list);
+  return total_size;
+}
+
+}  // namespace
+
+void serve_listing_request(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
+  repeat_rename(payload, payload_size);
+  char* listing = nullptr;
+  const uint32_t total_size = gather_file_listing(ctx, &listing);
+  if (!ctx->cpg_result.canceled) {
+    send_cpg_command(ctx, MSG_LISTING_ACK, FLAG_PEER_EXCHANGE, &ctx->cpg_result, listing,
+                     total_size);
+  }
+  free(listing);
+  stats.n_syncs_from_peer += 1;
+}

@@ -1,0 +1,13 @@
+#ifndef EXCHANGE_LISTING_H_
+#define EXCHANGE_LISTING_H_
+
+#include <stdint.h>
+
+#include "redundancy_health/frame/sync_context.h"
+
+// Serves the peer's MSG_LISTING_REQ: repeats the rename that its payload may carry, scans, and
+// answers MSG_LISTING_ACK with the listing lines, each with its NUL. Nothing is sent when the scan
+// failed. The payload may hold any bytes.
+void serve_listing_request(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size);
+
+#endif  // EXCHANGE_LISTING_H_

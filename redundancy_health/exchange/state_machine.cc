@@ -1,0 +1,321 @@
+#include "redundancy_health/exchange/state_machine.h"
+
+#include "platform/em.h"
+#include "redundancy_health/exchange/checkpoint.h"
+#include "redundancy_health/exchange/listing.h"
+#include "redundancy_health/exchange/reconcile.h"
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/rpc/rpc_service.h"
+#include "redundancy_health/transfer/incoming.h"
+#include "redundancy_health/transfer/outgoing.h"
+#include "redundancy_health/transport/exchange_outcome.h"
+
+namespace {
+
+// One event as the handlers see it.
+struct Event {
+  uint32_t command;
+  bool from_self;
+  const CpgHeader* header;  // null for local events
+  const uint8_t* payload;
+  uint32_t payload_size;
+};
+
+#define CHECKPOINT(ctx) SKIP_IF_CANCELED(ctx, "on_sync_state_change", return )
+
+bool state_machine_is_stuck() {
+  CHECK_ZERO(pthread_mutex_lock(&g_diag_params.mutex));
+  const bool stuck = g_diag_params.statemachine_stuck != 0;
+  CHECK_ZERO(pthread_mutex_unlock(&g_diag_params.mutex));
+  return stuck;
+}
+
+// Enters ST_PEERLOCK: the exchange with these ids holds this daemon.
+void lock_for_peer(SyncContext* ctx, uint32_t exchange_id, uint32_t sequence_id) {
+  ctx->cur_state = ST_PEERLOCK;
+  ctx->peer_exchange_id = exchange_id;
+  ctx->peer_sequence_id = sequence_id;
+  ctx->state_time = get_uptime();
+  reset_cpg_result(ctx);
+}
+
+// Starts an exchange when a request is pending; a request that lost the lock comes here again.
+void on_sync_req(SyncContext* ctx) {
+  if (ctx->cur_state != ST_UNLOCKED) return;
+  ctx->state_time = get_uptime();
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  const uint32_t stage = ctx->rpc_stage;
+  if (stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  if (stage != RPC_REQUESTING && stage != RPC_PENDING && stage != RPC_LOCAL_BUSY) {
+    end_exchange_error(ctx, "Unexpected RPC monitor state '%s'", rpc_stage_name(stage));
+    return;
+  }
+  reset_cpg_result(ctx);
+  ctx->cur_sequence_id = 0;
+  ctx->cur_state = ST_LOCKREQ;
+  ++ctx->cur_exchange_id;
+  LOG(7, "Starting new exchange id=%d active=%d", static_cast<int>(ctx->cur_exchange_id),
+      ctx->cur_exchange_em_is_active);
+  send_cpg_command(ctx, MSG_LOCK_REQ, 0, nullptr, nullptr, 0);
+  stats.n_syncs_from_self += 1;
+}
+
+// The own lock request came back first: the pair is locked.
+void on_lock_granted(SyncContext* ctx, const Event& event) {
+  check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id, 0);
+  CHECKPOINT(ctx);
+  if ((ctx->cpg_membership_flags & kPeerMember) == 0) {
+    end_exchange_full(ctx, RESULT_OK, nullptr);  // nobody to synchronise with
+    return;
+  }
+  ctx->cur_state = ST_LISTREQ;
+  send_cpg_command(ctx, MSG_LISTING_REQ, 0, nullptr, ctx->rpc_msg, ctx->current_rpc_size);
+}
+
+void on_lock_req(SyncContext* ctx, const Event& event) {
+  const char* state = sync_state_name(ctx->cur_state);
+  switch (ctx->cur_state) {
+    case ST_UNLOCKED:
+      if (event.from_self) {
+        end_exchange_error(ctx, "Unexpected LOCK_REQ message from self in UNLOCKED state");
+      } else {
+        lock_for_peer(ctx, event.header->exchange_id, event.header->sequence_id);
+      }
+      break;
+    case ST_LOCKREQ:
+      if (event.from_self) {
+        on_lock_granted(ctx, event);
+      } else {
+        lock_for_peer(ctx, event.header->exchange_id, event.header->sequence_id);
+      }
+      break;
+    case ST_PEERLOCK:
+      if (!event.from_self) {
+        lock_for_peer(ctx, event.header->exchange_id, event.header->sequence_id);
+      }
+      break;
+    case ST_LISTREQ:
+    case ST_UPDATE:  // from the peer it is the late request of the one that lost
+      if (event.from_self) {
+        end_exchange_error(ctx, "Unexpected LOCK_REQ message from self in state %s", state);
+      }
+      break;
+    case ST_DONE:
+      if (!event.from_self) {
+        end_exchange_error(ctx, "Unexpected LOCK_REQ message from peer in state %s", state);
+      }
+      break;
+    default:
+      end_exchange_error(ctx, "Received unexpected LOCK_REQ message in state %s", state);
+      break;
+  }
+}
+
+void on_lock_rel(SyncContext* ctx) {
+  if (ctx->cur_state == ST_UNLOCKED || ctx->cur_state == ST_PEERLOCK || ctx->cur_state == ST_DONE) {
+    ctx->cur_state = ST_UNLOCKED;
+  } else {
+    end_exchange_error(ctx, "Received early LOCK_REL message in state %s",
+                       sync_state_name(ctx->cur_state));
+  }
+}
+
+void on_listing_req(SyncContext* ctx, const Event& event) {
+  if (ctx->cur_state == ST_PEERLOCK && !event.from_self) {
+    check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id,
+                     FLAG_PEER_EXCHANGE);
+    CHECKPOINT(ctx);
+    serve_listing_request(ctx, event.payload, event.payload_size);
+  } else if (!(event.from_self && (ctx->cur_state == ST_LISTREQ || ctx->cur_state == ST_DONE))) {
+    end_exchange_error(ctx, "Received unexpected LISTING_REQ message in state %s",
+                       sync_state_name(ctx->cur_state));
+  }
+}
+
+void on_listing_ack(SyncContext* ctx, const Event& event) {
+  if (ctx->cur_state == ST_LISTREQ && !event.from_self) {
+    check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id, 0);
+    CHECKPOINT(ctx);
+    compare_synced_files(ctx, event.payload, event.payload_size);
+    CHECKPOINT(ctx);
+    ctx->cur_state = ST_UPDATE;
+    update_next_chunk(ctx);
+  } else if (!(event.from_self && ctx->cur_state == ST_PEERLOCK)) {
+    end_exchange_error(ctx, "Received unexpected LISTING_ACK message in state %s",
+                       sync_state_name(ctx->cur_state));
+  }
+}
+
+void on_update_req(SyncContext* ctx, const Event& event) {
+  ctx->state_time = get_uptime();
+  ctx->peer_sequence_id = event.header->sequence_id;
+  if (ctx->cur_state == ST_PEERLOCK && !event.from_self) {
+    check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id,
+                     FLAG_PEER_EXCHANGE);
+    CHECKPOINT(ctx);
+    on_update_chunk(ctx, event.payload, event.payload_size);
+    CHECKPOINT(ctx);
+  } else if (!(event.from_self && (ctx->cur_state == ST_UPDATE || ctx->cur_state == ST_DONE))) {
+    end_exchange_error(ctx, "Received unexpected UPDATE_REQ message in state %s",
+                       sync_state_name(ctx->cur_state));
+  }
+}
+
+// The peer could not do what it was asked: its reason is the outcome, for the local caller too.
+void take_peer_failure(SyncContext* ctx, const RpcResult& result) {
+  ctx->cpg_result = result;
+  ctx->cpg_result.reason[sizeof(result.reason) - 1] = '\0';  // the peer's bytes
+  LOG(3, "%s", ctx->cpg_result.reason);
+  end_exchange_full(ctx, RESULT_OK, nullptr);
+}
+
+void on_update_ack(SyncContext* ctx, const Event& event) {
+  ctx->state_time = get_uptime();
+  if (ctx->cur_state == ST_UPDATE && !event.from_self) {
+    check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id,
+                     FLAG_CHECK_SEQUENCE);
+    CHECKPOINT(ctx);
+    on_update_chunk(ctx, event.payload, event.payload_size);
+    CHECKPOINT(ctx);
+    if (!event.header->result.success) {
+      take_peer_failure(ctx, event.header->result);
+    } else {
+      update_next_chunk(ctx);
+    }
+  } else if (!(event.from_self && ctx->cur_state == ST_PEERLOCK)) {
+    end_exchange_error(ctx, "Received unexpected %s message in state %s",
+                       sync_command_name(event.command), sync_state_name(ctx->cur_state));
+  }
+}
+
+// Marks the wish for the first exchange after a join; the exit step or a later event starts it.
+void request_initial_sync(SyncContext* ctx) {
+  if (ctx->cpg_result.canceled || !this_em_is_active()) return;
+  LOG(6, "Initial sync operation to be initiated");
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  if (ctx->rpc_stage == RPC_IDLE) {
+    ctx->rpc_stage = RPC_LOCAL_BUSY;
+    ctx->cur_exchange_em_is_active = 1;
+  }
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+}
+
+void on_join_while_unlocked(SyncContext* ctx) {
+  const bool self_joined = (ctx->cpg_membership_flags & kSelfJoined) != 0;
+  const bool peer_joined = (ctx->cpg_membership_flags & kPeerJoined) != 0;
+  if (self_joined && peer_joined) {
+    request_initial_sync(ctx);
+  } else if (peer_joined) {
+    end_exchange_full(ctx, RESULT_OK, nullptr);  // the release frees the newcomer
+    request_initial_sync(ctx);
+  } else if (self_joined && (ctx->cpg_membership_flags & kPeerMember) != 0) {
+    ctx->cur_state = ST_PEERLOCK;  // until the peer, seeing the join, releases
+    request_initial_sync(ctx);
+  }
+}
+
+void on_cpg_joined(SyncContext* ctx) {
+  ctx->state_time = get_uptime();
+  switch (ctx->cur_state) {
+    case ST_LOCKREQ:
+      break;  // the pending lock request settles it
+    case ST_DONE:
+      request_initial_sync(ctx);
+      break;
+    case ST_UNLOCKED:
+      on_join_while_unlocked(ctx);
+      break;
+    default:
+      end_exchange_error(ctx, "Unexpected CPG join notification");
+      break;
+  }
+}
+
+// Whatever ran is abandoned; what was recorded so far stands.
+void on_cpg_left(SyncContext* ctx) {
+  ctx->state_time = get_uptime();
+  end_exchange_full(ctx, RESULT_OK, nullptr);
+}
+
+void handle_command(SyncContext* ctx, const Event& event) {
+  if (event.command <= MSG_UPDATE_ACK) {
+    const CpgHeader* cpg_header = event.header;
+    CHECK_NOT_NULL(cpg_header);
+  }
+  switch (event.command) {
+    case MSG_LOCK_REQ:
+      return on_lock_req(ctx, event);
+    case MSG_LOCK_REL:
+      return on_lock_rel(ctx);
+    case MSG_LISTING_REQ:
+      return on_listing_req(ctx, event);
+    case MSG_LISTING_ACK:
+      return on_listing_ack(ctx, event);
+    case MSG_UPDATE_REQ:
+      return on_update_req(ctx, event);
+    case MSG_UPDATE_ACK:
+      return on_update_ack(ctx, event);
+    case ON_SYNC_REQ:
+      return on_sync_req(ctx);
+    case ON_CPG_JOINED:
+      return on_cpg_joined(ctx);
+    case ON_CPG_LEFT:
+      return on_cpg_left(ctx);
+    default:
+      CHECK_ZERO(true);
+  }
+}
+
+// After an exchange, this daemon's or the peer's: takes up what waited for its end.
+void serve_what_waited(SyncContext* ctx) {
+  reset_cpg_result(ctx);
+  if (ctx->rpc_deferred) {
+    ctx->rpc_deferred = 0;
+    on_sync_rpc_update(ctx);
+    return;
+  }
+  const uint32_t stage = read_rpc_stage(ctx);
+  if (stage == RPC_PENDING || stage == RPC_LOCAL_BUSY) {
+    on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
+  }
+}
+
+}  // namespace
+
+void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
+                          const CpgHeader* cpg_header, const uint8_t* payload,
+                          uint32_t payload_size) {
+  const uint32_t state_at_entry = ctx->cur_state;
+  const bool from_self = nodeid == ctx->cpg_local_nodeid;
+  const char* origin = from_self ? "self" : "peer";
+  LOG(7, "Enter state change: %-12s %s:%-16s %-16s id=%u.%u hid=%d.%d",
+      sync_state_name(ctx->cur_state), origin, sync_command_name(command),
+      rpc_stage_name(ctx->rpc_stage), ctx->cur_exchange_id, ctx->cur_sequence_id,
+      cpg_header != nullptr ? static_cast<int>(cpg_header->exchange_id) : -1,
+      cpg_header != nullptr ? static_cast<int>(cpg_header->sequence_id) : -1);
+  if (state_machine_is_stuck()) {
+    LOG(4, "Simulating stuck state machine: not updating state.");
+    return;
+  }
+  handle_command(ctx, {command, from_self, cpg_header, payload, payload_size});
+  if (state_at_entry != ST_UNLOCKED && ctx->cur_state == ST_UNLOCKED) serve_what_waited(ctx);
+  LOG(7, "Exit  state change: %-12s %s:%-16s %-16s id=%u.%u", sync_state_name(ctx->cur_state),
+      origin, sync_command_name(command), rpc_stage_name(ctx->rpc_stage), ctx->cur_exchange_id,
+      ctx->cur_sequence_id);
+}
+
+const char* sync_state_name(uint32_t state) {
+  static const char* const names[] = {"ST_UNLOCKED", "ST_LOCKREQ", "ST_PEERLOCK",
+                                      "ST_LISTREQ",  "ST_UPDATE",  "ST_DONE"};
+  return state < sizeof(names) / sizeof(names[0]) ? names[state] : "ST_???";
+}
+
+const char* rpc_stage_name(uint32_t stage) {
+  static const char* const names[] = {"RPC_IDLE", "RPC_REQUESTING", "RPC_PENDING", "RPC_COMPLETE",
+                                      "RPC_LOCAL_BUSY"};
+  return stage < sizeof(names) / sizeof(names[0]) ? names[stage] : "RPC_???";
+}

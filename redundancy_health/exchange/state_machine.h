@@ -1,0 +1,26 @@
+#ifndef EXCHANGE_STATE_MACHINE_H_
+#define EXCHANGE_STATE_MACHINE_H_
+
+#include <stdint.h>
+
+#include "redundancy_health/frame/sync_context.h"
+#include "redundancy_health/transport/cpg_message.h"
+
+// The replication protocol. One exchange runs at a time in the pair: the requester locks it with
+// MSG_LOCK_REQ (the first one that the group delivers wins, on both sides), fetches the peer's
+// listing, sends its updates one by one and releases with MSG_LOCK_REL; the responder serves.
+
+// Handles one event to its end; never waits for a message. `command` 0 to 5 is a group message
+// from `nodeid` with its header and the `payload_size` bytes behind it (owned by the caller, any
+// content); 6 to 9 is a local event with the own node id, no header and no payload. On sync_thread.
+void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
+                          const CpgHeader* cpg_header, const uint8_t* payload,
+                          uint32_t payload_size);
+
+// "ST_UNLOCKED" to "ST_DONE", "ST_???" above.
+const char* sync_state_name(uint32_t state);
+
+// "RPC_IDLE" to "RPC_LOCAL_BUSY", "RPC_???" above.
+const char* rpc_stage_name(uint32_t stage);
+
+#endif  // EXCHANGE_STATE_MACHINE_H_
