@@ -1,0 +1,253 @@
+#include "redundancy_health/transfer/incoming.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/em.h"
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transfer/outgoing.h"
+#include "redundancy_health/transfer/update_message.h"
+#include "redundancy_health/transport/exchange_outcome.h"
+
+namespace {
+
+constexpr int kStorageKind = 7;
+
+// A received update, taken apart. The pointers point into the payload.
+struct Update {
+  UpdateHeader header;
+  const char* relative_path;
+  const uint8_t* data;
+  uint32_t data_size;
+  uint32_t local_root_index;
+};
+
+// Files that the platform wants to hear of when they were replaced. The id is the position and the
+// number that use_replicated_data takes.
+struct KnownFile {
+  uint32_t id;
+  uint32_t kind;
+  const char* name;
+};
+
+constexpr KnownFile known_file_table[] = {
+    {0, 2, "maint_pass"},       {1, 2, "maint_shell"},      {2, 2, "ip_addr_config.json"},
+    {3, 5, "device_counts"},    {4, 3, "dhcpv4_data.json"}, {5, 4, "dhcpv4_data.json"},
+    {6, 3, "dhcpv6_data.json"}, {7, 4, "dhcpv6_data.json"}, {8, 3, "slaac_data.json"},
+    {9, 4, "slaac_data.json"},  {10, 2, "shadow"},          {11, 2, "shadow+"},
+    {12, 2, "passwd"},          {13, 2, "passwd+"},         {14, 2, "INVALID"},
+};
+constexpr size_t kKnownFiles = sizeof(known_file_table) / sizeof(known_file_table[0]) - 1;
+
+// The sender's own tree is this EM's copy of it, and the other way round.
+uint32_t swap_root_index(uint32_t root_index) {
+  switch (root_index) {
+    case kThisEmRoot:
+      return kOtherEmRoot;
+    case kOtherEmRoot:
+      return kThisEmRoot;
+    default:
+      return root_index;
+  }
+}
+
+// Takes a payload apart. False when it is malformed.
+bool parse_update(const uint8_t* payload, uint32_t payload_size, Update* update) {
+  if (payload_size <= sizeof(UpdateHeader)) return false;
+  memcpy(&update->header, payload, sizeof(UpdateHeader));
+  const uint8_t* path = payload + sizeof(UpdateHeader);
+  const uint8_t* end = payload + payload_size;
+  const auto* nul = static_cast<const uint8_t*>(memchr(path, 0, static_cast<size_t>(end - path)));
+  if (nul == nullptr || update->header.root_index >= kRootCount) return false;
+  update->relative_path = reinterpret_cast<const char*>(path);
+  if (!relative_path_is_confined(update->relative_path)) return false;
+  update->data = nul + 1;
+  update->data_size = static_cast<uint32_t>(end - update->data);
+  update->local_root_index = swap_root_index(update->header.root_index);
+  return true;
+}
+
+// Tells the platform that a file it may care about was replaced as a whole.
+void process_updated_file(const FileEntry* local) {
+  if (local->root_index == kThisEmRoot) return;  // its own file, written back by the peer
+  LOG_PLATFORM_ONLY(6, "%s", local->relative_path);
+  for (size_t i = 0; i < kKnownFiles; ++i) {
+    if (strcmp(known_file_table[i].name, local->relative_path) != 0) continue;
+    if (use_replicated_data(known_file_table[i].id, 0) == 0) {
+      LOG_PLATFORM_ONLY(6, "Initiated processing of updated file %s", local->path);
+    } else {
+      LOG_PLATFORM_ONLY(3, "Failed to process changes to %s", local->path);
+    }
+    return;
+  }
+}
+
+// Replaces the whole file. Returns 0 or an error number.
+int replace_file(const FileEntry* local, const Update& update) {
+  if (have_error_injection(g_diag_params.fail_write_path, local->path)) return EDOM;
+  const int flags = update.header.restricted == 1 ? kStorageOpenWrite | kStorageOpenRestricted
+                                                  : kStorageOpenWrite;
+  StorageHandle* handle = nullptr;
+  if (storage_open(kStorageKind, local->path, flags, &handle) != 0) return errno;
+  errno = 0;
+  if (storage_write_all(handle, update.data, update.data_size) != 0) {
+    const int error = errno;
+    storage_close(handle);
+    return error != 0 ? error : errno;
+  }
+  if (storage_close(handle) != 0) return errno;
+  process_updated_file(local);
+  return 0;
+}
+
+// Writes all bytes. Returns 0 or an error number.
+int write_fully(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written < 0) return errno;
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+  return 0;
+}
+
+// Writes one chunk in place. Returns 0 or an error number.
+int write_chunk(const FileEntry* local, const Update& update) {
+  const int fd = open(local->path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                      update.header.restricted == 1 ? 0600 : 0644);
+  if (fd < 0) return errno;
+  int error = 0;
+  if (ftruncate(fd, update.header.file_size) != 0 ||
+      lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
+    error = errno;
+  } else {
+    error = write_fully(fd, update.data, update.data_size);
+  }
+  const int r = close(fd);
+  CHECK_CLOSE(r);
+  if (r < 0 && error == 0) error = errno;
+  return error;
+}
+
+// Writes received data. Returns 0 or an error number.
+int write_update(const FileEntry* local, const Update& update, bool atomic) {
+  int error = check_no_symlink_above(local->root_index, local->path);
+  if (error == 0) error = ensure_parent_directory(local->path);
+  if (error != 0) return error;
+  remove_digest_file(local->path);
+  return atomic ? replace_file(local, update) : write_chunk(local, update);
+}
+
+void update_file(const FileEntry* local, const Update& update, RpcResult* result) {
+  if (!update.header.data_ok) {
+    LOG(7, "SYNC update IGNORED due to error on sender side %s", update.relative_path);
+    return;
+  }
+  const bool atomic =
+      update.header.begin_offs == 0 && update.header.end_offs == update.header.file_size;
+  LOG(7, "SYNC updating chunk atomic=%d size=%u offs=0x%x '%s'", atomic, update.data_size,
+      update.header.begin_offs, local->path);
+  const int error = write_update(local, update, atomic);
+  if (error != 0) {
+    storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",
+                           strerror(error), local->path);
+  } else {
+    stats.n_chunk_writes_from_peer += 1;
+  }
+}
+
+void delete_file(const FileEntry* local, RpcResult* result) {
+  LOG(7, "SYNC Deleting file %s", local->path);
+  int error = check_no_symlink_above(local->root_index, local->path);
+  if (error == 0 && unlink(local->path) != 0) error = errno;
+  if (error != 0 && error != ENOENT) {
+    storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to delete file (%s): %s",
+                           strerror(error), local->path);
+  }
+}
+
+// Carries an update out and answers a request. `local` names the file in this EM's numbering,
+// `remote` in the sender's.
+void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, FileEntry* remote) {
+  RpcResult result;
+  storage_cfg_set_result(&result, RESULT_OK, nullptr);
+  switch (update.header.update_type) {
+    case PUSH_DEL_REQ:
+      delete_file(local, &result);
+      remote->update_type = PUSH_DEL_ACK;
+      send_update_message(ctx, remote, local->path, &result);
+      break;
+    case PULL_REQ:
+      LOG(7, "SYNC pulling file '%s' -> '%s'", local->path, remote->path);
+      local->update_type = PULL_ACK;
+      local->begin_offs = update.header.begin_offs;
+      local->end_offs = update.header.end_offs;
+      send_update_message(ctx, local, local->path, nullptr);
+      break;
+    case PUSH_REQ:
+      update_file(local, update, &result);
+      remote->update_type = PUSH_ACK;
+      send_update_message(ctx, remote, local->path, &result);
+      break;
+    case PULL_ACK:
+      update_file(local, update, &result);
+      if (!result.success) {  // no answer carries it
+        ctx->cpg_result = result;
+        LOG(3, "%s", result.reason);
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
+
+void on_update_chunk(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
+  Update update;
+  if (!parse_update(payload, payload_size, &update)) {
+    end_exchange_error(ctx, "Received malformed UPDATE_REQ message");
+    return;
+  }
+  if (update.header.end_offs - update.header.begin_offs > kChunkSize) {
+    end_exchange_error(ctx, "Chunk size in request header too large");
+    return;
+  }
+  FileEntry* local = new_file_entry(update.local_root_index, root_paths[update.local_root_index],
+                                    update.relative_path);
+  FileEntry* remote = new_file_entry(update.header.root_index, root_paths[update.header.root_index],
+                                     update.relative_path);
+  apply_update(ctx, update, local, remote);
+  free_file_entry(local);
+  free_file_entry(remote);
+}
+
+int ensure_parent_directory(const char* path) {
+  CHECK_NOT_NULL(path);
+  if (path[0] != '/') return ENOENT;
+  char* mpath = strdup(path);
+  CHECK_NOT_NULL(mpath);
+  char* end = strrchr(mpath, '/');
+  while (end > mpath && end[-1] == '/')
+    --end;
+  *end = '\0';
+  int error = 0;
+  if (*mpath != '\0' && mkdir(mpath, 0755) != 0 && errno != EEXIST) {
+    error = errno;
+    if (error == ENOENT) {
+      error = ensure_parent_directory(mpath);
+      if (error == 0 && mkdir(mpath, 0755) != 0) error = errno;
+    }
+  }
+  free(mpath);
+  return error;
+}

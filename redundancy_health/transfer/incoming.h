@@ -1,0 +1,17 @@
+#ifndef TRANSFER_INCOMING_H_
+#define TRANSFER_INCOMING_H_
+
+#include <stdint.h>
+
+#include "redundancy_health/frame/sync_context.h"
+
+// Applies one update message from the peer (any bytes) to the local trees and answers a request.
+// A malformed message ends the exchange with an error and changes nothing. A request that cannot
+// be carried out is answered with the failure; a PULL_ACK that cannot is recorded in cpg_result.
+// On sync_thread.
+void on_update_chunk(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size);
+
+// Creates the missing directories above an absolute path, mode 0755. Returns 0 or an error number.
+int ensure_parent_directory(const char* path);
+
+#endif  // TRANSFER_INCOMING_H_

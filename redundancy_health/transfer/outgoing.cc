@@ -1,0 +1,143 @@
+#include "redundancy_health/transfer/outgoing.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/transfer/update_message.h"
+#include "redundancy_health/transport/cpg_message.h"
+#include "redundancy_health/transport/exchange_outcome.h"
+
+namespace {
+
+bool carries_data(uint32_t update_type) {
+  return update_type == PULL_ACK || update_type == PUSH_REQ;
+}
+
+bool is_answer(uint32_t update_type) {
+  return update_type == PULL_ACK || update_type == PUSH_ACK || update_type == PUSH_DEL_ACK;
+}
+
+// Opens the file of an outgoing chunk; null with errno when it cannot, or is not to be, read.
+FILE* open_for_reading(const FileEntry* entry, const char* local_path) {
+  if (have_error_injection(g_diag_params.fail_read_path, local_path)) return nullptr;
+  const int error = check_no_symlink_above(entry->root_index, local_path);
+  if (error != 0) {
+    errno = error;
+    return nullptr;
+  }
+  FILE* f = open_stream(local_path, O_RDONLY, 0, "rb");
+  if (f != nullptr) setvbuf(f, nullptr, _IONBF, 0);
+  return f;
+}
+
+bool read_exactly(FILE* f, char* data, size_t size) {
+  errno = ENODATA;  // the file ends early
+  return fread(data, 1, size, f) == size;
+}
+
+// The status as the header can carry it.
+bool take_status(FILE* f, struct stat* status) {
+  if (fstat(fileno(f), status) != 0) return false;
+  if (static_cast<uint64_t>(status->st_size) <= UINT32_MAX) return true;
+  errno = EFBIG;
+  return false;
+}
+
+// Reads the chunk of `entry` into `data` and completes the header from the file as it is now.
+// False with errno, and data_ok 0, when any step fails.
+bool read_chunk(const FileEntry* entry, const char* local_path, UpdateHeader* header, char* data,
+                size_t size) {
+  FILE* f = open_for_reading(entry, local_path);
+  if (f == nullptr) return false;
+  struct stat status;
+  if (fseeko(f, entry->begin_offs, SEEK_SET) == 0 && read_exactly(f, data, size) &&
+      take_status(f, &status)) {
+    header->restricted = mode_is_restricted(status.st_mode);
+    if (entry->update_type == PULL_ACK) header->file_size = static_cast<uint32_t>(status.st_size);
+    header->data_ok = 1;
+  }
+  const int error = errno;
+  CHECK_CLOSE(fclose(f));
+  errno = error;
+  return header->data_ok != 0;
+}
+
+UpdateHeader make_header(const FileEntry* entry) {
+  UpdateHeader header;
+  memset(&header, 0, sizeof(header));
+  header.update_type = entry->update_type;
+  header.marker = 1;
+  header.root_index = entry->root_index;
+  header.restricted = entry->restricted;
+  header.file_size = entry->file_size;
+  header.begin_offs = entry->begin_offs;
+  header.end_offs = entry->end_offs;
+  return header;
+}
+
+}  // namespace
+
+void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* local_path,
+                         const RpcResult* result) {
+  RpcResult msg_result;
+  storage_cfg_set_result(&msg_result, RESULT_OK, nullptr);
+  if (result != nullptr) msg_result = *result;
+  LOG(7, "Send %s %s", update_type_name(entry->update_type), entry->relative_path);
+
+  CHECK_TRUE(entry->update_type < PUSH_NOP);
+  const size_t read_size =
+      carries_data(entry->update_type) ? entry->end_offs - entry->begin_offs : 0;
+  CHECK_TRUE(read_size <= sizeof(ctx->data_chunk_buf));
+  const size_t path_size = strlen(entry->relative_path) + 1;
+  const auto msg_size = static_cast<ptrdiff_t>(sizeof(UpdateHeader) + path_size + read_size);
+  char* msg = static_cast<char*>(malloc(static_cast<size_t>(msg_size)));
+  CHECK_NOT_NULL(msg);
+
+  UpdateHeader header = make_header(entry);
+  char* p = msg + sizeof(header);
+  memcpy(p, entry->relative_path, path_size);
+  p += path_size;
+  if (!carries_data(entry->update_type)) {
+    header.data_ok = 1;
+  } else if (!read_chunk(entry, local_path, &header, p, read_size)) {
+    const int error = errno;
+    memset(p, 0, read_size);  // nothing of this process's memory travels
+    storage_cfg_set_result(&msg_result, RESULT_READ_FAILED, "Could not read file (%s): %s",
+                           strerror(error), local_path);
+    LOG(3, "%s", msg_result.reason);
+  }
+  p += read_size;
+  memcpy(msg, &header, sizeof(header));
+  CHECK_TRUE(msg_size == p - msg);
+
+  const bool answer = is_answer(entry->update_type);
+  send_cpg_command(ctx, answer ? MSG_UPDATE_ACK : MSG_UPDATE_REQ, answer ? FLAG_PEER_EXCHANGE : 0,
+                   &msg_result, msg, static_cast<uint32_t>(msg_size));
+  if (!msg_result.success) ctx->cpg_result = msg_result;
+  free(msg);
+}
+
+void update_next_chunk(SyncContext* ctx) {
+  while (ctx->update_queue != nullptr) {
+    FileEntry* entry = ctx->update_queue;
+    ctx->update_queue = entry->next;
+    if (!ctx->cur_exchange_em_is_active &&
+        (entry->root_index == kActivePersistentRoot || entry->root_index == kActiveVolatileRoot)) {
+      LOG(7, "Skipping update of entry '%s' because this EM is standby", entry->path);
+      free_file_entry(entry);
+      continue;
+    }
+    ++ctx->cur_sequence_id;
+    send_update_message(ctx, entry, entry->path, nullptr);
+    free_file_entry(entry);
+    return;
+  }
+  end_exchange_full(ctx, RESULT_OK, nullptr);
+}
