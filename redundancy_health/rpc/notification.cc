@@ -1,0 +1,27 @@
+#include "redundancy_health/rpc/notification.h"
+
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/rpc/diagnostics.h"
+#include "redundancy_health/rpc/rpc_service.h"
+
+namespace {
+
+enum MessageType : uint32_t { kRpcUpdate = 0, kDiagnostic = 1 };
+
+}  // namespace
+
+uint32_t on_rpc_notification(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp) {
+  switch (type) {
+    case kRpcUpdate: {
+      RpcResult result;
+      on_rpc_update(&result, message, size);
+      cmd_rsp_attach_payload(&result, sizeof(result), rsp);
+      return kHandled;
+    }
+    case kDiagnostic:
+      return run_diagnostic(message, size);
+    default:
+      LOG(3, "received an invalid message %d", static_cast<int>(type));
+      return kInvalidMessage;
+  }
+}

@@ -1,0 +1,204 @@
+#include "redundancy_health/rpc/rpc_service.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "platform/em.h"
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/exchange/state_machine.h"
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transport/exchange_outcome.h"
+
+namespace {
+
+constexpr int32_t kMaxWaitingCalls = 100;  // a call that finds more inside is refused
+
+// A request, as its two strings.
+struct RpcRequest {
+  const char* source;
+  const char* destination;
+};
+
+// False when the message does not hold two terminated strings.
+bool parse_request(const uint8_t* message, uint32_t size, RpcRequest* request) {
+  if (message == nullptr) return false;
+  request->source = reinterpret_cast<const char*>(message);
+  const size_t source_size = strnlen(request->source, size);
+  if (source_size == size) return false;
+  request->destination = request->source + source_size + 1;
+  const size_t rest = size - source_size - 1;
+  return strnlen(request->destination, rest) < rest;
+}
+
+// A printable form of the first bytes of a message, for the log.
+void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) {
+  size_t length = 0;
+  text[0] = '\0';
+  for (uint32_t i = 0; i < size && length <= 94; ++i) {
+    const bool printable = message[i] >= 0x20 && message[i] <= 0x7E;
+    length += static_cast<size_t>(
+        snprintf(text + length, sizeof(text) - length, printable ? "%c" : "\\x%02x", message[i]));
+  }
+}
+
+// Completes the waiting request with an error; no exchange runs. The caller wakes: its bytes are
+// not to be touched afterwards.
+#define REFUSE(ctx, code, ...)                 \
+  do {                                         \
+    end_exchange_full(ctx, code, __VA_ARGS__); \
+    LOG(3, "%s", (ctx)->cpg_result.reason);    \
+  } while (0)
+
+bool is_below(const char* path, uint32_t root_index) {
+  return strncmp(path, root_paths[root_index], strlen(root_paths[root_index])) == 0;
+}
+
+// The reason why a destination is none of the replicated paths: an error number, or 0.
+int check_destination(const char* destination) {
+  const uint32_t root_index = root_of_path(destination);
+  return root_index == kRootCount ? EPERM : check_no_symlink_above(root_index, destination);
+}
+
+bool delete_destination(SyncContext* ctx, const char* destination) {
+  LOG(7, "SYNC RPC delete: dest=%s", destination);
+  int error = check_destination(destination);
+  if (error == 0 && unlink(destination) != 0) error = errno;
+  if (error == 0) return true;
+  REFUSE(ctx, error == ENOENT ? RESULT_REFUSED_BENIGN : RESULT_REFUSED,
+         "Could not delete file (%s): %s", strerror(error), destination);
+  return false;
+}
+
+// Returns 0 or an error number. The digest cache file of the old destination goes in any case.
+int rename_onto(const char* source, const char* destination) {
+  int error = check_destination(destination);
+  if (error != 0) return error;
+  if (have_error_injection(g_diag_params.fail_rename_path, destination)) {
+    error = EDOM;
+  } else {
+    if (rename(source, destination) != 0) error = errno;
+    stats.n_atomic_updates_from_self += 1;
+  }
+  remove_digest_file(destination);
+  return error;
+}
+
+bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
+  LOG(7, "SYNC RPC rename: src=%s dest=%s", request.source, request.destination);
+  const int error = rename_onto(request.source, request.destination);
+  if (error == 0) return true;
+  REFUSE(ctx, RESULT_REFUSED, "Could not update file (%s): %s", strerror(error),
+         request.destination);
+  return false;
+}
+
+// Applies a request to the local trees. False when it was completed with an error.
+bool apply_request(SyncContext* ctx, const RpcRequest& request) {
+  const char* destination = request.destination;
+  if (strstr(destination, kDigestPrefix) != nullptr) {
+    REFUSE(ctx, RESULT_REFUSED_BENIGN,
+           "Could not update file '%s': Paths cannot contain digest prefix", destination);
+    return false;
+  }
+  ctx->cur_exchange_em_is_active = this_em_is_active();
+  if (!ctx->cur_exchange_em_is_active && (is_below(destination, kActivePersistentRoot) ||
+                                          is_below(destination, kActiveVolatileRoot))) {
+    REFUSE(ctx, RESULT_REFUSED_NOT_ACTIVE,
+           "Attempt to update shared replicated area while not active '%s'", destination);
+    return false;
+  }
+  if (*request.source != '\0') return rename_to_destination(ctx, request);
+  if (*destination != '\0') return delete_destination(ctx, destination);
+  LOG(7, "SYNC running explicit sync request");
+  return true;
+}
+
+// Waits, with rpc_mutex held, until rpc_stage is `stage`.
+void wait_for_stage(uint32_t stage) {
+  while (g_context.rpc_stage != stage) {
+    CHECK_ZERO(pthread_cond_wait(&g_context.rpc_cond, &g_context.rpc_mutex));
+  }
+}
+
+// Takes a place and a turn, and publishes the request. False when too many callers are inside.
+bool admit_request(RpcResult* result, const uint8_t* message, uint32_t size) {
+  CHECK_ZERO(pthread_mutex_lock(&g_context.rpc_mutex));
+  if (g_context.waiting_rpc_count > kMaxWaitingCalls) {
+    storage_cfg_set_result(result, RESULT_EXCHANGE_FAILED,
+                           "Too many RPC calls are already waiting");
+    result->local_ok = 0;  // nothing was applied
+    CHECK_ZERO(pthread_mutex_unlock(&g_context.rpc_mutex));
+    LOG(3, "Too many RPC calls are pending.");
+    return false;
+  }
+  g_context.waiting_rpc_count += 1;
+  wait_for_stage(RPC_IDLE);
+  g_context.rpc_msg = message;
+  g_context.current_rpc_size = size;
+  g_context.rpc_stage = RPC_REQUESTING;
+  storage_cfg_set_result(&g_context.rpc_result, RESULT_LOCAL_FAILED,
+                         "Local update dispatch never completed");
+  CHECK_ZERO(pthread_mutex_unlock(&g_context.rpc_mutex));
+  return true;
+}
+
+// Wakes sync_thread and waits for the outcome; frees the place.
+void complete_request(RpcResult* result) {
+  if (eventfd_write(g_context.rpc_fd, 1) != 0) {
+    storage_cfg_set_result(result, RESULT_LOCAL_FAILED, "Write to eventfd failed: %s",
+                           strerror(errno));
+    LOG(3, "%s", result->reason);
+    CHECK_ZERO(pthread_mutex_lock(&g_context.rpc_mutex));
+  } else {
+    CHECK_ZERO(pthread_mutex_lock(&g_context.rpc_mutex));
+    wait_for_stage(RPC_COMPLETE);
+    *result = g_context.rpc_result;
+  }
+  g_context.rpc_stage = RPC_IDLE;
+  g_context.rpc_msg = nullptr;
+  g_context.current_rpc_size = 0;
+  CHECK_ZERO(pthread_cond_broadcast(&g_context.rpc_cond));
+  g_context.waiting_rpc_count -= 1;
+  CHECK_ZERO(pthread_mutex_unlock(&g_context.rpc_mutex));
+}
+
+}  // namespace
+
+void on_rpc_update(RpcResult* result, const uint8_t* message, uint32_t size) {
+  storage_cfg_set_result(result, RESULT_OK, nullptr);
+  const int length = static_cast<int>(size);
+  const auto* path = reinterpret_cast<const char*>(message);
+  LOG(7, "RPC update <enter>: backlog=%d path=%.*s",
+      static_cast<int32_t>(g_context.waiting_rpc_count), length, path);
+  if (!admit_request(result, message, size)) return;
+  LOG(7, "RPC update <requesting>: path=%.*s", length, path);
+  complete_request(result);
+  LOG(7, "RPC update <complete>: path=%.*s, (local_ok=%d remote_ok=%d peer_present=%c) %s", length,
+      path, result->local_ok, result->remote_ok, static_cast<int>(result->peer_present),
+      result->reason);
+}
+
+void on_sync_rpc_update(SyncContext* ctx) {
+  ctx->state_time = get_uptime();
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  const uint8_t* message = ctx->rpc_msg;
+  const uint32_t size = ctx->current_rpc_size;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  RpcRequest request;
+  if (!parse_request(message, size, &request)) {
+    char text[100];
+    format_printable(message, size, text);
+    LOG(3, "Bad RPC message data: size=%u [%s]", size, text);
+    REFUSE(ctx, RESULT_REFUSED, "Received unparseable RPC message");
+    return;
+  }
+  if (apply_request(ctx, request)) {
+    on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
+  }
+}

@@ -1,0 +1,18 @@
+#ifndef RPC_RPC_SERVICE_H_
+#define RPC_RPC_SERVICE_H_
+
+#include <stdint.h>
+
+#include "redundancy_health/frame/sync_context.h"
+
+// Serves one local request: `message` holds the source and the destination path, each with its
+// NUL. Both empty: only an exchange; no source: delete the destination; both: rename. Blocks until
+// the request was served or refused and fills `*result`. On a thread of the command server, any
+// number at once.
+void on_rpc_update(RpcResult* result, const uint8_t* message, uint32_t size);
+
+// The sync side: applies the request of rpc_msg locally and starts the exchange that takes it to
+// the peer, or completes it with an error. In ST_UNLOCKED, on sync_thread.
+void on_sync_rpc_update(SyncContext* ctx);
+
+#endif  // RPC_RPC_SERVICE_H_
