@@ -1,0 +1,75 @@
+#include "tests/unit/scripted_cpg.h"
+
+#include <string.h>
+
+ScriptedCpg g_cpg;
+
+namespace {
+
+cs_error_t next(std::deque<cs_error_t>* results) {
+  if (results->empty()) return CS_OK;
+  const cs_error_t result = results->front();
+  results->pop_front();
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+cs_error_t cpg_model_initialize(cpg_handle_t* handle, cpg_model_t, cpg_model_data_t* model_data,
+                                void* context) {
+  memcpy(&g_cpg.model, model_data, sizeof(g_cpg.model));
+  g_cpg.context = context;
+  *handle = 77;
+  return g_cpg.initialize_result;
+}
+
+cs_error_t cpg_finalize(cpg_handle_t) {
+  ++g_cpg.finalize_calls;
+  return g_cpg.finalize_result;
+}
+
+cs_error_t cpg_join(cpg_handle_t, const struct cpg_name* group) {
+  ++g_cpg.join_calls;
+  g_cpg.joined_group.assign(group->value, group->length);
+  return next(&g_cpg.join_results);
+}
+
+cs_error_t cpg_context_set(cpg_handle_t, void* context) {
+  g_cpg.context = context;
+  return g_cpg.context_set_result;
+}
+
+cs_error_t cpg_context_get(cpg_handle_t, void** context) {
+  *context = g_cpg.context;
+  return g_cpg.context_get_result;
+}
+
+cs_error_t cpg_local_get(cpg_handle_t, unsigned int* nodeid) {
+  *nodeid = g_cpg.nodeid;
+  return g_cpg.local_get_result;
+}
+
+cs_error_t cpg_fd_get(cpg_handle_t, int* fd) {
+  *fd = g_cpg.fd;
+  return g_cpg.fd_get_result;
+}
+
+cs_error_t cpg_dispatch(cpg_handle_t, cs_dispatch_flags_t) {
+  return g_cpg.on_dispatch ? g_cpg.on_dispatch() : CS_OK;
+}
+
+cs_error_t cpg_mcast_joined(cpg_handle_t, cpg_guarantee_t, const struct iovec* pieces,
+                            unsigned int count) {
+  ++g_cpg.mcast_calls;
+  const cs_error_t result = next(&g_cpg.mcast_results);
+  if (result != CS_OK) return result;
+  SentMessage message = {};
+  if (count != 2 || pieces[0].iov_len != sizeof(message.header)) return CS_ERR_INVALID_PARAM;
+  memcpy(&message.header, pieces[0].iov_base, sizeof(message.header));
+  message.payload.assign(static_cast<const char*>(pieces[1].iov_base), pieces[1].iov_len);
+  g_cpg.sent.push_back(message);
+  return CS_OK;
+}
+}
