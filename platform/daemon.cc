@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,7 +14,10 @@
 
 namespace {
 
-bool g_parent_waits = false;
+// Child's end of the connection on which the parent waits, -1 without a waiting parent.
+// libdaemon's own pipe (daemon_retval_wait) stays open in the parent, which then never sees the
+// child die.
+int g_complete_fd = -1;
 
 // The pid file is held by a lock, not by its content: after a crash the lock is gone, however
 // the number in the file has been used since.
@@ -45,26 +49,57 @@ bool write_pid(int fd) {
 
 int run_in_child(const std::string& pid_path, int pid_fd, int (*daemon_main)(int, char**), int argc,
                  char** argv) {
-  // daemon_fork(3) leaves a mask that takes every permission away from files made later.
+  // daemon_fork(3) leaves a mask that takes the group's and the others' permissions away.
   umask(0022);
   if (!write_pid(pid_fd)) {
     daemon_log(LOG_ERR, "Could not write %s: %s", pid_path.c_str(), strerror(errno));
     unlink(pid_path.c_str());
     return 1;
   }
-  g_parent_waits = true;
   const int result = daemon_main(argc, argv);
-  if (g_parent_waits) daemon_retval_done();
   unlink(pid_path.c_str());  // while it is still locked
-  close(pid_fd);
+  if (g_complete_fd >= 0) close(g_complete_fd);
   return result;
 }
 
-int wait_for_child(const char* name) {
-  // The pipe also ends when the new process dies, so there is no need of a limit.
-  if (daemon_retval_wait(0) == 0) return 0;
+// Returns 0 when the child reported that it is complete. The pipe also ends when the child dies,
+// so there is no need of a limit.
+int wait_for_child(const char* name, int complete_fd) {
+  char byte;
+  ssize_t size;
+  do {
+    size = read(complete_fd, &byte, 1);
+  } while (size < 0 && errno == EINTR);
+  if (size == 1) return 0;
   fprintf(stderr, "%s: ended before its start-up was complete, see the system log\n", name);
   return 1;
+}
+
+// Forks with the lock on `pid_fd` held. Returns in both processes.
+int fork_and_run(const char* name, const std::string& pid_path, int pid_fd,
+                 int (*daemon_main)(int, char**), int argc, char** argv) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    fprintf(stderr, "%s: no connection to the new process: %s\n", name, strerror(errno));
+    return 1;
+  }
+  daemon_reset_sigs(-1);
+  daemon_unblock_sigs(-1);
+  const pid_t pid = daemon_fork();
+  if (pid == 0) {
+    close(ends[0]);
+    g_complete_fd = ends[1];
+    return run_in_child(pid_path, pid_fd, daemon_main, argc, argv);
+  }
+  const int error = errno;
+  close(ends[1]);
+  int result = 1;
+  if (pid < 0)
+    fprintf(stderr, "%s: could not start the new process: %s\n", name, strerror(error));
+  else
+    result = wait_for_child(name, ends[0]);
+  close(ends[0]);
+  return result;
 }
 
 }  // namespace
@@ -80,28 +115,15 @@ int daemon_create(const char* name, int (*daemon_main)(int, char**), int argc, c
     fprintf(stderr, "%s: %s: %s\n", name, pid_path.c_str(), reason);
     return 1;
   }
-  daemon_reset_sigs(-1);
-  daemon_unblock_sigs(-1);
-  if (daemon_retval_init() != 0) {
-    fprintf(stderr, "%s: no pipe to the new process: %s\n", name, strerror(errno));
-    close(pid_fd);
-    return 1;
-  }
-  const pid_t pid = daemon_fork();
-  if (pid == 0) return run_in_child(pid_path, pid_fd, daemon_main, argc, argv);
-  int result = 1;
-  if (pid < 0) {
-    fprintf(stderr, "%s: could not start the new process: %s\n", name, strerror(errno));
-    daemon_retval_done();
-  } else {
-    result = wait_for_child(name);
-  }
+  const int result = fork_and_run(name, pid_path, pid_fd, daemon_main, argc, argv);
   close(pid_fd);
   return result;
 }
 
 void daemon_signal_daemonize_complete() {
-  if (!g_parent_waits) return;
-  g_parent_waits = false;
-  daemon_retval_send(0);
+  if (g_complete_fd < 0) return;
+  // A parent that is gone needs no answer.
+  send(g_complete_fd, "", 1, MSG_NOSIGNAL);
+  close(g_complete_fd);
+  g_complete_fd = -1;
 }

@@ -1,0 +1,288 @@
+#include <endian.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <semaphore>
+#include <vector>
+
+#include "platform/cmdsockserver.h"
+#include "platform/event.h"
+#include "platform/storage.h"
+#include "platform_support.h"
+
+namespace {
+
+struct Outcome {
+  int status;
+  std::string out;
+};
+
+// Runs the client with `/mnt` as its current directory.
+Outcome run_ctl(const std::vector<std::string>& words) {
+  std::vector<char*> argv = {const_cast<char*>("cluster_sync_ctl")};
+  for (const std::string& word : words)
+    argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/run/stdout",
+                                   O_CREAT | O_TRUNC | O_WRONLY, 0644);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/run/stderr",
+                                   O_CREAT | O_TRUNC | O_WRONLY, 0644);
+  posix_spawn_file_actions_addchdir_np(&actions, "/mnt");
+  pid_t pid = 0;
+  EXPECT_EQ(posix_spawn(&pid, CLUSTER_SYNC_CTL, &actions, nullptr, argv.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/run/stdout")};
+}
+
+// What the server saw and what it answers. The server thread and the test take turns.
+uint32_t g_type;
+std::string g_message;
+uint32_t g_status;
+std::string g_payload;
+bool g_hang;
+std::binary_semaphore g_release{0};
+
+uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp) {
+  g_type = type;
+  g_message.assign(reinterpret_cast<const char*>(message), size);
+  cmd_rsp_attach_payload(g_payload.data(), static_cast<uint32_t>(g_payload.size()), rsp);
+  if (g_hang) g_release.acquire();
+  return g_status;
+}
+
+std::string result_bytes(uint32_t code, const std::string& reason, char peer_present) {
+  RpcResult result;
+  storage_cfg_set_result(&result, code, "%s", reason.c_str());
+  result.peer_present = htole32(static_cast<uint32_t>(peer_present));
+  return {reinterpret_cast<const char*>(&result), sizeof result};
+}
+
+class CtlTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    server_ = cmd_server_create(2006, scripted_handler);
+    ASSERT_NE(server_, nullptr) << strerror(errno);
+    ASSERT_EQ(cmd_server_start(server_), 0);
+    g_status = 0;
+    g_payload = result_bytes(0, "", 'Y');
+    g_hang = false;
+  }
+
+  void TearDown() override {
+    cmd_server_shutdown(server_);
+    pthread_join(server_->thread, nullptr);
+  }
+
+ private:
+  CmdServer* server_;
+};
+
+std::string text(const char* literal, size_t size) {
+  return {literal, size - 1};
+}
+#define TEXT(literal) text(literal, sizeof(literal))
+
+TEST_F(CtlTest, SendsTheRequestOfTheCommand) {
+  const struct {
+    std::vector<std::string> words;
+    uint32_t type;
+    std::string message;
+  } cases[] = {
+      {{"update", "/a b", "/c"}, 0, TEXT("/a b\0/c\0")},
+      {{"update", "x/y", "../z"}, 0, TEXT("/mnt/x/y\0/mnt/../z\0")},
+      {{"delete", "/c"}, 0, TEXT("\0/c\0")},
+      {{"delete", "c"}, 0, TEXT("\0/mnt/c\0")},
+      {{"sync"}, 0, TEXT("\0\0")},
+      {{"diag", "fail-read=/a=b"}, 1, "fail-read=/a=b"},
+      {{"--timeout", "5", "--socket", "2006", "--json", "sync"}, 0, TEXT("\0\0")},
+  };
+  for (const auto& c : cases) {
+    g_message = "none";
+    EXPECT_EQ(run_ctl(c.words).status, 0) << c.words[0];
+    EXPECT_EQ(g_type, c.type);
+    EXPECT_EQ(g_message, c.message);
+  }
+}
+
+TEST_F(CtlTest, ShowsTheResult) {
+  const struct {
+    std::string payload;
+    int status;
+    std::string words;
+    std::string json;
+  } cases[] = {
+      {result_bytes(0, "", 'Y'), 0,
+       "success:      yes\nlocal_ok:     yes\nremote_ok:    yes\npeer_present: yes\n",
+       R"({"status":0,"success":true,"local_ok":true,"remote_ok":true,"benign":false,)"
+       R"("canceled":false,"peer_present":true,"reason":""})"},
+      {result_bytes(4, "quote \" back \\ tab \t esc \x1b \xc3\xa9 \xff", 'N'), 1,
+       "success:      no\nlocal_ok:     yes\nremote_ok:    no\npeer_present: no\n"
+       "reason:       quote \" back \\ tab \\x09 esc \\x1b \xc3\xa9 \xff\n",
+       R"({"status":0,"success":false,"local_ok":true,"remote_ok":false,"benign":false,)"
+       R"("canceled":true,"peer_present":false,)"
+       R"("reason":"quote \" back \\ tab \u0009 esc \u001b )"
+       "\xc3\xa9 \\ufffd\"}"},
+      {result_bytes(42, "a", 'Y'), 1,
+       "success:      no\nlocal_ok:     no\nremote_ok:    no\npeer_present: yes\n"
+       "reason:       a\n",
+       R"({"status":0,"success":false,"local_ok":false,"remote_ok":false,"benign":true,)"
+       R"("canceled":true,"peer_present":true,"reason":"a"})"},
+  };
+  for (const auto& c : cases) {
+    g_payload = c.payload;
+    const Outcome plain = run_ctl({"sync"});
+    EXPECT_EQ(plain.status, c.status);
+    EXPECT_EQ(plain.out, c.words);
+    const Outcome json = run_ctl({"--json", "sync"});
+    EXPECT_EQ(json.status, c.status);
+    EXPECT_EQ(json.out, c.json + "\n");
+  }
+}
+
+TEST_F(CtlTest, JsonIsWellFormedUtf8WhateverTheReason) {
+  const struct {
+    std::string reason;
+    std::string shown;
+  } cases[] = {{"\xc2\x80 \xe0\xa0\x80 \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf",
+                "\xc2\x80 \xe0\xa0\x80 \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf"},
+               {"\xc1\xbf", R"(\ufffd\ufffd)"},                      // overlong
+               {"\xe0\x9f\xbf", R"(\ufffd\ufffd\ufffd)"},            // overlong
+               {"\xed\xa0\x80", R"(\ufffd\ufffd\ufffd)"},            // surrogate
+               {"\xf4\x90\x80\x80", R"(\ufffd\ufffd\ufffd\ufffd)"},  // beyond Unicode
+               {"\xe2\x82", R"(\ufffd\ufffd)"},                      // cut short
+               {"\xe2\x82z", R"(\ufffd\ufffdz)"},
+               {"\x80\x7f", R"(\ufffd\u007f)"}};
+  for (const auto& c : cases) {
+    g_payload = result_bytes(4, c.reason, 'Y');
+    const std::string out = run_ctl({"--json", "sync"}).out;
+    const size_t start = out.find("\"reason\":\"") + 10;
+    EXPECT_EQ(out.substr(start), c.shown + "\"}\n");
+  }
+}
+
+TEST_F(CtlTest, RefusalIsAFailure) {
+  g_status = 6;
+  g_payload = "";
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"sync"}, {"diag", "nonsense"}}) {
+    EXPECT_EQ(run_ctl(words).status, 1);
+    EXPECT_EQ(read_file("/run/stdout"), "refused with status 6\n");
+  }
+  const Outcome json = run_ctl({"--json", "diag", "nonsense"});
+  EXPECT_EQ(json.status, 1);
+  EXPECT_EQ(json.out, "{\"status\":6}\n");
+}
+
+TEST_F(CtlTest, AnswerThatIsNoneIsTold) {
+  std::string unterminated = result_bytes(4, "x", 'Y');
+  unterminated.replace(12, 116, std::string(116, 'x'));
+  for (const std::string& payload : {std::string(), std::string(127, '\0'), std::string(129, '\0'),
+                                     result_bytes(0, "", '?'), unterminated}) {
+    g_payload = payload;
+    EXPECT_EQ(run_ctl({"sync"}).status, 3);
+    const Outcome json = run_ctl({"--json", "sync"});
+    EXPECT_EQ(json.status, 3);
+    EXPECT_EQ(json.out, "{\"error\":\"the daemon's answer cannot be understood\"}\n");
+  }
+}
+
+TEST_F(CtlTest, WrongUsageSendsNothing) {
+  g_message = "none";
+  const std::vector<std::string> cases[] = {{},
+                                            {"update", "/a"},
+                                            {"update", "/a", "/b", "/c"},
+                                            {"update", "", "/b"},
+                                            {"update", "/a", ""},
+                                            {"delete", ""},
+                                            {"delete"},
+                                            {"sync", "now"},
+                                            {"diag"},
+                                            {"diag", ""},
+                                            {"fault", "x"},
+                                            {"nonsense"},
+                                            {"delete", std::string(70000, 'x')},
+                                            {"--nonsense", "sync"},
+                                            {"--timeout", "0", "sync"},
+                                            {"--timeout", "1x", "sync"},
+                                            {"--timeout", "99999999999999999999", "sync"},
+                                            {"--socket", "-1", "sync"},
+                                            {"--socket", "", "sync"}};
+  for (const auto& words : cases) {
+    const Outcome run = run_ctl(words);
+    EXPECT_EQ(run.status, 2) << testing::PrintToString(words);
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(read_file("/run/stderr"), "");
+  }
+  EXPECT_EQ(g_message, "none");
+  EXPECT_EQ(run_ctl({"--help"}).status, 0);
+}
+
+TEST_F(CtlTest, WaitsNoLongerThanAsked) {
+  g_hang = true;
+  EXPECT_EQ(run_ctl({"--timeout", "1", "sync"}).status, 3);
+  EXPECT_NE(read_file("/run/stderr").find("no answer within 1 s"), std::string::npos);
+  g_release.release();
+}
+
+TEST(Ctl, AbsentOrMuteDaemonIsTold) {
+  EXPECT_EQ(run_ctl({"--socket", "99", "sync"}).status, 3);
+
+  mkdir("/var/run/em", 0755);
+  const sockaddr_un address = {AF_UNIX, "/var/run/em/cmd.99"};
+  const int mute = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(mute, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(mute, 0), 0);
+  // The first waits for its answer, later ones may not even get through to the queue.
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(run_ctl({"--socket", "99", "--timeout", "1", "sync"}).status, 3);
+  close(mute);
+  EXPECT_EQ(run_ctl({"--socket", "99", "sync"}).status, 3);
+  unlink(address.sun_path);
+}
+
+TEST(Ctl, FaultShowsTheLastRecord) {
+  unlink("/var/run/em/events/0x80000702");
+  EXPECT_EQ(run_ctl({"fault"}).status, 0);
+  EXPECT_EQ(read_file("/run/stdout"), "no fault state has been recorded yet\n");
+  EXPECT_EQ(run_ctl({"--json", "fault"}).out, "{\"recorded\":false}\n");
+
+  const struct {
+    uint32_t fault_id, status;
+    uint32_t size;
+    int exit_status;
+    const char* words;
+    const char* json;
+  } cases[] = {
+      {0x000F0018, 1, 1036, 0, "replication with EM 2 is healthy\n",
+       "{\"recorded\":true,\"em\":2,\"fault_id\":983064,\"status\":1,\"healthy\":true}\n"},
+      {0x000F0018, 4, 1036, 1, "replication with EM 2 is failing\n",
+       "{\"recorded\":true,\"em\":2,\"fault_id\":983064,\"status\":4,\"healthy\":false}\n"},
+      {0x000F0018, 3, 1036, 3, "", nullptr},
+      {0x000F0019, 1, 1036, 3, "", nullptr},
+      {0x000F0018, 1, 1035, 3, "", nullptr},
+      {0x000F0018, 1, 1037, 3, "", nullptr},
+      {0x000F0018, 1, 0, 3, "", nullptr},
+  };
+  for (const auto& c : cases) {
+    uint32_t record[1040 / 4] = {2, c.fault_id, c.status};
+    ASSERT_EQ(event_send(0x80000702, record, c.size), 0);
+    const Outcome run = run_ctl({"fault"});
+    EXPECT_EQ(run.status, c.exit_status);
+    EXPECT_EQ(run.out, c.words);
+    if (c.json != nullptr) {
+      EXPECT_EQ(run_ctl({"--json", "fault"}).out, c.json);
+    }
+  }
+}
+
+}  // namespace
