@@ -19,7 +19,7 @@ import time
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
-from keeper import LINK
+from keeper import ADDRESSES, LINK
 
 REPO = Path(__file__).resolve().parent.parent
 PERSISTENT = "/mnt/part.persistent"
@@ -296,10 +296,20 @@ class EmPair:
         rows = [line.split() for line in output.stdout.splitlines()]
         return {(int(row[2]), int(row[1])) for row in rows if len(row) == 3 and row[0] == "em-sync"}
 
+    def _daemon_pids(self, n: int) -> set[int]:
+        """The daemon's process id, and its children's: a wrapper may keep the daemon as a child."""
+        pid = self.process(n, "daemon").pid
+        try:
+            children = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+        except OSError:
+            children = []
+        return {pid, *map(int, children)}
+
     def joined(self) -> bool:
         """True when both EMs see exactly the two running daemons in the group."""
-        pids = [(self.node_of(n), self.process(n, "daemon").pid) for n in EMS]
-        return all(self._group(n) == set(pids) for n in EMS)
+        pids = {n: {(self.node_of(n), pid) for pid in self._daemon_pids(n)} for n in EMS}
+        groups = [self._group(n) or set() for n in EMS]
+        return all(len(group) == 2 and all(group & pids[n] for n in EMS) for group in groups)
 
     def wait_joined(self, timeout: float = 30) -> None:
         def joined_or_dead():
@@ -323,15 +333,21 @@ class EmPair:
                  f"nodes {sorted(members)} form one Corosync membership")
 
     def cut(self) -> None:
-        """Drops every packet between the EMs; the interfaces stay up, as with a dead switch."""
-        self._on_links("replace", "pfifo", "limit", "0")
+        """Loses every packet between the EMs, unnoticed by either, as a dead switch would."""
+        # Sent to a station that does not exist. A queue that drops would report errors to knet,
+        # and an interface that is down stops Corosync.
+        for n in EMS:
+            self._on_link(n, "ip", "neighbour", "replace", ADDRESSES[3 - n], "lladdr",
+                          "02:00:00:00:00:00", "nud", "permanent", "dev", LINK)
 
     def heal(self) -> None:
-        self._on_links("del")
-
-    def _on_links(self, verb: str, *discipline: str) -> None:
         for n in EMS:
-            self.run(n, ["tc", "qdisc", verb, "dev", LINK, "root", *discipline], check=True)
+            self._on_link(n, "ip", "neighbour", "del", ADDRESSES[3 - n], "dev", LINK)
+
+    def _on_link(self, n: int, *command: str) -> None:
+        if self.form == "one-node":
+            raise PairError("two daemons on one node have no link between them")
+        self.run(n, command, check=True)
 
     # Files.
 

@@ -1,0 +1,64 @@
+"""Reads replicated trees the way replication sees them, and compares them."""
+
+import os
+import stat
+from dataclasses import dataclass
+from pathlib import Path
+
+UNREPLICATED = ("TempUpdate_", ".$SyncDigest$")
+OPEN_TO_ALL = 0o644
+
+
+@dataclass(frozen=True)
+class File:
+    path: Path
+    size: int
+    mode: int
+
+    @property
+    def restricted(self) -> bool:
+        """Whether replication makes the copy 0600 instead of 0644."""
+        return self.mode & OPEN_TO_ALL != OPEN_TO_ALL
+
+
+def files(root: Path) -> dict[str, File]:
+    """The files below `root` that are replicated, by relative path: no links, no empty folders."""
+    found = {}
+    for folder, subfolders, names in os.walk(root):
+        subfolders[:] = [name for name in subfolders if not name.startswith(UNREPLICATED[0])]
+        for name in names:
+            path = Path(folder, name)
+            status = path.lstat()
+            if stat.S_ISREG(status.st_mode) and not name.startswith(UNREPLICATED):
+                relative = str(path.relative_to(root))
+                found[relative] = File(path, status.st_size, stat.S_IMODE(status.st_mode))
+    return found
+
+
+def same_content(one: File, other: File) -> bool:
+    if one.size != other.size:
+        return False
+    with open(one.path, "rb") as first, open(other.path, "rb") as second:
+        while block := first.read(1 << 20):
+            if block != second.read(len(block)):
+                return False
+    return True
+
+
+def differences(source: Path, copy: Path) -> list[str]:
+    """What keeps `copy` from being a replica of `source`, one line for each file; [] if nothing."""
+    have, want = files(copy), files(source)
+    found = [f"missing: {name}" for name in want.keys() - have.keys()]
+    found += [f"left over: {name}" for name in have.keys() - want.keys()]
+    for name in want.keys() & have.keys():
+        if not same_content(want[name], have[name]):
+            found.append(f"content differs: {name}")
+        elif want[name].restricted != have[name].restricted:
+            found.append(f"mode {want[name].mode:04o} became {have[name].mode:04o}: {name}")
+    return sorted(found)
+
+
+def count(root: Path) -> tuple[int, int]:
+    """Number of replicated files below `root` and their bytes."""
+    found = files(root).values()
+    return len(found), sum(file.size for file in found)
