@@ -45,8 +45,8 @@ int check_no_symlink_above(uint32_t root_index, const char* path) {
   return 0;
 }
 
-FILE* open_stream(const char* path, int flags, mode_t mode, const char* stream_mode) {
-  const int fd = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
+FILE* open_stream(int dir_fd, const char* path, int flags, mode_t mode, const char* stream_mode) {
+  const int fd = openat(dir_fd, path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
   if (fd < 0) return nullptr;
   FILE* stream = fdopen(fd, stream_mode);
   if (stream == nullptr) {

@@ -23,8 +23,7 @@ uint32_t root_of_path(const char* path);
 int check_no_symlink_above(uint32_t root_index, const char* path);
 
 // fopen(3) that neither follows a symbolic link in the last component nor waits for the other end
-// of a FIFO. `flags` and `mode` as for open(2). Null with errno on failure. Unbuffered streams
-// read straight into the caller's memory.
-FILE* open_stream(const char* path, int flags, mode_t mode, const char* stream_mode);
+// of a FIFO. `dir_fd`, `flags` and `mode` as for openat(2). Null with errno on failure.
+FILE* open_stream(int dir_fd, const char* path, int flags, mode_t mode, const char* stream_mode);
 
 #endif  // CATALOG_CONFINED_PATH_H_

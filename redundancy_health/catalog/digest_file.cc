@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -25,23 +26,48 @@ struct LoadedLines {
 
 enum class LoadState { kComplete, kIncomplete, kFailed };
 
-// Deletes the digest cache file `entry` when its data file is gone.
-void delete_if_orphaned(SyncContext* ctx, const FileEntry* entry, const char* dir_path,
-                        const char* name) {
-  FileEntry* target = new_file_entry(entry->root_index, dir_path, name + kPrefixLength);
-  if (access(target->path, F_OK) != 0) {
-    if (errno == ENOENT) {
-      LOG(7, "Found orphaned digest file '%s'; Deleting it.", entry->path);
-      if (unlink(entry->path) != 0) {
-        RECORD_SCAN_FAILURE(ctx, 0, "Could not delete orphaned digest file (%s): %s",
-                            strerror(errno), entry->path);
-      }
-    } else {
-      RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of target file (%s): %s",
-                          strerror(errno), target->path);
+// The name of the digest cache file beside a data file.
+struct DigestName {
+  char text[kPrefixLength + NAME_MAX + 1];
+};
+
+DigestName digest_name_of(const char* data_name) {
+  DigestName name;
+  memcpy(name.text, kDigestPrefix, kPrefixLength);
+  stpcpy(name.text + kPrefixLength, data_name);
+  return name;
+}
+
+bool is_digest_name(const char* name) {
+  return strncmp(name, kDigestPrefix, kPrefixLength) == 0;
+}
+
+// The path of another file in the directory of `file`. The caller frees it.
+char* sibling_path(const ScannedFile& file, const char* name) {
+  const auto dir_length = static_cast<int>(strlen(file.entry->path) - strlen(file.name));
+  char* path = nullptr;
+  CHECK_NOT_NEGATIVE(asprintf(&path, "%.*s%s", dir_length, file.entry->path, name));
+  return path;
+}
+
+// Deletes a digest cache file whose data file is gone.
+void delete_if_orphaned(SyncContext* ctx, const ScannedFile& digest) {
+  const char* data_name = digest.name + kPrefixLength;
+  const char* path = digest.entry->path;
+  // The bare prefix has the directory itself as its data file.
+  if (*data_name == '\0' || faccessat(digest.dir_fd, data_name, F_OK, 0) == 0) return;
+  if (errno == ENOENT) {
+    LOG(7, "Found orphaned digest file '%s'; Deleting it.", path);
+    if (unlinkat(digest.dir_fd, digest.name, 0) != 0) {
+      RECORD_SCAN_FAILURE(ctx, 0, "Could not delete orphaned digest file (%s): %s", strerror(errno),
+                          path);
     }
+  } else {
+    char* data_path = sibling_path(digest, data_name);
+    RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of target file (%s): %s",
+                        strerror(errno), data_path);
+    free(data_path);
   }
-  free_file_entry(target);
 }
 
 // Reads the header line. False when the file is not to be used; what is a failure is recorded.
@@ -70,10 +96,10 @@ bool read_header(SyncContext* ctx, FILE* f, const char* digest_path, const struc
 
 // Makes the entry of one chunk line, or returns null when the line does not parse. A chunk above
 // kChunkSize is none that a scan has written, and neither side could carry it.
-FileEntry* parse_chunk_line(const char* line, const FileEntry* entry, const struct stat& status) {
-  FileEntry* chunk = new_file_entry(entry->root_index, nullptr, entry->path);
-  chunk->file_size = static_cast<uint32_t>(status.st_size);
-  chunk->restricted = mode_is_restricted(status.st_mode);
+FileEntry* parse_chunk_line(const char* line, const ScannedFile& data) {
+  FileEntry* chunk = new_file_entry(data.entry->root_index, nullptr, data.entry->path);
+  chunk->file_size = static_cast<uint32_t>(data.status.st_size);
+  chunk->restricted = mode_is_restricted(data.status.st_mode);
   char newline[2];
   if (sscanf(line, "%40s %x %x%1[\n]", chunk->digest, &chunk->begin_offs, &chunk->end_offs,
              newline) < 4 ||
@@ -84,9 +110,8 @@ FileEntry* parse_chunk_line(const char* line, const FileEntry* entry, const stru
   return chunk;
 }
 
-LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const FileEntry* entry,
-                           const char* digest_path, char tag, const struct stat& status,
-                           LoadedLines* loaded) {
+LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const ScannedFile& data,
+                           const char* digest_path, LoadedLines* loaded) {
   char line[kLineSize];
   for (;;) {
     if (fgets(line, sizeof(line), f) == nullptr) {
@@ -95,27 +120,26 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Fi
                           digest_path);
       return LoadState::kFailed;
     }
-    FileEntry* chunk = parse_chunk_line(line, entry, status);
+    FileEntry* chunk = parse_chunk_line(line, data);
     if (chunk == nullptr) {
       RECORD_SCAN_FAILURE(ctx, 1, "Invalid digest file contents '%s'", digest_path);
       return LoadState::kFailed;
     }
     loaded->bytes += chunk->end_offs - chunk->begin_offs;
     ++loaded->count;
-    compute_xmit_line(chunk, tag);
+    compute_xmit_line(chunk, data.tag);
     chunk->next = *list;
     *list = chunk;
   }
   // Power fails on an EM while a digest cache file is being written.
-  const uint64_t chunks = static_cast<uint64_t>(status.st_size) / kChunkSize + 1;
+  const uint64_t chunks = static_cast<uint64_t>(data.status.st_size) / kChunkSize + 1;
   return loaded->count < chunks ? LoadState::kIncomplete : LoadState::kComplete;
 }
 
-// Takes the chunks of `entry` from its digest cache file. False when the data file is to be
-// hashed.
-bool load_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry,
-                      const char* digest_path, char tag, const struct stat& status) {
-  FILE* f = open_stream(digest_path, O_RDONLY, 0, "r");
+// Takes the chunks of `data` from its digest cache file. False when the data file is to be hashed.
+bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& data,
+                      const char* digest_name, const char* digest_path) {
+  FILE* f = open_stream(data.dir_fd, digest_name, O_RDONLY, 0, "r");
   if (f == nullptr) {
     RECORD_SCAN_FAILURE(ctx, 1, "Could not open digest file (%s): %s", strerror(errno),
                         digest_path);
@@ -124,8 +148,8 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry
   FileEntry* const list_before = *list;
   LoadedLines loaded = {0, 0};
   LoadState state = LoadState::kFailed;
-  if (read_header(ctx, f, digest_path, status)) {
-    state = read_chunk_lines(ctx, f, list, entry, digest_path, tag, status, &loaded);
+  if (read_header(ctx, f, digest_path, data.status)) {
+    state = read_chunk_lines(ctx, f, list, data, digest_path, &loaded);
   }
   if (state == LoadState::kIncomplete) {
     LOG(7, "Digest file '%s' has stale data. Ignoring", digest_path);
@@ -148,7 +172,7 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry
 char* compute_digest_path(const char* path) {
   const char* slash = strrchr(path, '/');
   const char* base = slash != nullptr ? slash + 1 : path;
-  if (strncmp(base, kDigestPrefix, kPrefixLength) == 0) return nullptr;
+  if (is_digest_name(base)) return nullptr;
   char* digest_path = nullptr;
   const int r =
       asprintf(&digest_path, "%.*s%s%s", static_cast<int>(base - path), path, kDigestPrefix, base);
@@ -165,38 +189,39 @@ void remove_digest_file(const char* path) {
   free(digest_path);
 }
 
-DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry,
-                               const char* dir_path, const char* name, char tag,
-                               const struct stat& status) {
-  char* digest_name = compute_digest_path(name);
-  if (digest_name == nullptr) {
-    delete_if_orphaned(ctx, entry, dir_path, name);
+DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& file) {
+  if (is_digest_name(file.name)) {
+    delete_if_orphaned(ctx, file);
     return DigestLookup::kIsDigestFile;
   }
-  FileEntry* digest = new_file_entry(entry->root_index, dir_path, digest_name);
-  free(digest_name);
+  const DigestName digest_name = digest_name_of(file.name);
+  const bool exists = faccessat(file.dir_fd, digest_name.text, F_OK, 0) == 0;
+  if (!exists && errno == ENOENT) return DigestLookup::kHashData;
+  const int error = errno;
   bool loaded = false;
-  if (access(digest->path, F_OK) == 0) {
-    loaded = load_digest_file(ctx, list, entry, digest->path, tag, status);
-  } else if (errno != ENOENT) {
+  char* digest_path = sibling_path(file, digest_name.text);
+  if (exists) {
+    loaded = load_digest_file(ctx, list, file, digest_name.text, digest_path);
+  } else {
     RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of digest file (%s): %s",
-                        strerror(errno), digest->path);
+                        strerror(error), digest_path);
   }
-  free_file_entry(digest);
+  free(digest_path);
   return loaded ? DigestLookup::kLoaded : DigestLookup::kHashData;
 }
 
-DigestWriter start_digest_file(const char* data_path, const struct stat& status) {
+DigestWriter start_digest_file(const ScannedFile& data) {
   DigestWriter writer = {nullptr, nullptr, 0};
-  if (status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
-  writer.path = compute_digest_path(data_path);
-  writer.file = open_stream(writer.path, O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
+  if (data.status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
+  writer.path = compute_digest_path(data.entry->path);
+  writer.file = open_stream(data.dir_fd, digest_name_of(data.name).text,
+                            O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
   if (writer.file == nullptr) {
     LOG(3, "Could not open digest file '%s': %s", writer.path, strerror(errno));
     return writer;
   }
-  if (fprintf(writer.file, "Digest-V1 %lu %lld\n", static_cast<unsigned long>(status.st_size),
-              static_cast<long long>(status.st_mtime)) < 0) {
+  if (fprintf(writer.file, "Digest-V1 %lu %lld\n", static_cast<unsigned long>(data.status.st_size),
+              static_cast<long long>(data.status.st_mtime)) < 0) {
     writer.error = errno;
   }
   stats.n_digest_files_created += 1;
@@ -211,7 +236,7 @@ void append_digest_line(DigestWriter* writer, const FileEntry* chunk) {
   }
 }
 
-void finish_digest_file(SyncContext* ctx, DigestWriter* writer) {
+void finish_digest_file(SyncContext* ctx, const ScannedFile& data, DigestWriter* writer) {
   if (writer->file != nullptr) {
     const int r = fclose(writer->file);
     const int close_error = errno;
@@ -220,7 +245,7 @@ void finish_digest_file(SyncContext* ctx, DigestWriter* writer) {
     if (writer->error != 0) {
       LOG_PLATFORM_ONLY(3, "Error occurred updating digest file '%s'; removing it: %s",
                         writer->path, strerror(writer->error));
-      if (unlink(writer->path) != 0) {
+      if (unlinkat(data.dir_fd, digest_name_of(data.name).text, 0) != 0) {
         LOG_PLATFORM_ONLY(3, "Error occurred removing bad digest file '%s': %s", writer->path,
                           strerror(errno));
         end_exchange_full(ctx, RESULT_READ_FAILED, "Corrupt digest file '%s' can't be removed.",

@@ -20,6 +20,15 @@ extern "C" __attribute__((visibility("default"))) char* compute_digest_path(cons
 // ENOENT is only logged.
 void remove_digest_file(const char* path);
 
+// A regular file that the scan has met.
+struct ScannedFile {
+  int dir_fd;              // its directory, for calls that need not walk the path again
+  const char* name;        // its last component
+  const FileEntry* entry;  // holds its path and root
+  struct stat status;      // just taken
+  char tag;                // of its listing lines
+};
+
 // What the scan is to do with a regular file.
 enum class DigestLookup {
   kIsDigestFile,  // nothing: the file is itself a digest cache file (orphans are deleted)
@@ -27,12 +36,9 @@ enum class DigestLookup {
   kHashData,      // read and hash it
 };
 
-// Looks for the digest cache file of `entry` (the regular file `name` in `dir_path`, status just
-// taken) and, when it can be trusted, pushes its chunks at the head of `list`. Failures are
-// recorded in cpg_result.
-DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const FileEntry* entry,
-                               const char* dir_path, const char* name, char tag,
-                               const struct stat& status);
+// Looks for the digest cache file of `file` and, when it can be trusted, pushes its chunks at the
+// head of `list`. Failures are recorded in cpg_result.
+DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& file);
 
 // Writes the digest cache file of one data file while it is hashed.
 struct DigestWriter {
@@ -43,9 +49,9 @@ struct DigestWriter {
 
 // Creates the file and writes its header when the data file is above kChunkSize bytes. Finish must
 // follow.
-DigestWriter start_digest_file(const char* data_path, const struct stat& status);
+DigestWriter start_digest_file(const ScannedFile& data);
 void append_digest_line(DigestWriter* writer, const FileEntry* chunk);
 // Closes the file, and removes it after a failure; when even that fails, ends the exchange.
-void finish_digest_file(SyncContext* ctx, DigestWriter* writer);
+void finish_digest_file(SyncContext* ctx, const ScannedFile& data, DigestWriter* writer);
 
 #endif  // CATALOG_DIGEST_FILE_H_

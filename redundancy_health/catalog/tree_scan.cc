@@ -6,8 +6,8 @@
 #include <openssl/evp.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/scan_failure.h"
 #include "redundancy_health/frame/diag_params.h"
@@ -18,6 +18,7 @@ namespace {
 
 constexpr int kMaxDepth = 16;  // a root has depth 0
 constexpr char kTempPrefix[] = "TempUpdate_";
+constexpr int kOpenDir = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 struct ScannedRoot {
   uint32_t root_index;
@@ -68,96 +69,121 @@ void compute_sha1(EVP_MD_CTX* digest_context, const void* data, size_t length, c
   *out = '\0';
 }
 
-// Hashes the next chunk of an open file and pushes its entry. False when the read failed, with
-// errno set; `*offset` moves behind the chunk.
-bool scan_chunk(const Scan& scan, const FileEntry* entry, const struct stat& status,
-                FILE* data_file, uint64_t* offset, DigestWriter* writer) {
-  uint8_t* data = scan.ctx->data_chunk_buf;
-  const size_t size = fread(data, 1, kChunkSize, data_file);
-  if (ferror(data_file)) return false;
-  if (*offset + size > UINT32_MAX) {  // it grew past what the formats can carry
-    errno = EFBIG;
-    return false;
+// Reads the next chunk; `*size` bytes, and `*at_end` when the read met the end of the file. False
+// with errno on failure. A short read of a regular file is its end, but for file systems that
+// deliver in parts.
+bool read_chunk(int data_file, uint8_t* data, off_t file_size, uint64_t offset, size_t* size,
+                bool* at_end) {
+  *size = 0;
+  *at_end = false;
+  while (*size < kChunkSize && !*at_end) {
+    const ssize_t n = read(data_file, data + *size, kChunkSize - *size);
+    if (n < 0) return false;
+    *size += static_cast<size_t>(n);
+    *at_end = n == 0 || (*size < kChunkSize && offset + *size >= static_cast<uint64_t>(file_size));
   }
-  FileEntry* chunk = new_file_entry(entry->root_index, nullptr, entry->path);
-  chunk->begin_offs = static_cast<uint32_t>(*offset);
-  *offset += size;
-  chunk->end_offs = static_cast<uint32_t>(*offset);
-  chunk->file_size = static_cast<uint32_t>(status.st_size);
-  chunk->restricted = mode_is_restricted(status.st_mode);
-  stats.n_filesys_bytes_scanned += static_cast<int64_t>(size);
+  return true;
+}
+
+// Hashes one chunk and pushes its entry.
+void add_chunk(const Scan& scan, const ScannedFile& file, const uint8_t* data, uint32_t offset,
+               uint32_t size, DigestWriter* writer) {
+  FileEntry* chunk = new_file_entry(file.entry->root_index, nullptr, file.entry->path);
+  chunk->begin_offs = offset;
+  chunk->end_offs = offset + size;
+  chunk->file_size = static_cast<uint32_t>(file.status.st_size);
+  chunk->restricted = mode_is_restricted(file.status.st_mode);
+  stats.n_filesys_bytes_scanned += size;
   compute_sha1(scan.digest_context, data, size, chunk->digest);
   compute_xmit_line(chunk, scan.tag);
   chunk->next = *scan.list;
   *scan.list = chunk;
   append_digest_line(writer, chunk);
   stats.n_filesys_chunks_scanned += 1;
-  return true;
 }
 
-FILE* open_data_file(const char* path) {
-  if (have_error_injection(g_diag_params.fail_scan_path, path)) return nullptr;
-  FILE* data_file = open_stream(path, O_RDONLY, 0, "rb");
-  if (data_file != nullptr) setvbuf(data_file, nullptr, _IONBF, 0);
-  return data_file;
-}
-
-// Hashes one regular file, chunk by chunk. A chunk that ends at the end of the file is followed by
-// an empty one, because only a read tells the end.
-void scan_file(const Scan& scan, const FileEntry* entry, const struct stat& status) {
-  if (static_cast<uint64_t>(status.st_size) > UINT32_MAX) {
-    // Sizes and offsets have 32 bits on the wire: no copy at all is better than a wrong one.
-    RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(EFBIG), entry->path);
-    return;
-  }
-  FILE* data_file = open_data_file(entry->path);
-  if (data_file == nullptr) {
-    RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open file (%s): %s", strerror(errno), entry->path);
-    return;
-  }
-  DigestWriter writer = start_digest_file(entry->path, status);
+// Hashes an open file chunk by chunk. Returns 0 or an error number. A chunk that ends at the end of
+// the file is followed by an empty one, because only a read tells the end.
+int hash_chunks(const Scan& scan, const ScannedFile& file, int data_file, DigestWriter* writer) {
+  uint8_t* data = scan.ctx->data_chunk_buf;
   uint64_t offset = 0;
-  do {
-    if (!scan_chunk(scan, entry, status, data_file, &offset, &writer)) {
-      writer.error = errno;  // an incomplete digest cache file must not stay
-      RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(errno),
-                          entry->path);
-      break;
-    }
-  } while (!feof(data_file));
-  stats.n_filesys_files_scanned += 1;
-  CHECK_CLOSE(fclose(data_file));
-  finish_digest_file(scan.ctx, &writer);
+  bool at_end = false;
+  while (!at_end) {
+    size_t size;
+    if (!read_chunk(data_file, data, file.status.st_size, offset, &size, &at_end)) return errno;
+    if (offset + size > UINT32_MAX) return EFBIG;  // it grew past what the formats can carry
+    add_chunk(scan, file, data, static_cast<uint32_t>(offset), static_cast<uint32_t>(size), writer);
+    offset += size;
+  }
+  return 0;
 }
 
-void scan_dir(const Scan& scan, const char* path, int depth);
+// Opens a data file; negative with errno when it cannot, or is not to be, read.
+int open_data_file(const ScannedFile& file) {
+  if (have_error_injection(g_diag_params.fail_scan_path, file.entry->path)) return -1;
+  return openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+}
+
+// Hashes one regular file and writes its digest cache file.
+void scan_file(const Scan& scan, const ScannedFile& file) {
+  const char* path = file.entry->path;
+  if (static_cast<uint64_t>(file.status.st_size) > UINT32_MAX) {
+    // Sizes and offsets have 32 bits on the wire: no copy at all is better than a wrong one.
+    RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(EFBIG), path);
+    return;
+  }
+  const int data_file = open_data_file(file);
+  if (data_file < 0) {
+    RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open file (%s): %s", strerror(errno), path);
+    return;
+  }
+  DigestWriter writer = start_digest_file(file);
+  const int error = hash_chunks(scan, file, data_file, &writer);
+  if (error != 0) {
+    RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(error), path);
+    writer.error = error;  // an incomplete digest cache file must not stay
+  }
+  stats.n_filesys_files_scanned += 1;
+  CHECK_CLOSE_AS("fclose(data_file)", close(data_file));
+  finish_digest_file(scan.ctx, file, &writer);
+}
+
+void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth);
+
+// Lists a directory that was met while listing its parent.
+void scan_subdir(const Scan& scan, const ScannedFile& dir, int depth) {
+  const int fd = depth <= kMaxDepth ? openat(dir.dir_fd, dir.name, kOpenDir | O_NOFOLLOW) : -1;
+  scan_dir(scan, fd, dir.entry->path, depth);
+}
 
 // Lists one name of a directory.
-void scan_name(const Scan& scan, const char* dir_path, int depth, const char* name) {
+void scan_name(const Scan& scan, int dir_fd, const char* dir_path, int depth, const char* name) {
   FileEntry* entry = new_file_entry(scan.root_index, dir_path, name);
-  struct stat status;
-  if (lstat(entry->path, &status) != 0) {
+  ScannedFile file = {dir_fd, name, entry, {}, scan.tag};
+  if (fstatat(dir_fd, name, &file.status, AT_SYMLINK_NOFOLLOW) != 0) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "call to lstat failed for path (%s): %s", strerror(errno),
                         entry->path);
-  } else if (S_ISREG(status.st_mode)) {
-    if (check_digest_file(scan.ctx, scan.list, entry, dir_path, name, scan.tag, status) ==
-        DigestLookup::kHashData) {
-      scan_file(scan, entry, status);
+  } else if (S_ISREG(file.status.st_mode)) {
+    if (check_digest_file(scan.ctx, scan.list, file) == DigestLookup::kHashData) {
+      scan_file(scan, file);
     }
-  } else if (S_ISDIR(status.st_mode)) {
-    scan_dir(scan, entry->path, depth + 1);
+  } else if (S_ISDIR(file.status.st_mode)) {
+    scan_subdir(scan, file, depth + 1);
   }
   free_file_entry(entry);
 }
 
-void scan_dir(const Scan& scan, const char* path, int depth) {
+// Lists the directory `path`, open as `dir_fd` (owned; negative with errno when it could not be
+// opened), and everything below it.
+void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth) {
   if (depth > kMaxDepth) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "maximum directory depth exceeded in '%s'", path);
     return;
   }
-  DIR* dir = opendir(path);
+  DIR* dir = dir_fd >= 0 ? fdopendir(dir_fd) : nullptr;
   if (dir == nullptr) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open directory (%s): %s", strerror(errno), path);
+    if (dir_fd >= 0) close(dir_fd);
     return;
   }
   for (;;) {
@@ -172,7 +198,7 @@ void scan_dir(const Scan& scan, const char* path, int depth) {
     }
     if (strcmp(name->d_name, ".") == 0 || strcmp(name->d_name, "..") == 0) continue;
     if (strncmp(name->d_name, kTempPrefix, sizeof(kTempPrefix) - 1) == 0) continue;
-    scan_name(scan, path, depth, name->d_name);
+    scan_name(scan, dir_fd, path, depth, name->d_name);
   }
   CHECK_CLOSE(closedir(dir));
 }
@@ -185,7 +211,8 @@ void scan_replicated_roots(SyncContext* ctx, FileEntry** list, bool requester) {
   for (const ScannedRoot& root : kScannedRoots) {
     const Scan scan = {ctx, list, digest_context, root.root_index,
                        requester ? root.requester_tag : root.responder_tag};
-    scan_dir(scan, root_paths[root.root_index], 0);
+    const char* path = root_paths[root.root_index];
+    scan_dir(scan, open(path, kOpenDir), path, 0);
   }
   EVP_MD_CTX_free(digest_context);
 }

@@ -38,12 +38,13 @@ void check_failed_close(const char* file, int line, const char* function, const 
     if ((pointer) == nullptr) check_failed_null(__FILE__, __LINE__, __func__, #pointer); \
   } while (0)
 
-// A close: only a descriptor that was never open is a bug worth the process.
-#define CHECK_CLOSE(expression)                                                    \
-  do {                                                                             \
-    const int _check_value = (expression);                                         \
-    if (_check_value < 0)                                                          \
-      check_failed_close(__FILE__, __LINE__, __func__, #expression, _check_value); \
+// A close: only a descriptor that was never open is a bug worth the process. The second form names
+// the call by a text of its own.
+#define CHECK_CLOSE(expression) CHECK_CLOSE_AS(#expression, expression)
+#define CHECK_CLOSE_AS(text, expression)                                                        \
+  do {                                                                                          \
+    const int _check_value = (expression);                                                      \
+    if (_check_value < 0) check_failed_close(__FILE__, __LINE__, __func__, text, _check_value); \
   } while (0)
 
 #endif  // FRAME_CHECK_H_

@@ -32,7 +32,7 @@ FILE* open_for_reading(const FileEntry* entry, const char* local_path) {
     errno = error;
     return nullptr;
   }
-  FILE* f = open_stream(local_path, O_RDONLY, 0, "rb");
+  FILE* f = open_stream(AT_FDCWD, local_path, O_RDONLY, 0, "rb");
   if (f != nullptr) setvbuf(f, nullptr, _IONBF, 0);
   return f;
 }
