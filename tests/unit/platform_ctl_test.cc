@@ -8,7 +8,10 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include <atomic>
+#include <mutex>
 #include <semaphore>
+#include <utility>
 #include <vector>
 
 #include "platform/cmdsockserver.h"
@@ -44,20 +47,39 @@ Outcome run_ctl(const std::vector<std::string>& words) {
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/run/stdout")};
 }
 
-// What the server saw and what it answers. The server thread and the test take turns.
-uint32_t g_type;
-std::string g_message;
+struct Request {
+  uint32_t type;
+  std::string message;
+};
+
+const std::string kNoRequest = "(no request)";
+
+// What the server saw and what it answers.
+std::mutex g_mutex;
+Request g_request;
 uint32_t g_status;
 std::string g_payload;
-bool g_hang;
+std::atomic<bool> g_hang;
 std::binary_semaphore g_release{0};
 
 uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp) {
-  g_type = type;
-  g_message.assign(reinterpret_cast<const char*>(message), size);
-  cmd_rsp_attach_payload(g_payload.data(), static_cast<uint32_t>(g_payload.size()), rsp);
   if (g_hang) g_release.acquire();
+  const std::lock_guard lock(g_mutex);
+  g_request = {type, {reinterpret_cast<const char*>(message), size}};
+  cmd_rsp_attach_payload(g_payload.data(), static_cast<uint32_t>(g_payload.size()), rsp);
   return g_status;
+}
+
+void set_answer(uint32_t status, const std::string& payload) {
+  const std::lock_guard lock(g_mutex);
+  g_status = status;
+  g_payload = payload;
+}
+
+// The last request since the previous call.
+Request take_request() {
+  const std::lock_guard lock(g_mutex);
+  return std::exchange(g_request, {0, kNoRequest});
 }
 
 std::string result_bytes(uint32_t code, const std::string& reason, char peer_present) {
@@ -73,9 +95,9 @@ class CtlTest : public testing::Test {
     server_ = cmd_server_create(2006, scripted_handler);
     ASSERT_NE(server_, nullptr) << strerror(errno);
     ASSERT_EQ(cmd_server_start(server_), 0);
-    g_status = 0;
-    g_payload = result_bytes(0, "", 'Y');
+    set_answer(0, result_bytes(0, "", 'Y'));
     g_hang = false;
+    take_request();
   }
 
   void TearDown() override {
@@ -107,10 +129,10 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommand) {
       {{"--timeout", "5", "--socket", "2006", "--json", "sync"}, 0, TEXT("\0\0")},
   };
   for (const auto& c : cases) {
-    g_message = "none";
     EXPECT_EQ(run_ctl(c.words).status, 0) << c.words[0];
-    EXPECT_EQ(g_type, c.type);
-    EXPECT_EQ(g_message, c.message);
+    const Request request = take_request();
+    EXPECT_EQ(request.type, c.type);
+    EXPECT_EQ(request.message, c.message);
   }
 }
 
@@ -139,7 +161,7 @@ TEST_F(CtlTest, ShowsTheResult) {
        R"("canceled":true,"peer_present":true,"reason":"a"})"},
   };
   for (const auto& c : cases) {
-    g_payload = c.payload;
+    set_answer(0, c.payload);
     const Outcome plain = run_ctl({"sync"});
     EXPECT_EQ(plain.status, c.status);
     EXPECT_EQ(plain.out, c.words);
@@ -163,7 +185,7 @@ TEST_F(CtlTest, JsonIsWellFormedUtf8WhateverTheReason) {
                {"\xe2\x82z", R"(\ufffd\ufffdz)"},
                {"\x80\x7f", R"(\ufffd\u007f)"}};
   for (const auto& c : cases) {
-    g_payload = result_bytes(4, c.reason, 'Y');
+    set_answer(0, result_bytes(4, c.reason, 'Y'));
     const std::string out = run_ctl({"--json", "sync"}).out;
     const size_t start = out.find("\"reason\":\"") + 10;
     EXPECT_EQ(out.substr(start), c.shown + "\"}\n");
@@ -171,8 +193,7 @@ TEST_F(CtlTest, JsonIsWellFormedUtf8WhateverTheReason) {
 }
 
 TEST_F(CtlTest, RefusalIsAFailure) {
-  g_status = 6;
-  g_payload = "";
+  set_answer(6, "");
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"sync"}, {"diag", "nonsense"}}) {
     EXPECT_EQ(run_ctl(words).status, 1);
@@ -188,7 +209,7 @@ TEST_F(CtlTest, AnswerThatIsNoneIsTold) {
   unterminated.replace(12, 116, std::string(116, 'x'));
   for (const std::string& payload : {std::string(), std::string(127, '\0'), std::string(129, '\0'),
                                      result_bytes(0, "", '?'), unterminated}) {
-    g_payload = payload;
+    set_answer(0, payload);
     EXPECT_EQ(run_ctl({"sync"}).status, 3);
     const Outcome json = run_ctl({"--json", "sync"});
     EXPECT_EQ(json.status, 3);
@@ -197,7 +218,6 @@ TEST_F(CtlTest, AnswerThatIsNoneIsTold) {
 }
 
 TEST_F(CtlTest, WrongUsageSendsNothing) {
-  g_message = "none";
   const std::vector<std::string> cases[] = {{},
                                             {"update", "/a"},
                                             {"update", "/a", "/b", "/c"},
@@ -223,7 +243,7 @@ TEST_F(CtlTest, WrongUsageSendsNothing) {
     EXPECT_EQ(run.out, "");
     EXPECT_NE(read_file("/run/stderr"), "");
   }
-  EXPECT_EQ(g_message, "none");
+  EXPECT_EQ(take_request().message, kNoRequest);
   EXPECT_EQ(run_ctl({"--help"}).status, 0);
 }
 
