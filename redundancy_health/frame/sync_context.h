@@ -60,7 +60,7 @@ struct SyncContext {
   int32_t resync_countdown;           // loop passes to the next resync, -1 = none
   int32_t consecutive_errors;         // failed exchanges in a row, on the active EM
   FileEntry* update_queue;            // entries still to send; owned
-  uint8_t data_chunk_buf[kChunkSize];
+  alignas(4096) uint8_t data_chunk_buf[kChunkSize];
 
   pthread_mutex_t rpc_mutex;    // guards the fields below
   pthread_cond_t rpc_cond;      // a change of rpc_stage
