@@ -125,7 +125,7 @@ TEST_F(CmdServerTest, AnswersByteByByteOnOneConnection) {
 TEST_F(CmdServerTest, BadPacketEndsItsOwnConnectionOnly) {
   const int good = connect_client();
   g_calls = 0;
-  for (const size_t size : {0, 1, 3, 4 + 64 * 1024 + 1, 90000}) {
+  for (const size_t size : {0u, 1u, 3u, 4u + 64 * 1024 + 1, 90000u}) {
     const int bad = connect_client();
     EXPECT_EQ(ask(bad, std::string(size, '\1')), "(closed)") << size;
     close(bad);

@@ -100,6 +100,7 @@ TEST(Event, LastRecordIsReadable) {
 }
 
 TEST(Event, FailureIsReported) {
+  mkdir("/var/run/em", 0755);
   ASSERT_EQ(mount("tmpfs", "/var/run/em", "tmpfs", MS_RDONLY, nullptr), 0);
   EXPECT_NE(event_send(0x80000702, "x", 1), 0);
   umount("/var/run/em");

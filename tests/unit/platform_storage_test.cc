@@ -38,7 +38,7 @@ TEST(SetResult, EveryByteFollowsFromTheCode) {
 }
 
 TEST(SetResult, ReasonIsCutAndTerminated) {
-  for (const size_t length : {114, 115, 116, 5000}) {
+  for (const size_t length : {114u, 115u, 116u, 5000u}) {
     RpcResult result;
     memset(&result, 0xA5, sizeof result);
     storage_cfg_set_result(&result, 4, "%s", std::string(length, 'r').c_str());
@@ -71,7 +71,7 @@ class StorageTest : public testing::Test {
 };
 
 TEST_F(StorageTest, ReplacesTheWholeFileWithAFixedMode) {
-  for (const mode_t mask : {0000, 0022, 0777}) {
+  for (const mode_t mask : {0000u, 0022u, 0777u}) {
     for (const int restricted : {0, kStorageOpenRestricted}) {
       write_file("/mnt/full/file", "old content, longer than the new one", 0666);
       umask(mask);
