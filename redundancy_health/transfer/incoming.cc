@@ -14,6 +14,7 @@
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transfer/clear_way.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -140,7 +141,7 @@ int write_chunk(const FileEntry* local, const Update& update) {
 
 // Writes received data. Returns 0 or an error number.
 int write_update(const FileEntry* local, const Update& update, bool atomic) {
-  int error = check_no_symlink_above(local->root_index, local->path);
+  int error = clear_way(local->root_index, local->path);
   if (error == 0) error = ensure_parent_directory(local->path);
   if (error != 0) return error;
   remove_digest_file(local->path);

@@ -1,0 +1,50 @@
+#include "redundancy_health/transfer/clear_way.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "redundancy_health/catalog/file_entry.h"
+
+namespace {
+
+// Sees to one directory above the file. `*missing` when nothing stands there (any more).
+int clear_parent(const char* parent, bool* missing) {
+  struct stat status;
+  *missing = true;
+  if (lstat(parent, &status) != 0) return errno == ENOENT ? 0 : errno;
+  if (S_ISLNK(status.st_mode)) return ELOOP;
+  if (S_ISREG(status.st_mode)) return unlink(parent) == 0 ? 0 : errno;
+  *missing = false;
+  return 0;  // what is neither a file nor a directory fails the write
+}
+
+int clear_target(const std::string& path) {
+  // An empty or "." component names the directory above, which must stay.
+  const std::string name = path.substr(path.rfind('/') + 1);
+  if (name.empty() || name == ".") return 0;
+  struct stat status;
+  if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return 0;
+  std::error_code error;
+  std::filesystem::remove_all(path, error);  // follows no links
+  return error.value();
+}
+
+}  // namespace
+
+int clear_way(uint32_t root_index, const char* path) {
+  std::string above(path);
+  size_t slash = above.find('/', strlen(root_paths[root_index]));
+  for (; slash != std::string::npos; slash = above.find('/', slash + 1)) {
+    above[slash] = '\0';
+    bool missing;
+    const int error = clear_parent(above.c_str(), &missing);
+    if (error != 0 || missing) return error;
+    above[slash] = '/';
+  }
+  return clear_target(path);
+}
