@@ -37,8 +37,7 @@ for dir in etc usr/bin; do
   mkdir -p $stage/upper/$dir $stage/work/$dir
 done
 mkdir -p $stage/upper/etc/em
-cp "$cleanup_script" $stage/upper/usr/bin/clean_up_temp_files.py 2>/dev/null &&
-  chmod 755 $stage/upper/usr/bin/clean_up_temp_files.py || :
+install -m 755 "$cleanup_script" $stage/upper/usr/bin/clean_up_temp_files.py
 if [ "$state" = own ]; then mkdir -p $stage/upper/etc/corosync; fi
 for dir in etc usr/bin; do
   mount -n -t overlay -o "lowerdir=/$dir,upperdir=$stage/upper/$dir,workdir=$stage/work/$dir" \
@@ -61,4 +60,4 @@ done
 echo "$number" > /run/em/number
 
 echo ready
-exec sleep infinity < /dev/null > /dev/null
+exec sleep infinity > /dev/null

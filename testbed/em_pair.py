@@ -341,8 +341,10 @@ class EmPair:
                           "02:00:00:00:00:00", "nud", "permanent", "dev", LINK)
 
     def heal(self) -> None:
+        """Undoes cut(); without one nothing happens."""
         for n in EMS:
-            self._on_link(n, "ip", "neighbour", "del", ADDRESSES[3 - n], "dev", LINK)
+            self._on_link(n, "ip", "neighbour", "flush", "to", ADDRESSES[3 - n], "nud",
+                          "permanent", "dev", LINK)
 
     def _on_link(self, n: int, *command: str) -> None:
         if self.form == "one-node":

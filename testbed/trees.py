@@ -1,4 +1,7 @@
-"""Reads replicated trees the way replication sees them, and compares them."""
+"""Reads replicated trees the way replication sees them, and compares them.
+
+The trees may change meanwhile: a file that goes while it is looked at counts as missing.
+"""
 
 import os
 import stat
@@ -28,7 +31,10 @@ def files(root: Path) -> dict[str, File]:
         subfolders[:] = [name for name in subfolders if not name.startswith(UNREPLICATED[0])]
         for name in names:
             path = Path(folder, name)
-            status = path.lstat()
+            try:
+                status = path.lstat()
+            except FileNotFoundError:
+                continue
             if stat.S_ISREG(status.st_mode) and not name.startswith(UNREPLICATED):
                 relative = str(path.relative_to(root))
                 found[relative] = File(path, status.st_size, stat.S_IMODE(status.st_mode))
@@ -38,10 +44,13 @@ def files(root: Path) -> dict[str, File]:
 def same_content(one: File, other: File) -> bool:
     if one.size != other.size:
         return False
-    with open(one.path, "rb") as first, open(other.path, "rb") as second:
-        while block := first.read(1 << 20):
-            if block != second.read(len(block)):
-                return False
+    try:
+        with open(one.path, "rb") as first, open(other.path, "rb") as second:
+            while block := first.read(1 << 20):
+                if block != second.read(len(block)):
+                    return False
+    except FileNotFoundError:
+        return False
     return True
 
 
@@ -56,6 +65,12 @@ def differences(source: Path, copy: Path) -> list[str]:
         elif want[name].restricted != have[name].restricted:
             found.append(f"mode {want[name].mode:04o} became {have[name].mode:04o}: {name}")
     return sorted(found)
+
+
+def same_outline(source: Path, copy: Path) -> bool:
+    """A quick look at names and sizes, for waiting; differences() alone can tell more."""
+    return ({name: file.size for name, file in files(source).items()} ==
+            {name: file.size for name, file in files(copy).items()})
 
 
 def count(root: Path) -> tuple[int, int]:
