@@ -51,8 +51,6 @@ def clean_up(root, oldest_kept):
     unreadable = []
     failures = 0
     try:
-        if not os.path.isdir(root) or os.path.islink(root):
-            return 0
         for directory, _, names, descriptor in os.fwalk(root, onerror=unreadable.append):
             for name in names:
                 if name.startswith(PREFIX):
