@@ -10,11 +10,13 @@
 #include <sstream>
 
 #include "platform/util.h"
+#include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/exchange_outcome.h"
+#include "redundancy_health/transport/sync_thread.h"
 
 namespace fs = std::filesystem;
 
@@ -56,6 +58,11 @@ void reset_diag_params() {
   }
   g_diag_params.max_log_size = 0;
   pthread_mutex_unlock(&g_diag_params.mutex);
+}
+
+void deliver(uint32_t nodeid, uint32_t pid, std::string message) {
+  cpg_name group = {7, "em-sync"};
+  on_cpg_message(g_context.cpg_handle, &group, nodeid, pid, message.data(), message.size());
 }
 
 void reset_statistics() {
@@ -162,6 +169,15 @@ uint32_t DaemonTest::fault_status() {
   return status;
 }
 
+std::string literally(const std::string& text) {
+  std::string expression;
+  for (const char c : text) {
+    if (strchr("\\^$.[|()?*+{", c) != nullptr) expression += '\\';
+    expression += c;
+  }
+  return expression;
+}
+
 std::string tree_path(uint32_t root_index, const std::string& relative_path) {
   return root_paths[root_index] + relative_path;
 }
@@ -186,6 +202,17 @@ std::string pattern(size_t size, unsigned seed) {
   return bytes;
 }
 
+std::vector<std::string> scan_lines(SyncContext* ctx, bool requester) {
+  FileEntry* list = nullptr;
+  scan_replicated_roots(ctx, &list, requester);
+  std::vector<std::string> lines;
+  for (const FileEntry* entry = list; entry != nullptr; entry = entry->next) {
+    lines.insert(lines.begin(), entry->xmit_line);
+  }
+  free_file_list(&list);
+  return lines;
+}
+
 std::string message_bytes(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
                           const std::string& payload) {
   CpgHeader header;
@@ -198,4 +225,24 @@ std::string message_bytes(uint32_t command, uint32_t exchange_id, uint32_t seque
   std::string bytes(sizeof(header), '\0');
   memcpy(bytes.data(), &header, sizeof(header));
   return bytes + payload;
+}
+
+std::vector<std::string> sent_messages() {
+  std::vector<std::string> messages;
+  for (const SentMessage& message : g_cpg.sent) {
+    messages.push_back(std::string(sync_command_name(message.header.command)) + " " +
+                       std::to_string(message.header.exchange_id) + "." +
+                       std::to_string(message.header.sequence_id));
+  }
+  return messages;
+}
+
+void deliver_from_peer(const std::string& message) {
+  deliver(2, 4711, message);
+}
+
+void deliver_own(const SentMessage& message) {
+  std::string bytes(sizeof(message.header), '\0');
+  memcpy(bytes.data(), &message.header, sizeof(message.header));
+  deliver(g_context.cpg_local_nodeid, static_cast<uint32_t>(getpid()), bytes + message.payload);
 }

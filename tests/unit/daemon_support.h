@@ -2,10 +2,12 @@
 #define TESTS_UNIT_DAEMON_SUPPORT_H_
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <string>
 #include <vector>
 
+#include "platform/util.h"
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/frame/sync_context.h"
 #include "tests/unit/platform_support.h"
@@ -49,6 +51,20 @@ class DaemonTest : public testing::Test {
   static uint32_t fault_status();
 };
 
+// A regular expression that matches `text` itself.
+std::string literally(const std::string& text);
+
+// The statements abort after a log line that ends in `text`. A death test looks at standard error,
+// the log goes to standard output.
+#define EXPECT_ABORT(text, ...)             \
+  EXPECT_EXIT(                              \
+      {                                     \
+        dup2(STDERR_FILENO, STDOUT_FILENO); \
+        debug_log_to_stdout(1);             \
+        __VA_ARGS__;                        \
+      },                                    \
+      testing::KilledBySignal(SIGABRT), literally(std::string(text) + "\n"))
+
 // `root_paths[root_index]` with a relative path behind it.
 std::string tree_path(uint32_t root_index, const std::string& relative_path);
 
@@ -59,8 +75,18 @@ std::string make_file(uint32_t root_index, const std::string& relative_path,
 // `size` bytes that differ from chunk to chunk and with `seed`.
 std::string pattern(size_t size, unsigned seed = 0);
 
+// Listing lines of the four trees, in the order in which the scan makes them.
+std::vector<std::string> scan_lines(SyncContext* ctx, bool requester = true);
+
 // A group message as its bytes.
 std::string message_bytes(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
                           const std::string& payload = "");
+
+// What was sent, as "MSG_LOCK_REQ 1.0" with exchange and sequence id.
+std::vector<std::string> sent_messages();
+
+// Hands a message to the delivery callback, as the peer's (node 2) or as this process's own.
+void deliver_from_peer(const std::string& message);
+void deliver_own(const SentMessage& message);
 
 #endif  // TESTS_UNIT_DAEMON_SUPPORT_H_
