@@ -22,6 +22,12 @@ uint32_t read_max_log_size() {
   return max_log_size;
 }
 
+// Asked once a thread: getpid(2) costs as much as the rest of a line. Threads start after the fork.
+int process_id() {
+  static thread_local const pid_t pid = getpid();
+  return pid;
+}
+
 // False when the line is to be dropped: its file cannot be looked at or moved away.
 bool make_room_in_log_file(uint32_t max_log_size) {
   struct stat status;
@@ -55,7 +61,7 @@ void private_log(int level, const char* function, int line, int dump, const char
   GetThreadName(thread_name, sizeof(thread_name));
   char* prefix = nullptr;
   int r = asprintf(&prefix, "%10lld (%5d-%s) %s:%d: ", static_cast<long long>(time(nullptr)),
-                   static_cast<int>(getpid()), thread_name, function, line);
+                   process_id(), thread_name, function, line);
   CHECK_TRUE(r >= 0);
   char* message = nullptr;
   va_list args;

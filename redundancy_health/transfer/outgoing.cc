@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/frame/diag_params.h"
@@ -24,27 +25,36 @@ bool is_answer(uint32_t update_type) {
   return update_type == PULL_ACK || update_type == PUSH_ACK || update_type == PUSH_DEL_ACK;
 }
 
-// Opens the file of an outgoing chunk; null with errno when it cannot, or is not to be, read.
-FILE* open_for_reading(const FileEntry* entry, const char* local_path) {
-  if (have_error_injection(g_diag_params.fail_read_path, local_path)) return nullptr;
+// Opens the file of an outgoing chunk; negative with errno when it cannot, or is not to be, read.
+int open_for_reading(const FileEntry* entry, const char* local_path) {
+  if (have_error_injection(g_diag_params.fail_read_path, local_path)) return -1;
   const int error = check_no_symlink_above(entry->root_index, local_path);
   if (error != 0) {
     errno = error;
-    return nullptr;
+    return -1;
   }
-  FILE* f = open_stream(AT_FDCWD, local_path, O_RDONLY, 0, "rb");
-  if (f != nullptr) setvbuf(f, nullptr, _IONBF, 0);
-  return f;
+  return open(local_path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
-bool read_exactly(FILE* f, char* data, size_t size) {
-  errno = ENODATA;  // the file ends early
-  return fread(data, 1, size, f) == size;
+bool read_exactly(int f, uint32_t offset, char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = pread(f, data, size, offset);
+    if (n == 0) errno = ENODATA;  // the file ends early
+    if (n <= 0) return false;
+    data += n;
+    offset += static_cast<uint32_t>(n);
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
-// The status as the header can carry it.
-bool take_status(FILE* f, struct stat* status) {
-  if (fstat(fileno(f), status) != 0) return false;
+// The status of a file that the formats can carry.
+bool take_status(int f, struct stat* status) {
+  if (fstat(f, status) != 0) return false;
+  if (!S_ISREG(status->st_mode)) {
+    errno = S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
+    return false;
+  }
   if (static_cast<uint64_t>(status->st_size) <= UINT32_MAX) return true;
   errno = EFBIG;
   return false;
@@ -54,17 +64,16 @@ bool take_status(FILE* f, struct stat* status) {
 // False with errno, and data_ok 0, when any step fails.
 bool read_chunk(const FileEntry* entry, const char* local_path, UpdateHeader* header, char* data,
                 size_t size) {
-  FILE* f = open_for_reading(entry, local_path);
-  if (f == nullptr) return false;
+  const int f = open_for_reading(entry, local_path);
+  if (f < 0) return false;
   struct stat status;
-  if (fseeko(f, entry->begin_offs, SEEK_SET) == 0 && read_exactly(f, data, size) &&
-      take_status(f, &status)) {
+  if (read_exactly(f, entry->begin_offs, data, size) && take_status(f, &status)) {
     header->restricted = mode_is_restricted(status.st_mode);
     if (entry->update_type == PULL_ACK) header->file_size = static_cast<uint32_t>(status.st_size);
     header->data_ok = 1;
   }
   const int error = errno;
-  CHECK_CLOSE(fclose(f));
+  CHECK_CLOSE_AS("fclose(f)", close(f));
   errno = error;
   return header->data_ok != 0;
 }
