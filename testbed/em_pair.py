@@ -265,7 +265,7 @@ class EmPair:
 
     def exit_daemon(self, n: int, timeout: float = 60) -> int:
         """Stops EM `n`'s daemon in order; returns its exit status."""
-        self.ctl(n, "exit")
+        self.ctl(n, "diag", "exit")
         return self.process(n, "daemon").wait(timeout=timeout)
 
     # Roles, membership and the link.
