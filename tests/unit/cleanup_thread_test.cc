@@ -1,0 +1,128 @@
+#include "redundancy_health/frame/cleanup_thread.h"
+
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <time.h>
+
+#include <functional>
+
+#include "redundancy_health/frame/exit_flag.h"
+#include "redundancy_health/frame/flight_recorder.h"
+#include "tests/unit/daemon_support.h"
+
+namespace {
+
+std::function<void()> g_on_sleep;  // set: a sleep takes no time
+
+}  // namespace
+
+extern "C" unsigned sleep(unsigned seconds) {
+  if (g_on_sleep) {
+    EXPECT_EQ(seconds, 1u);
+    g_on_sleep();
+    return 0;
+  }
+  const timespec time = {static_cast<time_t>(seconds), 0};
+  nanosleep(&time, nullptr);
+  return 0;
+}
+
+namespace {
+
+// An empty file system covers the place of the script.
+class CleanupThreadTest : public DaemonTest {
+ protected:
+  CleanupThreadTest() : shell_(read_file("/bin/sh")) {
+    EXPECT_EQ(mount("tmpfs", "/usr/bin", "tmpfs", 0, nullptr), 0);
+  }
+
+  ~CleanupThreadTest() override {
+    g_on_sleep = nullptr;
+    umount2("/usr/bin", MNT_DETACH);
+    unsetenv("CLEANUP_INITIAL_DELAY");
+    unsetenv("CLEANUP_PERIODIC_DELAY");
+  }
+
+  static void set_delay(const char* variable, const char* value) {
+    if (value == nullptr) {
+      unsetenv(variable);
+    } else {
+      setenv(variable, value, 1);
+    }
+  }
+
+  void make_script(const std::string& body) {
+    write_file("/usr/bin/sh", shell_, 0755);
+    write_file("/usr/bin/clean_up_temp_files.py", "#!/usr/bin/sh\n" + body, 0755);
+  }
+
+ private:
+  std::string shell_;
+};
+
+TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
+  const struct {
+    const char* initial;
+    const char* periodic;
+    int first_run;   // seconds after the start
+    int second_run;  // seconds after the first
+  } cases[] = {
+      {nullptr, nullptr, 60, 3600},
+      {"2", "5", 120, 300},
+      {"0", "0", 60, 3600},
+      {"1048576", "1048576", 60, 3600},
+      {"1048577", "1048578", 60, 120},
+      {"abc", "", 60, 3600},
+      {" 3x", "7.5", 180, 420},
+      {"-1048573", nullptr, 180, 3600},
+  };
+  for (const auto& c : cases) {
+    set_delay("CLEANUP_INITIAL_DELAY", c.initial);
+    set_delay("CLEANUP_PERIODIC_DELAY", c.periodic);
+    empty_flight_recorder();
+    g_exit_daemon = 0;
+    int seconds = 0;
+    std::vector<int> runs;
+    g_on_sleep = [&] {
+      // There is no script, so each run leaves a line.
+      if (g_flight_recorder.count > runs.size()) runs.push_back(seconds);
+      if (runs.size() == 2) set_exit_daemon();
+      ++seconds;
+    };
+    EXPECT_EQ(cleanup_thread_fn(&seconds), nullptr);
+    EXPECT_EQ(runs, std::vector<int>({c.first_run, c.first_run + c.second_run}))
+        << (c.initial != nullptr ? c.initial : "unset");
+  }
+  EXPECT_EQ(logged(3).front(), "Could not run temp file cleanup script: rc=127");
+  EXPECT_EQ(g_flight_recorder.paused, 0) << "no reason to dump the flight recorder";
+}
+
+TEST_F(CleanupThreadTest, RunsTheScriptWithoutArguments) {
+  setenv("CLEANUP_PERIODIC_DELAY", "1", 1);
+  make_script("[ -e /run/runs ] && code=3 || code=0\necho $0:$# >> /run/runs\nexit $code\n");
+  int seconds = 0;
+  g_on_sleep = [&] {
+    if (++seconds == 121) set_exit_daemon();
+  };
+  cleanup_thread_fn(nullptr);
+  EXPECT_EQ(read_file("/run/runs"),
+            "/usr/bin/clean_up_temp_files.py:0\n/usr/bin/clean_up_temp_files.py:0\n");
+  EXPECT_EQ(logged(-1), std::vector<std::string>({"Could not run temp file cleanup script: rc=3"}));
+  unlink("/run/runs");
+}
+
+TEST_F(CleanupThreadTest, ExitEndsItWithoutARun) {
+  make_script("echo run >> /run/runs\n");
+  int seconds = 0;
+  g_on_sleep = [&] {
+    if (++seconds == 10) set_exit_daemon();
+  };
+  EXPECT_EQ(cleanup_thread_fn(nullptr), nullptr);
+  EXPECT_EQ(seconds, 10);
+  g_on_sleep = [] { FAIL() << "the flag is looked at before each second"; };
+  EXPECT_EQ(cleanup_thread_fn(nullptr), nullptr);
+  EXPECT_FALSE(exists("/run/runs"));
+  EXPECT_EQ(logged(-1), std::vector<std::string>());
+}
+
+}  // namespace

@@ -1,0 +1,224 @@
+#include "redundancy_health/frame/flight_recorder.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <time.h>
+
+#include <filesystem>
+
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/log.h"
+#include "tests/unit/daemon_support.h"
+#include "tests/unit/failing_syscall.h"
+
+namespace {
+
+const char kLogFile[] = "/tmp/cluster_sync_daemon.log";
+const char kOldLogFile[] = "/tmp/cluster_sync_daemon.log.0";
+const char kBanner[] =
+    "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. =====";
+
+// The log files are this test's alone.
+class LogTest : public DaemonTest {
+ protected:
+  LogTest() {
+    EXPECT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0);
+  }
+
+  ~LogTest() override {
+    umount2("/tmp", MNT_DETACH);
+  }
+
+  // The recorded lines, oldest first, without their prefixes.
+  static std::vector<std::string> recorded() {
+    std::vector<std::string> texts;
+    const FlightRecorderEntry* entry;
+    SIMPLEQ_FOREACH(entry, &g_flight_recorder.entries, next) {
+      texts.push_back(strstr(entry->text, "|"));
+    }
+    EXPECT_EQ(g_flight_recorder.count, texts.size());
+    return texts;
+  }
+
+  using Lines = std::vector<std::string>;
+};
+
+void* log_one_line(void*) {
+  LOG(6, "|from a thread");
+  return nullptr;
+}
+
+TEST_F(LogTest, PrefixNamesTimeProcessThreadFunctionAndLine) {
+  g_diag_params.max_log_size = 1000;
+  const time_t before = time(nullptr);
+  pthread_t thread;
+  ASSERT_EQ(Create_Thread(&thread, nullptr, log_one_line, nullptr, "cleanup_thread"), 0);
+  pthread_join(thread, nullptr);
+  private_log(7, "some_function", 4711, 1, "|%s %d", "text", 5);
+  const time_t after = time(nullptr);
+
+  const std::string text = read_file(kLogFile);
+  const size_t second = text.find('\n') + 1;
+  long long stamp;
+  int pid, line, end = -1;
+  EXPECT_EQ(sscanf(text.c_str(), "%10lld (%5d-cleanup_thread) log_one_line:%d: |from a thread%n",
+                   &stamp, &pid, &line, &end),
+            3)
+      << text;
+  EXPECT_EQ(end, static_cast<int>(second) - 1);
+  EXPECT_EQ(pid, getpid());
+  EXPECT_LE(before, stamp);
+  EXPECT_LE(stamp, after);
+
+  char process_and_place[200];
+  char thread_name[50];
+  GetThreadName(thread_name, sizeof(thread_name));
+  snprintf(process_and_place, sizeof(process_and_place), " (%5d-%s) some_function:4711: |text 5",
+           getpid(), thread_name);
+  const std::string file_line = text.substr(second);
+  EXPECT_EQ(file_line.substr(10), std::string(process_and_place) + "\n");
+  EXPECT_EQ(SIMPLEQ_NEXT(SIMPLEQ_FIRST(&g_flight_recorder.entries), next)->text + std::string("\n"),
+            file_line);
+  EXPECT_EQ(logged(6), Lines({"|from a thread"}));
+  EXPECT_EQ(logged(7), Lines()) << "private_log writes to the platform log only when it dumps";
+}
+
+TEST_F(LogTest, OneOldFileIsKept) {
+  const struct {
+    int32_t max_log_size;
+    size_t size;  // of the file before the line
+    bool renamed;
+  } cases[] = {{1000, 1000, false}, {1000, 1001, true},       {1, 2, true},
+               {-1, 5000, false},   {-2147483648, 10, false}, {2147483647, 9000, false}};
+  for (const auto& c : cases) {
+    const std::string before(c.size, 'x');
+    write_file(kLogFile, before);
+    write_file(kOldLogFile, "older");
+    g_diag_params.max_log_size = c.max_log_size;
+    LOG(6, "|a line");
+    EXPECT_EQ(read_file(kOldLogFile), c.renamed ? before : "older") << c.max_log_size;
+    const std::string text = read_file(kLogFile);
+    EXPECT_EQ(text.substr(0, c.size) == before, !c.renamed) << c.max_log_size;
+    EXPECT_EQ(text.substr(text.find('|')), "|a line\n");
+  }
+  g_diag_params.max_log_size = 0;
+  unlink(kLogFile);
+  LOG(6, "|a line");
+  EXPECT_FALSE(exists(kLogFile));
+}
+
+TEST_F(LogTest, AFileThatCannotBeWrittenLosesTheLineAndKeepsErrno) {
+  const struct {
+    const char* what;
+    void (*prepare)();
+    bool recorded;
+  } cases[] = {
+      {"it cannot be looked at", [] { EXPECT_EQ(symlink(kLogFile, kLogFile), 0); }, false},
+      {"it cannot be renamed",
+       [] {
+         write_file(kLogFile, std::string(2000, 'x'));
+         mkdir(kOldLogFile, 0755);
+       },
+       false},
+      {"it cannot be opened", [] { mkdir(kLogFile, 0755); }, true},
+  };
+  g_diag_params.max_log_size = 1000;
+  for (const auto& c : cases) {
+    std::filesystem::remove_all(kLogFile);
+    std::filesystem::remove_all(kOldLogFile);
+    empty_flight_recorder();
+    c.prepare();
+    errno = ENOTTY;
+    LOG(4, "|%s", c.what);
+    EXPECT_EQ(errno, ENOTTY) << c.what;
+    EXPECT_EQ(recorded(), c.recorded ? Lines({std::string("|") + c.what}) : Lines()) << c.what;
+    EXPECT_TRUE(has_logged(std::string("|") + c.what));
+  }
+}
+
+TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
+  const struct {
+    int level;
+    int dump;
+    bool dumps;
+  } cases[] = {{4, 1, false}, {3, 0, false}, {3, 2, false}, {7, 1, false},
+               {2, 1, true},  {3, 1, true},  {3, 3, true}};
+  for (const auto& c : cases) {
+    g_flight_recorder.paused = 0;
+    empty_flight_recorder();
+    const size_t lines_before = log.lines().size();
+    private_log(7, "f", 1, 1, "|before");
+    private_log(c.level, "f", 2, c.dump, "|the line");
+    private_log(3, "f", 3, 1, "|another error");
+    const std::string label = std::to_string(c.level) + "/" + std::to_string(c.dump);
+    if (!c.dumps) {  // then the second error does
+      EXPECT_EQ(recorded(), Lines({"|before", "|the line", "|another error"})) << label;
+      continue;
+    }
+    EXPECT_EQ(recorded(), Lines({"|before", "|the line"})) << label;
+    EXPECT_EQ(g_flight_recorder.paused, 1);
+    const std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), lines_before + 3) << label;
+    for (size_t i = lines_before; i < lines.size(); ++i)
+      EXPECT_EQ(lines[i].level, 3);
+    EXPECT_EQ(lines[lines_before].text, kBanner);
+    EXPECT_EQ(lines[lines_before + 1].function, "dump_flight_recorder");
+    EXPECT_EQ(lines[lines_before + 1].text, SIMPLEQ_FIRST(&g_flight_recorder.entries)->text);
+    EXPECT_EQ(lines[lines_before + 2].text.substr(lines[lines_before + 2].text.find('|')),
+              "|the line");
+  }
+}
+
+TEST_F(LogTest, KeepsTheNewestLines) {
+  for (int i = 0; i < 501; ++i)
+    LOG(7, "|%d", i);
+  EXPECT_EQ(recorded().front(), "|1");
+  EXPECT_EQ(recorded().back(), "|500");
+  g_flight_recorder.max_entries = 10;
+  EXPECT_EQ(g_flight_recorder.count, 500u);
+  LOG(7, "|501");
+  EXPECT_EQ(recorded().front(), "|492");
+  EXPECT_EQ(recorded().size(), 10u);
+  g_flight_recorder.max_entries = 0;
+  LOG(7, "|502");
+  EXPECT_EQ(recorded(), Lines());
+  LOG(3, "|error");
+  EXPECT_EQ(logged(3), Lines({"|error", kBanner}));
+  EXPECT_EQ(g_flight_recorder.paused, 1);
+  g_flight_recorder.max_entries = 500;
+  LOG(3, "|more");
+  EXPECT_EQ(recorded(), Lines());
+
+  g_flight_recorder.paused = 0;
+  g_flight_recorder.max_entries = 0;
+  g_flight_recorder.count = 1;
+  EXPECT_ABORT("EXCEPTION: SIMPLEQ_EMPTY(&g_flight_recorder.entries) = 1", LOG(7, "|x"));
+}
+
+TEST_F(LogTest, LinesThatThePlatformDropsAreStillRecorded) {
+  setenv("BREL_LOG_LEVEL", "6", 1);
+  debug_log_to_stdout(1);
+  LOG(7, "|trace");
+  LOG_PLATFORM_ONLY(6, "|platform only");
+  EXPECT_EQ(recorded(), Lines({"|trace"}));
+  EXPECT_EQ(logged(-1), Lines({"|platform only"}));
+}
+
+TEST_F(LogTest, UptimeIsThatOfTheSystem) {
+  timespec now;
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  const int32_t before = static_cast<int32_t>(now.tv_sec);
+  const int32_t uptime = get_uptime();
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  EXPECT_LE(before, uptime);
+  EXPECT_LE(uptime, static_cast<int32_t>(now.tv_sec) + 1) << "sysinfo rounds up";
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        // The third argument is what the register holds, so let every value fail.
+        _exit(fail_system_call(SYS_sysinfo, kAnyArgument, EPERM) && get_uptime() == -1 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), literally("Call to sysinfo() failed: Operation not permitted\n"));
+}
+
+}  // namespace
