@@ -1,0 +1,218 @@
+// hostile_member SECONDS SEED: joins the group of the daemons as a third process and, for SECONDS,
+// sends what no daemon would: random messages, mutated and replayed ones, messages of the protocol
+// at any time, updates and renames whose paths lead out of the trees. Prints how many messages it
+// sent and received. Exit status 1 when the group cannot be joined or is lost.
+
+#include <corosync/cpg.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "redundancy_health/transfer/update_message.h"
+#include "redundancy_health/transport/cpg_message.h"
+
+namespace {
+
+constexpr size_t kKept = 200;           // received messages to replay
+constexpr size_t kMaxKept = 70 * 1024;  // longer ones are cut
+constexpr int kPause = 3;               // ms between messages, so that the daemons have their turn
+
+using Bytes = std::vector<uint8_t>;
+
+std::mt19937 g_random;
+std::vector<Bytes> g_received;
+uint32_t g_exchange_id;  // of the last message received
+uint32_t g_sequence_id;
+unsigned long g_n_received;
+
+uint32_t below(size_t limit) {
+  return static_cast<uint32_t>(g_random() % limit);
+}
+
+Bytes random_bytes(size_t size) {
+  Bytes bytes(size);
+  std::generate(bytes.begin(), bytes.end(), [] { return static_cast<uint8_t>(g_random()); });
+  return bytes;
+}
+
+void on_message(cpg_handle_t, const struct cpg_name*, uint32_t, uint32_t, void* message,
+                size_t size) {
+  const auto* bytes = static_cast<const uint8_t*>(message);
+  ++g_n_received;
+  CpgHeader header;
+  if (size >= sizeof header) {
+    memcpy(&header, bytes, sizeof header);
+    g_exchange_id = header.exchange_id;
+    g_sequence_id = header.sequence_id;
+  }
+  Bytes copy(bytes, bytes + std::min(size, kMaxKept));
+  if (g_received.size() < kKept) {
+    g_received.push_back(std::move(copy));
+  } else {
+    g_received[below(kKept)] = std::move(copy);
+  }
+}
+
+void on_config(cpg_handle_t, const struct cpg_name*, const struct cpg_address*, size_t,
+               const struct cpg_address*, size_t, const struct cpg_address*, size_t) {}
+
+// The ids are mostly those of the exchange that runs.
+Bytes make_message(uint32_t command, const Bytes& payload) {
+  CpgHeader header = {};
+  const Bytes result = random_bytes(sizeof header.result);
+  memcpy(&header.result, result.data(), result.size());
+  header.magic = kCpgMagic;
+  header.command = command;
+  header.flags = below(8);
+  header.exchange_id = below(8) == 0 ? static_cast<uint32_t>(g_random()) : g_exchange_id;
+  header.sequence_id = below(8) == 0 ? static_cast<uint32_t>(g_random()) : g_sequence_id;
+  if (below(2) == 0) header.result.success = 1;
+  Bytes message(sizeof header);
+  memcpy(message.data(), &header, sizeof header);
+  message.insert(message.end(), payload.begin(), payload.end());
+  return message;
+}
+
+std::string hostile_path() {
+  static const std::string paths[] = {"../escaped",
+                                      "/tmp/escaped",
+                                      "a/../../escaped",
+                                      "hostile/./file",
+                                      "hostile",
+                                      "",
+                                      ".",
+                                      "..",
+                                      "hostile/.$SyncDigest$file",
+                                      std::string(255, 'n'),
+                                      "hostile/" + std::string(5000, 'p'),
+                                      "d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/deep",
+                                      "hostile/\x01\x1b[2J\xff"};
+  return paths[below(std::size(paths))];
+}
+
+Bytes hostile_update() {
+  UpdateHeader header = {};
+  header.update_type = below(8);
+  header.marker = 1;
+  header.data_ok = static_cast<uint8_t>(below(2));
+  header.root_index = below(5);
+  header.file_size = below(2) == 0 ? below(100) : 0xFFFFFFFF - below(70000);
+  header.begin_offs = below(2) == 0 ? 0 : 0xFFFFFFFF - below(70000);
+  header.end_offs = header.begin_offs + below(65540);
+  const std::string path = hostile_path();
+  Bytes payload(sizeof header);
+  memcpy(payload.data(), &header, sizeof header);
+  payload.insert(payload.end(), path.c_str(), path.c_str() + path.size() + (below(8) != 0));
+  const Bytes data = random_bytes(below(100));
+  payload.insert(payload.end(), data.begin(), data.end());
+  return make_message(MSG_UPDATE_REQ + below(2), payload);
+}
+
+Bytes hostile_listing() {
+  static const std::string roots[] = {"/mnt/part.persistent/replicated_by_active_em/",
+                                      "/mnt/part.persistent/replicated_by_this_em/",
+                                      "/mnt/part.persistent/replicated_by_other_em/",
+                                      "/var/run/replicated_by_active_em/", "/etc/"};
+  std::string text;
+  if (below(2) == 0) {  // the rename of a listing request
+    text = roots[below(5)] + hostile_path() + '\0' + roots[below(5)] + hostile_path() + '\0';
+    return make_message(MSG_LISTING_REQ, Bytes(text.begin(), text.end()));
+  }
+  for (uint32_t line = below(20); line > 0; --line)
+    text += std::string(1, "APQVB"[below(5)]) + " x 0 " + "1f"[below(2)] + " G " + hostile_path() +
+            std::string(1, '\0');
+  return make_message(MSG_LISTING_ACK, Bytes(text.begin(), text.end()));
+}
+
+Bytes mutated(Bytes message) {
+  for (uint32_t change = below(6); change > 0 && !message.empty(); --change) {
+    const size_t at = below(message.size());
+    switch (below(4)) {
+      case 0:
+        message[at] ^= static_cast<uint8_t>(1 << below(8));
+        break;
+      case 1:
+        message[at] = static_cast<uint8_t>(g_random());
+        break;
+      case 2:
+        message.resize(at);
+        break;
+      default:
+        message.insert(message.begin() + static_cast<ptrdiff_t>(at), 1 + below(9), 0);
+        break;
+    }
+  }
+  return message;
+}
+
+Bytes next_message() {
+  switch (below(g_received.empty() ? 4 : 7)) {
+    case 0:
+      return random_bytes(below(400));
+    case 1:
+      return hostile_update();
+    case 2:
+      return hostile_listing();
+    case 3:
+      return make_message(below(12), random_bytes(below(200)));
+    case 4:
+      return g_received[below(g_received.size())];
+    default:
+      return mutated(g_received[below(g_received.size())]);
+  }
+}
+
+bool join(cpg_handle_t* handle, int* fd) {
+  cpg_model_v1_data_t model = {};
+  model.model = CPG_MODEL_V1;
+  model.cpg_deliver_fn = on_message;
+  model.cpg_confchg_fn = on_config;
+  const cpg_name group = {7, "em-sync"};
+  if (cpg_model_initialize(handle, CPG_MODEL_V1, reinterpret_cast<cpg_model_data_t*>(&model),
+                           nullptr) != CS_OK)
+    return false;
+  cs_error_t rc;
+  while ((rc = cpg_join(*handle, &group)) == CS_ERR_TRY_AGAIN)
+    poll(nullptr, 0, 10);
+  return rc == CS_OK && cpg_fd_get(*handle, fd) == CS_OK;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    fprintf(stderr, "Usage: hostile_member SECONDS SEED\n");
+    return 2;
+  }
+  const time_t end = time(nullptr) + strtol(argv[1], nullptr, 10);
+  g_random.seed(static_cast<uint32_t>(strtoul(argv[2], nullptr, 10)));
+  cpg_handle_t handle;
+  int fd;
+  if (!join(&handle, &fd)) {
+    fprintf(stderr, "Could not join the group\n");
+    return 1;
+  }
+  unsigned long n_sent = 0;
+  while (time(nullptr) < end) {
+    pollfd readable = {fd, POLLIN, 0};
+    poll(&readable, 1, kPause);
+    if (cpg_dispatch(handle, CS_DISPATCH_ALL) != CS_OK) {
+      fprintf(stderr, "Lost the group\n");
+      return 1;
+    }
+    Bytes message = next_message();
+    const iovec piece = {message.data(), message.size()};
+    if (cpg_mcast_joined(handle, CPG_TYPE_AGREED, &piece, 1) == CS_OK) ++n_sent;
+  }
+  cpg_finalize(handle);
+  printf("sent %lu, received %lu\n", n_sent, g_n_received);
+  return 0;
+}
