@@ -4,8 +4,6 @@
 #include <sys/mount.h>
 #include <time.h>
 
-#include <filesystem>
-
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "tests/unit/daemon_support.h"
@@ -58,29 +56,20 @@ TEST_F(LogTest, PrefixNamesTimeProcessThreadFunctionAndLine) {
   const time_t after = time(nullptr);
 
   const std::string text = read_file(kLogFile);
-  const size_t second = text.find('\n') + 1;
-  long long stamp;
-  int pid, line, end = -1;
-  EXPECT_EQ(sscanf(text.c_str(), "%10lld (%5d-cleanup_thread) log_one_line:%d: |from a thread%n",
-                   &stamp, &pid, &line, &end),
-            3)
-      << text;
-  EXPECT_EQ(end, static_cast<int>(second) - 1);
-  EXPECT_EQ(pid, getpid());
+  const long long stamp = std::stoll(text);
   EXPECT_LE(before, stamp);
   EXPECT_LE(stamp, after);
-
-  char process_and_place[200];
-  char thread_name[50];
-  GetThreadName(thread_name, sizeof(thread_name));
-  snprintf(process_and_place, sizeof(process_and_place), " (%5d-%s) some_function:4711: |text 5",
-           getpid(), thread_name);
-  const std::string file_line = text.substr(second);
-  EXPECT_EQ(file_line.substr(10), std::string(process_and_place) + "\n");
+  char first_line[100];
+  const int length = snprintf(first_line, sizeof(first_line), "%10lld (%5d-cleanup_thread) ", stamp,
+                              static_cast<int>(getpid()));
+  EXPECT_EQ(text.substr(0, static_cast<size_t>(length)), first_line);
+  EXPECT_NE(text.find(") log_one_line:"), std::string::npos);
+  EXPECT_NE(text.find(": |from a thread\n"), std::string::npos);
+  const std::string second_line = text.substr(text.find('\n') + 1);
+  EXPECT_EQ(second_line.substr(second_line.find(')')), ") some_function:4711: |text 5\n");
   EXPECT_EQ(SIMPLEQ_NEXT(SIMPLEQ_FIRST(&g_flight_recorder.entries), next)->text + std::string("\n"),
-            file_line);
-  EXPECT_EQ(logged(6), Lines({"|from a thread"}));
-  EXPECT_EQ(logged(7), Lines()) << "private_log writes to the platform log only when it dumps";
+            second_line);
+  EXPECT_EQ(logged(-1), Lines({"|from a thread"})) << "private_log is not for the platform log";
 }
 
 TEST_F(LogTest, OneOldFileIsKept) {
@@ -108,32 +97,24 @@ TEST_F(LogTest, OneOldFileIsKept) {
 }
 
 TEST_F(LogTest, AFileThatCannotBeWrittenLosesTheLineAndKeepsErrno) {
-  const struct {
-    const char* what;
-    void (*prepare)();
-    bool recorded;
-  } cases[] = {
-      {"it cannot be looked at", [] { EXPECT_EQ(symlink(kLogFile, kLogFile), 0); }, false},
-      {"it cannot be renamed",
-       [] {
-         write_file(kLogFile, std::string(2000, 'x'));
-         mkdir(kOldLogFile, 0755);
-       },
-       false},
-      {"it cannot be opened", [] { mkdir(kLogFile, 0755); }, true},
-  };
   g_diag_params.max_log_size = 1000;
-  for (const auto& c : cases) {
-    std::filesystem::remove_all(kLogFile);
-    std::filesystem::remove_all(kOldLogFile);
-    empty_flight_recorder();
-    c.prepare();
+  const auto log_with_errno = [](const char* text) {
     errno = ENOTTY;
-    LOG(4, "|%s", c.what);
-    EXPECT_EQ(errno, ENOTTY) << c.what;
-    EXPECT_EQ(recorded(), c.recorded ? Lines({std::string("|") + c.what}) : Lines()) << c.what;
-    EXPECT_TRUE(has_logged(std::string("|") + c.what));
-  }
+    LOG(4, "|%s", text);
+    EXPECT_EQ(errno, ENOTTY) << text;
+  };
+  ASSERT_EQ(symlink(kLogFile, kLogFile), 0);
+  log_with_errno("it cannot be looked at");
+  unlink(kLogFile);
+  write_file(kLogFile, std::string(2000, 'x'));
+  mkdir(kOldLogFile, 0755);
+  log_with_errno("it cannot be renamed");
+  unlink(kLogFile);
+  EXPECT_EQ(recorded(), Lines());
+  mkdir(kLogFile, 0755);
+  log_with_errno("it cannot be opened");
+  EXPECT_EQ(recorded(), Lines({"|it cannot be opened"}));
+  EXPECT_EQ(logged(4).size(), 3u) << "the platform log has them all";
 }
 
 TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
@@ -204,21 +185,14 @@ TEST_F(LogTest, LinesThatThePlatformDropsAreStillRecorded) {
   EXPECT_EQ(logged(-1), Lines({"|platform only"}));
 }
 
-TEST_F(LogTest, UptimeIsThatOfTheSystem) {
-  timespec now;
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  const int32_t before = static_cast<int32_t>(now.tv_sec);
-  const int32_t uptime = get_uptime();
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  EXPECT_LE(before, uptime);
-  EXPECT_LE(uptime, static_cast<int32_t>(now.tv_sec) + 1) << "sysinfo rounds up";
+TEST_F(LogTest, UptimeIsUnknownWithoutSysinfo) {
+  EXPECT_GT(get_uptime(), 0);
   EXPECT_EXIT(
       {
         dup2(STDERR_FILENO, STDOUT_FILENO);
-        // The third argument is what the register holds, so let every value fail.
         _exit(fail_system_call(SYS_sysinfo, kAnyArgument, EPERM) && get_uptime() == -1 ? 0 : 1);
       },
-      testing::ExitedWithCode(0), literally("Call to sysinfo() failed: Operation not permitted\n"));
+      testing::ExitedWithCode(0), "Call to sysinfo\\(\\) failed: Operation not permitted\n");
 }
 
 }  // namespace

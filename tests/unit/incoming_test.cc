@@ -223,9 +223,6 @@ TEST_F(IncomingTest, APullIsAnsweredInThisEmsNumbering) {
   expect_answer(update(1, 1, "f", 8, 10, 10, "89", kRestricted));
   EXPECT_EQ(logged(-1)[0],
             "SYNC pulling file '" + tree_path(1, "f") + "' -> '" + tree_path(2, "f") + "'");
-  receive(update(0, 2, "f", 8, 11, 5));
-  expect_answer(update(1, 1, "f", 8, 11, 0, std::string(3, '\0'), kNoData),
-                "Could not read file (No data available): " + tree_path(1, "f"));
 }
 
 TEST_F(IncomingTest, Deletions) {
