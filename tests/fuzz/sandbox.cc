@@ -116,6 +116,18 @@ void plant_trees() {
   free_file_list(&list);
 }
 
+// Not instrumented, and no library call: the fuzzer would learn the text from the comparison.
+__attribute__((no_sanitize("coverage"))) bool carries_secret(const std::string& payload) {
+  constexpr size_t length = sizeof kSecret - 1;
+  for (size_t at = 0; at + length <= payload.size(); ++at) {
+    size_t same = 0;
+    while (same < length && payload[at + same] == kSecret[same])
+      ++same;
+    if (same == length) return true;
+  }
+  return false;
+}
+
 // Keeps `directory` as the one writable place of the disk.
 bool enter_namespace(const char* directory) {
   if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
@@ -186,7 +198,7 @@ void start_run(bool active) {
 void end_run() {
   free_file_list(&g_context.update_queue);
   for (const SentMessage& message : g_cpg.sent) {
-    if (message.payload.find(kSecret) == std::string::npos) continue;
+    if (!carries_secret(message.payload)) continue;
     fprintf(stderr, "A message carries bytes from outside the roots\n");
     abort();
   }

@@ -128,8 +128,11 @@ void write_rpc_seeds() {
   const std::string zero(1, '\0');
   const std::string root = root_paths[kThisEmRoot];
   const std::string messages[] = {
-      zero + zero, zero + root + "small" + zero, root + "small" + zero + root + "dir/new" + zero,
+      zero + zero,
+      zero + root + "small" + zero,
+      root + "small" + zero + root + "dir/new" + zero,
       root + "dir/deep" + zero + root_paths[kActivePersistentRoot] + "moved" + zero,
+      root + zero + root_paths[kOtherEmRoot] + "moved" + zero,
       root + "link/file" + zero + root_paths[kActiveVolatileRoot] + "link/new" + zero};
   for (const std::string& message : messages) {
     for (char mode : {'\0', '\2', '\3'})
