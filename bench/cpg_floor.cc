@@ -1,8 +1,10 @@
-// The floor under an exchange: the same number of group messages with the same sizes and answers,
-// and nothing else. One process answers, the other asks:
+// The floor under an exchange: the same group messages with the same sizes and answers, and nothing
+// else. One process answers, the other asks:
 //   cpg_floor answer
-//   cpg_floor ask COUNT REQUEST_SIZE ANSWER_SIZE
-// The asking one prints the seconds that it took and tells the answering one to end.
+//   cpg_floor ask ROUNDS < script
+// Each line of the script is "COUNT REQUEST_SIZE ANSWER_SIZE" in bytes, headers included; answer
+// size 0 waits for the own message to be delivered back. The asking one prints the seconds of every
+// round and tells the answering one to end.
 
 #include <corosync/cpg.h>
 #include <poll.h>
@@ -32,6 +34,8 @@ struct Head {
 cpg_handle_t g_handle;
 size_t g_members = 0;
 uint32_t g_answers = 0;
+uint32_t g_own = 0;  // own requests delivered back
+uint32_t g_nodeid = 0;
 uint32_t g_wanted_answer = 0;  // size of an answer to send
 bool g_end = false;
 
@@ -54,10 +58,15 @@ void send(uint32_t kind, size_t size, uint32_t answer_size) {
   if (rc != CS_OK) fail("cpg_mcast_joined", rc);
 }
 
-void on_message(cpg_handle_t, const struct cpg_name*, uint32_t, uint32_t, void* message, size_t) {
+void on_message(cpg_handle_t, const struct cpg_name*, uint32_t nodeid, uint32_t, void* message,
+                size_t) {
   Head head;
   memcpy(&head, message, sizeof(head));
-  if (head.kind == kRequest) g_wanted_answer = head.answer_size;
+  if (head.kind == kRequest && nodeid == g_nodeid) {
+    ++g_own;
+  } else if (head.kind == kRequest) {
+    g_wanted_answer = head.answer_size;
+  }
   if (head.kind == kAnswer) ++g_answers;
   if (head.kind == kEnd) g_end = true;
 }
@@ -85,20 +94,51 @@ void answer(int fd) {
   }
 }
 
-void ask(int fd, uint32_t count, size_t request_size, uint32_t answer_size) {
-  while (g_members < 2)
-    dispatch(fd);
-  struct timespec begin;
-  struct timespec end;
-  clock_gettime(CLOCK_MONOTONIC, &begin);
-  for (uint32_t i = 0; i < count; ++i) {
-    send(kRequest, request_size, answer_size);
-    while (g_answers <= i)
+struct Step {
+  uint32_t count;
+  size_t request_size;
+  uint32_t answer_size;
+};
+
+std::vector<Step> read_script() {
+  std::vector<Step> script;
+  Step step;
+  while (scanf("%u %zu %u", &step.count, &step.request_size, &step.answer_size) == 3) {
+    if (step.request_size < kHeaderSize ||
+        (step.answer_size != 0 && step.answer_size < kHeaderSize)) {
+      fail("a size below the header's", 0);
+    }
+    script.push_back(step);
+  }
+  return script;
+}
+
+void run_step(int fd, const Step& step) {
+  for (uint32_t i = 0; i < step.count; ++i) {
+    const uint32_t& seen = step.answer_size != 0 ? g_answers : g_own;
+    const uint32_t before = seen;
+    send(kRequest, step.request_size, step.answer_size);
+    while (seen == before)
       dispatch(fd);
   }
-  clock_gettime(CLOCK_MONOTONIC, &end);
-  printf("%.6f\n", static_cast<double>(end.tv_sec - begin.tv_sec) +
-                       static_cast<double>(end.tv_nsec - begin.tv_nsec) / 1e9);
+}
+
+double now() {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+void ask(int fd, int rounds) {
+  const std::vector<Step> script = read_script();
+  while (g_members < 2)
+    dispatch(fd);
+  for (int round = 0; round < rounds; ++round) {
+    const double begin = now();
+    for (const Step& step : script)
+      run_step(fd, step);
+    printf("%.6f\n", now() - begin);
+  }
   send(kEnd, kHeaderSize, 0);
   while (!g_end)
     dispatch(fd);
@@ -120,11 +160,11 @@ void run(int argc, char** argv) {
   if (rc != CS_OK) fail("cpg_join", rc);
   int fd;
   cpg_fd_get(g_handle, &fd);
+  cpg_local_get(g_handle, &g_nodeid);
   if (argc == 2) {
     answer(fd);
   } else {
-    ask(fd, static_cast<uint32_t>(atoi(argv[2])), static_cast<size_t>(atoi(argv[3])),
-        static_cast<uint32_t>(atoi(argv[4])));
+    ask(fd, atoi(argv[2]));
   }
   cpg_finalize(g_handle);
 }
@@ -144,10 +184,9 @@ void* run_thread(void* argument) {
 
 int main(int argc, char** argv) {
   const bool answers = argc == 2 && strcmp(argv[1], "answer") == 0;
-  const bool asks =
-      argc == 5 && strcmp(argv[1], "ask") == 0 && atoi(argv[3]) >= 148 && (atoi(argv[4]) >= 148);
+  const bool asks = argc == 3 && strcmp(argv[1], "ask") == 0 && atoi(argv[2]) > 0;
   if (!answers && !asks) {
-    fprintf(stderr, "usage: cpg_floor answer | ask COUNT REQUEST_SIZE ANSWER_SIZE\n");
+    fprintf(stderr, "usage: cpg_floor answer | ask ROUNDS < script\n");
     return 2;
   }
   pthread_attr_t attributes;
