@@ -27,7 +27,7 @@ uint32_t root_of_path(const char* path) {
     const char* rest = path + length;
     while (*rest == '/')
       ++rest;
-    return relative_path_is_confined(rest) ? root_index : kRootCount;
+    return *rest != '\0' && relative_path_is_confined(rest) ? root_index : kRootCount;
   }
   return kRootCount;
 }

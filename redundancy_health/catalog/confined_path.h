@@ -13,8 +13,8 @@
 // passes.
 bool relative_path_is_confined(const char* relative_path);
 
-// Finds the root an absolute path lies in, as text: its index, or kRootCount when it lies in none
-// or has a ".." component.
+// Finds the root below which an absolute path lies, as text: its index, or kRootCount when it lies
+// below none, is a root itself or has a ".." component.
 uint32_t root_of_path(const char* path);
 
 // Returns 0 when no existing directory between the root and the last component of `path` is a

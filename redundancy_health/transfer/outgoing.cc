@@ -100,7 +100,7 @@ void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* l
   if (result != nullptr) msg_result = *result;
   LOG(7, "Send %s %s", update_type_name(entry->update_type), entry->relative_path);
 
-  CHECK_TRUE(entry->update_type < PUSH_NOP);
+  if (entry->update_type >= PUSH_NOP) CHECK_TRUE(false);  // the queue holds no such entry
   const size_t read_size =
       carries_data(entry->update_type) ? entry->end_offs - entry->begin_offs : 0;
   CHECK_TRUE(read_size <= sizeof(ctx->data_chunk_buf));

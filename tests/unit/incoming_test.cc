@@ -260,19 +260,22 @@ TEST_F(IncomingTest, Deletions) {
   EXPECT_TRUE(exists(tree_path(2, "real/f")));
 }
 
-// Updates arrive before deletions, so what is to be deleted may have made way already.
+// Updates arrive before deletions: the new file stands, and the deletion of what made way for it is
+// answered like that of any path that names no file; the next comparison finds nothing left to do.
 TEST_F(IncomingTest, FilesAndDirectoriesTakeEachOthersPlace) {
   make_file(0, "was dir/f", "old");
   receive(push(0, "was dir", "new"));
   expect_answer(push_answer(0, "was dir"));
   receive(update(4, 0, "was dir/f", 0, 0, 0));
-  expect_answer(update(5, 0, "was dir/f", 0, 0, 0));
+  expect_answer(update(5, 0, "was dir/f", 0, 0, 0),
+                "Unable to delete file (Not a directory): " + tree_path(0, "was dir/f"));
 
   make_file(0, "was file", "old");
   receive(push(0, "was file/d/f", "new"));
   expect_answer(push_answer(0, "was file/d/f"));
   receive(update(4, 0, "was file", 0, 0, 0));
-  expect_answer(update(5, 0, "was file", 0, 0, 0));
+  expect_answer(update(5, 0, "was file", 0, 0, 0),
+                "Unable to delete file (Is a directory): " + tree_path(0, "was file"));
   EXPECT_EQ(read_file(tree_path(0, "was dir")) + read_file(tree_path(0, "was file/d/f")), "newnew");
 }
 
