@@ -85,7 +85,7 @@ TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
     EXPECT_EQ(runs, std::vector<int>({c.first_run, c.first_run + c.second_run}))
         << (c.initial != nullptr ? c.initial : "unset");
   }
-  EXPECT_EQ(logged(3).front(), "Could not run temp file cleanup script: rc=127");
+  EXPECT_EQ(logged(3).at(0), "Could not run temp file cleanup script: rc=127");
   EXPECT_EQ(g_flight_recorder.paused, 0) << "no reason to dump the flight recorder";
 }
 

@@ -153,12 +153,12 @@ TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
 TEST_F(LogTest, KeepsTheNewestLines) {
   for (int i = 0; i < 501; ++i)
     LOG(7, "|%d", i);
-  EXPECT_EQ(recorded().front(), "|1");
-  EXPECT_EQ(recorded().back(), "|500");
+  EXPECT_EQ(recorded().at(0), "|1");
+  EXPECT_EQ(recorded().at(499), "|500");
   g_flight_recorder.max_entries = 10;
   EXPECT_EQ(g_flight_recorder.count, 500u);
   LOG(7, "|501");
-  EXPECT_EQ(recorded().front(), "|492");
+  EXPECT_EQ(recorded().at(0), "|492");
   EXPECT_EQ(recorded().size(), 10u);
   g_flight_recorder.max_entries = 0;
   LOG(7, "|502");

@@ -135,7 +135,7 @@ TEST_F(IncomingTest, PushedFilesAndChunks) {
     expect_answer(push_answer(c.root, c.path));
   }
   EXPECT_EQ(names_in(tree_path(0, "a/b")), std::set<std::string>({"c"}));
-  EXPECT_EQ(logged(-1)[0],
+  EXPECT_EQ(logged(-1).at(0),
             "SYNC updating chunk atomic=1 size=4 offs=0x0 '" + tree_path(0, "a/b/c") + "'");
   EXPECT_TRUE(
       has_logged("SYNC updating chunk atomic=0 size=3 offs=0x10 '" + tree_path(0, "g") + "'"));
@@ -184,8 +184,8 @@ TEST_F(IncomingTest, AStaleDigestFileThatStaysIsOnlyLogged) {
   ASSERT_EQ(mkdir(tree_path(0, ".$SyncDigest$f").c_str(), 0755), 0);
   receive(push(0, "f", "data"));
   expect_answer(push_answer(0, "f"));
-  EXPECT_EQ(logged(3)[0], "Could not remove stale digest file '" + tree_path(0, ".$SyncDigest$f") +
-                              "': Is a directory");
+  EXPECT_EQ(logged(3).at(0), "Could not remove stale digest file '" +
+                                 tree_path(0, ".$SyncDigest$f") + "': Is a directory");
   EXPECT_EQ(read_file(tree_path(0, "f")), "data");
 }
 
@@ -213,7 +213,7 @@ TEST_F(IncomingTest, APulledChunkIsNotAnswered) {
       "Unable to update file (Numerical argument out of domain): " + tree_path(2, "d/f");
   EXPECT_EQ(ctx->cpg_result.reason, reason);
   EXPECT_EQ(ctx->cpg_result.canceled, 1);
-  EXPECT_EQ(logged(3)[0], reason);
+  EXPECT_EQ(logged(3).at(0), reason);
   EXPECT_EQ(g_cpg.sent.size(), 0u);
 }
 
@@ -221,7 +221,7 @@ TEST_F(IncomingTest, APullIsAnsweredInThisEmsNumbering) {
   make_file(1, "f", "0123456789", 0600);
   receive(update(0, 2, "f", 8, 10, 5));
   expect_answer(update(1, 1, "f", 8, 10, 10, "89", kRestricted));
-  EXPECT_EQ(logged(-1)[0],
+  EXPECT_EQ(logged(-1).at(0),
             "SYNC pulling file '" + tree_path(1, "f") + "' -> '" + tree_path(2, "f") + "'");
 }
 

@@ -66,7 +66,7 @@ TEST_F(OutgoingTest, MessagesAreTheirBytes) {
     const bool answer = type % 2 == 1;
     send(type, 1, "d/f", 2, 6, 0x12345678, true);
     ASSERT_EQ(g_cpg.sent.size(), type + 1);
-    const auto& [header, payload] = g_cpg.sent.back();
+    const auto& [header, payload] = g_cpg.sent.at(g_cpg.sent.size() - 1);
     std::string bytes;
     for (int i = 0; i < 64; i += 2)
       bytes += static_cast<char>(std::stoi(std::string(c.header + i, 2), nullptr, 16));
@@ -117,7 +117,7 @@ TEST_F(OutgoingTest, WhatCannotBeReadIsSentWithoutData) {
       reset_cpg_result(ctx);
       g_flight_recorder.paused = 0;
       send(type, 2, c.path, 5, 11, 99, true);
-      const SentMessage& message = g_cpg.sent.back();
+      const SentMessage& message = g_cpg.sent.at(g_cpg.sent.size() - 1);
       EXPECT_EQ(message.payload,
                 update(type, 2, c.path, 5, 11, 99, std::string(6, '\0'), kRestricted | kNoData));
       const std::string reason =
@@ -136,14 +136,15 @@ TEST_F(OutgoingTest, AGivenFailureTravelsAndStays) {
   RpcResult failure;
   storage_cfg_set_result(&failure, 20, "no room");
   send(PUSH_ACK, 1, "f", 0, 1, 1, false, &failure);
-  EXPECT_EQ(memcmp(&g_cpg.sent.back().header.result, &failure, sizeof(failure)), 0);
+  EXPECT_EQ(memcmp(&g_cpg.sent.at(g_cpg.sent.size() - 1).header.result, &failure, sizeof(failure)),
+            0);
   EXPECT_EQ(memcmp(&ctx->cpg_result, &failure, sizeof(failure)), 0);
 }
 
 TEST_F(OutgoingTest, AChunkHasItsBound) {
   make_file(0, "f", std::string(70000, 'x'));
   send(PUSH_REQ, 0, "f", 0, 65536);
-  EXPECT_EQ(g_cpg.sent.back().payload.size(), 32u + 2 + 65536);
+  EXPECT_EQ(g_cpg.sent.at(g_cpg.sent.size() - 1).payload.size(), 32u + 2 + 65536);
   send(PULL_REQ, 0, "f", 0, 65537);  // carries no data
   EXPECT_EQ(ctx->cpg_result.success, 1);
   const char text[] = "EXCEPTION: read_size <= sizeof(ctx->data_chunk_buf) = 0";
@@ -179,7 +180,7 @@ TEST_F(OutgoingTest, StandbyDoesNotWriteTheActiveTrees) {
   queue(PUSH_DEL_REQ, 1, "b");
   queue(PUSH_DEL_REQ, 3, "e");
   update_next_chunk(ctx);
-  EXPECT_EQ(g_cpg.sent.back().payload, update(4, 1, "b", 0, 0, 0));
+  EXPECT_EQ(g_cpg.sent.at(g_cpg.sent.size() - 1).payload, update(4, 1, "b", 0, 0, 0));
   update_next_chunk(ctx);
   EXPECT_EQ(sent_messages(), Texts({"MSG_UPDATE_REQ 17.1", "MSG_LOCK_REL 17.1"}));
   EXPECT_EQ(ctx->cur_state, ST_DONE);
