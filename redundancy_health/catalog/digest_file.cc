@@ -103,7 +103,7 @@ FileEntry* parse_chunk_line(const char* line, const ScannedFile& data) {
   char newline[2];
   if (sscanf(line, "%40s %x %x%1[\n]", chunk->digest, &chunk->begin_offs, &chunk->end_offs,
              newline) < 4 ||
-      chunk->end_offs - chunk->begin_offs > kChunkSize) {
+      !chunk_span_is_valid(chunk->begin_offs, chunk->end_offs)) {
     free_file_entry(chunk);
     return nullptr;
   }

@@ -102,6 +102,10 @@ int compare_file_entries(const void* a, const void* b) {
   return left->is_local ? -1 : 1;
 }
 
+bool chunk_span_is_valid(uint32_t begin_offs, uint32_t end_offs) {
+  return begin_offs <= end_offs && end_offs - begin_offs <= kChunkSize;
+}
+
 bool mode_is_restricted(uint32_t mode) {
   return (mode & 0644) != 0644;
 }

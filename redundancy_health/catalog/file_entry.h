@@ -65,6 +65,9 @@ void free_file_list(FileEntry** list);
 // qsort(3) order of FileEntry pointers: root, relative path, listing line, local before peer.
 int compare_file_entries(const void* a, const void* b);
 
+// True for a span of at most kChunkSize bytes whose end is not below its begin.
+bool chunk_span_is_valid(uint32_t begin_offs, uint32_t end_offs);
+
 // True when a mode lacks any of 0644 (rw-r--r--).
 bool mode_is_restricted(uint32_t mode);
 

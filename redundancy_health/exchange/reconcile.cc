@@ -31,7 +31,7 @@ FileEntry* parse_listing_line(const char* line) {
   unsigned end_offs = 0;
   (void)sscanf(line, "%c %*s %x %x %*s %n", &tag, &begin_offs, &end_offs, &position);
   const uint32_t root_index = tag_root_index(tag);
-  if (root_index == kRootCount || position == -1 || end_offs - begin_offs > kChunkSize) {
+  if (root_index == kRootCount || position == -1 || !chunk_span_is_valid(begin_offs, end_offs)) {
     return nullptr;
   }
   const char* relative_path = line + position;

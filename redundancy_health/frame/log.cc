@@ -1,5 +1,6 @@
 #include "redundancy_health/frame/log.h"
 
+#include <fcntl.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -37,8 +38,15 @@ bool make_room_in_log_file(uint32_t max_log_size) {
 }
 
 void append_to_log_file(const char* prefix, const char* message) {
-  FILE* f = fopen(kLogFile, "ae");
-  if (f == nullptr) return;
+  // Anybody can plant a link or a FIFO in /tmp.
+  const int fd =
+      open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return;
+  FILE* f = fdopen(fd, "a");
+  if (f == nullptr) {
+    close(fd);
+    return;
+  }
   fprintf(f, "%s%s\n", prefix, message);
   CHECK_CLOSE(fclose(f));
 }

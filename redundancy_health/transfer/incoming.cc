@@ -219,7 +219,7 @@ void on_update_chunk(SyncContext* ctx, const uint8_t* payload, uint32_t payload_
     end_exchange_error(ctx, "Received malformed UPDATE_REQ message");
     return;
   }
-  if (update.header.end_offs - update.header.begin_offs > kChunkSize) {
+  if (!chunk_span_is_valid(update.header.begin_offs, update.header.end_offs)) {
     end_exchange_error(ctx, "Chunk size in request header too large");
     return;
   }

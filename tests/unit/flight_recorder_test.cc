@@ -117,6 +117,19 @@ TEST_F(LogTest, AFileThatCannotBeWrittenLosesTheLineAndKeepsErrno) {
   EXPECT_EQ(logged(4).size(), 3u) << "the platform log has them all";
 }
 
+// Anybody may put something in /tmp before the daemon does.
+TEST_F(LogTest, WhatIsPlantedAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) {
+  g_diag_params.max_log_size = 1000;
+  write_file("/tmp/elsewhere", "kept");
+  ASSERT_EQ(symlink("/tmp/elsewhere", kLogFile), 0);
+  LOG(4, "|through a link");
+  EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
+  unlink(kLogFile);
+  ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
+  LOG(4, "|into a FIFO");
+  EXPECT_EQ(recorded(), Lines({"|through a link", "|into a FIFO"}));
+}
+
 TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
   const struct {
     int level;

@@ -75,6 +75,7 @@ TEST_F(IncomingTest, MalformedMessagesEndTheExchangeAndTouchNothing) {
       {update(0, 0, "kept", 0, 65537, 0), too_large},
       {update(4, 0, "kept", 1, 0, 0), too_large},
       {update(2, 0, "kept", 0xFFFFFFFF, 0x10000, 0), too_large},
+      {update(2, 0, "kept", 0xFFFFFFFF, 0xFFFF, 0), too_large},
   };
   for (const auto& c : cases) {
     ctx->cur_state = ST_PEERLOCK;
