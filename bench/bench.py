@@ -241,7 +241,7 @@ def row(name: str, ours: list[float], theirs: list[float], unit: str, reach: flo
 
 def sha1(bench: Bench) -> list[Row]:
     lines = subprocess.run([bench.build / "scan_rate", "128" if bench.quick else "1024",
-                            str(bench.runs(9, 2))], capture_output=True, text=True,
+                            str(bench.runs(9, 2))], cwd=bench.build, capture_output=True, text=True,
                            check=True).stdout.splitlines()
     rates = [(float(words[1]), float(words[4])) for words in map(str.split, lines)]
     return [row("SHA-1 of a cold tree of large files", [scan for scan, _ in rates],

@@ -230,10 +230,11 @@ DigestWriter start_digest_file(const ScannedFile& data) {
 
 void append_digest_line(DigestWriter* writer, const FileEntry* chunk) {
   if (writer->file == nullptr || writer->error != 0) return;
-  if (fprintf(writer->file, "%s %08x %08x\n", chunk->digest, chunk->begin_offs, chunk->end_offs) <
-      0) {
-    writer->error = errno;
-  }
+  char line[kChunkFieldsSize + 1];
+  char* end = put_chunk_fields(line, chunk);
+  *end++ = '\n';
+  const auto size = static_cast<size_t>(end - line);
+  if (fwrite(line, 1, size, writer->file) != size) writer->error = errno;
 }
 
 void finish_digest_file(SyncContext* ctx, const ScannedFile& data, DigestWriter* writer) {

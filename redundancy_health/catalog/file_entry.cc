@@ -6,6 +6,16 @@
 
 #include "redundancy_health/frame/check.h"
 
+namespace {
+
+char* put_hex8(char* out, uint32_t value) {
+  for (int shift = 28; shift >= 0; shift -= 4)
+    *out++ = "0123456789abcdef"[value >> shift & 15];
+  return out;
+}
+
+}  // namespace
+
 const char* const root_paths[kRootCount] = {
     "/mnt/part.persistent/replicated_by_active_em/",
     "/mnt/part.persistent/replicated_by_this_em/",
@@ -65,11 +75,31 @@ FileEntry* new_file_entry(uint32_t root_index, const char* dir_path, const char*
   return entry;
 }
 
+char* put_chunk_fields(char* out, const FileEntry* chunk) {
+  out = stpcpy(out, chunk->digest);
+  *out++ = ' ';
+  out = put_hex8(out, chunk->begin_offs);
+  *out++ = ' ';
+  return put_hex8(out, chunk->end_offs);
+}
+
 int compute_xmit_line(FileEntry* entry, char tag) {
   CHECK_TRUE(NULL == entry->xmit_line);
-  const int r =
-      asprintf(&entry->xmit_line, "%c %s %08x %08x %c %s", tag, entry->digest, entry->begin_offs,
-               entry->end_offs, entry->restricted ? 'P' : 'G', entry->relative_path);
+  // Formatted by hand: one line a chunk is what a scan of small files consists of.
+  constexpr size_t head_size = sizeof("T ") + kChunkFieldsSize + sizeof(" P ");
+  entry->xmit_line = static_cast<char*>(malloc(head_size + strlen(entry->relative_path)));
+  int r = -1;
+  if (entry->xmit_line != nullptr) {
+    char* p = entry->xmit_line;
+    *p++ = tag;
+    *p++ = ' ';
+    p = put_chunk_fields(p, entry);
+    *p++ = ' ';
+    *p++ = entry->restricted ? 'P' : 'G';
+    *p++ = ' ';
+    p = stpcpy(p, entry->relative_path);
+    r = static_cast<int>(p - entry->xmit_line);
+  }
   CHECK_TRUE(r > 0);
   return r;
 }

@@ -1,6 +1,7 @@
 #ifndef CATALOG_FILE_ENTRY_H_
 #define CATALOG_FILE_ENTRY_H_
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "redundancy_health/frame/sync_context.h"
@@ -51,6 +52,11 @@ struct FileEntry {
 // Makes a local entry for `dir_path`/`name`, or for the absolute path `name` when `dir_path` is
 // null. The path must lie below the root `root_index`; anything else aborts. The caller owns it.
 FileEntry* new_file_entry(uint32_t root_index, const char* dir_path, const char* name);
+
+// Writes "digest begin end", the offsets as 8 hexadecimal digits each, without a NUL, and returns
+// the end: at most kChunkFieldsSize bytes.
+char* put_chunk_fields(char* out, const FileEntry* chunk);
+constexpr size_t kChunkFieldsSize = 40 + 9 + 9;
 
 // Formats the listing line "tag digest begin end permission path" into entry->xmit_line, which
 // must be null. Returns the line's length.
