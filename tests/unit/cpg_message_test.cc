@@ -211,13 +211,3 @@ TEST_F(CpgMessageTest, AcceptsOnlyMessagesOfTheProtocol) {
     EXPECT_EQ(sent_messages(), std::vector<std::string>{"MSG_LOCK_REL 16909060.5"});
   }
 }
-
-TEST(SyncCommandNameTest, NamesEveryCommand) {
-  const char* const names[] = {"MSG_LOCK_REQ",    "MSG_LOCK_REL",   "MSG_LISTING_REQ",
-                               "MSG_LISTING_ACK", "MSG_UPDATE_REQ", "MSG_UPDATE_ACK",
-                               "ON_SYNC_REQ",     "ON_TIMEOUT",     "ON_CPG_JOINED",
-                               "ON_CPG_LEFT",     "MSG_???"};
-  for (uint32_t command = 0; command <= 10; ++command)
-    EXPECT_STREQ(sync_command_name(command), names[command]);
-  EXPECT_STREQ(sync_command_name(0xFFFFFFFF), "MSG_???");
-}

@@ -165,6 +165,7 @@ TEST_F(ReconcileTest, AnInvalidLineIsDroppedAndNothingIsDeletedHere) {
                                  "A " ABC " 00000002 00000001 G f",
                                  "A " ABC " 00000000 00010001 G f",
                                  "A " ABC " 00000000 ffffffff G f",
+                                 "A " ABC " fffffff0 00000005 G f",
                                  "A " ABC " x 00000003 G f",
                                  "A " ABC " 00000000 00000003 G",
                                  "A " ABC " 00000000 00000003 G ",
