@@ -6,6 +6,8 @@
 #include "redundancy_health/frame/flight_recorder.h"
 #include "tests/unit/daemon_support.h"
 
+using std::string_literals::operator""s;
+
 namespace {
 
 std::string bytes_of(const void* data, size_t size) {
@@ -32,33 +34,28 @@ class CpgMessageTest : public DaemonTest {
 }  // namespace
 
 TEST_F(CpgMessageTest, EveryCommandGoesOutAsItsBytes) {
-  struct {
-    uint32_t command;
-    uint32_t flags;
-    const char* fields;  // the 16 bytes after the magic
-    const char* log_line;
-  } const rows[] = {
-      {MSG_LOCK_REQ, 0, "\0\0\0\0\0\0\0\0\x04\x03\x02\x01\x05\0\0\0",
-       "Send CPG msg: MSG_LOCK_REQ     xid=16909060 sid=5 payload-len=9"},
-      {MSG_LOCK_REL, FLAG_NO_END, "\x01\0\0\0\x02\0\0\0\x04\x03\x02\x01\x05\0\0\0",
-       "Send CPG msg: MSG_LOCK_REL     xid=16909060 sid=5 payload-len=9"},
-      {MSG_LISTING_REQ, 0, "\x02\0\0\0\0\0\0\0\x04\x03\x02\x01\x05\0\0\0",
-       "Send CPG msg: MSG_LISTING_REQ  xid=16909060 sid=5 payload-len=9"},
-      {MSG_LISTING_ACK, FLAG_PEER_EXCHANGE, "\x03\0\0\0\x01\0\0\0\xFE\xFF\xFF\xFF\x07\0\0\0",
-       "Send CPG msg: MSG_LISTING_ACK  xid=4294967294 sid=7 payload-len=9"},
-      {MSG_UPDATE_REQ, 0, "\x04\0\0\0\0\0\0\0\x04\x03\x02\x01\x05\0\0\0",
-       "Send CPG msg: MSG_UPDATE_REQ   xid=16909060 sid=5 payload-len=9"},
-      {MSG_UPDATE_ACK, FLAG_PEER_EXCHANGE, "\x05\0\0\0\x01\0\0\0\xFE\xFF\xFF\xFF\x07\0\0\0",
-       "Send CPG msg: MSG_UPDATE_ACK   xid=4294967294 sid=7 payload-len=9"},
-  };
+  // The 12 bytes behind the command.
+  const char own[] = "\0\0\0\0\x04\x03\x02\x01\x05\0\0\0";
+  const char no_end[] = "\x02\0\0\0\x04\x03\x02\x01\x05\0\0\0";
+  const char reply[] = "\x01\0\0\0\xFE\xFF\xFF\xFF\x07\0\0\0";
+  const struct {
+    uint32_t command, flags;
+    const char* fields;
+    const char* line;
+  } rows[] = {{MSG_LOCK_REQ, 0, own, "MSG_LOCK_REQ     xid=16909060 sid=5"},
+              {MSG_LOCK_REL, FLAG_NO_END, no_end, "MSG_LOCK_REL     xid=16909060 sid=5"},
+              {MSG_LISTING_REQ, 0, own, "MSG_LISTING_REQ  xid=16909060 sid=5"},
+              {MSG_LISTING_ACK, FLAG_PEER_EXCHANGE, reply, "MSG_LISTING_ACK  xid=4294967294 sid=7"},
+              {MSG_UPDATE_REQ, 0, own, "MSG_UPDATE_REQ   xid=16909060 sid=5"},
+              {MSG_UPDATE_ACK, FLAG_PEER_EXCHANGE, reply, "MSG_UPDATE_ACK   xid=4294967294 sid=7"}};
   for (const auto& row : rows) {
     send_cpg_command(ctx, row.command, row.flags, nullptr, "pay\0load", 9);
-    EXPECT_TRUE(has_logged(row.log_line)) << row.log_line;
+    EXPECT_EQ(logged(7).back(), std::string("Send CPG msg: ") + row.line + " payload-len=9");
     ASSERT_FALSE(g_cpg.sent.empty());
     EXPECT_EQ(bytes_of(&g_cpg.sent.back().header, 148),
-              "\xFA\xA1\x1F\x0A" + bytes_of(row.fields, 16) + success_record())
-        << row.log_line;
-    EXPECT_EQ(g_cpg.sent.back().payload, std::string("pay\0load\0", 9));
+              std::string("\xFA\xA1\x1F\x0A") + static_cast<char>(row.command) + "\0\0\0"s +
+                  bytes_of(row.fields, 12) + success_record());
+    EXPECT_EQ(g_cpg.sent.back().payload, "pay\0load\0"s);
   }
 }
 
@@ -72,26 +69,16 @@ TEST_F(CpgMessageTest, CarriesTheGivenRecordAndNoPayload) {
 }
 
 TEST_F(CpgMessageTest, RetriesOnlyAFullQueueAndOnlyAHundredTimes) {
-  struct {
+  const std::deque<cs_error_t> full(100, CS_ERR_TRY_AGAIN);
+  const std::string failed = "Call to cpg_mcast_joined failed with code ";
+  const struct {
     std::deque<cs_error_t> answers;
     int calls;  // a failure's release included
-    const char* reason;
-    std::vector<std::string> sent;
-  } const rows[] = {
-      {std::deque<cs_error_t>(99, CS_ERR_TRY_AGAIN), 100, "", {"MSG_LISTING_REQ 16909060.5"}},
-      {std::deque<cs_error_t>(100, CS_ERR_TRY_AGAIN),
-       101,
-       "Call to cpg_mcast_joined failed with code 6",
-       {"MSG_LOCK_REL 16909060.5"}},
-      {{CS_ERR_LIBRARY},
-       2,
-       "Call to cpg_mcast_joined failed with code 2",
-       {"MSG_LOCK_REL 16909060.5"}},
-      {{CS_ERR_TRY_AGAIN, CS_ERR_BAD_HANDLE},
-       3,
-       "Call to cpg_mcast_joined failed with code 9",
-       {"MSG_LOCK_REL 16909060.5"}},
-  };
+    std::string reason, sent;
+  } rows[] = {{{full.begin() + 1, full.end()}, 100, "", "MSG_LISTING_REQ 16909060.5"},
+              {full, 101, failed + "6", "MSG_LOCK_REL 16909060.5"},
+              {{CS_ERR_LIBRARY}, 2, failed + "2", "MSG_LOCK_REL 16909060.5"},
+              {{CS_ERR_TRY_AGAIN, CS_ERR_BAD_HANDLE}, 3, failed + "9", "MSG_LOCK_REL 16909060.5"}};
   for (const auto& row : rows) {
     g_cpg.sent.clear();
     g_cpg.mcast_calls = 0;
@@ -100,10 +87,10 @@ TEST_F(CpgMessageTest, RetriesOnlyAFullQueueAndOnlyAHundredTimes) {
     ctx->cur_state = ST_LISTREQ;
     send_cpg_command(ctx, MSG_LISTING_REQ, 0, nullptr, nullptr, 0);
     EXPECT_EQ(g_cpg.mcast_calls, row.calls);
-    EXPECT_STREQ(ctx->cpg_result.reason, row.reason);
-    EXPECT_EQ(ctx->cpg_result.success, *row.reason == '\0');
-    EXPECT_EQ(ctx->cur_state, *row.reason == '\0' ? ST_LISTREQ : ST_DONE);
-    EXPECT_EQ(sent_messages(), row.sent);
+    EXPECT_EQ(ctx->cpg_result.reason, row.reason);
+    EXPECT_EQ(ctx->cpg_result.success, row.reason.empty());
+    EXPECT_EQ(ctx->cur_state, row.reason.empty() ? ST_LISTREQ : ST_DONE);
+    EXPECT_EQ(sent_messages(), std::vector<std::string>{row.sent});
   }
   EXPECT_EQ(logged(3), (std::vector<std::string>{rows[1].reason, rows[2].reason, rows[3].reason}));
 }
@@ -192,15 +179,11 @@ TEST_F(CpgMessageTest, AcceptsOnlyMessagesOfTheProtocol) {
   EXPECT_EQ(ctx->peer_exchange_id, 8u);
   EXPECT_EQ(ctx->peer_sequence_id, 2u);
 
-  const std::string rejected[] = {"",
-                                  lock_req.substr(0, 147),
-                                  message("\x0A\x1F\xA1\xFA", "\0\0\0\0"),
-                                  message("\xFA\xA1\x1F\x0A", "\x06\0\0\0"),
-                                  message("\xFA\xA1\x1F\x0A", "\x07\0\0\0"),
-                                  message("\xFA\xA1\x1F\x0A", "\x08\0\0\0"),
-                                  message("\xFA\xA1\x1F\x0A", "\x09\0\0\0"),
-                                  message("\xFA\xA1\x1F\x0A", "\x0A\0\0\0"),
-                                  message("\xFA\xA1\x1F\x0A", "\xFF\xFF\xFF\xFF")};
+  std::vector<std::string> rejected = {"", lock_req.substr(0, 147),
+                                       message("\x0A\x1F\xA1\xFA", "\0\0\0\0"),
+                                       message("\xFA\xA1\x1F\x0A", "\xFF\xFF\xFF\xFF")};
+  for (const char* command : {"\x06\0\0", "\x07\0\0", "\x08\0\0", "\x09\0\0", "\x0A\0\0"})
+    rejected.push_back(message("\xFA\xA1\x1F\x0A", command));
   for (const std::string& bytes : rejected) {
     g_cpg.sent.clear();
     ctx->cur_state = ST_PEERLOCK;

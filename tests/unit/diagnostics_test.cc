@@ -37,68 +37,50 @@ using DiagnosticsTest = DaemonTest;
 
 TEST_F(DiagnosticsTest, EachCommandChangesItsSettingAndSaysSo) {
   const std::string a150(150, 'a');
+  // clang-format off
   const struct {
-    std::string message, settings, line;
+    std::string message, settings, word, line;
   } rows[] = {
-      {"cpg-send-fail", "10 0 ,,,",
-       "Received cpg-send-fail diag command. Forcing CPG send operations to fail."},
-      {"cpg-send-nofail=x", "00 0 ,,,",
-       "Received cpg-send-nofail diag command. Resuming CPG send normal operations."},
-      {"statemachine-stuck", "01 0 ,,,",
-       "Received statemachine-stuck diag command. State machine frozen."},
-      {"statemachine-notstuck", "00 0 ,,,",
-       "Received statemachine-stuck diag command. State machine back to normal."},
-      {"fail-scan=/a", "00 0 /a,,,",
-       "Received fail-scan diag command. Setting fail scan path to '/a'"},
-      {"fail-read=/b=c", "00 0 /a,/b=c,,",
-       "Received fail-read diag command. Setting fail read path to '/b=c'"},
-      {"fail-write=/c", "00 0 /a,/b=c,/c,",
-       "Received fail-write diag command. Setting fail write path to '/c'"},
-      {"fail-rename=/d", "00 0 /a,/b=c,/c,/d",
-       "Received fail-rename diag command. Setting fail rename path to '/d'"},
-      {"fail-scan=" + a150, "00 0 " + a150.substr(0, 99) + ",/b=c,/c,/d",
-       "Received fail-scan diag command. Setting fail scan path to '" + a150 + "'"},
-      {"fail-scan=", "00 0 ,/b=c,/c,/d",
-       "Received fail-scan diag command. Setting fail scan path to ''"},
-      {"cpg-send-fail=0", "10 0 ,/b=c,/c,/d",
-       "Received cpg-send-fail diag command. Forcing CPG send operations to fail."},
-      {std::string("fail-none\0more", 14), "00 0 ,,,",
-       "Received fail-none diag command. Disabling all error injections"},
+      {"cpg-send-fail", "10 0 ,,,", "cpg-send-fail", "Forcing CPG send operations to fail."},
+      {"cpg-send-nofail=x", "00 0 ,,,", "cpg-send-nofail", "Resuming CPG send normal operations."},
+      {"statemachine-stuck", "01 0 ,,,", "statemachine-stuck", "State machine frozen."},
+      {"statemachine-notstuck", "00 0 ,,,", "statemachine-stuck", "State machine back to normal."},
+      {"fail-scan=/a", "00 0 /a,,,", "fail-scan", "Setting fail scan path to '/a'"},
+      {"fail-read=/b=c", "00 0 /a,/b=c,,", "fail-read", "Setting fail read path to '/b=c'"},
+      {"fail-write=/c", "00 0 /a,/b=c,/c,", "fail-write", "Setting fail write path to '/c'"},
+      {"fail-rename=/d", "00 0 /a,/b=c,/c,/d", "fail-rename", "Setting fail rename path to '/d'"},
+      {"fail-scan=" + a150, "00 0 " + a150.substr(0, 99) + ",/b=c,/c,/d", "fail-scan",
+       "Setting fail scan path to '" + a150 + "'"},
+      {"fail-scan=", "00 0 ,/b=c,/c,/d", "fail-scan", "Setting fail scan path to ''"},
+      {"cpg-send-fail=0", "10 0 ,/b=c,/c,/d", "cpg-send-fail",
+       "Forcing CPG send operations to fail."},
+      {std::string("fail-none\0more", 14), "00 0 ,,,", "fail-none",
+       "Disabling all error injections"},
+      {"log-size=1000", "00 1000 ,,,", "log-size", "Setting max log size to'1000'"},
+      {"log-size=12k", "00 12 ,,,", "log-size", "Setting max log size to'12'"},
+      {"log-size=-1", "00 -1 ,,,", "log-size", "Setting max log size to'-1'"},
+      {"log-size=0x10", "00 0 ,,,", "log-size", "Setting max log size to'0'"},
+      {"log-size=none", "00 0 ,,,", "log-size", "Setting max log size to'0'"},
   };
+  // clang-format on
   Lines lines;
   for (const auto& row : rows) {
     EXPECT_EQ(run(row.message), 0u);
     EXPECT_EQ(settings(), row.settings);
-    lines.push_back(row.line);
+    lines.push_back("Received " + row.word + " diag command. " + row.line);
   }
   EXPECT_EQ(logged(4), lines);
-}
-
-TEST_F(DiagnosticsTest, TheLogSizeIsADecimalNumber) {
-  const struct {
-    const char* message;
-    int32_t size;
-  } rows[] = {{"log-size=1000", 1000},
-              {"log-size=0x10", 0},
-              {"log-size=12k", 12},
-              {"log-size=-1", -1},
-              {"log-size=none", 0}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(run(row.message), 0u);
-    EXPECT_EQ(g_diag_params.max_log_size, row.size);
-    EXPECT_EQ(logged(4).back(), "Received log-size diag command. Setting max log size to'" +
-                                    std::to_string(row.size) + "'");
-  }
   unlink("/tmp/cluster_sync_daemon.log");
   unlink("/tmp/cluster_sync_daemon.log.0");
 }
 
 TEST_F(DiagnosticsTest, WhatIsNoCommandChangesNothing) {
   g_flight_recorder.paused = 1;
-  const Lines invalid = {
-      "",           "nonsense",    "Stats",    "stats ",     " exit",
-      "=",          "=exit",       "log-size", "fail-scan",  "fail-read",
-      "fail-write", "fail-rename", "exi",      "exit\nexit", std::string(60000, 'x')};
+  // clang-format off
+  const Lines invalid = {"", "nonsense", "Stats", "stats ", " exit", "=", "=exit", "log-size",
+                         "fail-scan", "fail-read", "fail-write", "fail-rename", "exi",
+                         "exit\nexit", std::string(60000, 'x')};
+  // clang-format on
   for (const std::string& message : invalid)
     EXPECT_EQ(run(message), 6u) << message;
   EXPECT_EQ(settings(), "00 0 ,,,");

@@ -10,6 +10,7 @@
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/flight_recorder.h"
+#include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/rpc/notification.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -75,6 +76,7 @@ class RpcServiceTest : public DaemonTest {
       usleep(1000);
       return CS_OK;
     };
+    ctx->state_time = get_uptime();
     pthread_t sync_thread;
     ASSERT_EQ(Create_Thread(&sync_thread, nullptr, sync_thread_fn, ctx, "sync_thread"), 0);
     body();
