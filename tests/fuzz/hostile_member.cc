@@ -23,7 +23,7 @@ namespace {
 
 constexpr size_t kKept = 200;           // received messages to replay
 constexpr size_t kMaxKept = 70 * 1024;  // longer ones are cut
-constexpr int kPause = 3;               // ms between messages, so that the daemons have their turn
+constexpr int kMaxWait = 10;            // ms without a message
 
 using Bytes = std::vector<uint8_t>;
 
@@ -31,6 +31,7 @@ std::mt19937 g_random;
 std::vector<Bytes> g_received;
 uint32_t g_exchange_id;  // of the last message received
 uint32_t g_sequence_id;
+uint32_t g_command;
 unsigned long g_n_received;
 
 uint32_t below(size_t limit) {
@@ -52,6 +53,7 @@ void on_message(cpg_handle_t, const struct cpg_name*, uint32_t, uint32_t, void* 
     memcpy(&header, bytes, sizeof header);
     g_exchange_id = header.exchange_id;
     g_sequence_id = header.sequence_id;
+    g_command = header.command;
   }
   Bytes copy(bytes, bytes + std::min(size, kMaxKept));
   if (g_received.size() < kKept) {
@@ -64,7 +66,7 @@ void on_message(cpg_handle_t, const struct cpg_name*, uint32_t, uint32_t, void* 
 void on_config(cpg_handle_t, const struct cpg_name*, const struct cpg_address*, size_t,
                const struct cpg_address*, size_t, const struct cpg_address*, size_t) {}
 
-// The ids are mostly those of the exchange that runs.
+// A message with the ids of the exchange that was heard last.
 Bytes make_message(uint32_t command, const Bytes& payload) {
   CpgHeader header = {};
   const Bytes result = random_bytes(sizeof header.result);
@@ -72,8 +74,8 @@ Bytes make_message(uint32_t command, const Bytes& payload) {
   header.magic = kCpgMagic;
   header.command = command;
   header.flags = below(8);
-  header.exchange_id = below(8) == 0 ? static_cast<uint32_t>(g_random()) : g_exchange_id;
-  header.sequence_id = below(8) == 0 ? static_cast<uint32_t>(g_random()) : g_sequence_id;
+  header.exchange_id = g_exchange_id;
+  header.sequence_id = g_sequence_id;
   if (below(2) == 0) header.result.success = 1;
   Bytes message(sizeof header);
   memcpy(message.data(), &header, sizeof header);
@@ -98,14 +100,16 @@ std::string hostile_path() {
   return paths[below(std::size(paths))];
 }
 
-Bytes hostile_update() {
+Bytes hostile_update(uint32_t command) {
   UpdateHeader header = {};
   header.update_type = below(8);
   header.marker = 1;
   header.data_ok = static_cast<uint8_t>(below(2));
   header.root_index = below(5);
-  header.file_size = below(2) == 0 ? below(100) : 0xFFFFFFFF - below(70000);
-  header.begin_offs = below(2) == 0 ? 0 : 0xFFFFFFFF - below(70000);
+  // A sparse file of 4 GiB, as any peer may have one, would only cost the daemons seconds a scan.
+  header.file_size = below(2) == 0 ? below(100) : below(200000);
+  header.begin_offs = below(2) == 0 ? 0 : below(200000);
+  if (below(16) == 0) header.begin_offs = 0xFFFFFFFF - below(70000);
   header.end_offs = header.begin_offs + below(65540);
   const std::string path = hostile_path();
   Bytes payload(sizeof header);
@@ -113,22 +117,25 @@ Bytes hostile_update() {
   payload.insert(payload.end(), path.c_str(), path.c_str() + path.size() + (below(8) != 0));
   const Bytes data = random_bytes(below(100));
   payload.insert(payload.end(), data.begin(), data.end());
-  return make_message(MSG_UPDATE_REQ + below(2), payload);
+  return make_message(command, payload);
 }
 
-Bytes hostile_listing() {
+// The rename that a listing request carries.
+Bytes hostile_rename() {
   static const std::string roots[] = {"/mnt/part.persistent/replicated_by_active_em/",
                                       "/mnt/part.persistent/replicated_by_this_em/",
                                       "/mnt/part.persistent/replicated_by_other_em/",
                                       "/var/run/replicated_by_active_em/", "/etc/"};
+  const std::string text =
+      roots[below(5)] + hostile_path() + '\0' + roots[below(5)] + hostile_path() + '\0';
+  return make_message(MSG_LISTING_REQ, Bytes(text.begin(), text.end()));
+}
+
+Bytes hostile_listing() {
   std::string text;
-  if (below(2) == 0) {  // the rename of a listing request
-    text = roots[below(5)] + hostile_path() + '\0' + roots[below(5)] + hostile_path() + '\0';
-    return make_message(MSG_LISTING_REQ, Bytes(text.begin(), text.end()));
-  }
   for (uint32_t line = below(20); line > 0; --line)
     text += std::string(1, "APQVB"[below(5)]) + " x 0 " + "1f"[below(2)] + " G " + hostile_path() +
-            std::string(1, '\0');
+            '\0';
   return make_message(MSG_LISTING_ACK, Bytes(text.begin(), text.end()));
 }
 
@@ -153,20 +160,33 @@ Bytes mutated(Bytes message) {
   return message;
 }
 
-Bytes next_message() {
-  switch (below(g_received.empty() ? 4 : 7)) {
+// A whole exchange of a peer that locks the daemons to harm them.
+std::vector<Bytes> hostile_exchange() {
+  g_exchange_id = static_cast<uint32_t>(g_random());
+  std::vector<Bytes> messages = {make_message(MSG_LOCK_REQ, {})};
+  for (uint32_t update = below(6); update > 0; --update) {
+    ++g_sequence_id;
+    messages.push_back(below(4) == 0 ? hostile_rename() : hostile_update(MSG_UPDATE_REQ));
+  }
+  if (below(4) != 0) messages.push_back(make_message(MSG_LOCK_REL, {}));
+  return messages;
+}
+
+std::vector<Bytes> next_messages() {
+  if (g_command == MSG_LISTING_REQ && below(2) == 0) return {hostile_listing()};
+  if (g_command == MSG_UPDATE_REQ && below(8) == 0) return {hostile_update(MSG_UPDATE_ACK)};
+  switch (below(g_received.empty() ? 3 : 6)) {
     case 0:
-      return random_bytes(below(400));
+      return {random_bytes(below(400))};
     case 1:
-      return hostile_update();
+      return {make_message(below(12), random_bytes(below(200)))};
     case 2:
-      return hostile_listing();
     case 3:
-      return make_message(below(12), random_bytes(below(200)));
+      return hostile_exchange();
     case 4:
-      return g_received[below(g_received.size())];
+      return {g_received[below(g_received.size())]};
     default:
-      return mutated(g_received[below(g_received.size())]);
+      return {mutated(g_received[below(g_received.size())])};
   }
 }
 
@@ -203,14 +223,17 @@ int main(int argc, char** argv) {
   unsigned long n_sent = 0;
   while (time(nullptr) < end) {
     pollfd readable = {fd, POLLIN, 0};
-    poll(&readable, 1, kPause);
+    poll(&readable, 1, kMaxWait);
     if (cpg_dispatch(handle, CS_DISPATCH_ALL) != CS_OK) {
       fprintf(stderr, "Lost the group\n");
       return 1;
     }
-    Bytes message = next_message();
-    const iovec piece = {message.data(), message.size()};
-    if (cpg_mcast_joined(handle, CPG_TYPE_AGREED, &piece, 1) == CS_OK) ++n_sent;
+    // Most messages go unanswered, so that exchanges get under way.
+    if (g_command != MSG_LISTING_REQ && below(3) != 0) continue;
+    for (Bytes& message : next_messages()) {
+      const iovec piece = {message.data(), message.size()};
+      if (cpg_mcast_joined(handle, CPG_TYPE_AGREED, &piece, 1) == CS_OK) ++n_sent;
+    }
   }
   cpg_finalize(handle);
   printf("sent %lu, received %lu\n", n_sent, g_n_received);
