@@ -2,13 +2,16 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/tree_scan.h"
 
 bool relative_path_is_confined(const char* relative_path) {
   if (relative_path[0] == '/') return false;
@@ -18,6 +21,22 @@ bool relative_path_is_confined(const char* relative_path) {
     component = *end == '/' ? end + 1 : nullptr;
   }
   return true;
+}
+
+bool relative_path_is_listable(const char* relative_path) {
+  int depth = 0;
+  const char* name = relative_path;
+  for (const char* c = relative_path; *c != '\0'; ++c) {
+    if (*c != '/') continue;
+    if (c[1] != '/' && c[1] != '\0') ++depth;
+    name = c + 1;
+  }
+  constexpr size_t prefix_length = sizeof(kDigestPrefix) - 1;
+  const size_t length = strlen(name);
+  // A name above NAME_MAX can be left to the file system.
+  const bool leaves_no_room = length <= NAME_MAX && length + prefix_length > NAME_MAX;
+  return depth <= kMaxScanDepth && !leaves_no_room &&
+         strncmp(name, kDigestPrefix, prefix_length) != 0;
 }
 
 uint32_t root_of_path(const char* path) {

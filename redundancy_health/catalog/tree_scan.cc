@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr int kMaxDepth = 16;  // a root has depth 0
 constexpr char kTempPrefix[] = "TempUpdate_";
 constexpr int kOpenDir = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
@@ -152,7 +151,7 @@ void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth);
 
 // Lists a directory that was met while listing its parent.
 void scan_subdir(const Scan& scan, const ScannedFile& dir, int depth) {
-  const int fd = depth <= kMaxDepth ? openat(dir.dir_fd, dir.name, kOpenDir | O_NOFOLLOW) : -1;
+  const int fd = depth <= kMaxScanDepth ? openat(dir.dir_fd, dir.name, kOpenDir | O_NOFOLLOW) : -1;
   scan_dir(scan, fd, dir.entry->path, depth);
 }
 
@@ -176,7 +175,7 @@ void scan_name(const Scan& scan, int dir_fd, const char* dir_path, int depth, co
 // Lists the directory `path`, open as `dir_fd` (owned; negative with errno when it could not be
 // opened), and everything below it.
 void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth) {
-  if (depth > kMaxDepth) {
+  if (depth > kMaxScanDepth) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "maximum directory depth exceeded in '%s'", path);
     return;
   }

@@ -273,12 +273,14 @@ void handle_command(SyncContext* ctx, const Event& event) {
 // After an exchange, this daemon's or the peer's: takes up what waited for its end.
 void serve_what_waited(SyncContext* ctx) {
   reset_cpg_result(ctx);
+  const uint32_t stage = read_rpc_stage(ctx);
   if (ctx->rpc_deferred) {
     ctx->rpc_deferred = 0;
-    on_sync_rpc_update(ctx);
-    return;
+    if (stage == RPC_REQUESTING) {
+      on_sync_rpc_update(ctx);
+      return;
+    }
   }
-  const uint32_t stage = read_rpc_stage(ctx);
   if (stage == RPC_PENDING || stage == RPC_LOCAL_BUSY) {
     on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
   }

@@ -187,9 +187,12 @@ void on_rpc_update(RpcResult* result, const uint8_t* message, uint32_t size) {
 void on_sync_rpc_update(SyncContext* ctx) {
   ctx->state_time = get_uptime();
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  const bool requested = ctx->rpc_stage == RPC_REQUESTING;
   const uint8_t* message = ctx->rpc_msg;
   const uint32_t size = ctx->current_rpc_size;
   CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  // A wake-up can outlive its request, whose bytes then are gone with its caller.
+  if (!requested) return;
   RpcRequest request;
   if (!parse_request(message, size, &request)) {
     char text[100];

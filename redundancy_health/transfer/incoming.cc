@@ -70,7 +70,10 @@ bool parse_update(const uint8_t* payload, uint32_t payload_size, Update* update)
   const auto* nul = static_cast<const uint8_t*>(memchr(path, 0, static_cast<size_t>(end - path)));
   if (nul == nullptr || update->header.root_index >= kRootCount) return false;
   update->relative_path = reinterpret_cast<const char*>(path);
-  if (!relative_path_is_confined(update->relative_path)) return false;
+  if (!relative_path_is_confined(update->relative_path) ||
+      !relative_path_is_listable(update->relative_path)) {
+    return false;
+  }
   update->data = nul + 1;
   update->data_size = static_cast<uint32_t>(end - update->data);
   update->local_root_index = swap_root_index(update->header.root_index);
@@ -123,6 +126,7 @@ int write_fully(int fd, const uint8_t* data, size_t size) {
 
 // Writes one chunk in place. Returns 0 or an error number.
 int write_chunk(const FileEntry* local, const Update& update) {
+  if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
   const int fd = open(local->path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                       update.header.restricted == 1 ? 0600 : 0644);
   if (fd < 0) return errno;

@@ -155,7 +155,8 @@ bool is_this_process(uint32_t local_nodeid, uint32_t nodeid, uint32_t pid) {
 void* sync_thread_fn(void* context) {
   auto* ctx = static_cast<SyncContext*>(context);
   const int cpg_fd = connect_to_cpg(ctx);
-  ctx->state_time = get_uptime();  // a request may be there before the first idle pass
+  // A request may be there before the first idle pass: it is not to be measured from boot.
+  if (ctx->state_time == 0) ctx->state_time = get_uptime();
   run_loop(ctx, cpg_fd);
   if (ctx->cpg_initialized) {
     const cs_error_t rc = cpg_finalize(ctx->cpg_handle);

@@ -295,9 +295,9 @@ TEST_F(RpcServiceTest, AFailedWakeUpAnswersAtOnce) {
   EXPECT_EQ(logged(3), Lines(2, "Write to eventfd failed: Bad file descriptor"));
 }
 
-// The peer left while the request waited for the end of the peer's exchange: the caller has its
-// answer, and its bytes are no longer the daemon's to read.
-TEST_F(RpcServiceTest, AnAnsweredRequestIsNotServed) {
+// The peer left while a request waited for the end of the peer's exchange: that end is no answer to
+// the request, which was not even applied yet.
+TEST_F(RpcServiceTest, TheEndOfAnotherExchangeDoesNotAnswerARequest) {
   const std::string source = make_file(1, "source", "new");
   const std::string message = request(source, tree_path(1, "target"));
   ctx->cur_state = ST_PEERLOCK;
@@ -306,11 +306,24 @@ TEST_F(RpcServiceTest, AnAnsweredRequestIsNotServed) {
   ctx->rpc_msg = reinterpret_cast<const uint8_t*>(message.data());
   ctx->current_rpc_size = static_cast<uint32_t>(message.size());
   end_exchange_full(ctx, 0, nullptr);
-  ASSERT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
+  ASSERT_EQ(+ctx->rpc_stage, RPC_REQUESTING);
   deliver_own(SentMessage(g_cpg.sent.at(0)));
   EXPECT_EQ(ctx->rpc_deferred, 0);
-  EXPECT_TRUE(exists(source));
+  EXPECT_EQ(+ctx->rpc_stage, RPC_PENDING);
+  EXPECT_EQ(read_file(tree_path(1, "target")), "new");
+}
+
+// A wake-up can outlive its request: the caller's bytes are no longer the daemon's to read.
+TEST_F(RpcServiceTest, AnAnsweredRequestIsNotServed) {
+  for (const uint32_t stage : {RPC_IDLE, RPC_COMPLETE, RPC_PENDING}) {
+    ctx->rpc_stage = stage;
+    ctx->rpc_msg = reinterpret_cast<const uint8_t*>(1);
+    ctx->current_rpc_size = 100;
+    on_sync_rpc_update(ctx);
+    EXPECT_EQ(+ctx->rpc_stage, stage);
+  }
   EXPECT_EQ(logged(3), Lines());
+  EXPECT_EQ(sent_messages(), Lines());
 }
 
 TEST_F(RpcServiceTest, TheSyncCommandWaitsForItsExchange) {

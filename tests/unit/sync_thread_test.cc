@@ -132,8 +132,11 @@ TEST_F(SyncThreadDeathTest, EndsTheProcessWhenItCannotGoOn) {
                g_cpg.fd = ctx->rpc_fd);
   // Readable by poll, but not by read.
   EXPECT_FATAL("Read from eventfd failed: Is a directory", ctx->rpc_fd = open("/", O_RDONLY));
-  EXPECT_FATAL("Detected long sync state timeout.", ctx->cur_state = ST_LISTREQ;
-               ctx->state_time = get_uptime() - 46);
+  EXPECT_FATAL(
+      "Detected long sync state timeout.", ctx->cur_state = ST_LISTREQ; g_cpg.on_dispatch = [&] {
+        ctx->state_time = get_uptime() - 46;
+        return CS_OK;
+      });
 }
 
 TEST_F(SyncThreadDeathTest, EndsTheProcessWhenTheCpgServiceHasGone) {
@@ -201,9 +204,8 @@ TEST_F(SyncThreadTest, TimeIsMeasuredOnlyWhileSomethingIsInProgress) {
     const int32_t before = row.age == -1 ? -1 : get_uptime() - row.age;
     ctx->cur_state = row.state;
     ctx->rpc_stage = row.stage;
-    ctx->state_time = before;
     reset_cpg_result(ctx);
-    run(1);
+    run(1, [&](int) { ctx->state_time = before; });
     timeouts += row.timed_out;
     EXPECT_EQ(count(logged(3), "Detected short sync state timeout"), timeouts);
     EXPECT_STREQ(ctx->cpg_result.reason, row.timed_out ? "Operation timed out" : "");
@@ -214,8 +216,8 @@ TEST_F(SyncThreadTest, TimeIsMeasuredOnlyWhileSomethingIsInProgress) {
 TEST_F(SyncThreadTest, AStalledExchangeTimesOutAgainAndAgain) {
   ctx->cur_state = ST_UPDATE;
   ctx->rpc_stage = RPC_PENDING;
-  ctx->state_time = get_uptime() - 12;
   run(2, [&](int pass) {
+    if (pass == 1) ctx->state_time = get_uptime() - 12;
     EXPECT_EQ(ctx->cur_state, pass == 1 ? ST_UPDATE : ST_DONE);
     EXPECT_EQ(+ctx->rpc_stage, pass == 1 ? RPC_PENDING : RPC_COMPLETE);
   });
