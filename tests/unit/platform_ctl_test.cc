@@ -1,51 +1,26 @@
 #include <endian.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 
 #include <atomic>
+#include <filesystem>
 #include <mutex>
 #include <semaphore>
+#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "platform/cmdsockserver.h"
 #include "platform/event.h"
 #include "platform/storage.h"
-#include "platform_support.h"
+#include "tests/unit/ctl_support.h"
 
 namespace {
-
-struct Outcome {
-  int status;
-  std::string out;
-};
-
-// Runs the client with `/mnt` as its current directory.
-Outcome run_ctl(const std::vector<std::string>& words) {
-  std::vector<char*> argv = {const_cast<char*>("cluster_sync_ctl")};
-  for (const std::string& word : words)
-    argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/run/stdout",
-                                   O_CREAT | O_TRUNC | O_WRONLY, 0644);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/run/stderr",
-                                   O_CREAT | O_TRUNC | O_WRONLY, 0644);
-  posix_spawn_file_actions_addchdir_np(&actions, "/mnt");
-  pid_t pid = 0;
-  EXPECT_EQ(posix_spawn(&pid, CLUSTER_SYNC_CTL, &actions, nullptr, argv.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/run/stdout")};
-}
 
 struct Request {
   uint32_t type;
@@ -229,6 +204,15 @@ TEST_F(CtlTest, WrongUsageSendsNothing) {
                                             {"diag"},
                                             {"diag", ""},
                                             {"fault", "x"},
+                                            {"status", "x"},
+                                            {"watch", "x"},
+                                            {"role"},
+                                            {"role", "master"},
+                                            {"verify", "x"},
+                                            {"--list", "sync"},
+                                            {"--against", "/x", "sync"},
+                                            {"--against", "", "verify"},
+                                            {"--list", "--against", "/x", "verify"},
                                             {"nonsense"},
                                             {"delete", std::string(70000, 'x')},
                                             {"--nonsense", "sync"},
@@ -303,6 +287,122 @@ TEST(Ctl, FaultShowsTheLastRecord) {
       EXPECT_EQ(run_ctl({"--json", "fault"}).out, c.json);
     }
   }
+}
+
+// Makes the tool that lists the group print `lines` and end with `status`.
+void script_group(const std::string& lines, int status) {
+  static const std::string path = std::string("/mnt/bin:") + getenv("PATH");
+  setenv("PATH", path.c_str(), 1);
+  mkdir("/mnt/bin", 0755);
+  write_file("/mnt/bin/corosync-cpgtool",
+             "#!/bin/sh\nprintf '" + lines + "'\nexit " + std::to_string(status) + "\n", 0755);
+}
+
+// Records a state; 0 removes it.
+void record_fault(uint32_t status) {
+  uint32_t record[1036 / 4] = {2, 0x000F0018, status};
+  if (status == 0)
+    unlink("/var/run/em/events/0x80000702");
+  else
+    ASSERT_EQ(event_send(0x80000702, record, sizeof record), 0);
+}
+
+TEST_F(CtlTest, StatusTellsWhatIsThere) {
+  const std::string both = "em-sync 12 1\\nother 7 1\\nem-sync 34 2\\n";
+  const struct {
+    uint32_t answer, fault;
+    bool active;
+    const char* number;
+    std::string group;
+    int group_status, exit_status;
+    std::string words;  // after the first line
+  } cases[] = {
+      {0, 1, true, "1", both, 0, 0,
+       "EM:     1, active\nfault:  replication with EM 2 is healthy\n"
+       "group:  2 members: node 1 pid 12, node 2 pid 34\n"},
+      {0, 4, true, "1", both, 0, 1,
+       "EM:     1, active\nfault:  replication with EM 2 is failing\n"
+       "group:  2 members: node 1 pid 12, node 2 pid 34\n"},
+      {0, 4, false, "1", both, 0, 0,
+       "EM:     1, standby\nfault:  replication with EM 2 is failing, recorded when this EM was "
+       "active\ngroup:  2 members: node 1 pid 12, node 2 pid 34\n"},
+      {0, 0, false, "2", "em-sync 34 2\\n", 0, 1,
+       "EM:     2, standby\nfault:  no fault state has been recorded yet\n"
+       "group:  1 member: node 2 pid 34\n"},
+      {0, 0, true, "2", both, 1, 0,
+       "EM:     2, active\nfault:  no fault state has been recorded yet\n"
+       "group:  unknown, Corosync does not answer\n"},
+      {6, 1, true, "1", both, 0, 3,
+       "EM:     1, active\nfault:  replication with EM 2 is healthy\n"
+       "group:  2 members: node 1 pid 12, node 2 pid 34\n"},
+  };
+  for (const auto& c : cases) {
+    set_answer(c.answer, "");
+    record_fault(c.fault);
+    script_group(c.group, c.group_status);
+    write_file("/var/run/em/number", c.number);
+    EXPECT_EQ(run_ctl({"role", c.active ? "active" : "standby"}).status, 0);
+    const Outcome run = run_ctl({"status"});
+    EXPECT_EQ(run.status, c.exit_status) << run.out;
+    const std::string first =
+        c.answer == 0 ? "answers, pid " + std::to_string(getpid()) : "refuses with status 6";
+    EXPECT_EQ(run.out, "daemon: " + first + "\n" + c.words);
+    EXPECT_EQ(take_request().message, "stats");
+  }
+  set_answer(0, "");
+  EXPECT_EQ(run_ctl({"--json", "status"}).out,
+            "{\"daemon\":{\"answers\":true,\"pid\":" + std::to_string(getpid()) +
+                "},\"em\":1,\"active\":true,\"fault\":{\"recorded\":true,\"em\":2,"
+                "\"fault_id\":983064,\"status\":1,\"healthy\":true},"
+                "\"members\":[{\"node\":1,\"pid\":12},{\"node\":2,\"pid\":34}]}\n");
+  EXPECT_EQ(run_ctl({"--socket", "99", "status"}).status, 3);
+}
+
+TEST(Ctl, RoleMakesAndRemovesTheMark) {
+  rmdir("/var/run/em");  // the first caller after a boot finds nothing
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(run_ctl({"role", "active"}).out, "this EM is active\n");
+    EXPECT_TRUE(exists("/var/run/em/active"));
+  }
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(run_ctl({"--json", "role", "standby"}).out, "{\"role\":\"standby\"}\n");
+    EXPECT_FALSE(exists("/var/run/em/active"));
+  }
+  mkdir("/var/run/em/active", 0755);
+  EXPECT_EQ(run_ctl({"role", "active"}).status, 1);
+  EXPECT_EQ(run_ctl({"role", "standby"}).status, 1);
+  rmdir("/var/run/em/active");
+}
+
+// The words after the time of each line that the client has printed so far.
+std::vector<std::string> watched() {
+  std::vector<std::string> lines;
+  std::istringstream text(read_file("/run/stdout"));
+  for (std::string line; std::getline(text, line);)
+    lines.push_back(line.substr(line.find(' ') + 1));
+  return lines;
+}
+
+TEST(Ctl, WatchPrintsChangesOnly) {
+  std::filesystem::remove_all("/var/run/em/events");
+  const pid_t pid = start_ctl({"watch"});
+  const std::string healthy = "replication with EM 2 is healthy";
+  const std::string failing = "replication with EM 2 is failing";
+  std::vector<std::string> expected = {"no fault state has been recorded yet"};
+  const auto wait_for_lines = [&] {
+    while (watched().size() < expected.size() && waitpid(pid, nullptr, WNOHANG) == 0)
+      usleep(10000);
+  };
+  wait_for_lines();
+  for (const uint32_t status : {1u, 1u, 4u, 4u, 1u}) {
+    record_fault(status);
+    const std::string& line = status == 1 ? healthy : failing;
+    if (expected.back() != line) expected.push_back(line);
+    wait_for_lines();
+  }
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+  EXPECT_EQ(watched(), expected);
 }
 
 }  // namespace

@@ -1,0 +1,94 @@
+#include "tools/output.h"
+
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr long kProgressIntervalMs = 200;
+
+bool g_progress_shown = false;
+
+// Length of the well-formed UTF-8 sequence at `text`, 0 when there is none.
+size_t utf8_length(const unsigned char* text, size_t size) {
+  const unsigned char lead = text[0];
+  if (lead < 0x80) return 1;
+  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC2 || lead > 0xF4 || length > size) return 0;
+  // The first two bytes tell overlong forms, surrogates and numbers beyond Unicode.
+  const unsigned char second = text[1];
+  if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
+      (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
+    return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if ((text[i] & 0xC0) != 0x80) return 0;
+  }
+  return length;
+}
+
+bool progress_is_due() {
+  static long last = 0;
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const long ms = now.tv_sec * 1000 + now.tv_nsec / 1000000;
+  if (g_progress_shown && ms - last < kProgressIntervalMs) return false;
+  last = ms;
+  return true;
+}
+
+}  // namespace
+
+std::string json_string(const std::string& text) {
+  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  std::string json = "\"";
+  for (size_t i = 0; i < text.size();) {
+    const size_t length = utf8_length(bytes + i, text.size() - i);
+    if (length == 0) {
+      json += "\\ufffd";
+    } else if (bytes[i] < 0x20 || bytes[i] == 0x7F) {
+      char code[7];
+      snprintf(code, sizeof code, "\\u%04x", bytes[i]);
+      json += code;
+    } else {
+      if (bytes[i] == '"' || bytes[i] == '\\') json += '\\';
+      json.append(text, i, length);
+    }
+    i += length == 0 ? 1 : length;
+  }
+  return json + "\"";
+}
+
+std::string printable(const std::string& text) {
+  std::string shown;
+  for (const char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    char code[5] = {c, '\0'};
+    if (byte < 0x20 || byte == 0x7F) snprintf(code, sizeof code, "\\x%02x", byte);
+    shown += code;
+  }
+  return shown;
+}
+
+const char* json_bool(bool value) {
+  return value ? "true" : "false";
+}
+
+int report_error(const Options& options, const std::string& text, ExitStatus status) {
+  clear_progress();
+  if (options.json) printf("{\"error\":%s}\n", json_string(text).c_str());
+  fprintf(stderr, "cluster_sync_ctl: %s\n", printable(text).c_str());
+  return status;
+}
+
+void show_progress(const std::string& text) {
+  static const bool terminal = isatty(STDERR_FILENO) != 0;
+  if (!terminal || !progress_is_due()) return;
+  fprintf(stderr, "\r\x1b[K%s", printable(text).c_str());
+  g_progress_shown = true;
+}
+
+void clear_progress() {
+  if (g_progress_shown) fputs("\r\x1b[K", stderr);
+  g_progress_shown = false;
+}

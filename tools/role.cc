@@ -1,0 +1,33 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tools/commands.h"
+#include "tools/output.h"
+
+namespace {
+
+constexpr char kActiveMark[] = "/var/run/em/active";
+
+bool make_mark() {
+  mkdir("/var/run/em", 0755);  // one that exists already is as good
+  const int fd = open(kActiveMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  return fd >= 0 && close(fd) == 0;
+}
+
+bool remove_mark() {
+  return unlink(kActiveMark) == 0 || errno == ENOENT;
+}
+
+}  // namespace
+
+int set_role(const Options& options, bool active) {
+  if (!(active ? make_mark() : remove_mark()))
+    return report_error(options, std::string(kActiveMark) + ": " + strerror(errno), kFailed);
+  const char* role = active ? "active" : "standby";
+  printf(options.json ? "{\"role\":\"%s\"}\n" : "this EM is %s\n", role);
+  return kDone;
+}

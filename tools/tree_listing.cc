@@ -1,0 +1,177 @@
+#include "tools/tree_listing.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/file_entry.h"
+#include "tools/output.h"
+
+namespace {
+
+constexpr int kMaxDepth = 16;  // a root has depth 0
+constexpr char kTempPrefix[] = "TempUpdate_";
+
+// The walk of one tree.
+struct Walk {
+  TreeListing* tree;
+  std::vector<FileEntry*> chunks;  // owned
+  std::vector<std::string>* failures;
+  std::vector<uint8_t> buffer;
+};
+
+std::string sha1(const void* data, size_t size) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned md_size = 0;
+  if (EVP_Digest(data, size, md, &md_size, EVP_sha1(), nullptr) != 1) abort();
+  std::string text;
+  for (unsigned i = 0; i < md_size; ++i) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    text += kDigits[md[i] >> 4];
+    text += kDigits[md[i] & 15];
+  }
+  return text;
+}
+
+void add_failure(Walk* walk, const char* what, int error, const std::string& path) {
+  walk->failures->push_back("could not " + std::string(what) + " (" + strerror(error) +
+                            "): " + path);
+}
+
+// Reads up to a chunk. Returns the bytes read, fewer at the end of the file, or -1 with errno.
+ssize_t read_chunk(int fd, std::vector<uint8_t>* buffer) {
+  size_t size = 0;
+  while (size < buffer->size()) {
+    const ssize_t n = read(fd, buffer->data() + size, buffer->size() - size);
+    if (n < 0) return -1;
+    if (n == 0) break;
+    size += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(size);
+}
+
+void add_chunk(Walk* walk, const std::string& path, const struct stat& status, uint64_t offset,
+               size_t size) {
+  FileEntry* chunk = new_file_entry(walk->tree->root_index, nullptr, path.c_str());
+  chunk->begin_offs = static_cast<uint32_t>(offset);
+  chunk->end_offs = static_cast<uint32_t>(offset + size);
+  chunk->restricted = mode_is_restricted(status.st_mode);
+  strcpy(chunk->digest, sha1(walk->buffer.data(), size).c_str());
+  compute_xmit_line(chunk, walk->tree->tag);
+  walk->chunks.push_back(chunk);
+}
+
+// Lists the chunks of an open file; as in the daemon's listing a last chunk that is full is
+// followed by an empty one. Returns 0 or an error number.
+int list_chunks(Walk* walk, int fd, const std::string& path) {
+  struct stat status;
+  if (fstat(fd, &status) != 0) return errno;
+  if (status.st_size > static_cast<off_t>(UINT32_MAX)) return EFBIG;  // the daemon refuses it too
+  uint64_t offset = 0;
+  size_t size = kChunkSize;
+  while (size == kChunkSize) {
+    const ssize_t n = read_chunk(fd, &walk->buffer);
+    if (n < 0) return errno;
+    size = static_cast<size_t>(n);
+    if (offset + size > UINT32_MAX) return EFBIG;  // it grew meanwhile
+    add_chunk(walk, path, status, offset, size);
+    offset += size;
+    walk->tree->bytes += size;
+    show_progress("reading " + walk->tree->name + ": " + std::to_string(walk->tree->files) +
+                  " files, " + std::to_string(walk->tree->bytes >> 20) + " MiB");
+  }
+  return 0;
+}
+
+void list_file(Walk* walk, int dir_fd, const char* name, const std::string& path) {
+  const int fd = openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  int error = errno;
+  if (fd >= 0) {
+    error = list_chunks(walk, fd, path);
+    close(fd);
+    ++walk->tree->files;
+  }
+  if (error != 0 && error != ENOENT) add_failure(walk, "read file", error, path);
+}
+
+void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& path, int depth);
+
+// Lists what the daemon replicates and skips what it skips.
+void list_name(Walk* walk, int dir_fd, const char* name, const std::string& path, int depth) {
+  struct stat status;
+  if (strncmp(name, kTempPrefix, strlen(kTempPrefix)) == 0) return;
+  if (fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno != ENOENT) add_failure(walk, "look at", errno, path);
+  } else if (S_ISDIR(status.st_mode)) {
+    list_dir(walk, dir_fd, name, path, depth + 1);
+  } else if (S_ISREG(status.st_mode) && strncmp(name, kDigestPrefix, strlen(kDigestPrefix)) != 0) {
+    list_file(walk, dir_fd, name, path);
+  }
+}
+
+// A link is no way into a tree, but a root itself (depth 0) may be one.
+void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& path, int depth) {
+  if (depth > kMaxDepth) return add_failure(walk, "list directory", ENAMETOOLONG, path);
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (depth > 0 ? O_NOFOLLOW : 0);
+  const int fd = openat(parent_fd, name, flags);
+  DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+  if (dir == nullptr) {
+    if (errno != ENOENT || depth == 0) add_failure(walk, "open directory", errno, path);
+    if (fd >= 0) close(fd);
+    return;
+  }
+  errno = 0;
+  while (const dirent* entry = readdir(dir)) {
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+      list_name(walk, fd, entry->d_name, path + "/" + entry->d_name, depth);
+    errno = 0;
+  }
+  if (errno != 0) add_failure(walk, "read directory", errno, path);
+  closedir(dir);
+}
+
+// Turns the chunks into sorted lines and their digest.
+void finish_tree(Walk* walk) {
+  std::sort(walk->chunks.begin(), walk->chunks.end(), [](const FileEntry* a, const FileEntry* b) {
+    return compare_file_entries(&a, &b) < 0;
+  });
+  std::string all;
+  for (FileEntry* chunk : walk->chunks) {
+    walk->tree->lines.emplace_back(chunk->xmit_line);
+    all.append(chunk->xmit_line, strlen(chunk->xmit_line) + 1);
+    free_file_entry(chunk);
+  }
+  walk->tree->digest = sha1(all.data(), all.size());
+}
+
+void list_tree(TreeListing* tree, std::vector<std::string>* failures) {
+  Walk walk = {tree, {}, failures, std::vector<uint8_t>(kChunkSize)};
+  std::string path = root_paths[tree->root_index];
+  path.pop_back();
+  list_dir(&walk, AT_FDCWD, path.c_str(), path, 0);
+  finish_tree(&walk);
+}
+
+}  // namespace
+
+std::vector<TreeListing> list_trees(unsigned em, std::vector<std::string>* failures) {
+  std::vector<TreeListing> trees(4);
+  const uint32_t em1_root = em == 1 ? kThisEmRoot : kOtherEmRoot;
+  const uint32_t em2_root = em == 1 ? kOtherEmRoot : kThisEmRoot;
+  trees[0] = {"active", kActivePersistentRoot, 'A', 0, 0, {}, ""};
+  trees[1] = {"volatile", kActiveVolatileRoot, 'V', 0, 0, {}, ""};
+  trees[2] = {"em1", em1_root, '1', 0, 0, {}, ""};
+  trees[3] = {"em2", em2_root, '2', 0, 0, {}, ""};
+  for (TreeListing& tree : trees)
+    list_tree(&tree, failures);
+  clear_progress();
+  return trees;
+}
