@@ -76,8 +76,6 @@ class RecoveryTest(SocketTest):
         self.wait_identical()
         self.assertEqual("Y", self.synced(2).peer_present)
 
-
-class StopTest(SocketTest):
     def stop(self, n: int) -> None:
         self.assertEqual(0, self.status(n, "exit=now"))
         self.assertEqual(0, self.pair.process(n, "daemon").wait(DEADLINE))

@@ -8,7 +8,7 @@ from support import SYNC, UNKNOWN_REQUEST, SocketTest, request
 CALLERS, PLACES = 150, 101
 
 
-class UpdateTest(SocketTest):
+class RpcTest(SocketTest):
     def test_rename_reaches_the_peer(self):
         for n, root, copy in ((1, ACTIVE, ACTIVE), (1, VOLATILE, VOLATILE), (1, OWN, PEERS),
                               (2, OWN, PEERS)):
@@ -50,8 +50,6 @@ class UpdateTest(SocketTest):
             self.assertEqual(str(turn).encode(), self.read(2, f"{ACTIVE}/file"))
             caller.send(SYNC)
 
-
-class RefusalTest(SocketTest):
     def test_refused_updates(self):
         for n in (1, 2):
             self.write(n, f"{ACTIVE}/kept", "here before")

@@ -29,8 +29,6 @@ class TreeTest(SocketTest):
     def mode(self, n: int, path: str) -> int:
         return self.pair.path(n, path).stat().st_mode & 0o7777
 
-
-class FlowTest(TreeTest):
     def test_only_the_active_requester_moves_the_active_trees(self):
         for root in (ACTIVE, VOLATILE):
             self.write(1, f"{root}/of_active", "wanted")
@@ -90,8 +88,6 @@ class FlowTest(TreeTest):
             self.assertEqual(set(), self.tree(n, root) | self.tree(3 - n, copy), root)
         self.assert_settled(2)
 
-
-class FileTest(TreeTest):
     def test_every_size_with_every_mode(self):
         for n, root, _ in FLOWS:
             for size in SIZES:

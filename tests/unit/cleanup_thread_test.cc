@@ -29,28 +29,7 @@ extern "C" unsigned sleep(unsigned seconds) {
 
 namespace {
 
-// An empty file system covers the place of the script.
-class CleanupThreadTest : public DaemonTest {
- protected:
-  CleanupThreadTest() {
-    EXPECT_EQ(mount("tmpfs", "/usr/bin", "tmpfs", 0, nullptr), 0);
-  }
-
-  ~CleanupThreadTest() override {
-    g_on_sleep = nullptr;
-    umount2("/usr/bin", MNT_DETACH);
-    unsetenv("CLEANUP_INITIAL_DELAY");
-    unsetenv("CLEANUP_PERIODIC_DELAY");
-  }
-
-  static void set_delay(const char* variable, const char* value) {
-    if (value == nullptr) {
-      unsetenv(variable);
-    } else {
-      setenv(variable, value, 1);
-    }
-  }
-};
+using CleanupThreadTest = DaemonTest;
 
 TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
   const struct {
@@ -58,47 +37,35 @@ TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
     const char* periodic;
     int first_run;   // seconds after the start
     int second_run;  // seconds after the first
-  } cases[] = {
-      {nullptr, nullptr, 60, 3600},
-      {"2", "5", 120, 300},
-      {"0", "0", 60, 3600},
-      {"1048576", "1048576", 60, 3600},
-      {"1048577", "1048578", 60, 120},
-      {"abc", "", 60, 3600},
-      {" 3x", "7.5", 180, 420},
-      {"-1048573", nullptr, 180, 3600},
-  };
+  } cases[] = {{"2", "5", 120, 300},        {"0", "0", 60, 3600},
+               {"1048576", "", 60, 3600},   {"1048577", "1048578", 60, 120},
+               {" 3x", "7.5", 180, 420},    {"-1048573", "abc", 180, 3600},
+               {nullptr, nullptr, 60, 3600}};
+  // There is no script in an empty file system, so each run leaves a line.
+  ASSERT_EQ(mount("tmpfs", "/usr/bin", "tmpfs", 0, nullptr), 0);
   for (const auto& c : cases) {
-    set_delay("CLEANUP_INITIAL_DELAY", c.initial);
-    set_delay("CLEANUP_PERIODIC_DELAY", c.periodic);
+    for (const auto& [name, value] :
+         {std::pair("CLEANUP_INITIAL_DELAY", c.initial), {"CLEANUP_PERIODIC_DELAY", c.periodic}}) {
+      value != nullptr ? setenv(name, value, 1) : unsetenv(name);
+    }
     empty_flight_recorder();
     g_exit_daemon = 0;
     int seconds = 0;
     std::vector<int> runs;
     g_on_sleep = [&] {
-      // There is no script, so each run leaves a line.
       if (g_flight_recorder.count > runs.size()) runs.push_back(seconds);
       if (runs.size() == 2) set_exit_daemon();
       ++seconds;
     };
-    EXPECT_EQ(cleanup_thread_fn(&seconds), nullptr);
+    EXPECT_EQ(cleanup_thread_fn(nullptr), nullptr);
     EXPECT_EQ(runs, std::vector<int>({c.first_run, c.first_run + c.second_run}))
         << (c.initial != nullptr ? c.initial : "unset");
+    EXPECT_EQ(seconds, c.first_run + c.second_run + 1) << "the flag ends it before a second";
   }
+  g_on_sleep = nullptr;
+  umount2("/usr/bin", MNT_DETACH);
   EXPECT_EQ(logged(3).at(0), "Could not run temp file cleanup script: rc=127");
   EXPECT_EQ(g_flight_recorder.paused, 0) << "no reason to dump the flight recorder";
-}
-
-TEST_F(CleanupThreadTest, ExitEndsItWithoutARun) {
-  int seconds = 0;
-  g_on_sleep = [&] {
-    if (++seconds == 10) set_exit_daemon();
-  };
-  EXPECT_EQ(cleanup_thread_fn(nullptr), nullptr);
-  EXPECT_EQ(seconds, 10);
-  g_on_sleep = [] { FAIL() << "the flag is looked at before each second"; };
-  EXPECT_EQ(cleanup_thread_fn(nullptr), nullptr);
-  EXPECT_EQ(logged(-1), std::vector<std::string>()) << "a run would leave a line";
 }
 
 }  // namespace

@@ -1,14 +1,25 @@
 #ifndef TESTS_UNIT_PLATFORM_SUPPORT_H_
 #define TESTS_UNIT_PLATFORM_SUPPORT_H_
 
-#include <dirent.h>
+// What the tests of the platform share, the common headers among it.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 inline std::string read_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -20,27 +31,42 @@ inline void write_file(const std::string& path, const std::string& content, mode
   chmod(path.c_str(), mode);
 }
 
-inline bool exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
-
 // Permission bits, -1 when there is no such file.
 inline int mode_of(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0 ? static_cast<int>(info.st_mode & 07777) : -1;
 }
 
+inline bool exists(const std::string& path) {
+  return mode_of(path) >= 0;
+}
+
 inline std::set<std::string> names_in(const std::string& directory) {
   std::set<std::string> names;
-  DIR* dir = opendir(directory.c_str());
-  if (dir == nullptr) return names;
-  while (const dirent* entry = readdir(dir))
-    names.insert(entry->d_name);
-  closedir(dir);
-  names.erase(".");
-  names.erase("..");
+  std::error_code missing;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, missing))
+    names.insert(entry.path().filename());
   return names;
 }
+
+// Exit status of a process that only runs `action`, -1 when it ended otherwise.
+inline int run_forked(const std::function<int()>& action) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(action());
+  int status = 0;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// An empty file system that covers `path` as long as the object lives.
+struct Mount {
+  explicit Mount(const std::string& on, const char* options = nullptr) : path(on) {
+    mkdir(path.c_str(), 0755);
+    EXPECT_EQ(mount("tmpfs", path.c_str(), "tmpfs", 0, options), 0) << path;
+  }
+  ~Mount() {
+    umount2(path.c_str(), MNT_DETACH);
+  }
+  const std::string path;
+};
 
 #endif  // TESTS_UNIT_PLATFORM_SUPPORT_H_
