@@ -6,8 +6,8 @@ SEED=n repeats the run of one seed, BURSTS of it; SOAK=n makes n bursts with new
 import os
 import time
 
-from harness import wait_for
-from convergence import Divergence, Driver
+from harness import OWN, wait_for
+from convergence import Driver
 from support import SocketTest
 
 SEEDS = range(1, 5)
@@ -42,3 +42,15 @@ class ConvergenceTest(SocketTest):
                           f"{type(error).__name__}: {error}")
             finally:
                 driver.close()
+
+    def test_a_repeated_rename_takes_no_digests_from_the_file_it_replaced(self):
+        """EM 1 repeats on its own tree what EM 2 asked for; size and second are as before."""
+        for name in ("source", "target"):
+            for n, content in ((1, name * 20_000), (2, "of the other one")):
+                self.write(n, f"{OWN}/{name}", content)
+                os.utime(self.pair.path(n, f"{OWN}/{name}"), (1_600_000_000,) * 2)
+        self.synced(1)
+        self.assertTrue(self.update(2, f"{OWN}/source", f"{OWN}/target").success)
+        self.synced(1)
+        self.assertEqual(b"source" * 20_000, self.read(1, f"{OWN}/target"))
+        self.assert_identical()
