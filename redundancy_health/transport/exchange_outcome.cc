@@ -55,8 +55,9 @@ void hand_back_to_rpc(SyncContext* ctx) {
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
   switch (ctx->rpc_stage) {
     case RPC_REQUESTING:
-      // One that was announced during this exchange is none of its business: it is served next.
-      if (ctx->rpc_deferred) break;
+      // Its own exchange would have made it pending. That another one ended well, or was abandoned,
+      // is no answer to a request that was not even applied: it is served next.
+      if (ctx->rpc_deferred || ctx->cpg_result.success) break;
       [[fallthrough]];
     case RPC_PENDING:
       ctx->rpc_result = ctx->cpg_result;

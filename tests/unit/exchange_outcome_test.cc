@@ -141,6 +141,16 @@ TEST_F(ExchangeOutcomeTest, HandsTheOutcomeToWhoeverWaitsForIt) {
   }
 }
 
+// Announced or not yet: a request that was not applied gets no success of another exchange.
+TEST_F(ExchangeOutcomeTest, ASuccessAnswersOnlyTheRequestOfItsOwnExchange) {
+  for (const bool deferred : {false, true}) {
+    ctx->rpc_stage = RPC_REQUESTING;
+    ctx->rpc_deferred = deferred;
+    end_exchange_full(ctx, 0, nullptr);
+    EXPECT_EQ(+ctx->rpc_stage, RPC_REQUESTING);
+  }
+}
+
 TEST_F(ExchangeOutcomeTest, AFailingReleaseDoesNotEndTheExchangeAgain) {
   set_active(true);
   g_cpg.mcast_results = {CS_ERR_LIBRARY};
