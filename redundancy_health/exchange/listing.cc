@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/frame/statistics.h"
@@ -33,7 +34,9 @@ void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
   if (strstr(source, "/TempUpdate_") != nullptr) return;
   // The bytes are the peer's: they move nothing into or out of the roots.
   if (!is_confined(source) || !is_confined(destination)) return;
-  (void)rename(source, destination);
+  if (rename(source, destination) != 0) return;
+  // The digests of what was replaced would fit a file of the same size and second.
+  remove_digest_file(destination);
 }
 
 // Packs the listing into one allocation of its exact size. Returns the size; `*listing` is null

@@ -28,7 +28,8 @@ MODES = (0o644, 0o644, 0o644, 0o755, 0o664, 0o640, 0o600, 0o400)
 NAMES = ("a", "b", "c", "d  e", "ü")
 FILES_PER_TREE = 12
 # Deletions at a place that the same exchange made a file or a directory of; the next one succeeds.
-PLACE_TAKEN = ("Unable to delete file (Is a directory): ", "Unable to delete file (Not a directory): ")
+PLACE_TAKEN = tuple(f"Unable to delete file ({error}): "
+                    for error in ("Is a directory", "Not a directory"))
 MAX_ATTEMPTS = 3
 
 
@@ -300,6 +301,7 @@ class Driver:
             source = f"{top}/{NEW}"
             for m in EMS:  # only one of them is to be taken
                 self._write(m, source, self._content(), self.random.choice(MODES))
+                self._disguise(m, source, destination)
             return source, destination
         root = self.random.choice((*ROOTS, OWN, ACTIVE))
         if self.random.random() < 0.7:
@@ -398,6 +400,15 @@ class Driver:
         target.write_bytes(content)
         target.chmod(mode)
         self._touch(target)
+
+    def _disguise(self, n: int, path: str, other: str) -> None:
+        """Half the time gives a file the size and the second of another one, if there is one."""
+        target, model = self._at(n, path), self._at(n, other)
+        if self.random.random() < 0.5 and model.is_file():
+            status = model.stat()
+            target.write_bytes(self.random.randbytes(status.st_size))
+            os.utime(target, (status.st_mtime, status.st_mtime))
+            self._note(f"EM {n}: {path} looks like {other}")
 
     def _operate(self) -> None:
         chance = self.random.random()

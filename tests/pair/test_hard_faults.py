@@ -349,11 +349,13 @@ def clock_jumps(case: FaultCase) -> None:
         case.assertEqual(0, case.status(n, "log-size=100000000"))
     for jumps in ({1: "+1h", 2: "-1h"}, {1: "-2h", 2: "+3d"}, {1: "+0", 2: "+0"}):
         caller, _ = case.transfer(1)
+        case.pair.signal(2, "daemon", signal.SIGSTOP)  # so that the jump meets a wait
         for n, jump in jumps.items():
             case.pair.path(n, FAKE_CLOCK).write_text(jump)
+        time.sleep(2)
+        case.pair.signal(2, "daemon", signal.SIGCONT)
         case.assertTrue(caller.result().success)
         case.assertTrue(case.call(2, case.prepare(2, OWN, "file", b"content")).result().success)
-        time.sleep(2)  # idle passes of the sync loop
         case.settle()
     for n in EMS:
         case.assert_not_logged(n, "timeout", "Sync Error")
