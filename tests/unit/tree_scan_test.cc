@@ -77,7 +77,8 @@ TEST_F(TreeScanTest, CutsFilesIntoChunks) {
 }
 
 TEST_F(TreeScanTest, RootsInOrderWithTheTagsOfTheRoleAndTheLettersOfTheModes) {
-  for (const mode_t mode : {0644, 0664, 0755, 04777, 0666, 0640, 0604, 0444, 0244, 0000}) {
+  for (const mode_t mode :
+       std::initializer_list<mode_t>{0644, 0664, 0755, 04777, 0666, 0640, 0604, 0444, 0244, 0000}) {
     for (uint32_t root = 0; root < 4; ++root)
       make_file(root, std::to_string(root), "abc", mode);
     const char letter = mode == 0640 || mode == 0604 || (mode & 0600) != 0600 ? 'P' : 'G';
