@@ -1,12 +1,13 @@
 #include "tools/output.h"
 
+#include <stdint.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr long kProgressIntervalMs = 200;
+constexpr int64_t kProgressIntervalMs = 200;
 
 bool g_progress_shown = false;
 
@@ -28,10 +29,10 @@ size_t utf8_length(const unsigned char* text, size_t size) {
 }
 
 bool progress_is_due() {
-  static long last = 0;
+  static int64_t last = 0;
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const long ms = now.tv_sec * 1000 + now.tv_nsec / 1000000;
+  const int64_t ms = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
   if (g_progress_shown && ms - last < kProgressIntervalMs) return false;
   last = ms;
   return true;

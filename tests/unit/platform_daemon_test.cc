@@ -34,7 +34,7 @@ int start(int (*daemon_main)(int, char**)) {
 
 TEST(Daemon, RunsOnceAndTellsWhyItCannotStart) {
   // The daemons become children of this process, so that it can wait for them.
-  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  ASSERT_TRUE(getpid() == 1 || prctl(PR_SET_CHILD_SUBREAPER, 1) == 0);
   mkfifo("/run/end", 0600);
   const auto said = [](const char* text) {
     return read_file("/run/stderr").find(text) != std::string::npos;

@@ -21,6 +21,12 @@
 #include <utility>
 #include <vector>
 
+#ifdef CSD_SPAWN_TELLS_NO_FAILURE
+constexpr bool kSpawnTellsFailure = false;
+#else
+constexpr bool kSpawnTellsFailure = true;
+#endif
+
 inline std::string read_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};

@@ -1,0 +1,24 @@
+# Builds for 32-bit ARM with Debian's cross compiler. The libraries come from the sysroot that
+# arm_sysroot.sh makes, and programs of the build run under QEMU with the same libraries.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+
+cmake_path(SET CSD_SYSROOT NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build-arm/sysroot)
+set(CMAKE_FIND_ROOT_PATH ${CSD_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# The C library is the compiler's own, so this is no --sysroot.
+set(CMAKE_CXX_FLAGS_INIT
+  "-isystem ${CSD_SYSROOT}/usr/include -isystem ${CSD_SYSROOT}/usr/include/arm-linux-gnueabihf")
+set(CMAKE_EXE_LINKER_FLAGS_INIT
+  "-Wl,-rpath-link,${CSD_SYSROOT}/usr/lib/arm-linux-gnueabihf:${CSD_SYSROOT}/lib/arm-linux-gnueabihf")
+set(CMAKE_SKIP_RPATH ON)  # QEMU finds the libraries where the target has them
+
+# In a process namespace of its own a program inherits its orphans, for which QEMU cannot ask.
+set(CSD_QEMU qemu-arm -L ${CSD_SYSROOT})
+set(CMAKE_CROSSCOMPILING_EMULATOR unshare --pid --fork --mount-proc ${CSD_QEMU})

@@ -1,0 +1,44 @@
+#!/bin/bash
+# Makes a directory with the armhf libraries of this Debian release that the build needs, headers
+# and all, and a package database of them that tells the Debian package its dependencies. Nothing
+# is installed on this machine.
+#
+#   cmake/arm_sysroot.sh DIRECTORY      DIRECTORY/sysroot and DIRECTORY/dpkg; made once
+set -euo pipefail
+[ -n "${1:-}" ] || { echo "Usage: arm_sysroot.sh DIRECTORY" >&2; exit 2; }
+mkdir -p "$1"
+destination=$(realpath "$1")
+[ ! -e "$destination/sysroot" ] || exit 0
+
+PACKAGES=(libcpg-dev libdaemon-dev libgtest-dev libssl-dev libstdc++6)
+
+work=$(mktemp -d "$destination/sysroot.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$work"/{lists/partial,archives/partial,sysroot,dpkg/info}
+
+# A machine of its own on which nothing is installed: this one knows no packages of armhf.
+armhf_apt() {
+  apt-get -o APT::Architecture=armhf -o APT::Architectures=armhf -o Dir::State::Lists="$work/lists" \
+    -o Dir::Cache="$work" -o Dir::State::status=/dev/null -o APT::Sandbox::User=root "$@"
+}
+# One archive of several that cannot be read is no reason to stop: the download tells.
+armhf_apt update || true
+armhf_apt install --yes --no-install-recommends --download-only "${PACKAGES[@]}"
+
+for deb in "$work"/archives/*.deb; do
+  dpkg-deb -x "$deb" "$work/sysroot"
+  # What dpkg would note about an installed package, as far as dpkg-shlibdeps asks.
+  name=$(dpkg-deb -f "$deb" Package)
+  [ "$(dpkg-deb -f "$deb" Multi-Arch)" != same ] || name=$name:armhf
+  for file in shlibs symbols; do
+    dpkg-deb -I "$deb" "$file" > "$work/dpkg/info/$name.$file" 2> /dev/null ||
+      rm "$work/dpkg/info/$name.$file"
+  done
+  dpkg-deb --fsys-tarfile "$deb" | tar -t | sed 's|^\.||; s|/$||' > "$work/dpkg/info/$name.list"
+  { dpkg-deb -f "$deb" && printf 'Status: install ok installed\n\n'; } >> "$work/dpkg/status"
+done
+echo armhf > "$work/dpkg/arch"
+
+rm -rf "$destination/dpkg"
+mv "$work/dpkg" "$destination/dpkg"
+mv "$work/sysroot" "$destination/sysroot"
