@@ -27,16 +27,18 @@ armhf_apt install --yes --no-install-recommends --download-only "${PACKAGES[@]}"
 
 for deb in "$work"/archives/*.deb; do
   dpkg-deb -x "$deb" "$work/sysroot"
-  # What dpkg would note about an installed package, as far as dpkg-shlibdeps asks.
+  # What dpkg would note about an installed package, as far as dpkg-shlibdeps asks; it asks for
+  # files by the paths that they have here.
   name=$(dpkg-deb -f "$deb" Package)
   [ "$(dpkg-deb -f "$deb" Multi-Arch)" != same ] || name=$name:armhf
   for file in shlibs symbols; do
     dpkg-deb -I "$deb" "$file" > "$work/dpkg/info/$name.$file" 2> /dev/null ||
       rm "$work/dpkg/info/$name.$file"
   done
-  dpkg-deb --fsys-tarfile "$deb" | tar -t | sed 's|^\.||; s|/$||' > "$work/dpkg/info/$name.list"
+  dpkg-deb --fsys-tarfile "$deb" | tar -t | sed "s|^\.|$destination/sysroot|; s|/$||" > "$work/dpkg/info/$name.list"
   { dpkg-deb -f "$deb" && printf 'Status: install ok installed\n\n'; } >> "$work/dpkg/status"
 done
+echo 1 > "$work/dpkg/info/format"  # file names with the architecture
 echo armhf > "$work/dpkg/arch"
 
 rm -rf "$destination/dpkg"

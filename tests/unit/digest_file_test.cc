@@ -4,8 +4,10 @@
 #include <string.h>
 #include <sys/mount.h>
 
+#include <algorithm>
 #include <filesystem>
 
+#include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/statistics.h"
@@ -83,6 +85,42 @@ TEST_F(DigestFileTest, ServesUntilSizeOrSecondChange) {
   EXPECT_TRUE(exists(digest_)) << "below the limit it stays as it is";
   EXPECT_EQ(logged(-1), Lines(3, stale_message_));
   EXPECT_EQ(ctx->cpg_result.success, 1);
+}
+
+// Only digest cache files let a scan of such sizes be quick.
+TEST_F(DigestFileTest, SizesHave32BitsAndTimesMore) {
+  constexpr uint64_t kGiB = 1 << 30;
+  for (const uint64_t data_size : {3 * kGiB, 4 * kGiB - 1, 4 * kGiB, 5 * kGiB}) {
+    write_data(0, 'x', kMtime);
+    ASSERT_EQ(truncate(data_.c_str(), static_cast<off_t>(data_size)), 0);
+    const timespec times[2] = {{5000000000, 0}, {5000000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, data_.c_str(), times, 0), 0);
+    const auto size = static_cast<uint32_t>(data_size);
+    std::string digests = "Digest-V1 " + std::to_string(size) + " 5000000000\n", last;
+    for (uint64_t offset = 0; offset <= size; offset += kChunkSize) {
+      char offsets[32];
+      snprintf(offsets, sizeof offsets, " %08x %08x", static_cast<unsigned>(offset),
+               static_cast<unsigned>(std::min(offset + kChunkSize, uint64_t{size})));
+      last = std::string(40, 'a') + offsets;
+      digests += last + "\n";
+    }
+    write_file(digest_, digests);
+    stats.n_digest_bytes_elided = 0;
+    reset_cpg_result(ctx);
+    FileEntry* list = nullptr;
+    scan_replicated_roots(ctx, &list, true);
+    if (data_size == size) {
+      ASSERT_NE(list, nullptr) << size;
+      EXPECT_EQ(list->xmit_line, "A " + last + " G d/data");
+      EXPECT_EQ(list->file_size, size);
+      EXPECT_EQ(stats.n_digest_bytes_elided, size);
+      EXPECT_EQ(ctx->cpg_result.success, 1);
+    } else {
+      EXPECT_EQ(list, nullptr) << "one that only fits the lower bits of the size";
+      EXPECT_EQ(ctx->cpg_result.reason, "could not read file (File too large): " + data_);
+    }
+    free_file_list(&list);
+  }
 }
 
 TEST_F(DigestFileTest, BadOnesAreRecordedOnceAndReplaced) {

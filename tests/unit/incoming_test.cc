@@ -138,6 +138,16 @@ TEST_F(IncomingTest, PushedFilesAndChunks) {
       has_logged("SYNC updating chunk atomic=0 size=3 offs=0x10 '" + tree_path(0, "g") + "'"));
 }
 
+TEST_F(IncomingTest, OffsetsHave32Bits) {
+  for (const uint32_t begin : {0x7FFFFFFEu, 0xBFFFFFFCu, 0xFFFFFFFBu}) {
+    receive(update(2, 0, "f", begin, begin + 4, begin + 4, "tail"));
+    expect_push_answer(0, "f");
+    std::ifstream file(tree_path(0, "f"), std::ios::binary);
+    file.seekg(begin);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "tail") << begin;
+  }
+}
+
 TEST_F(IncomingTest, WhatCannotBeWrittenIsAnsweredWithTheFailure) {
   const std::string f = make_file(0, "f", "kept");
   strcpy(g_diag_params.fail_write_path, f.c_str());

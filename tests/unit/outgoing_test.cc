@@ -77,7 +77,9 @@ TEST_F(OutgoingTest, WhatCannotBeReadIsSentWithoutData) {
   ASSERT_EQ(symlink("d", tree_path(2, "dirlink").c_str()), 0);
   ASSERT_EQ(mkfifo(tree_path(2, "fifo").c_str(), 0644), 0);
   strcpy(g_diag_params.fail_read_path, make_file(2, "injected", "0123456789").c_str());
+  ASSERT_EQ(truncate(make_file(2, "huge", "").c_str(), off_t{5} << 30), 0);
   for (const auto& [path, error] : {std::pair("gone", "No such file or directory"),
+                                    {"huge", "File too large"},
                                     {"injected", "Numerical argument out of domain"},
                                     {"f", "No data available"},
                                     {"d", "Is a directory"},
@@ -98,6 +100,16 @@ TEST_F(OutgoingTest, WhatCannotBeReadIsSentWithoutData) {
       EXPECT_TRUE(has_logged(header.result.reason));
       EXPECT_EQ(g_flight_recorder.paused, 1) << "an error that dumps";
     }
+  }
+}
+
+TEST_F(OutgoingTest, OffsetsHave32Bits) {
+  const std::string path = make_file(0, "f", "");
+  for (const uint32_t begin : {0x7FFFFFFEu, 0xBFFFFFFCu, 0xFFFFFFFBu}) {
+    ASSERT_EQ(truncate(path.c_str(), begin), 0);
+    std::ofstream(path, std::ios::app) << "tail";
+    send(PULL_ACK, 0, "f", begin, begin + 4);
+    EXPECT_EQ(g_cpg.sent.back().payload, update(1, 0, "f", begin, begin + 4, begin + 4, "tail"));
   }
 }
 
