@@ -7,12 +7,15 @@
 #
 # Needs root, and what package.sh needs; installs lintian and corosync when they are missing. Prints
 # "N passed, N failed" at the end; the status is 0 when nothing failed.
+# Single quotes hold what a shell elsewhere is to expand.
+# shellcheck disable=SC2016
 set -uo pipefail
 export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 work=$(mktemp -d)
 cgroup=
 launcher=
+init=
 passed=0
 failed=0
 
@@ -364,7 +367,7 @@ install_tools() {
   local missing=()
   local tool
   for tool in lintian corosync man-db; do
-    dpkg -s $tool 2> /dev/null | grep -q '^Status: install ok installed' || missing+=($tool)
+    dpkg -s $tool 2> /dev/null | grep -q '^Status: install ok installed' || missing+=("$tool")
   done
   [ ${#missing[@]} = 0 ] ||
     { apt-get update && apt-get install -y --no-install-recommends "${missing[@]}"; }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kDefaultLogLevel = 6;
 constexpr int kLogLevelUnread = -1;
-constexpr size_t kThreadStackSize = 4 * 1024 * 1024;
+constexpr size_t kThreadStackSize = size_t{4} * 1024 * 1024;
 constexpr size_t kThreadNameSize = 16;  // what the kernel keeps, the terminator included
 constexpr int kCannotStart = 127;
 

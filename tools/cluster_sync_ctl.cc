@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr long kMaxTimeoutSeconds = 24 * 60 * 60;
+constexpr long kMaxTimeoutSeconds = 24L * 60 * 60;
 
 constexpr char kHelp[] =
     R"(Usage: cluster_sync_ctl [OPTION]... COMMAND

@@ -61,7 +61,7 @@ FileEntry* new_file_entry(uint32_t root_index, const char* dir_path, const char*
       --dir_length;
     entry->path = static_cast<char*>(malloc(dir_length + name_length + 2));
     CHECK_NOT_NULL(entry->path);
-    memcpy(entry->path, dir_path, dir_length);
+    memcpy(entry->path, dir_path, dir_length);  // NOLINT(bugprone-not-null-terminated-result)
     entry->path[dir_length] = '/';
     memcpy(entry->path + dir_length + 1, name, name_length + 1);
   }

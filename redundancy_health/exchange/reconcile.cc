@@ -67,6 +67,7 @@ void parse_listing(SyncContext* ctx, Comparison* comparison, const char* payload
 // All entries of the merged list, sorted so that the chunks of one file stand together and
 // identical lines are neighbours, the local one first. The caller frees it.
 FileEntry** sort_entries(const Comparison& comparison) {
+  // The elements are pointers. NOLINTBEGIN(bugprone-sizeof-expression)
   auto** index = static_cast<FileEntry**>(malloc(comparison.n_entries * sizeof(FileEntry*)));
   CHECK_NOT_NULL(index);
   size_t i = 0;
@@ -74,6 +75,7 @@ FileEntry** sort_entries(const Comparison& comparison) {
     index[i++] = entry;
   }
   qsort(index, comparison.n_entries, sizeof(FileEntry*), compare_file_entries);
+  // NOLINTEND(bugprone-sizeof-expression)
   return index;
 }
 

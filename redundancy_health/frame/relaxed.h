@@ -13,7 +13,7 @@ class Relaxed {
   operator T() const {
     return value_.load(std::memory_order_relaxed);
   }
-  T operator=(T value) {
+  T operator=(T value) {  // NOLINT(misc-unconventional-assign-operator): as std::atomic does
     value_.store(value, std::memory_order_relaxed);
     return value;
   }

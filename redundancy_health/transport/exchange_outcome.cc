@@ -80,7 +80,8 @@ void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, v
     storage_cfg_set_result_v(&ctx->cpg_result, flags, format, args);
     LOG_AS(__func__, 3, ctx->cpg_result.benign ? 0 : 1, "Sync Error: %s", ctx->cpg_result.reason);
   }
-  ctx->cpg_result.peer_present = (ctx->cpg_membership_flags & kPeerMember) != 0 ? 'Y' : 'N';
+  ctx->cpg_result.peer_present =
+      (ctx->cpg_membership_flags & kPeerMember) != 0 ? uint32_t{'Y'} : 'N';
   account_for_faults(ctx, flags);
   free_file_list(&ctx->update_queue);
   if ((flags & kCodeNoExchange) == 0) {
