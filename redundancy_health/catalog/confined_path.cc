@@ -51,6 +51,12 @@ uint32_t root_of_path(const char* path) {
   return kRootCount;
 }
 
+bool path_is_listable(const char* path) {
+  const uint32_t root_index = root_of_path(path);
+  return root_index != kRootCount &&
+         relative_path_is_listable(path + strlen(root_paths[root_index]));
+}
+
 int check_no_symlink_above(uint32_t root_index, const char* path) {
   std::string above(path);
   for (size_t slash = above.find('/', strlen(root_paths[root_index])); slash != std::string::npos;

@@ -22,6 +22,9 @@ bool relative_path_is_listable(const char* relative_path);
 // below none, is a root itself or has a ".." component.
 uint32_t root_of_path(const char* path);
 
+// True for an absolute path below a root whose part behind the root a scan can list.
+bool path_is_listable(const char* path);
+
 // Returns 0 when no existing directory between the root and the last component of `path` is a
 // symbolic link, else ELOOP (or the error of lstat). `path` begins with the root `root_index`. A
 // missing directory ends the walk without an error.

@@ -33,7 +33,7 @@ void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
   if (*source == '\0' || *destination == '\0') return;
   if (strstr(source, "/TempUpdate_") != nullptr) return;
   // The bytes are the peer's: they move nothing into or out of the roots.
-  if (!is_confined(source) || !is_confined(destination)) return;
+  if (!is_confined(source) || !is_confined(destination) || !path_is_listable(destination)) return;
   if (rename(source, destination) != 0) return;
   // The digests of what was replaced would fit a file of the same size and second.
   remove_digest_file(destination);
