@@ -24,6 +24,10 @@ bool relative_path_is_confined(const char* relative_path) {
 }
 
 bool relative_path_is_listable(const char* relative_path) {
+  const char* as_read = relative_path + strspn(relative_path, " \t\n\v\f\r");
+  if (as_read != relative_path && (*as_read == '\0' || !relative_path_is_confined(as_read))) {
+    return false;
+  }
   int depth = 0;
   const char* name = relative_path;
   for (const char* c = relative_path; *c != '\0'; ++c) {

@@ -14,8 +14,9 @@
 bool relative_path_is_confined(const char* relative_path);
 
 // True for a relative path that a scan can list: a file of that name would otherwise fail every
-// later scan (too deep, too long for a digest cache file beside it) or be taken for a digest cache
-// file. An empty path passes.
+// later scan (too deep, too long for a digest cache file beside it), be taken for a digest cache
+// file, or make an invalid listing line (the reader of a line swallows the blanks at its start).
+// An empty path passes.
 bool relative_path_is_listable(const char* relative_path);
 
 // Finds the root below which an absolute path lies, as text: its index, or kRootCount when it lies

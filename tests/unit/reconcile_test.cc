@@ -275,6 +275,9 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyInsideTheRoots) {
       src + nul + root + "link/dst" + nul, src + nul + "dst" + nul, out + "kept" + nul + dst + nul,
       root + "../kept" + nul + dst + nul, root + "link/kept" + nul + dst + nul,
       root + "dir/../../kept" + nul + dst + nul,
+      // What no scan could list would fail every later exchange.
+      src + nul + root + ".$SyncDigest$dst" + nul, src + nul + root + " \t" + nul,
+      src + nul + root + "/ /" + nul, src + nul + root + std::string(243, 'n') + nul,
       // A root itself is no file of the trees.
       root_paths[2] + nul + root_paths[1] + "dst" + nul,
       root_paths[2] + std::string("/") + nul + root_paths[1] + "dst" + nul,

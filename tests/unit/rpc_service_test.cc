@@ -164,7 +164,7 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
       {"", dotted, kCounted, del + not_permitted + dotted},
       {"", through, kCounted, del + loop + through},
       {kept, through, kCounted, update + loop + through},
-      {kept, unlistable, kCounted, update + "File name too long): " + unlistable},
+      {kept, unlistable, kCounted, update + "Invalid argument): " + unlistable},
   };
   Lines errors;
   for (const auto& row : rows) {
