@@ -115,7 +115,6 @@ Bytes hostile_update(uint32_t command) {
   header.marker = 1;
   header.data_ok = static_cast<uint8_t>(below(2));
   header.root_index = below(5);
-  // A sparse file of 4 GiB, as any peer may have one, would only cost the daemons seconds a scan.
   header.file_size = below(2) == 0 ? below(100) : below(200000);
   header.begin_offs = below(2) == 0 ? 0 : below(200000);
   if (below(16) == 0) header.begin_offs = 0xFFFFFFFF - below(70000);
