@@ -9,8 +9,8 @@ from harness import OWN, wait_for
 from convergence import Driver
 from support import SocketTest
 
-SEEDS = [int(os.environ["SEED"])] if "SEED" in os.environ else range(1, 7)
-BURSTS = int(os.environ.get("BURSTS", 60))  # of each seed
+SEEDS = [int(os.environ["SEED"])] if "SEED" in os.environ else range(1, 6)
+BURSTS = int(os.environ.get("BURSTS", 50))  # of each seed
 
 
 class ConvergenceTest(SocketTest):

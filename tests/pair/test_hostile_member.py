@@ -4,6 +4,8 @@ SEED=n makes one run of a minute with that seed.
 """
 
 import os
+import re
+import subprocess
 import time
 
 from harness import BUILD, DEADLINE, EMS, OWN, ROOTS, wait_for
@@ -48,7 +50,7 @@ class HostileMemberTest(SocketTest):
     def withstand(self, seed: int, seconds: int) -> None:
         """Runs the hostile member, on either EM, beside requests of all kinds from both EMs."""
         command = [BUILD / "hostile_member", str(DEADLINE + seconds), str(seed)]
-        hostile = self.pair.popen(1 + seed % 2, command)
+        hostile = self.pair.popen(1 + seed % 2, command, stdout=subprocess.PIPE, text=True)
         end = time.monotonic() + seconds
         turn = 0
         try:
@@ -62,8 +64,11 @@ class HostileMemberTest(SocketTest):
         finally:
             left = {n: self.new_log(n).count(LEFT) for n in EMS}
             hostile.terminate()
-            hostile.wait(DEADLINE)
+            counts, _ = hostile.communicate(timeout=DEADLINE)
         self.assertEqual(0, hostile.returncode)
+        sent, received = map(int, re.fullmatch(r"sent (\d+), received (\d+)\n", counts).groups())
+        self.assertGreater(received, sent, "the daemons were silent")
+        self.assertGreater(sent, 0)
         self.assertTrue(all(self.pair.alive(n, "daemon") for n in EMS), "a daemon has ended")
         # Its messages are delivered before the news that it has left.
         for n in EMS:
