@@ -12,11 +12,12 @@ import sys
 import syslog
 import time
 
+# With the slash fwalk enters a root that is a link; it follows none below.
 ROOTS = (
-    "/mnt/part.persistent/replicated_by_active_em",
-    "/mnt/part.persistent/replicated_by_this_em",
-    "/mnt/part.persistent/replicated_by_other_em",
-    "/var/run/replicated_by_active_em",
+    "/mnt/part.persistent/replicated_by_active_em/",
+    "/mnt/part.persistent/replicated_by_this_em/",
+    "/mnt/part.persistent/replicated_by_other_em/",
+    "/var/run/replicated_by_active_em/",
 )
 PREFIX = "TempUpdate_"
 MAX_AGE_SECONDS = 3600

@@ -1,6 +1,7 @@
 #include "platform/util.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -108,6 +109,7 @@ void DbgOutput(const char* file, int line, const char* function, int level, cons
 
 void debug_log_to_stdout(int enable) {
   read_log_level();
+  if (enable != 0) signal(SIGPIPE, SIG_IGN);  // of a reader that has gone
   g_log_to_stdout.store(enable != 0, std::memory_order_relaxed);
 }
 

@@ -24,6 +24,10 @@ bool relative_path_is_confined(const char* relative_path) {
 }
 
 bool relative_path_is_listable(const char* relative_path) {
+  const char* as_read = relative_path + strspn(relative_path, " \t\n\v\f\r");
+  if (as_read != relative_path && (*as_read == '\0' || !relative_path_is_confined(as_read))) {
+    return false;
+  }
   int depth = 0;
   const char* name = relative_path;
   for (const char* c = relative_path; *c != '\0'; ++c) {
@@ -49,6 +53,12 @@ uint32_t root_of_path(const char* path) {
     return *rest != '\0' && relative_path_is_confined(rest) ? root_index : kRootCount;
   }
   return kRootCount;
+}
+
+bool path_is_listable(const char* path) {
+  const uint32_t root_index = root_of_path(path);
+  return root_index != kRootCount &&
+         relative_path_is_listable(path + strlen(root_paths[root_index]));
 }
 
 int check_no_symlink_above(uint32_t root_index, const char* path) {

@@ -14,13 +14,17 @@
 bool relative_path_is_confined(const char* relative_path);
 
 // True for a relative path that a scan can list: a file of that name would otherwise fail every
-// later scan (too deep, too long for a digest cache file beside it) or be taken for a digest cache
-// file. An empty path passes.
+// later scan (too deep, too long for a digest cache file beside it), be taken for a digest cache
+// file, or make an invalid listing line (the reader of a line swallows the blanks at its start).
+// An empty path passes.
 bool relative_path_is_listable(const char* relative_path);
 
 // Finds the root below which an absolute path lies, as text: its index, or kRootCount when it lies
 // below none, is a root itself or has a ".." component.
 uint32_t root_of_path(const char* path);
+
+// True for an absolute path below a root whose part behind the root a scan can list.
+bool path_is_listable(const char* path);
 
 // Returns 0 when no existing directory between the root and the last component of `path` is a
 // symbolic link, else ELOOP (or the error of lstat). `path` begins with the root `root_index`. A

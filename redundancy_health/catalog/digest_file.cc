@@ -2,10 +2,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/scan_failure.h"
@@ -27,15 +28,8 @@ struct LoadedLines {
 enum class LoadState { kComplete, kIncomplete, kFailed };
 
 // The name of the digest cache file beside a data file.
-struct DigestName {
-  char text[kPrefixLength + NAME_MAX + 1];
-};
-
-DigestName digest_name_of(const char* data_name) {
-  DigestName name;
-  memcpy(name.text, kDigestPrefix, kPrefixLength);
-  stpcpy(name.text + kPrefixLength, data_name);
-  return name;
+std::string digest_name_of(const char* data_name) {
+  return std::string(kDigestPrefix) + data_name;
 }
 
 bool is_digest_name(const char* name) {
@@ -194,14 +188,14 @@ DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const Scanned
     delete_if_orphaned(ctx, file);
     return DigestLookup::kIsDigestFile;
   }
-  const DigestName digest_name = digest_name_of(file.name);
-  const bool exists = faccessat(file.dir_fd, digest_name.text, F_OK, 0) == 0;
+  const std::string digest_name = digest_name_of(file.name);
+  const bool exists = faccessat(file.dir_fd, digest_name.c_str(), F_OK, 0) == 0;
   if (!exists && errno == ENOENT) return DigestLookup::kHashData;
   const int error = errno;
   bool loaded = false;
-  char* digest_path = sibling_path(file, digest_name.text);
+  char* digest_path = sibling_path(file, digest_name.c_str());
   if (exists) {
-    loaded = load_digest_file(ctx, list, file, digest_name.text, digest_path);
+    loaded = load_digest_file(ctx, list, file, digest_name.c_str(), digest_path);
   } else {
     RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of digest file (%s): %s",
                         strerror(error), digest_path);
@@ -214,7 +208,7 @@ DigestWriter start_digest_file(const ScannedFile& data) {
   DigestWriter writer = {nullptr, nullptr, 0};
   if (data.status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
   writer.path = compute_digest_path(data.entry->path);
-  writer.file = open_stream(data.dir_fd, digest_name_of(data.name).text,
+  writer.file = open_stream(data.dir_fd, digest_name_of(data.name).c_str(),
                             O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
   if (writer.file == nullptr) {
     LOG(3, "Could not open digest file '%s': %s", writer.path, strerror(errno));
@@ -246,7 +240,7 @@ void finish_digest_file(SyncContext* ctx, const ScannedFile& data, DigestWriter*
     if (writer->error != 0) {
       LOG_PLATFORM_ONLY(3, "Error occurred updating digest file '%s'; removing it: %s",
                         writer->path, strerror(writer->error));
-      if (unlinkat(data.dir_fd, digest_name_of(data.name).text, 0) != 0) {
+      if (unlinkat(data.dir_fd, digest_name_of(data.name).c_str(), 0) != 0) {
         LOG_PLATFORM_ONLY(3, "Error occurred removing bad digest file '%s': %s", writer->path,
                           strerror(errno));
         end_exchange_full(ctx, RESULT_READ_FAILED, "Corrupt digest file '%s' can't be removed.",

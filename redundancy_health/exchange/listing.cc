@@ -6,6 +6,7 @@
 
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/frame/statistics.h"
@@ -32,8 +33,9 @@ void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
   if (strnlen(destination, rest) == rest) return;
   if (*source == '\0' || *destination == '\0') return;
   if (strstr(source, "/TempUpdate_") != nullptr) return;
-  // The bytes are the peer's: they move nothing into or out of the roots.
-  if (!is_confined(source) || !is_confined(destination)) return;
+  // The bytes are the peer's: they move nothing into or out of the roots, nor where it would fail
+  // every later exchange.
+  if (!is_confined(source) || !is_confined(destination) || !path_is_listable(destination)) return;
   if (rename(source, destination) != 0) return;
   // The digests of what was replaced would fit a file of the same size and second.
   remove_digest_file(destination);

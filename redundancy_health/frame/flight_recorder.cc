@@ -61,7 +61,9 @@ void dump_flight_recorder() {
 }
 
 void empty_flight_recorder() {
+  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
   while (!SIMPLEQ_EMPTY(&g_flight_recorder.entries))
     remove_oldest();
   g_flight_recorder.count = 0;
+  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
 }

@@ -31,7 +31,8 @@ void record_line(int level, int dump, const char* prefix, const char* message);
 // Writes every line to the platform log at level 3. The caller holds the mutex.
 void dump_flight_recorder();
 
-// Drops every line, without the mutex: for the end of the process, when no other thread is left.
+// Drops every line. Takes the mutex: at the end of the process a request that outlived the command
+// server's patience may still log.
 void empty_flight_recorder();
 
 #endif  // FRAME_FLIGHT_RECORDER_H_

@@ -42,7 +42,9 @@ void append_to_log_file(const char* prefix, const char* message) {
   const int fd =
       open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
   if (fd < 0) return;
-  FILE* f = fdopen(fd, "a");
+  struct stat status;
+  FILE* f = nullptr;
+  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) f = fdopen(fd, "a");
   if (f == nullptr) {
     close(fd);
     return;

@@ -78,6 +78,7 @@ bool delete_destination(SyncContext* ctx, const char* destination) {
 // Returns 0 or an error number. The digest cache file of the old destination goes in any case.
 int rename_onto(const char* source, const char* destination) {
   int error = check_destination(destination);
+  if (error == 0 && !path_is_listable(destination)) error = EINVAL;
   if (error != 0) return error;
   if (have_error_injection(g_diag_params.fail_rename_path, destination)) {
     error = EDOM;

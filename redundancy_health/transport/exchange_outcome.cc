@@ -55,10 +55,14 @@ void hand_back_to_rpc(SyncContext* ctx) {
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
   switch (ctx->rpc_stage) {
     case RPC_REQUESTING:
-      // Its own exchange would have made it pending. That another one ended well, or was abandoned,
-      // is no answer to a request that was not even applied: it is served next.
+      // Its own exchange would have made it pending. How another one ended is no answer to a
+      // request that was not even applied: it is served next, unless this one ends by an error
+      // unannounced.
       if (ctx->rpc_deferred || ctx->cpg_result.success) break;
-      [[fallthrough]];
+      ctx->rpc_result = ctx->cpg_result;
+      ctx->rpc_result.local_ok = 0;
+      ctx->rpc_stage = RPC_COMPLETE;
+      break;
     case RPC_PENDING:
       ctx->rpc_result = ctx->cpg_result;
       ctx->rpc_stage = RPC_COMPLETE;

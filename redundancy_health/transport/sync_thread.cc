@@ -104,6 +104,8 @@ void watch_timeouts(SyncContext* ctx) {
     FATAL("Detected long sync state timeout.");
   } else if (elapsed > kShortTimeout) {
     LOG(3, "Detected short sync state timeout");
+    // Its release was lost: a request that waits for it would never be served.
+    if (ctx->cur_state == ST_DONE) ctx->rpc_deferred = 0;
     end_exchange_error(ctx, "Operation timed out");
     sleep(1);
   }

@@ -1,6 +1,6 @@
 #!/bin/bash
 # fuzz.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang, gives them the daemon's own
-# messages as seeds and runs each for SECONDS (default 30), one after the other. Needs root.
+# messages as seeds and runs each for SECONDS (default 30), one on every processor. Needs root.
 # The build, what the runs found new and the inputs that crashed (crashes/) are kept in
 # $CSD_FUZZ_BUILD, build-fuzz by default. Exit status 0 only when nothing crashed or hung.
 set -euo pipefail
@@ -27,6 +27,7 @@ export ASAN_OPTIONS=quarantine_size_mb=16  # the default only costs page faults
 cd "$build"
 mkdir -p crashes logs
 rm -rf seeds
+cp "$source_dir/tests/fuzz/fuzz.dict" .  # the targets see nothing else of a source below /tmp
 ./fuzz_seeds seeds
 
 # Prints one line; the log of a failed run and its inputs follow it.
@@ -34,9 +35,9 @@ run_target() {
   local target=$1 log=logs/$1.log status=0 before after
   mkdir -p "corpus/$target" "seeds/$target"
   before=$(ls crashes)
-  timeout --kill-after=10 $((seconds + 60)) "./fuzz_$target" "corpus/$target" "seeds/$target" \
+  timeout --foreground --kill-after=10 $((seconds + 60)) "./fuzz_$target" "corpus/$target" "seeds/$target" \
     -max_total_time="$seconds" -timeout=20 -rss_limit_mb=1024 -handle_xfsz=0 -max_len=8192 -len_control=0 \
-    -dict="$source_dir/tests/fuzz/fuzz.dict" -artifact_prefix="crashes/$target-" \
+    -dict=fuzz.dict -artifact_prefix="crashes/$target-" \
     -print_final_stats=1 > "$log" 2>&1 || status=$?
   awk -v target="$target" '
     / cov: / { for (i = 1; i < NF; ++i) if ($i == "cov:") coverage = $(i + 1) }
@@ -58,8 +59,21 @@ run_target() {
 
 passed=0
 failed=0
+running=0
+finish_one() {
+  if wait -n; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+  running=$((running - 1))
+}
+
+# Every target is a process group of its own, which ends with this script.
+set -m
+trap 'for group in $(jobs -p); do kill -- "-$group"; done' EXIT
+trap 'exit 130' INT TERM
 for target in "${targets[@]}"; do
-  if run_target "$target"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+  [ "$running" -lt "$(nproc)" ] || finish_one
+  (report=$(run_target "$target") && echo "$report" || { echo "$report"; exit 1; }) &
+  running=$((running + 1))
 done
+while [ "$running" -gt 0 ]; do finish_one; done
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]

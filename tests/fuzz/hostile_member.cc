@@ -1,10 +1,13 @@
-// hostile_member SECONDS SEED: joins the group of the daemons as a third process and, for SECONDS,
-// sends what no daemon would: random messages, mutated and replayed ones, messages of the protocol
-// at any time, updates and renames whose paths lead out of the trees. Prints how many messages it
-// sent and received. Exit status 1 when the group cannot be joined or is lost.
+// hostile_member SECONDS SEED: joins the group of the daemons as a third process and, for SECONDS
+// or until SIGTERM, sends what no daemon would: random messages, mutated and replayed ones,
+// messages of the protocol at any time, updates and renames whose paths lead out of the trees, by
+// themselves or through the links that the test plants there. Prints how many messages it sent and
+// received. Exit status 1 when the group cannot be joined or is lost, or when a message carries
+// bytes from outside the trees.
 
 #include <corosync/cpg.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,6 +17,7 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "redundancy_health/transfer/update_message.h"
@@ -24,6 +28,7 @@ namespace {
 constexpr size_t kKept = 200;           // received messages to replay
 constexpr size_t kMaxKept = 70 * 1024;  // longer ones are cut
 constexpr int kMaxWait = 10;            // ms without a message
+constexpr std::string_view kSecret = "bytes that no message may carry";  // outside the trees
 
 using Bytes = std::vector<uint8_t>;
 
@@ -33,6 +38,7 @@ uint32_t g_exchange_id;  // of the last message received
 uint32_t g_sequence_id;
 uint32_t g_command;
 unsigned long g_n_received;
+volatile sig_atomic_t g_stop;
 
 uint32_t below(size_t limit) {
   return static_cast<uint32_t>(g_random() % limit);
@@ -48,6 +54,11 @@ void on_message(cpg_handle_t, const struct cpg_name*, uint32_t, uint32_t, void* 
                 size_t size) {
   const auto* bytes = static_cast<const uint8_t*>(message);
   ++g_n_received;
+  if (std::string_view(static_cast<const char*>(message), size).find(kSecret) !=
+      std::string_view::npos) {
+    fprintf(stderr, "A message carries bytes from outside the trees\n");
+    exit(1);
+  }
   CpgHeader header;
   if (size >= sizeof header) {
     memcpy(&header, bytes, sizeof header);
@@ -84,19 +95,17 @@ Bytes make_message(uint32_t command, const Bytes& payload) {
 }
 
 std::string hostile_path() {
-  static const std::string paths[] = {"../escaped",
-                                      "/tmp/escaped",
-                                      "a/../../escaped",
-                                      "hostile/./file",
-                                      "hostile",
-                                      "",
-                                      ".",
-                                      "..",
-                                      "hostile/.$SyncDigest$file",
-                                      std::string(255, 'n'),
-                                      "hostile/" + std::string(5000, 'p'),
-                                      "d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/deep",
-                                      "hostile/\x01\x1b[2J\xff"};
+  static const std::string paths[] = {
+      "../escaped", "/tmp/escaped", "/tmp/outside/file", "a/../../escaped", "..",
+      "../../../tmp/outside/file", "dir/../../replicated_by_this_em/../escaped",
+      // Through links to a directory, a file, nothing and "..".
+      "to_dir/escaped", "to_dir/file", "to_dir/dir/file", "dir/to_dir/file", "to_file",
+      "to_nothing", "to_above/escaped", "to_above/replicated_by_this_em/small",
+      // Names that are there, and those that no scan may meet.
+      "small", "large", "dir/file", "dir", "fifo", "hostile/file", "hostile/./file", "hostile", "",
+      ".", " ", "hostile/.$SyncDigest$file", ".$SyncDigest$small", std::string(250, 'm'),
+      std::string(255, 'n'), "hostile/" + std::string(5000, 'p'),
+      "d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/deep", "hostile/\x01\x1b[2J\xff"};
   return paths[below(std::size(paths))];
 }
 
@@ -106,7 +115,6 @@ Bytes hostile_update(uint32_t command) {
   header.marker = 1;
   header.data_ok = static_cast<uint8_t>(below(2));
   header.root_index = below(5);
-  // A sparse file of 4 GiB, as any peer may have one, would only cost the daemons seconds a scan.
   header.file_size = below(2) == 0 ? below(100) : below(200000);
   header.begin_offs = below(2) == 0 ? 0 : below(200000);
   if (below(16) == 0) header.begin_offs = 0xFFFFFFFF - below(70000);
@@ -220,8 +228,9 @@ int main(int argc, char** argv) {
     fprintf(stderr, "Could not join the group\n");
     return 1;
   }
+  signal(SIGTERM, [](int) { g_stop = 1; });
   unsigned long n_sent = 0;
-  while (time(nullptr) < end) {
+  while (g_stop == 0 && time(nullptr) < end) {
     pollfd readable = {fd, POLLIN, 0};
     poll(&readable, 1, kMaxWait);
     if (cpg_dispatch(handle, CS_DISPATCH_ALL) != CS_OK) {

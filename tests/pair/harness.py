@@ -68,7 +68,8 @@ class PairTest(unittest.TestCase):
     def run(self, result=None):
         outcome = super().run(result)
         result = result or outcome
-        if result is not None and any(test is self for test, _ in result.failures + result.errors):
+        failed = () if result is None else result.failures + result.errors
+        if any(getattr(test, "test_case", test) is self for test, _ in failed):  # of a sub-test
             for n in EMS:
                 start = getattr(self, "_log_start", {}).get(n, 0)
                 lines = self.pair.log(n)[start:].splitlines()[-LOG_LINES:]

@@ -1,4 +1,4 @@
-"""Thousands of exchanges leave the daemons as small as they were. SOAK=n makes n exchanges."""
+"""Thousands of exchanges leave the daemons as small as they were. EXCHANGES=n makes n."""
 
 import os
 
@@ -6,7 +6,7 @@ from harness import ACTIVE, EMS, OWN, VOLATILE
 from footprint import footprint
 from support import SYNC, SocketTest, request
 
-EXCHANGES = int(os.environ.get("SOAK", 1200))
+EXCHANGES = int(os.environ.get("EXCHANGES", 1200))
 WARM_UP = 200
 GROWTH_KB = 256
 

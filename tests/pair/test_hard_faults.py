@@ -19,7 +19,7 @@ from convergence import Machine
 from support import FAILING, HEALTHY, Caller, Result, SocketTest, request, unpack
 
 LARGE = 32 << 20
-KILLS = int(os.environ.get("SOAK", 20))
+KILLS = int(os.environ.get("KILLS", 20))
 CHANGING_SECONDS = 3
 TIMED_OUT = "Operation timed out"
 # The peer's time limit was faster, or its late release ended the next exchange.

@@ -40,16 +40,6 @@ class RpcTest(SocketTest):
                 self.assertTrue(self.update(n, "", f"{root}/{name}").success)
             self.assertEqual([{"kept"}] * 2, [self.tree(n, root), self.tree(3 - n, copy)])
 
-    def test_one_connection_serves_many_requests(self):
-        caller = self.call(1)
-        for turn in range(20):
-            self.assertTrue(caller.result().success)
-            self.write(1, f"{ACTIVE}/TempUpdate_{turn}", str(turn))
-            caller.send(request(f"{ACTIVE}/TempUpdate_{turn}", f"{ACTIVE}/file"))
-            self.assertTrue(caller.result().success)
-            self.assertEqual(str(turn).encode(), self.read(2, f"{ACTIVE}/file"))
-            caller.send(SYNC)
-
     def test_refused_updates(self):
         for n in (1, 2):
             self.write(n, f"{ACTIVE}/kept", "here before")
@@ -57,27 +47,18 @@ class RpcTest(SocketTest):
             self.write(n, f"{OWN}/dir/kept", f"of {n}")
             self.write(n, f"{OWN}/kept", f"of {n}")
         self.synced(1)
-        missing, directory = "No such file or directory", "Is a directory"
         digest = "Could not update file '{}': Paths cannot contain digest prefix"
         standby = "Attempt to update shared replicated area while not active '{}'"
         update, delete = "Could not update file ({}): {{}}", "Could not delete file ({}): {{}}"
         cases = (
-            (1, "", f"{ACTIVE}/gone", True, delete.format(missing)),
-            (1, "", f"{OWN}/dir", False, delete.format(directory)),
-            (1, "", "/etc/hostname", False, delete.format("Operation not permitted")),
+            (1, "", f"{ACTIVE}/gone", True, delete.format("No such file or directory")),
             (1, "", f"{OWN}/../replicated_by_this_em/kept", False,
              delete.format("Operation not permitted")),
-            (1, "", f"{ACTIVE}/.$SyncDigest$kept", True, digest),
             (1, f"{ACTIVE}/kept", f"{OWN}/a.$SyncDigest$b/c", True, digest),
-            (1, f"{ACTIVE}/gone", f"{ACTIVE}/kept", False, update.format(missing)),
-            (1, f"{ACTIVE}/kept", f"{ACTIVE}/none/file", False, update.format(missing)),
-            (1, f"{ACTIVE}/kept", f"{OWN}/dir", False, update.format(directory)),
+            (1, f"{ACTIVE}/kept", f"{OWN}/dir", False, update.format("Is a directory")),
             (1, "/tmp/elsewhere", f"{ACTIVE}/kept", False,
              update.format("Invalid cross-device link")),
-            (1, f"{ACTIVE}/kept", "/tmp/kept", False, update.format("Operation not permitted")),
-            (2, f"{OWN}/kept", f"{ACTIVE}/kept", True, standby),
             (2, f"{OWN}/kept", f"{VOLATILE}/kept", True, standby),
-            (2, "", f"{ACTIVE}/kept", True, standby),
         )
         self.assertEqual([0, 0], [self.status(n, "stats=reset") for n in (1, 2)])
         for n, source, destination, benign, reason in cases:
@@ -91,26 +72,13 @@ class RpcTest(SocketTest):
         self.assert_identical()
 
     def test_messages_that_are_none(self):
-        for message, shown in ((b"", ""), (b"abc", "abc"), (b"a\0b", "a\\x00b"), (b"\0", "\\x00"),
-                               (b"\xff\n" * 40, "\\xff\\x0a" * 12),
-                               (b"x" * 65_536, "x" * 95)):
+        for message, shown in ((b"", ""), (b"a\0b", "a\\x00b"), (b"x" * 65_536, "x" * 95)):
             self.assert_refused(self.call(1, message).result(), "Received unparseable RPC message",
                                 False)
             self.wait_log(1, f"Bad RPC message data: size={len(message)} [{shown}]")
         self.assertEqual(UNKNOWN_REQUEST, self.call(1, SYNC, kind=2).status())
         self.assert_logged(1, "received an invalid message 2")
         self.assertTrue(self.call(1, SYNC + b"ignored").result().success)
-
-    def test_packets_that_are_none_close_their_connection_only(self):
-        bystander = self.call(1)
-        self.assertTrue(bystander.result().success)
-        for packet in (b"\0", b"\0\0\0", bytes(4 + 65_537)):
-            caller = self.call(1)
-            caller.result()
-            caller.socket.send(packet)
-            self.assertIsNone(caller.status())
-        bystander.send(SYNC)
-        self.assertTrue(bystander.result().success)
 
     def test_150_callers_at_once(self):
         # A request that the frozen state machine loses holds all others for 10 s.

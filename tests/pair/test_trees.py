@@ -56,23 +56,6 @@ class TreeTest(SocketTest):
         return {f"{root}/{name}": self.read(n, f"{root}/{name}")
                 for root in (ACTIVE, VOLATILE) for name in self.tree(n, root)}
 
-    def test_own_trees_reach_the_peer_whoever_asks(self):
-        for requester in (1, 2):
-            for n in (1, 2):
-                self.write(n, f"{OWN}/same_name", f"EM {n} asked by {requester}")
-                self.write(n, f"{OWN}/dir/{requester}", b"x" * requester * 70_000)
-                self.write(n, f"{PEERS}/stray", "nobody has it")
-                self.write(n, f"{PEERS}/deep/stray", "nobody has it")
-            self.synced(requester)
-            self.assert_identical()
-            for n in (1, 2):  # the copies are read only in effect: what is done to them is undone
-                self.pair.path(n, f"{OWN}/same_name").unlink()
-                self.write(n, f"{PEERS}/dir/{requester}", "damaged")
-            self.synced(requester)
-            self.assert_identical()
-            self.assertNotIn("same_name", self.tree(1, PEERS) | self.tree(2, PEERS))
-            self.assert_settled(requester)
-
     def test_trees_that_become_empty(self):
         for n, root, _ in FLOWS:
             for name in ("small", "dir/large"):
@@ -103,11 +86,8 @@ class TreeTest(SocketTest):
         self.assert_settled(2)
 
     def test_names(self):
-        self.exchange_names(NAMES)
-
-    def exchange_names(self, names: tuple[str, ...]) -> None:
         for n, root, _ in FLOWS:
-            for name in names:
+            for name in NAMES:
                 self.write(n, f"{root}/{name}", name.encode(errors="surrogateescape"))
                 self.write(n, f"{root}/in/{name}/{name}", "below")
         for requester in (1, 2):
@@ -115,7 +95,7 @@ class TreeTest(SocketTest):
             self.assert_identical()
             self.assert_settled(requester)
             for n, root, _ in FLOWS[2:]:
-                for name in names:
+                for name in NAMES:
                     self.pair.path(n, f"{root}/{name}").unlink(missing_ok=True)
 
     def test_depth_of_16_is_listed(self):
@@ -152,27 +132,6 @@ class TreeTest(SocketTest):
         self.synced(1)
         self.assertEqual(1, self.stats(2)["Chunk writes from peer"])
         self.assert_identical()
-
-    def test_a_mode_that_changes(self):
-        for mode in (0o600, 0o644, 0o640):
-            for n, root, _ in FLOWS:
-                self.store(n, f"{root}/file", b"same content", mode=mode)
-            self.synced(1)
-            self.assert_identical()
-
-    def test_a_file_becomes_a_directory_and_back(self):
-        shapes = ("it", "it/has/files")
-        for shape, old in ((shapes[0], None), (shapes[1], "it"), (shapes[0], "it")):
-            for n, root, _ in FLOWS:
-                if old:
-                    self.pair.run(n, ["rm", "-r", f"{root}/{old}"], check=True)
-                self.write(n, f"{root}/{shape}", "content")
-            with self.subTest(shape=shape, after=old):
-                if old:  # the deletion of what has made way already is refused, a tree at a time
-                    for _ in FLOWS:
-                        self.ctl(1, "sync")
-                self.synced(1)
-                self.assert_identical()
 
     def test_links_are_neither_read_nor_written_through(self):
         for n, root, copy in FLOWS:

@@ -136,6 +136,9 @@ TEST_F(ExchangeOutcomeTest, HandsTheOutcomeToWhoeverWaitsForIt) {
       end_exchange_full(ctx, flags, "the outcome");
       EXPECT_EQ(+ctx->rpc_stage, row.after);
       EXPECT_STREQ(ctx->rpc_result.reason, row.copied ? "the outcome" : "preset");
+      const bool applied = row.before != RPC_REQUESTING;
+      EXPECT_EQ(ctx->rpc_result.local_ok, row.copied && applied && flags == 4);
+      ctx->rpc_result.local_ok = ctx->cpg_result.local_ok;
       EXPECT_EQ(memcmp(&ctx->rpc_result, &ctx->cpg_result, 128) == 0, row.copied);
     }
   }

@@ -1,5 +1,6 @@
 #include "redundancy_health/frame/flight_recorder.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <time.h>
 
@@ -90,11 +91,29 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   ASSERT_EQ(symlink("/tmp/elsewhere", kLogFile), 0);
   log_with_errno("link");
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
+  const int reader = open(kLogFile, O_RDONLY | O_NONBLOCK);
   log_with_errno("FIFO");
+  char byte;
+  EXPECT_EQ(read(reader, &byte, 1), 0) << "a stranger gets no line";
+  close(reader);
   ASSERT_EQ(mkdir(kLogFile, 0755), 0);
   log_with_errno("directory");
   EXPECT_EQ(recorded(), Lines({"|link", "|FIFO", "|directory"}));
   EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
+}
+
+TEST_F(LogTest, ALateRequestMayLogWhileTheRecorderIsEmptied) {
+  pthread_t thread;
+  const auto log_lines = [](void*) -> void* {
+    for (int i = 0; i < 1000; ++i)
+      private_log(7, "f", 1, 1, "|late");
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, nullptr, log_lines, nullptr), 0);
+  for (int i = 0; i < 1000; ++i)
+    empty_flight_recorder();
+  pthread_join(thread, nullptr);
+  EXPECT_EQ(recorded().size(), g_flight_recorder.count);
 }
 
 TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {

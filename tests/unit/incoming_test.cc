@@ -73,7 +73,8 @@ TEST_F(IncomingTest, MalformedMessagesEndTheExchangeAndTouchNothing) {
         push(0, "d/../../outside", "x"), update(0, 0, "../outside", 0, 4, 4),
         // What no scan could list would fail every later exchange.
         push(0, ".$SyncDigest$kept", "x"), push(0, "d/" + std::string(243, 'n'), "x"),
-        push(0, "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/h/f", "x")}},
+        push(0, "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/h/f", "x"), push(0, " \n", "x"),
+        push(0, "\t/f", "x"), push(0, " ../f", "x")}},
       {"Chunk size in request header too large",
        {update(0, 0, "kept", 0, 65537, 0), update(4, 0, "kept", 1, 0, 0),
         update(2, 0, "kept", 0xFFFFFFFF, 0xFFFF, 0)}},

@@ -19,17 +19,20 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
     mkdir(directory.c_str(), 0755);
   std::filesystem::create_symlink(kOutside + "TempUpdate_d", kActive + "TempUpdate_link");
   std::filesystem::create_symlink(kOutside, kActive + "link");
-  std::filesystem::create_symlink(kOutside, "/mnt/part.persistent/replicated_by_other_em");
+  const std::string elsewhere = "/mnt/root_elsewhere/";
+  mkdir(elsewhere.c_str(), 0755);
+  std::filesystem::create_symlink(elsewhere, "/mnt/part.persistent/replicated_by_other_em");
   const struct {
     std::string path;
     int age;
     bool removed;
   } cases[] = {
-      {kActive + "TempUpdate_\xff\n", 3700, true},     {kActive + "deep/TempUpdate_b", 86400, true},
-      {kVolatile + "TempUpdate_c", 3700, true},        {kActive + "TempUpdate_young", 3000, false},
-      {kActive + "TempUpdate_future", -3700, false},   {kActive + "data_TempUpdate_a", 3700, false},
-      {kActive + "TempUpdate_directory", 3700, false}, {kOutside + "TempUpdate_d", 3700, false},
-      {kActive + "TempUpdate_link", 3700, false},      {kLocked + "TempUpdate_e", 3700, false},
+      {kActive + "TempUpdate_\xff\n", 3700, true},  {kActive + "deep/TempUpdate_b", 86400, true},
+      {kVolatile + "TempUpdate_c", 3700, true},     {elsewhere + "TempUpdate_f", 3700, true},
+      {kActive + "TempUpdate_young", 3000, false},  {kActive + "TempUpdate_future", -3700, false},
+      {kActive + "data_TempUpdate_a", 3700, false}, {kActive + "TempUpdate_directory", 3700, false},
+      {kOutside + "TempUpdate_d", 3700, false},     {kActive + "TempUpdate_link", 3700, false},
+      {kLocked + "TempUpdate_e", 3700, false},
   };
   for (const auto& [path, age, removed] : cases) {
     if (!exists(path)) write_file(path, "x");

@@ -27,6 +27,18 @@ TEST(Log, CallIsOneLineAndKeepsErrno) {
   });
 }
 
+TEST(Log, OutlivesTheReaderOfItsOutput) {
+  const auto log_to_closed_pipe = [] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
+    close(ends[0]);
+    debug_log_to_stdout(1);
+    DbgOutput("file.cc", 1, "f", 3, "text");
+    return 7;
+  };
+  EXPECT_EQ(run_forked(log_to_closed_pipe), 7);
+}
+
 TEST(Log, ThresholdComesFromTheEnvironment) {
   const std::pair<const char*, int> cases[] = {{"3", 3},  {"0", 0}, {"99", 7},   {"-4", 0},
                                                {"7x", 6}, {"", 6},  {nullptr, 6}};

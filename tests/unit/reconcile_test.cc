@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/statistics.h"
@@ -274,10 +275,16 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyInsideTheRoots) {
       src + nul + root + "link/dst" + nul, src + nul + "dst" + nul, out + "kept" + nul + dst + nul,
       root + "../kept" + nul + dst + nul, root + "link/kept" + nul + dst + nul,
       root + "dir/../../kept" + nul + dst + nul,
+      // What no scan could list would fail every later exchange.
+      src + nul + root + ".$SyncDigest$dst" + nul, src + nul + root + " \t" + nul,
+      src + nul + root + "/ /" + nul, src + nul + root + std::string(243, 'n') + nul,
       // A root itself is no file of the trees.
       root_paths[2] + nul + root_paths[1] + "dst" + nul,
       root_paths[2] + std::string("/") + nul + root_paths[1] + "dst" + nul,
-      root + "empty dir" + nul + root_paths[2] + nul};
+      root + "empty dir" + nul + root_paths[2] + nul,
+      // What no later scan could list.
+      src + nul + root + std::string(243, 'n') + nul,
+      src + nul + root + kDigestPrefix + "kept" + nul};
   // clang-format on
   const auto try_rename = [&](const std::string& payload, bool expect_renamed) {
     SCOPED_TRACE(testing::PrintToString(payload));

@@ -138,6 +138,7 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
   const std::string shared = "Attempt to update shared replicated area while not active '";
   const std::string dotted = tree_path(1, "../replicated_by_this_em/kept");
   const std::string through = tree_path(1, "link/f");
+  const std::string unlistable = tree_path(1, std::string(243, 'n'));
   const std::string del = "Could not delete file (";
   const std::string update = "Could not update file (";
   const std::string no_file = "No such file or directory): ";
@@ -163,6 +164,7 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
       {"", dotted, kCounted, del + not_permitted + dotted},
       {"", through, kCounted, del + loop + through},
       {kept, through, kCounted, update + loop + through},
+      {kept, unlistable, kCounted, update + "Invalid argument): " + unlistable},
   };
   Lines errors;
   for (const auto& row : rows) {
@@ -257,7 +259,7 @@ TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   caller.join();
   EXPECT_STREQ(result.reason, "over");
   EXPECT_TRUE(
-      has_logged("RPC update <complete>: path=, (local_ok=1 remote_ok=0 peer_present=Y) over"));
+      has_logged("RPC update <complete>: path=, (local_ok=0 remote_ok=0 peer_present=Y) over"));
 }
 
 TEST_F(RpcServiceTest, HoldsAHundredAndOneCallsAndRefusesTheNext) {

@@ -228,6 +228,19 @@ TEST_F(SyncThreadTest, AStalledExchangeTimesOutAgainAndAgain) {
   EXPECT_EQ(sent_messages(), (std::vector<std::string>{"MSG_LOCK_REL 0.0", "MSG_LOCK_REL 0.0"}));
 }
 
+TEST_F(SyncThreadTest, ADeferredRequestIsAnsweredWhenTheReleaseIsLost) {
+  request_sync();
+  eventfd_write(ctx->rpc_fd, 1);
+  ctx->cur_state = ST_PEERLOCK;
+  run(2, [&](int pass) {
+    if (pass == 1) ctx->state_time = get_uptime() - 12;
+    EXPECT_EQ(+ctx->rpc_stage, RPC_REQUESTING) << "it may yet be served";
+  });
+  EXPECT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
+  EXPECT_STREQ(ctx->rpc_result.reason, "Operation timed out");
+  EXPECT_EQ(ctx->rpc_result.local_ok, 0);
+}
+
 TEST_F(SyncThreadTest, ResyncsFourPassesAfterAFailureAndThenEveryHundred) {
   set_active(true);
   const auto fail = [&] {
