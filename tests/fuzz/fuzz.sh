@@ -67,11 +67,12 @@ finish_one() {
 
 # Every target is a process group of its own, which ends with this script.
 set -m
+# shellcheck disable=SC2154  # it does not see that the loop sets it
 trap 'for group in $(jobs -p); do kill -- "-$group"; done' EXIT
 trap 'exit 130' INT TERM
 for target in "${targets[@]}"; do
   [ "$running" -lt "$(nproc)" ] || finish_one
-  (report=$(run_target "$target") && echo "$report" || { echo "$report"; exit 1; }) &
+  (status=0; report=$(run_target "$target") || status=1; echo "$report"; exit $status) &
   running=$((running + 1))
 done
 while [ "$running" -gt 0 ]; do finish_one; done
