@@ -23,4 +23,7 @@ struct Statistics {
 
 extern Statistics stats;
 
+// Sets every counter to zero, one after the other. Any thread.
+void clear_statistics();
+
 #endif  // FRAME_STATISTICS_H_

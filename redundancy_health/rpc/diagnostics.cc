@@ -122,17 +122,7 @@ void run_flight_rec(const char* argument) {
 
 void reset_statistics() {
   LOG(4, "Received stats reset diag command. Reseting stats counters.");
-  stats.n_syncs_from_self = 0;
-  stats.n_syncs_from_peer = 0;
-  stats.n_chunk_writes_from_peer = 0;
-  stats.n_digest_files_created = 0;
-  stats.n_atomic_updates_from_self = 0;
-  stats.n_filesys_files_scanned = 0;
-  stats.n_digest_files_scanned = 0;
-  stats.n_filesys_chunks_scanned = 0;
-  stats.n_digest_chunks_scanned = 0;
-  stats.n_filesys_bytes_scanned = 0;
-  stats.n_digest_bytes_elided = 0;
+  clear_statistics();
 }
 
 void dump_statistics() {

@@ -55,9 +55,8 @@ void hand_back_to_rpc(SyncContext* ctx) {
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
   switch (ctx->rpc_stage) {
     case RPC_REQUESTING:
-      // Its own exchange would have made it pending. How another one ended is no answer to a
-      // request that was not even applied: it is served next, unless this one ends by an error
-      // unannounced.
+      // Its own exchange would have made it pending: it is not even applied. Another one's success
+      // is no answer to it, and once announced it is served next; else it hears of the failure.
       if (ctx->rpc_deferred || ctx->cpg_result.success) break;
       ctx->rpc_result = ctx->cpg_result;
       ctx->rpc_result.local_ok = 0;

@@ -1,6 +1,5 @@
 // A listing of the peer, then an exchange that gets every update accepted.
 
-#include "redundancy_health/exchange/state_machine.h"
 #include "tests/fuzz/sandbox.h"
 
 namespace {
@@ -21,12 +20,7 @@ void answer_update(SyncContext* ctx) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SyncContext* ctx = &g_context;
-  start_run(true);
-  ctx->rpc_stage = RPC_LOCAL_BUSY;
-  ctx->cur_exchange_em_is_active = 1;
-  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
-  deliver(kOwnNode, MSG_LOCK_REQ, ctx->cur_exchange_id, 0, nullptr, 0);
-  deliver(kPeerNode, MSG_LISTING_ACK, ctx->cur_exchange_id, 0, data, size);
+  start_comparison(data, size);
   for (int i = 0; i < kMaxUpdates && ctx->cur_state == ST_UPDATE && !ctx->cpg_result.canceled; ++i)
     answer_update(ctx);
   end_run();

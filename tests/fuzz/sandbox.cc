@@ -20,6 +20,7 @@
 #include "platform/storage.h"
 #include "platform/util.h"
 #include "redundancy_health/catalog/tree_scan.h"
+#include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/transport/sync_thread.h"
 
@@ -230,6 +231,16 @@ void deliver(uint32_t nodeid, uint32_t command, uint32_t exchange_id, uint32_t s
   memcpy(message.data(), &header, sizeof header);
   if (size > 0) memcpy(message.data() + sizeof header, payload, size);
   deliver(nodeid, message);
+}
+
+void start_comparison(const void* listing, size_t size) {
+  SyncContext* ctx = &g_context;
+  start_run(true);
+  ctx->rpc_stage = RPC_LOCAL_BUSY;
+  ctx->cur_exchange_em_is_active = 1;
+  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
+  deliver(kOwnNode, MSG_LOCK_REQ, ctx->cur_exchange_id, 0, nullptr, 0);
+  deliver(kPeerNode, MSG_LISTING_ACK, ctx->cur_exchange_id, 0, listing, size);
 }
 
 void post_request(const std::vector<uint8_t>& message) {

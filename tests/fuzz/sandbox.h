@@ -35,6 +35,9 @@ void deliver(uint32_t nodeid, const std::vector<uint8_t>& message);
 void deliver(uint32_t nodeid, uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
              const void* payload, size_t size);
 
+// Starts an input whose exchange, the daemon's own, has just received this listing of the peer.
+void start_comparison(const void* listing, size_t size);
+
 // Publishes a local request for the sync side. `message` stays the caller's until take_result.
 void post_request(const std::vector<uint8_t>& message);
 // What a waiting caller does when its request is complete: true when there was a result.

@@ -54,12 +54,7 @@ std::string record_listing(const std::string& request) {
 // The update requests of an exchange against `listing`, answered as the daemon answers them.
 std::vector<std::string> record_requests(const std::string& listing) {
   SyncContext* ctx = &g_context;
-  start_run(true);
-  ctx->rpc_stage = RPC_LOCAL_BUSY;
-  ctx->cur_exchange_em_is_active = 1;
-  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
-  deliver(kOwnNode, MSG_LOCK_REQ, ctx->cur_exchange_id, 0, nullptr, 0);
-  deliver(kPeerNode, MSG_LISTING_ACK, ctx->cur_exchange_id, 0, listing.data(), listing.size());
+  start_comparison(listing.data(), listing.size());
   std::vector<std::string> requests;
   while (ctx->cur_state == ST_UPDATE) {
     requests.push_back(g_cpg.sent.back().payload);

@@ -65,20 +65,6 @@ void deliver(uint32_t nodeid, uint32_t pid, std::string message) {
   on_cpg_message(g_context.cpg_handle, &group, nodeid, pid, message.data(), message.size());
 }
 
-void reset_statistics() {
-  stats.n_syncs_from_self = 0;
-  stats.n_syncs_from_peer = 0;
-  stats.n_chunk_writes_from_peer = 0;
-  stats.n_digest_files_created = 0;
-  stats.n_atomic_updates_from_self = 0;
-  stats.n_filesys_files_scanned = 0;
-  stats.n_digest_files_scanned = 0;
-  stats.n_filesys_chunks_scanned = 0;
-  stats.n_digest_chunks_scanned = 0;
-  stats.n_filesys_bytes_scanned = 0;
-  stats.n_digest_bytes_elided = 0;
-}
-
 }  // namespace
 
 LogCapture::LogCapture() : stdout_fd_(dup(STDOUT_FILENO)) {
@@ -117,7 +103,7 @@ DaemonTest::DaemonTest() {
   g_cpg = ScriptedCpg();
   g_cpg.context = ctx;
   reset_diag_params();
-  reset_statistics();
+  clear_statistics();
   empty_flight_recorder();
   g_flight_recorder.max_entries = 500;
   g_flight_recorder.paused = 0;
