@@ -23,12 +23,6 @@ uint32_t read_max_log_size() {
   return max_log_size;
 }
 
-// Asked once a thread: getpid(2) costs as much as the rest of a line. Threads start after the fork.
-int process_id() {
-  static thread_local const pid_t pid = getpid();
-  return pid;
-}
-
 // False when the line is to be dropped: its file cannot be looked at or moved away.
 bool make_room_in_log_file(uint32_t max_log_size) {
   struct stat status;
@@ -93,10 +87,18 @@ void on_severe_error() {
 }
 
 int32_t get_uptime() {
+  // sysinfo(2) rounds CLOCK_BOOTTIME up to full seconds. That clock is read without entering the
+  // kernel: as long as its second lasts, so does the last answer.
+  static thread_local time_t asked_at = -1;
+  static thread_local int32_t uptime = -1;
+  struct timespec now = {};
+  if (clock_gettime(CLOCK_BOOTTIME, &now) == 0 && now.tv_sec == asked_at) return uptime;
   struct sysinfo info;
   if (sysinfo(&info) != 0) {
     LOG(3, "Call to sysinfo() failed: %s", strerror(errno));
     return -1;
   }
-  return static_cast<int32_t>(info.uptime);
+  asked_at = now.tv_sec;
+  uptime = static_cast<int32_t>(info.uptime);
+  return uptime;
 }
