@@ -20,6 +20,7 @@ REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "testbed"))
 sys.dont_write_bytecode = True
 
+import plots  # noqa: E402
 from em_pair import ACTIVE, EMS, OWN, EmPair, wait_for  # noqa: E402
 from keeper import ADDRESSES, LINK  # noqa: E402
 
@@ -52,7 +53,9 @@ class Row:
 class Bench:
     def __init__(self, build: Path, transport: str, quick: bool):
         self.build, self.transport, self.quick = build, transport, quick
-        self.series: dict[str, list] = {}  # what the plots show
+        # What the plots show: per family the points (x, y) or the sorted values of each curve.
+        self.series: dict[str, dict[str, list]] = {}
+        self.findings: list[str] = []  # what no ratio tells
 
     def runs(self, full: int, quick: int = 1) -> int:
         return quick if self.quick else full
@@ -71,13 +74,19 @@ class Client:
 
     def request(self, packet: bytes) -> float:
         """Seconds until the answer; a failure is an error."""
+        seconds, success, reason = self.ask(packet)
+        if not success:
+            raise RuntimeError(f"exchange failed: {reason}")
+        return seconds
+
+    def ask(self, packet: bytes) -> tuple[float, bool, str]:
+        """Seconds until the answer, whether it succeeded with the peer there, the reason."""
         begin = time.monotonic()
         self.socket.send(packet)
         answer = self.socket.recv(4096)
         seconds = time.monotonic() - begin
-        if answer[4] != 1 or answer[12:13] != b"Y":
-            raise RuntimeError(f"exchange failed: {answer[16:].split(bytes(1))[0].decode()}")
-        return seconds
+        return (seconds, answer[4] == 1 and answer[12:13] == b"Y",
+                answer[16:].split(bytes(1))[0].decode())
 
     def sync(self) -> float:
         return self.request(SYNC)
@@ -254,8 +263,14 @@ def nothing_to_do(bench: Bench) -> list[Row]:
         make_mixed(pair, bench)
         client = Client(pair, 1)
         client.sync()
+        client.sync()  # the peer hashes its copies once
         rows = []
+        digests, before = digest_times(pair), written(pair)
         ours = [client.sync() for _ in range(bench.runs(9, 2))]
+        bench.findings.append(
+            f"An exchange with nothing to do: {(written(pair) - before) // len(ours):,} B written on "
+            "both sides together, log lines included; digest files "
+            f"{'untouched' if digest_times(pair) == digests else 'REWRITTEN'}.")
         for other in (Rsync(pair), Unison(pair)):
             wait_for(lambda: other.sync() >= 0, 30, other.name)
             theirs = [other.sync() for _ in range(bench.runs(5))]
@@ -272,6 +287,17 @@ def nothing_to_do(bench: Bench) -> list[Row]:
         theirs = [other.sync() for _ in range(bench.runs(5))]
         rows.append(row("exchange with nothing to do", ours, theirs, "s", 1, other.name))
     return rows
+
+
+def written(pair: EmPair) -> int:
+    """Bytes that both daemons have given to write(2)."""
+    return sum(int(Path(f"/proc/{pair.process(n, 'daemon').pid}/io").read_text()
+                   .split("wchar: ")[1].split()[0]) for n in EMS)
+
+
+def digest_times(pair: EmPair) -> list[int]:
+    return [file.stat().st_mtime_ns for n in EMS
+            for file in sorted(pair.path(n, ACTIVE).rglob(".$SyncDigest$*"))]
 
 
 def first_sync(bench: Bench) -> list[Row]:
@@ -296,6 +322,48 @@ def first_sync(bench: Bench) -> list[Row]:
     reaches = {"csync2": 0.4}
     return rows + [row("first sync", ours, theirs, "s", reaches.get(name, 1), name)
                    for name, theirs in others.items()]
+
+
+def large_files(bench: Bench) -> list[Row]:
+    """First syncs of few large files, up to 4 GiB in all."""
+    counts = [1, 2] if bench.quick else [1, 4, 16, 64]
+    size = (4 if bench.quick else 64) << 20
+    ours, bare = {}, {}
+    for count in counts:
+        with bench.pair() as pair:
+            root = pair.path(1, ACTIVE)
+            make_large(root / "large", count, size)
+            ours[count] = [Client(pair, 1).sync()]
+            script = [(1, request, answer) for request, answer in update_sizes(root)]
+            bare[count] = floor(pair, bench.build, script, 1)
+    bench.series["bytes"] = {
+        name: [(count * size >> 20, runs[0]) for count, runs in curve.items()]
+        for name, curve in (("daemon", ours), ("bare messages", bare))}
+    return [row(f"first sync of {count * size >> 20:,} MiB in {count} files", ours[count],
+                bare[count], "s", 1.15, "bare messages") for count in (counts[0], counts[-1])]
+
+
+def too_large(bench: Bench) -> list[Row]:
+    """What the caller hears when hashing takes longer than the short timeout, and until when."""
+    if bench.quick:
+        return []
+    count = 8
+    with bench.pair() as pair:
+        for n in EMS:
+            for i in range(count):
+                path = pair.path(n, ACTIVE) / f"hole{i}"
+                with path.open("wb") as file:
+                    file.truncate(3 << 30)
+                os.utime(path, (1, 1))
+        client, success = Client(pair, 1), False
+        for attempt in range(1, 9):
+            if not success:
+                time.sleep(5)  # an answer that comes too late ends the exchange that it meets
+                seconds, success, reason = client.ask(SYNC)
+                bench.findings.append(
+                    f"{3 * count} GiB a side, never hashed, exchange {attempt}: "
+                    f"{'success' if success else repr(reason)} after {seconds:.1f} s.")
+    return []
 
 
 def one_chunk(bench: Bench) -> list[Row]:
@@ -333,7 +401,7 @@ def rename(bench: Bench) -> list[Row]:
     count = bench.runs(300, 20)
     with bench.pair() as pair:
         root = pair.path(1, OWN)
-        make_small(root / "small", 50, 256)
+        make_small(root / "small", 10, 256)
         client = Client(pair, 1)
         client.sync()
         source, target = f"{OWN}/TempUpdate_bench", f"{OWN}/target"
@@ -344,16 +412,17 @@ def rename(bench: Bench) -> list[Row]:
         base = HEADER + UPDATE_HEADER + len("target") + 1
         request = HEADER + len(source) + len(target) + 2
         script = [(1, HEADER, 0), (1, request, HEADER + listing_size(root)),
-                  (1, base + 4096, base)]
+                  (1, base + 4096, base), (1, HEADER, 0)]
         bare = floor(pair, bench.build, script, count)
-    bench.series["rename"] = [sorted(1000 * s for s in ours), sorted(1000 * s for s in bare)]
-    return [row("RPC rename of a 4 KiB file", [1000 * s for s in ours], [1000 * s for s in bare],
+    bench.series["rename"] = {"daemon": sorted(1000 * s for s in ours),
+                              "bare messages": sorted(1000 * s for s in bare)}
+    return [row("RPC rename of a 4 KiB file, trees of 10 files", [1000 * s for s in ours], [1000 * s for s in bare],
                 "ms", 1.5, "the same number of bare messages")]
 
 
 def scale(bench: Bench) -> list[Row]:
     counts = [1000, 10000] if bench.quick else [10000, 50000, 100000, 250000]
-    seconds, memory, rows = {}, {}, []
+    seconds, theirs, memory, rows = {}, {}, {}, []
     for count in counts:
         with bench.pair() as pair:
             for n in EMS:
@@ -362,7 +431,15 @@ def scale(bench: Bench) -> list[Row]:
             client = Client(pair, 1)
             seconds[count] = [client.sync() for _ in range(bench.runs(3))]
             memory[count] = (high_water(pair) - base) / (2 * count)
-    bench.series["scale"] = [(count, min(runs)) for count, runs in seconds.items()]
+            pid = pair.process(1, "daemon").pid
+            bench.findings.append(
+                f"{count:,} files a side: {high_water(pair) >> 20} MiB peak memory of the requester, "
+                f"{len(os.listdir(f'/proc/{pid}/fd'))} descriptors afterwards.")
+            other = Rsync(pair)
+            wait_for(lambda: other.sync() >= 0, 60, other.name)
+            theirs[count] = other.sync()
+    bench.series["files"] = {"daemon": [(n, min(runs)) for n, runs in seconds.items()],
+                             Rsync.name: list(theirs.items())}
     small, large = (counts[0], counts[-1]) if bench.quick else (10000, 100000)
     rows.append(row(f"exchange, {small:,} to {large:,} files", seconds[large],
                     [10 * s for s in seconds[small]], "s", 1.1, "ten times the smaller one"))
@@ -378,8 +455,8 @@ def high_water(pair: EmPair) -> int:
     return int(status.split("VmHWM:")[1].split()[0]) * 1024
 
 
-ROWS = {"sha1": sha1, "idle": nothing_to_do, "first": first_sync, "chunk": one_chunk,
-        "rename": rename, "scale": scale}
+ROWS = {"sha1": sha1, "idle": nothing_to_do, "first": first_sync, "bytes": large_files,
+        "chunk": one_chunk, "rename": rename, "scale": scale, "limit": too_large}
 
 
 def print_table(rows: list[Row]) -> None:
@@ -410,12 +487,16 @@ def main() -> None:
     print(f"Corosync transport {options.transport}; medians, in brackets the spread of ours; "
           "'!' is out of reach")
     print_table(rows)
+    print(*bench.findings, sep="\n")
     out = options.out or options.build / "bench"
     out.mkdir(parents=True, exist_ok=True)
     (out / "results.json").write_text(json.dumps(
         {"transport": options.transport, "quick": options.quick, "series": bench.series,
+         "findings": bench.findings,
          "rows": [asdict(r) | {"ratio": r.ratio, "reached": r.reached} for r in rows]}, indent=1))
     print(f"also in {out / 'results.json'}")
+    if not options.quick:
+        plots.draw(out / "results.json")
 
 
 if __name__ == "__main__":

@@ -1,0 +1,63 @@
+"""Draws the plots of a run of the benchmarks, as SVG files beside its results.json."""
+
+import json
+import sys
+from pathlib import Path
+
+# Drawn by the first plot, not at import: a smoke run does without the library.
+STYLES = {"daemon": "C0-", "bare messages": "C7--", "rsync -ac": "C1-"}
+
+
+def draw(results: Path) -> list[Path]:
+    """The files drawn: one per family of rows that the results hold."""
+    import matplotlib
+    matplotlib.use("svg")
+    # Text that can be searched, and the same bytes from the same results.
+    matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "bench",
+                                "figure.figsize": (6, 3.6), "axes.grid": True,
+                                "grid.alpha": 0.3, "axes.spines.top": False,
+                                "axes.spines.right": False})
+    import matplotlib.pyplot as plt
+
+    drawn = []
+    series = json.loads(results.read_text())["series"]
+    for name, plot in (("files", plot_files), ("bytes", plot_bytes), ("rename", plot_rename)):
+        if name not in series:
+            continue
+        figure, axes = plt.subplots(layout="constrained")
+        plot(axes, series[name])
+        axes.legend(frameon=False)
+        drawn.append(results.with_name(f"{name}.svg"))
+        figure.savefig(drawn[-1], metadata={"Date": None})
+        plt.close(figure)
+    return drawn
+
+
+def plot_files(axes, curves: dict) -> None:
+    for name, points in curves.items():
+        axes.plot(*zip(*points), STYLES[name], marker="o", label=name)
+    axes.axhline(10, color="C3", linewidth=1, linestyle=":", label="time limit")
+    axes.set(xlabel="files a side", ylabel="seconds", ylim=(0, None),
+             title="An exchange with nothing to do")
+    axes.xaxis.set_major_formatter("{x:,.0f}")
+
+
+def plot_bytes(axes, curves: dict) -> None:
+    for name, points in curves.items():
+        axes.plot(*zip(*points), STYLES[name], marker="o", label=name)
+    axes.set(xlabel="MiB in files of 64 MiB", ylabel="seconds", xscale="log", yscale="log",
+             title="First sync of large files")
+    axes.xaxis.set_major_formatter("{x:,.0f}")
+
+
+def plot_rename(axes, curves: dict) -> None:
+    for name, values in curves.items():
+        shares = [(i + 1) / len(values) for i in range(len(values))]
+        axes.step(values, shares, STYLES[name], where="post", label=name)
+    axes.set(xlabel="milliseconds", ylabel="share of the calls", ylim=(0, 1),
+             xlim=(0, 3 * max(values[len(values) // 2] for values in curves.values())),
+             title="Publishing a file of 4 KiB")
+
+
+if __name__ == "__main__":
+    print(*draw(Path(sys.argv[1])), sep="\n")
