@@ -1,0 +1,142 @@
+#include "platform/em.h"
+#include "platform/storage.h"
+#include "platform/util.h"
+#include "tests/unit/platform_support.h"
+
+TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
+  const Mount etc("/etc"), em("/etc/em");
+  const std::string program = "/etc/em/use_replicated_data";
+  EXPECT_EQ(use_replicated_data(5, 0), 0) << "no program is no failure";
+  write_file(program, "#!/missing/interpreter\n");
+  EXPECT_EQ(use_replicated_data(5, 0), 0) << "nor is one that is not executable";
+  chmod(program.c_str(), 0755);
+  EXPECT_EQ(use_replicated_data(5, 0) != 0 && errno == ENOENT, kSpawnTellsFailure);
+  ASSERT_EQ(mkfifo("/etc/report", 0600), 0);
+  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
+  // It cannot end before the report is read, so the call returns only if it does not wait.
+  write_file(program,
+             "#!/bin/sh\nread pid comm state ppid group session rest < /proc/self/stat\n"
+             "[ -e /proc/$$/fd/99 ] && open=yes || open=no\n"
+             "echo \"$#:$1:$open:$session\" > /etc/report\n",
+             0755);
+  ASSERT_EQ(use_replicated_data(4000000000u, 1), 0);
+  close(99);
+  // The first process of a namespace inherits the program, of which nobody else has to know.
+  EXPECT_TRUE(getpid() == 1 || waitpid(-1, nullptr, WNOHANG) == -1) << "a child is left";
+  const std::string report = read_file("/etc/report");
+  EXPECT_TRUE(report.starts_with("1:4000000000:no:")) << report;
+  EXPECT_FALSE(report.ends_with(":" + std::to_string(getsid(0)) + "\n")) << report;
+}
+
+TEST(SetResult, EveryByteFollowsFromCodeAndReason) {
+  RpcResult result;
+  for (const auto& [code, flags] :
+       std::vector<std::pair<uint32_t, std::string>>{{0, {1, 1, 1, 0, 0}},
+                                                     {2, {0, 0, 0, 0, 1}},
+                                                     {4, {0, 1, 0, 0, 1}},
+                                                     {20, {0, 1, 0, 0, 1}},
+                                                     {34, {0, 0, 0, 0, 1}},
+                                                     {44, {0, 0, 0, 1, 1}}}) {
+    for (const size_t length : {115u, 116u, 5000u}) {
+      const std::string reason(length, 'r');
+      std::string expected = flags + std::string("\0\0\0N\0\0\0", 7);
+      if (code != 0) expected += reason.substr(0, 115);
+      expected.resize(128, '\0');
+      memset(&result, 0xA5, sizeof result);
+      storage_cfg_set_result(&result, code, "%s", reason.c_str());
+      EXPECT_EQ(std::string(reinterpret_cast<const char*>(&result), sizeof result), expected);
+    }
+  }
+  storage_cfg_set_result(&result, 4, "first");
+  storage_cfg_set_result(&result, 4, "then: %s", result.reason);
+  EXPECT_STREQ(result.reason, "then: first");
+}
+
+TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
+  const Mount disk("/mnt/disk", "size=64k");
+  // A link at first: it is replaced, not followed.
+  ASSERT_EQ(symlink("/mnt/linked_file", "/mnt/disk/file"), 0);
+  StorageHandle* handle = nullptr;
+  for (const int mode : {0600, 0644}) {
+    write_file("/mnt/disk/file", "old content, longer than the new one", 0666);
+    const int flags = kStorageOpenWrite | (mode == 0600 ? kStorageOpenRestricted : 0);
+    umask(0777);
+    ASSERT_EQ(storage_open(7, "/mnt/disk/file", flags, &handle), 0);
+    umask(0022);
+    EXPECT_EQ(storage_write_all(handle, "new ", 4) + storage_write_all(handle, "text", 4), 0);
+    EXPECT_TRUE(read_file("/mnt/disk/file").starts_with("old"));
+    EXPECT_TRUE(names_in("/mnt/disk").begin()->starts_with("TempUpdate_"));
+    EXPECT_EQ(storage_close(handle), 0);
+    EXPECT_EQ(read_file("/mnt/disk/file"), "new text");
+    EXPECT_EQ(mode_of("/mnt/disk/file"), mode);
+  }
+  EXPECT_TRUE(read_file("/mnt/linked_file").starts_with("old"));
+  mkdir("/mnt/disk/directory", 0755);
+  for (const char* path : {"/mnt/missing/file", "relative/file", "", "/mnt/disk/"})
+    EXPECT_NE(storage_open(7, path, kStorageOpenWrite, &handle), 0) << path;
+  ASSERT_EQ(storage_open(7, "/mnt/disk/file", kStorageOpenWrite, &handle), 0);
+  for (const size_t size : {1 << 20, 1}) {
+    EXPECT_NE(storage_write_all(handle, std::string(size, 'x').data(), size), 0);
+    EXPECT_EQ(errno, ENOSPC);
+  }
+  EXPECT_NE(storage_close(handle), 0);
+  EXPECT_EQ(read_file("/mnt/disk/file"), "new text");
+  ASSERT_EQ(storage_open(7, "/mnt/disk/directory", kStorageOpenWrite, &handle), 0);
+  EXPECT_NE(storage_close(handle), 0);
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_EQ(names_in("/mnt/disk"), (std::set<std::string>{"directory", "file"}));
+}
+
+TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
+  for (const auto& [value, threshold] : {std::pair("3", 3), {"99", 7}, {"-4", 0}, {"7x", 6}}) {
+    setenv("BREL_LOG_LEVEL", value, 1);
+    debug_log_to_stdout(1);
+    testing::internal::CaptureStdout();
+    DbgOutput("file.cc", 42, "f", threshold, "a\n\x1b[2J\x7f\xc3\xa9%d", 7);
+    // Formatting this argument would end the process.
+    DbgOutput("file.cc", 1, "f", threshold + 1, "%s", reinterpret_cast<const char*>(1));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "<" + std::to_string(threshold) + "> f:42: a\\x0a\\x1b[2J\\x7f\xc3\xa9" + "7\n");
+  }
+  debug_log_to_stdout(0);
+  EXPECT_EQ(run_forked([] {
+              int ends[2];
+              if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
+              close(ends[0]);
+              debug_log_to_stdout(1);
+              errno = EDOM;
+              DbgOutput("file.cc", 1, "f", 3, "text");
+              return errno == EDOM ? 7 : 2;
+            }),
+            7);
+}
+
+TEST(Thread, HasItsNameAndAStackForCpgDispatch) {
+  const auto check = [](void*) -> void* {
+    char name[] = "########";
+    GetThreadName(name, 5);
+    EXPECT_EQ(std::string(name, sizeof name), std::string("sync\0###", sizeof name));
+    pthread_attr_t attributes;
+    size_t stack_size = 0;
+    pthread_getattr_np(pthread_self(), &attributes);
+    pthread_attr_getstacksize(&attributes, &stack_size);
+    pthread_attr_destroy(&attributes);
+    EXPECT_GE(stack_size, size_t{4} << 20);
+    return nullptr;
+  };
+  pthread_t thread;
+  ASSERT_EQ(Create_Thread(&thread, nullptr, check, nullptr, "sync_thread_too_long"), 0);
+  pthread_join(thread, nullptr);
+}
+
+TEST(ExecuteNormal, ReportsHowTheProgramEnded) {
+  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
+  const std::pair<std::vector<const char*>, int> cases[] = {
+      {{"/bin/sh", "-c", "test ! -e /proc/self/fd/99; exit $?", nullptr}, 0},
+      {{"/bin/sh", "-c", "exit 3", nullptr}, 3},
+      {{"/bin/sh", "-c", "kill -TERM $$", nullptr}, 128 + 15},
+      {{"/run", nullptr}, 127}};
+  for (const auto& [argv, status] : cases)
+    EXPECT_EQ(execute_normal(argv.data()), status);
+  close(99);
+}
