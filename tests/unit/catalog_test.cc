@@ -63,7 +63,7 @@ TEST_F(DigestFileTest, ServesUntilSizeOrSecondChange) {
   EXPECT_EQ(stats.n_digest_chunks_scanned, 4u);
   EXPECT_EQ(stats.n_digest_bytes_elided, 200000);
   g_diag_params.fail_scan_path[0] = '\0';
-  for (const int change : {0, 1}) {
+  for (const size_t change : {0u, 1u}) {
     write_data(kSize + change, 'y', kMtime + 1);
     EXPECT_EQ(fresh_scan().at(0).substr(2, 40), "6d73b8c081f8e5239f1521a84c73dee30340aaec");
     EXPECT_EQ(read_file(digest_).substr(0, 28),
@@ -244,7 +244,7 @@ TEST_F(TreeScanTest, CutsFilesIntoChunks) {
 }
 
 TEST_F(TreeScanTest, RootsInOrderWithTheTagsOfTheRoleAndTheLettersOfTheModes) {
-  for (const mode_t mode : {0644, 0664, 0755, 04777, 0640, 0604, 0444, 0244, 0000}) {
+  for (const mode_t mode : {0644u, 0664u, 0755u, 04777u, 0640u, 0604u, 0444u, 0244u, 0000u}) {
     for (uint32_t root = 0; root < 4; ++root)
       make_file(root, std::to_string(root), "abc", mode);
     const bool restricted = mode == 0640 || mode == 0604 || (mode & 0600) != 0600;

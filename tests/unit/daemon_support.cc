@@ -15,7 +15,8 @@ void parse_log(int fd, const std::function<void(int, const std::string&)>& take)
   for (std::string line; std::getline(lines, line);) {
     int level = -1, position = -1;
     sscanf(line.c_str(), "<%d> %*[^:]:%*d:%n", &level, &position);
-    take(position < 0 ? -1 : level, position < 0 ? line : line.substr(position + 1));
+    take(position < 0 ? -1 : level,
+         position < 0 ? line : line.substr(static_cast<size_t>(position) + 1));
   }
 }
 

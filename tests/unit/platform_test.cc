@@ -171,7 +171,7 @@ TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   for (const char* path : {"/mnt/missing/file", "relative/file", "", "/mnt/disk/"})
     EXPECT_NE(storage_open(7, path, kStorageOpenWrite, &handle), 0) << path;
   ASSERT_EQ(storage_open(7, "/mnt/disk/file", kStorageOpenWrite, &handle), 0);
-  for (const size_t size : {1 << 20, 1}) {
+  for (const size_t size : {1u << 20, 1u}) {
     EXPECT_NE(storage_write_all(handle, std::string(size, 'x').data(), size), 0);
     EXPECT_EQ(errno, ENOSPC);
   }

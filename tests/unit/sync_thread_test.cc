@@ -1,7 +1,6 @@
 #include "redundancy_health/transport/sync_thread.h"
 
 #include <sys/eventfd.h>
-#include <sys/time.h>
 
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "tests/unit/daemon_support.h"
