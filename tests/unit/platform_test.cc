@@ -99,6 +99,15 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
     EXPECT_EQ(exists(path), !removed) << path;
 }
 
+TEST(Em, IsNumberOneUnlessItSaysTwo) {
+  const Mount em("/var/run/em");
+  EXPECT_EQ(get_my_mate_em_num(), 2u);
+  for (const auto& [content, mate] : {std::pair("1\n", 2u), {"2\n", 1u}, {"two", 2u}}) {
+    write_file("/var/run/em/number", content);
+    EXPECT_EQ(get_my_mate_em_num(), mate) << content;
+  }
+}
+
 TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
   const Mount etc("/etc"), em("/etc/em");
   const std::string program = "/etc/em/use_replicated_data";
@@ -205,6 +214,21 @@ TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
               return errno == EDOM ? 7 : 2;
             }),
             7);
+}
+
+TEST(Log, GoesToSyslogAsTheDaemon) {
+  const Mount dev("/dev");
+  const sockaddr_un address = {AF_UNIX, "/dev/log"};
+  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+  ASSERT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  DbgOutput("file.cc", 9, "f", 3, "two\nlines");
+  char packet[500] = "";
+  EXPECT_GT(recv(log, packet, sizeof packet - 1, 0), 0);
+  close(log);
+  // <facility daemon (3) * 8 + level 3>, the time, the ident with the process id, the line.
+  EXPECT_TRUE(std::string(packet).starts_with("<27>")) << packet;
+  EXPECT_NE(strstr(packet, " CLUS_SYNC["), nullptr) << packet;
+  EXPECT_TRUE(std::string(packet).ends_with("]: f:9: two\\x0alines")) << packet;
 }
 
 TEST(Thread, HasItsNameAndAStackForCpgDispatch) {
