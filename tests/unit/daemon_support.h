@@ -1,69 +1,64 @@
 #ifndef TESTS_UNIT_DAEMON_SUPPORT_H_
 #define TESTS_UNIT_DAEMON_SUPPORT_H_
 
-#include <gtest/gtest.h>
 #include <signal.h>
-
-#include <string>
-#include <vector>
 
 #include "platform/util.h"
 #include "redundancy_health/catalog/file_entry.h"
-#include "redundancy_health/frame/sync_context.h"
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/exit_flag.h"
+#include "redundancy_health/frame/flight_recorder.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/statistics.h"
 #include "tests/unit/platform_support.h"
 #include "tests/unit/scripted_cpg.h"
 
-struct LogLine {
-  int level;
-  std::string function;
-  std::string text;
-};
-
-// Everything the process writes to the platform log, at every level, from construction on.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();  // gives standard output back, and prints there what was no log line
-  std::vector<LogLine> lines() const;
-
- private:
-  int stdout_fd_;
-  int capture_fd_;
-};
+// SHA-1 of these contents.
+#define SHA_ABC "a9993e364706816aba3e25717850c26c9cd0d89d"
+#define SHA_A "86f7e437faa5a7fce15d1ddcb9eaeaea377667b8"
+#define SHA_CONTENT "040f06fd774092478d450774f5ba30c5da78acc8"
+#define SHA_EMPTY "da39a3ee5e6b4b0d3255bfef95601890afd80709"
 
 // A daemon at its start with the peer in the group: fresh globals, node 1, four empty roots, this
-// EM on standby, nothing sent, nothing logged.
+// EM on standby, nothing sent, the flight recorder paused. From here on the platform log is caught.
 class DaemonTest : public testing::Test {
  protected:
   DaemonTest();
-  ~DaemonTest() override;
+  ~DaemonTest() override;  // gives standard output back, and prints there what was no log line
 
   SyncContext* ctx = &g_context;
-  LogCapture log;
 
   static void set_active(bool active);
 
   // Texts of the lines logged at `level`, in order; level -1 for all.
-  std::vector<std::string> logged(int level) const;
+  Lines logged(int level = -1) const;
   bool has_logged(const std::string& text) const;
+
+  // The peer joins (`joined`) or leaves the group.
+  void change_membership(bool joined);
+
+  // A request as its caller's thread leaves it; an empty message only asks for an exchange.
+  void publish(const std::string& message = std::string(2, '\0'));
 
   // Status field of the last fault event, 0 when there is none.
   static uint32_t fault_status();
+
+ private:
+  int stdout_fd_;
+  int capture_fd_;
+  std::string message_;
 };
 
-// A regular expression that matches `text` itself.
-std::string literally(const std::string& text);
-
-// The statements abort after a log line that ends in `text`. A death test looks at standard error,
-// the log goes to standard output.
-#define EXPECT_ABORT(text, ...)             \
+// The statements abort after a log line with `pattern`. A death test looks at standard error, the
+// log goes to standard output.
+#define EXPECT_ABORT(pattern, ...)          \
   EXPECT_EXIT(                              \
       {                                     \
         dup2(STDERR_FILENO, STDOUT_FILENO); \
         debug_log_to_stdout(1);             \
         __VA_ARGS__;                        \
       },                                    \
-      testing::KilledBySignal(SIGABRT), literally(std::string(text) + "\n"))
+      testing::KilledBySignal(SIGABRT), pattern)
 
 // `root_paths[root_index]` with a relative path behind it.
 std::string tree_path(uint32_t root_index, const std::string& relative_path);
@@ -76,14 +71,25 @@ std::string make_file(uint32_t root_index, const std::string& relative_path,
 std::string pattern(size_t size, unsigned seed = 0);
 
 // Listing lines of the four trees, in the order in which the scan makes them.
-std::vector<std::string> scan_lines(SyncContext* ctx, bool requester = true);
+Lines scan_lines(SyncContext* ctx, bool requester = true);
 
-// A group message as its bytes.
+std::string little_endian(uint32_t number);
+
+// A group message byte for byte, without the record that the daemon uses; it reports a success.
 std::string message_bytes(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
-                          const std::string& payload = "");
+                          const std::string& payload = "", uint32_t flags = 0);
+
+// The payload of an update message byte for byte.
+enum UpdateFlags { kPlain = 0, kRestricted = 1, kNoData = 2 };
+std::string update(uint32_t type, uint32_t root, const std::string& path, uint32_t begin,
+                   uint32_t end, uint32_t file_size, const std::string& data = "",
+                   int flags = kPlain);
+
+// A message as its bytes.
+std::string bytes_of(const SentMessage& message);
 
 // What was sent, as "MSG_LOCK_REQ 1.0" with exchange and sequence id.
-std::vector<std::string> sent_messages();
+Lines sent_messages();
 
 // Hands a message to the delivery callback, as the peer's (node 2) or as this process's own.
 void deliver_from_peer(const std::string& message);

@@ -1,14 +1,16 @@
 #ifndef TESTS_UNIT_PLATFORM_SUPPORT_H_
 #define TESTS_UNIT_PLATFORM_SUPPORT_H_
 
-// What the tests of the platform share, the common headers among it.
+// What all tests share, the common headers among it.
 
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,9 +30,12 @@ constexpr bool kSpawnTellsFailure = false;
 constexpr bool kSpawnTellsFailure = true;
 #endif
 
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
 inline std::string read_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 inline void write_file(const std::string& path, const std::string& content, mode_t mode = 0644) {
@@ -50,7 +56,7 @@ inline bool exists(const std::string& path) {
 inline std::set<std::string> names_in(const std::string& directory) {
   std::set<std::string> names;
   std::error_code missing;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, missing))
+  for (const auto& entry : fs::directory_iterator(directory, missing))
     names.insert(entry.path().filename());
   return names;
 }
@@ -63,11 +69,15 @@ inline int run_forked(const std::function<int()>& action) {
   return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// An empty file system that covers `path` as long as the object lives.
+// A file system that covers `path` as long as the object lives: an empty one, or `source` itself.
 struct Mount {
-  explicit Mount(const std::string& on, const char* options = nullptr) : path(on) {
-    mkdir(path.c_str(), 0755);
-    EXPECT_EQ(mount("tmpfs", path.c_str(), "tmpfs", 0, options), 0) << path;
+  explicit Mount(const std::string& on, const char* options = nullptr, const char* source = nullptr)
+      : path(on) {
+    if (source == nullptr) mkdir(path.c_str(), 0755);
+    EXPECT_EQ(mount(source != nullptr ? source : "tmpfs", path.c_str(), "tmpfs",
+                    source != nullptr ? MS_BIND : 0, options),
+              0)
+        << path;
   }
   ~Mount() {
     umount2(path.c_str(), MNT_DETACH);

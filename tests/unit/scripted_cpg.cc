@@ -7,10 +7,14 @@ ScriptedCpg g_cpg;
 namespace {
 
 cs_error_t next(std::deque<cs_error_t>* results) {
-  if (results->empty()) return CS_OK;
-  const cs_error_t result = results->front();
-  results->pop_front();
+  const cs_error_t result = results->empty() ? CS_OK : results->front();
+  if (!results->empty()) results->pop_front();
   return result;
+}
+
+cs_error_t result_of(const char* call) {
+  const auto fail = g_cpg.fails.find(call);
+  return fail == g_cpg.fails.end() ? CS_OK : fail->second;
 }
 
 }  // namespace
@@ -22,38 +26,38 @@ cs_error_t cpg_model_initialize(cpg_handle_t* handle, cpg_model_t, cpg_model_dat
   memcpy(&g_cpg.model, model_data, sizeof(g_cpg.model));
   g_cpg.context = context;
   *handle = 77;
-  return g_cpg.initialize_result;
+  return result_of("cpg_model_initialize");
 }
 
 cs_error_t cpg_finalize(cpg_handle_t) {
-  ++g_cpg.finalize_calls;
-  return g_cpg.finalize_result;
+  ++g_cpg.calls["cpg_finalize"];
+  return result_of("cpg_finalize");
 }
 
 cs_error_t cpg_join(cpg_handle_t, const struct cpg_name* group) {
-  ++g_cpg.join_calls;
+  ++g_cpg.calls["cpg_join"];
   g_cpg.joined_group.assign(group->value, group->length);
   return next(&g_cpg.join_results);
 }
 
 cs_error_t cpg_context_set(cpg_handle_t, void* context) {
   g_cpg.context = context;
-  return g_cpg.context_set_result;
+  return result_of("cpg_context_set");
 }
 
 cs_error_t cpg_context_get(cpg_handle_t, void** context) {
   *context = g_cpg.context;
-  return g_cpg.context_get_result;
+  return result_of("cpg_context_get");
 }
 
 cs_error_t cpg_local_get(cpg_handle_t, unsigned int* nodeid) {
   *nodeid = g_cpg.nodeid;
-  return g_cpg.local_get_result;
+  return result_of("cpg_local_get");
 }
 
 cs_error_t cpg_fd_get(cpg_handle_t, int* fd) {
   *fd = g_cpg.fd;
-  return g_cpg.fd_get_result;
+  return result_of("cpg_fd_get");
 }
 
 cs_error_t cpg_dispatch(cpg_handle_t, cs_dispatch_flags_t) {
@@ -62,7 +66,7 @@ cs_error_t cpg_dispatch(cpg_handle_t, cs_dispatch_flags_t) {
 
 cs_error_t cpg_mcast_joined(cpg_handle_t, cpg_guarantee_t, const struct iovec* pieces,
                             unsigned int count) {
-  ++g_cpg.mcast_calls;
+  ++g_cpg.calls["cpg_mcast_joined"];
   const cs_error_t result = next(&g_cpg.mcast_results);
   if (result != CS_OK) return result;
   SentMessage message = {};

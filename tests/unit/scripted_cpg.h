@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,24 +20,17 @@ struct SentMessage {
 };
 
 struct ScriptedCpg {
-  std::vector<SentMessage> sent;         // accepted multicasts, in order
-  std::deque<cs_error_t> mcast_results;  // answers of the next cpg_mcast_joined calls
-  int mcast_calls = 0;                   // accepted or not
-  std::deque<cs_error_t> join_results;   // answers of the next cpg_join calls
-  int join_calls = 0;
-  cs_error_t initialize_result = CS_OK;
-  cs_error_t context_set_result = CS_OK;
-  cs_error_t context_get_result = CS_OK;
-  cs_error_t local_get_result = CS_OK;
-  cs_error_t fd_get_result = CS_OK;
-  cs_error_t finalize_result = CS_OK;
+  std::vector<SentMessage> sent;            // accepted multicasts, in order
+  std::deque<cs_error_t> mcast_results;     // answers of the next cpg_mcast_joined calls
+  std::deque<cs_error_t> join_results;      // answers of the next cpg_join calls
+  std::map<std::string, cs_error_t> fails;  // answers of the other calls, by name
+  std::map<std::string, int> calls;         // of cpg_join, cpg_mcast_joined, cpg_finalize
   uint32_t nodeid = 1;
   int fd = -1;                              // given out by cpg_fd_get
   std::function<cs_error_t()> on_dispatch;  // body of cpg_dispatch; none: CS_OK
-  int finalize_calls = 0;
-  std::string joined_group;        // the name's bytes, by its length field
-  cpg_model_v1_data_t model = {};  // given to cpg_model_initialize
-  void* context = nullptr;         // cpg_context_set / cpg_context_get
+  std::string joined_group;                 // the name's bytes, by its length field
+  cpg_model_v1_data_t model = {};           // given to cpg_model_initialize
+  void* context = nullptr;                  // cpg_context_set / cpg_context_get
 };
 
 extern ScriptedCpg g_cpg;

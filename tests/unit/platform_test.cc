@@ -1,0 +1,262 @@
+#include <sys/prctl.h>
+
+#include "platform/daemon.h"
+#include "platform/em.h"
+#include "platform/storage.h"
+#include "platform/util.h"
+#include "tests/unit/platform_support.h"
+
+namespace {
+
+constexpr char kPidFile[] = "/var/run/CLUS_SYNC.pid";
+
+int run_until_told(int argc, char** argv) {
+  close(open("/run/made", O_CREAT | O_WRONLY, 0666));
+  write_file("/run/arguments", std::to_string(argc) + argv[1]);
+  daemon_signal_daemonize_complete();
+  daemon_signal_daemonize_complete();  // nobody waits any more
+  read_file("/run/end");
+  return 5;
+}
+
+int abort_early(int, char**) {
+  abort();
+}
+
+// Calls daemon_create in a process of its own. True when that fails with `text`.
+bool fails(int (*daemon_main)(int, char**), const char* text) {
+  return run_forked([daemon_main] {
+           dup2(open("/run/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644), STDERR_FILENO);
+           char name[] = "program", argument[] = "-a";
+           char* argv[] = {name, argument, nullptr};
+           return daemon_create("CLUS_SYNC", daemon_main, 2, argv);
+         }) != 0 &&
+         read_file("/run/stderr").find(text) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(Daemon, RunsOnceAndTellsWhyItCannotStart) {
+  // The daemons become children of this process, so that it can wait for them.
+  ASSERT_TRUE(getpid() == 1 || prctl(PR_SET_CHILD_SUBREAPER, 1) == 0);
+  mkfifo("/run/end", 0600);
+  mkdir(kPidFile, 0755);
+  EXPECT_TRUE(fails(run_until_told, kPidFile));
+  rmdir(kPidFile);
+  EXPECT_TRUE(fails(abort_early, "before its start-up was complete"));
+  waitpid(-1, nullptr, 0);
+  // Of a crashed instance; the number has come to belong to another process: this one.
+  write_file(kPidFile, std::to_string(getpid()) + "\n" + std::string(100, 'x'));
+  ASSERT_FALSE(fails(run_until_told, "")) << read_file("/run/stderr");
+  EXPECT_EQ(read_file("/run/arguments"), "2-a");
+  EXPECT_EQ(mode_of("/run/made"), 0644);
+  const std::string pid = read_file(kPidFile);
+  EXPECT_TRUE(fails(run_until_told, "another instance is running"));
+  EXPECT_EQ(read_file(kPidFile), pid);
+  write_file("/run/end", "end");
+  int status = 0;
+  EXPECT_EQ(waitpid(std::stoi(pid), &status, 0), std::stoi(pid));
+  EXPECT_EQ(WEXITSTATUS(status), 5);
+  EXPECT_EQ(pid, std::to_string(std::stoi(pid)) + "\n");
+  EXPECT_FALSE(exists(kPidFile));
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
+  const std::string active = "/mnt/part.persistent/replicated_by_active_em/";
+  const std::string locked = "/mnt/part.persistent/replicated_by_this_em/";
+  const std::string elsewhere = "/mnt/root_elsewhere/", outside = "/mnt/outside/";
+  const std::string in_memory = "/var/run/replicated_by_active_em/";
+  const char* const script[] = {CLEAN_UP_SCRIPT, nullptr};
+  EXPECT_EQ(execute_normal(script), 0) << "without roots";
+  const Mount persistent("/mnt/part.persistent"), read_only(locked);
+  for (const std::string& directory :
+       {active, in_memory, outside, elsewhere, active + "deep", active + "TempUpdate_directory"})
+    mkdir(directory.c_str(), 0755);
+  fs::create_symlink(outside + "TempUpdate_d", active + "TempUpdate_link");
+  fs::create_symlink(outside, active + "link");
+  fs::create_symlink(elsewhere, "/mnt/part.persistent/replicated_by_other_em");
+  const struct {
+    std::string path;
+    int age;
+    bool removed;
+  } cases[] = {
+      {active + "TempUpdate_\xff\n", 3700, true},  {active + "deep/TempUpdate_b", 86400, true},
+      {in_memory + "TempUpdate_c", 3700, true},    {elsewhere + "TempUpdate_f", 3700, true},
+      {active + "TempUpdate_young", 3000, false},  {active + "TempUpdate_future", -3700, false},
+      {active + "data_TempUpdate_a", 3700, false}, {active + "TempUpdate_directory", 3700, false},
+      {outside + "TempUpdate_d", 3700, false},     {active + "TempUpdate_link", 3700, false},
+      {locked + "TempUpdate_e", 3700, false},
+  };
+  for (const auto& [path, age, removed] : cases) {
+    if (!exists(path)) write_file(path, "x");
+    const timespec times[] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
+    utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+  }
+  ASSERT_EQ(mount(nullptr, locked.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  EXPECT_EQ(execute_normal(script), 1) << "a failure, yet the other roots are cleaned";
+  for (const auto& [path, age, removed] : cases)
+    EXPECT_EQ(exists(path), !removed) << path;
+}
+
+TEST(Em, IsNumberOneUnlessItSaysTwo) {
+  const Mount em("/var/run/em");
+  EXPECT_EQ(get_my_mate_em_num(), 2u);
+  for (const auto& [content, mate] : {std::pair("1\n", 2u), {"2\n", 1u}, {"two", 2u}}) {
+    write_file("/var/run/em/number", content);
+    EXPECT_EQ(get_my_mate_em_num(), mate) << content;
+  }
+}
+
+TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
+  const Mount etc("/etc"), em("/etc/em");
+  const std::string program = "/etc/em/use_replicated_data";
+  EXPECT_EQ(use_replicated_data(5, 0), 0) << "no program is no failure";
+  write_file(program, "#!/missing/interpreter\n");
+  EXPECT_EQ(use_replicated_data(5, 0), 0) << "nor is one that is not executable";
+  chmod(program.c_str(), 0755);
+  EXPECT_EQ(use_replicated_data(5, 0) != 0 && errno == ENOENT, kSpawnTellsFailure);
+  ASSERT_EQ(mkfifo("/etc/report", 0600), 0);
+  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
+  // It cannot end before the report is read, so the call returns only if it does not wait.
+  write_file(program,
+             "#!/bin/sh\nread pid comm state ppid group session rest < /proc/self/stat\n"
+             "[ -e /proc/$$/fd/99 ] && open=yes || open=no\n"
+             "echo \"$#:$1:$open:$session\" > /etc/report\n",
+             0755);
+  ASSERT_EQ(use_replicated_data(4000000000u, 1), 0);
+  close(99);
+  // The first process of a namespace inherits the program, of which nobody else has to know.
+  EXPECT_TRUE(getpid() == 1 || waitpid(-1, nullptr, WNOHANG) == -1) << "a child is left";
+  const std::string report = read_file("/etc/report");
+  EXPECT_TRUE(report.starts_with("1:4000000000:no:")) << report;
+  EXPECT_FALSE(report.ends_with(":" + std::to_string(getsid(0)) + "\n")) << report;
+}
+
+TEST(SetResult, EveryByteFollowsFromCodeAndReason) {
+  RpcResult result;
+  for (const auto& [code, flags] :
+       std::vector<std::pair<uint32_t, std::string>>{{0, {1, 1, 1, 0, 0}},
+                                                     {2, {0, 0, 0, 0, 1}},
+                                                     {4, {0, 1, 0, 0, 1}},
+                                                     {20, {0, 1, 0, 0, 1}},
+                                                     {34, {0, 0, 0, 0, 1}},
+                                                     {44, {0, 0, 0, 1, 1}}}) {
+    for (const size_t length : {115u, 116u, 5000u}) {
+      const std::string reason(length, 'r');
+      std::string expected = flags + std::string("\0\0\0N\0\0\0", 7);
+      if (code != 0) expected += reason.substr(0, 115);
+      expected.resize(128, '\0');
+      memset(&result, 0xA5, sizeof result);
+      storage_cfg_set_result(&result, code, "%s", reason.c_str());
+      EXPECT_EQ(std::string(reinterpret_cast<const char*>(&result), sizeof result), expected);
+    }
+  }
+  storage_cfg_set_result(&result, 4, "first");
+  storage_cfg_set_result(&result, 4, "then: %s", result.reason);
+  EXPECT_STREQ(result.reason, "then: first");
+}
+
+TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
+  const Mount disk("/mnt/disk", "size=64k");
+  // A link at first: it is replaced, not followed.
+  ASSERT_EQ(symlink("/mnt/linked_file", "/mnt/disk/file"), 0);
+  StorageHandle* handle = nullptr;
+  for (const int mode : {0600, 0644}) {
+    write_file("/mnt/disk/file", "old content, longer than the new one", 0666);
+    const int flags = kStorageOpenWrite | (mode == 0600 ? kStorageOpenRestricted : 0);
+    umask(0777);
+    ASSERT_EQ(storage_open(7, "/mnt/disk/file", flags, &handle), 0);
+    umask(0022);
+    EXPECT_EQ(storage_write_all(handle, "new ", 4) + storage_write_all(handle, "text", 4), 0);
+    EXPECT_TRUE(read_file("/mnt/disk/file").starts_with("old"));
+    EXPECT_TRUE(names_in("/mnt/disk").begin()->starts_with("TempUpdate_"));
+    EXPECT_EQ(storage_close(handle), 0);
+    EXPECT_EQ(read_file("/mnt/disk/file"), "new text");
+    EXPECT_EQ(mode_of("/mnt/disk/file"), mode);
+  }
+  EXPECT_TRUE(read_file("/mnt/linked_file").starts_with("old"));
+  mkdir("/mnt/disk/directory", 0755);
+  for (const char* path : {"/mnt/missing/file", "relative/file", "", "/mnt/disk/"})
+    EXPECT_NE(storage_open(7, path, kStorageOpenWrite, &handle), 0) << path;
+  ASSERT_EQ(storage_open(7, "/mnt/disk/file", kStorageOpenWrite, &handle), 0);
+  for (const size_t size : {1u << 20, 1u}) {
+    EXPECT_NE(storage_write_all(handle, std::string(size, 'x').data(), size), 0);
+    EXPECT_EQ(errno, ENOSPC);
+  }
+  EXPECT_NE(storage_close(handle), 0);
+  EXPECT_EQ(read_file("/mnt/disk/file"), "new text");
+  ASSERT_EQ(storage_open(7, "/mnt/disk/directory", kStorageOpenWrite, &handle), 0);
+  EXPECT_NE(storage_close(handle), 0);
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_EQ(names_in("/mnt/disk"), (std::set<std::string>{"directory", "file"}));
+}
+
+TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
+  for (const auto& [value, threshold] : {std::pair("3", 3), {"99", 7}, {"-4", 0}, {"7x", 6}}) {
+    setenv("BREL_LOG_LEVEL", value, 1);
+    debug_log_to_stdout(1);
+    testing::internal::CaptureStdout();
+    DbgOutput("file.cc", 42, "f", threshold, "a\n\x1b[2J\x7f\xc3\xa9%d", 7);
+    // Formatting this argument would end the process.
+    DbgOutput("file.cc", 1, "f", threshold + 1, "%s", reinterpret_cast<const char*>(1));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "<" + std::to_string(threshold) + "> f:42: a\\x0a\\x1b[2J\\x7f\xc3\xa9" + "7\n");
+  }
+  debug_log_to_stdout(0);
+  EXPECT_EQ(run_forked([] {
+              int ends[2];
+              if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
+              close(ends[0]);
+              debug_log_to_stdout(1);
+              errno = EDOM;
+              DbgOutput("file.cc", 1, "f", 3, "text");
+              return errno == EDOM ? 7 : 2;
+            }),
+            7);
+}
+
+TEST(Log, GoesToSyslogAsTheDaemon) {
+  const Mount dev("/dev");
+  const sockaddr_un address = {AF_UNIX, "/dev/log"};
+  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+  ASSERT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  DbgOutput("file.cc", 9, "f", 3, "two\nlines");
+  char packet[500] = "";
+  EXPECT_GT(recv(log, packet, sizeof packet - 1, 0), 0);
+  close(log);
+  // <facility daemon (3) * 8 + level 3>, the time, the ident with the process id, the line.
+  EXPECT_TRUE(std::string(packet).starts_with("<27>")) << packet;
+  EXPECT_NE(strstr(packet, " CLUS_SYNC["), nullptr) << packet;
+  EXPECT_TRUE(std::string(packet).ends_with("]: f:9: two\\x0alines")) << packet;
+}
+
+TEST(Thread, HasItsNameAndAStackForCpgDispatch) {
+  const auto check = [](void*) -> void* {
+    char name[] = "########";
+    GetThreadName(name, 5);
+    EXPECT_EQ(std::string(name, sizeof name), std::string("sync\0###", sizeof name));
+    pthread_attr_t attributes;
+    size_t stack_size = 0;
+    pthread_getattr_np(pthread_self(), &attributes);
+    pthread_attr_getstacksize(&attributes, &stack_size);
+    pthread_attr_destroy(&attributes);
+    EXPECT_GE(stack_size, size_t{4} << 20);
+    return nullptr;
+  };
+  pthread_t thread;
+  ASSERT_EQ(Create_Thread(&thread, nullptr, check, nullptr, "sync_thread_too_long"), 0);
+  pthread_join(thread, nullptr);
+}
+
+TEST(ExecuteNormal, ReportsHowTheProgramEnded) {
+  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
+  const std::pair<std::vector<const char*>, int> cases[] = {
+      {{"/bin/sh", "-c", "test ! -e /proc/self/fd/99; exit $?", nullptr}, 0},
+      {{"/bin/sh", "-c", "exit 3", nullptr}, 3},
+      {{"/bin/sh", "-c", "kill -TERM $$", nullptr}, 128 + 15},
+      {{"/run", nullptr}, 127}};
+  for (const auto& [argv, status] : cases)
+    EXPECT_EQ(execute_normal(argv.data()), status);
+  close(99);
+}
