@@ -31,9 +31,10 @@ def run(name: str) -> tuple[float, str]:
     return time.monotonic() - start, "\n".join(reasons)
 
 
-def names(tests: unittest.TestSuite) -> list[str]:
-    return [name for test in tests for name in names(test)] if isinstance(
-        tests, unittest.TestSuite) else [tests.id()]
+def names(tests) -> list[str]:
+    if isinstance(tests, unittest.TestCase):
+        return [tests.id()]
+    return [name for test in tests for name in names(test)]
 
 
 def give_up(*_) -> None:
@@ -46,6 +47,7 @@ def give_up(*_) -> None:
 def main(wanted: list[str]) -> int:
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, give_up)
+    sys.stdout.reconfigure(errors="backslashreplace")  # names of files need not be text
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
     tests = sorted(names(loader.discover(str(HERE))), key=lambda name: LONGEST not in name)
@@ -55,8 +57,8 @@ def main(wanted: list[str]) -> int:
         for done in as_completed(running):
             seconds, reason = done.result()
             failed += bool(reason)
-            print(f"   {'FAILED' if reason else 'ok':6} {seconds:6.1f} s  {running[done]}{reason and chr(10)}"
-                  f"{reason}", flush=True)
+            print(f"   {'FAILED' if reason else 'ok':6} {seconds:6.1f} s  {running[done]}",
+                  *filter(None, [reason]), sep="\n", flush=True)
     print(f"{len(tests) - failed} passed, {failed} failed")
     return 0 if tests and not failed else 1
 

@@ -218,12 +218,6 @@ class PairTest(unittest.TestCase):
         process.send_signal(signal.SIGSTOP)
         self.addCleanup(lambda: process.poll() is None and process.send_signal(signal.SIGCONT))
 
-    def rejoin(self, n: int) -> None:
-        """Starts EM `n`'s daemon again; the two repair the trees by themselves."""
-        self.pair.start_daemon(n)
-        self.pair.wait_joined()
-        self.wait_identical()
-
     def footprint(self, n: int) -> tuple[tuple[int, int], int]:
         """Descriptors and threads of EM `n`'s daemon once the workers of closed connections have
         ended, and its resident memory in kB."""

@@ -16,9 +16,10 @@ BURSTS = int(os.environ.get("BURSTS", 50))  # of each seed
 class ConvergenceTest(PairTest):
     def test_random_operations_converge(self):
         failed = set()
+        callers = {(n, kind): self.call(n, None) for n in EMS for kind in (UPDATE, DIAGNOSTIC)}
         for seed in SEEDS:
             self.make_ready()
-            driver = Driver(self.pair, {(n, kind): self.call(n, None) for n in EMS for kind in (UPDATE, DIAGNOSTIC)}, seed)
+            driver = Driver(self.pair, callers, seed)
             try:
                 for burst in range(1, BURSTS + 1):
                     driver.burst()

@@ -30,19 +30,13 @@ class EnduranceTest(PairTest):
             n = 1 + turn % 2
             name = f"{turn % 7}/{turn % 5}"
             kind = turn % 12 // 2
-            message = SYNC
-            if kind == 0:  # a new file
-                self.write(n, f"{OWN}/{name}", "replaced")
-                message = self.prepared(n, f"{OWN}/{name}", os.urandom(100 + turn % 11))
-            elif kind == 1:  # a large one
-                self.write(n, f"{OWN}/large", os.urandom(70_000 + turn % 11))
-            elif kind == 2:  # a deletion
-                self.write(n, f"{OWN}/deleted", "in this exchange")
-                message = request("", f"{OWN}/deleted")
-            elif kind == 3:  # a refusal
-                message = request(f"{OWN}/missing", f"{OWN}/{name}")
-            elif kind == 4:  # the shared trees
-                self.write(1, f"{(ACTIVE, VOLATILE)[turn // 12 % 2]}/{name}", str(turn))
+            message = (
+                lambda: self.prepared(n, f"{OWN}/{name}", os.urandom(100 + turn % 11)),
+                lambda: self.write(n, f"{OWN}/large", os.urandom(70_000 + turn % 11)),
+                lambda: self.write(n, f"{OWN}/deleted", "") or request("", f"{OWN}/deleted"),
+                lambda: request(f"{OWN}/missing", f"{OWN}/{name}"),  # is refused
+                lambda: self.write(1, f"{(ACTIVE, VOLATILE)[turn // 12 % 2]}/{name}", str(turn)),
+                lambda: None)[kind]() or SYNC
             self.callers[n].send(message)
             result = self.callers[n].result()
             self.assertEqual(kind != 3, result.success, result)

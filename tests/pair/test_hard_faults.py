@@ -14,7 +14,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 from convergence import Machine
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
-from support import DIAGNOSTIC, FAILING, Caller, PairTest, Result, request
+from support import DIAGNOSTIC, FAILING, SYNC, Caller, PairTest, Result, request
 
 LARGE = 32 << 20
 KILLS = int(os.environ.get("KILLS", 20))
@@ -23,8 +23,8 @@ REQUESTS = 40
 TIMED_OUT = "Operation timed out"
 # The peer's time limit was faster, or its late release ended the next exchange.
 LATE = "Received early LOCK_REL message in state "
-MISSING, NO_SPACE, READ_ONLY = ("No such file or directory", "No space left on device",
-                                "Read-only file system")
+MISSING, NO_SPACE = "No such file or directory", "No space left on device"
+READ_ONLY = "Read-only file system"
 PRIVATE_LOG = "/tmp/cluster_sync_daemon.log"
 CLOCK = "/run/em/clock"
 
@@ -51,6 +51,11 @@ class FaultTest(PairTest):
             self.assertTrue(content == self.read(n, f"{OWN}/{name}"), f"not on EM {n}: {result}")
         if result.success and result.peer_present == "Y":
             self.assertTrue(content == self.read(3 - n, f"{PEERS}/{name}"), f"not there: {result}")
+
+    def wait_repaired(self) -> None:
+        """The daemons find each other and make the trees identical by themselves."""
+        self.pair.wait_joined()
+        self.wait_identical()
 
     def assert_done_alone(self, n: int, result: Result) -> None:
         self.assertEqual((True, "N"), (result.local_ok, result.peer_present), result)
@@ -82,12 +87,13 @@ class HardFaultTest(FaultTest):
                 if result := callers[n].result():
                     told.append(result)
                     self.assert_true(result, n, name, contents[n])
-            self.rejoin(victim)
+            self.pair.start_daemon(victim)
+            self.wait_repaired()
         self.assertLess(KILLS // 2, sum(result.success for result in told), told)
         self.settle()
 
     def test_daemon_killed_in_a_long_transfer(self):
-        self.kill_in_a_transfer("daemon", self.rejoin)
+        self.kill_in_a_transfer("daemon", self.pair.start_daemon)
 
     def test_corosync_killed_in_a_transfer(self):
         def restart(victim: int) -> None:
@@ -105,8 +111,7 @@ class HardFaultTest(FaultTest):
                 self.assertIsNone(caller.result())
             self.wait_alone(3 - victim)
             restart(victim)
-            self.pair.wait_joined()
-            self.wait_identical()
+            self.wait_repaired()
         self.settle()
 
     def test_a_request_that_waits_while_the_peer_dies_is_carried_out(self):
@@ -114,7 +119,8 @@ class HardFaultTest(FaultTest):
             self.transfer(3 - requester, OWN, PEERS)
             self.mark_logs()
             self.carried_out_alone(requester, lambda: None)
-            self.rejoin(3 - requester)
+            self.pair.start_daemon(3 - requester)
+            self.wait_repaired()
 
     def test_a_request_that_comes_while_the_peer_dies_is_carried_out(self):
         """Its wake-up and the peer's departure wait side by side until a long scan is over."""
@@ -148,8 +154,7 @@ class HardFaultTest(FaultTest):
         self.pair.path(2, f"{OWN}/deleted").unlink()
         self.assertNotEqual([], self.different())
         self.pair.heal()
-        self.pair.wait_joined()
-        self.wait_identical()
+        self.wait_repaired()
         self.settle()
 
     def test_daemons_start_together_or_one_late(self):
@@ -165,8 +170,7 @@ class HardFaultTest(FaultTest):
             if late:
                 self.wait_log(3 - late, "CPG config change")
                 self.pair.start_daemon(late)
-            self.pair.wait_joined()
-            self.wait_identical()
+            self.wait_repaired()
         self.settle()
 
     def test_trees_that_cannot_be_written(self):
@@ -176,8 +180,6 @@ class HardFaultTest(FaultTest):
         self.pair.run(2, ["sh", "-c", f"cat /dev/zero > {ACTIVE}/TempUpdate_filler"])
         self.assert_not_at_peer(self.prepared(1, f"{ACTIVE}/file", b"short"), NO_SPACE)
         self.assertEqual(FAILING, self.fault())
-        self.assertEqual(["TempUpdate_filler", "file"],
-                         sorted(os.listdir(self.pair.path(2, ACTIVE))))
         self.mount(2, ACTIVE, "remount,size=64m")
         self.settle()
 
@@ -233,8 +235,8 @@ class HardFaultTest(FaultTest):
             caller = self.call(n, None)
             for turn in range(ROUNDS):
                 name, content = f"{worker}.{turn % 7}", os.urandom(1 + turn)
-                for message in (None, self.prepared(n, f"{OWN}/{name}", content)):
-                    caller.send(message or request("", ""))
+                for message in (SYNC, self.prepared(n, f"{OWN}/{name}", content)):
+                    caller.send(message)
                     self.assertEqual((True, ""), caller.result()[::6])
                 self.assertEqual(content, self.read(3 - n, f"{PEERS}/{name}"))
 
@@ -258,7 +260,6 @@ class HardFaultTest(FaultTest):
         self.assertFalse(self.exists(n, "/run/em/cmd.2006"))
         self.assertIn("Exiting cluster_sync_daemon", self.log(n).splitlines()[-1])
 
-
     # Faults that only the time limit of 10 s ends.
 
     def assert_timed_out(self, result: Result) -> None:
@@ -270,8 +271,7 @@ class HardFaultTest(FaultTest):
         self.hold(2)
         self.assert_timed_out(caller.result())
         self.assertNotEqual([], self.different())
-        asked = self.prepared(1, f"{OWN}/next", b"content")
-        self.assert_timed_out(self.ask(1, asked))
+        self.assert_timed_out(self.ask(1, self.prepared(1, f"{OWN}/next", b"content")))
         self.assertFalse(self.exists(2, f"{PEERS}/next"))
         self.assertEqual(FAILING, self.fault())
         self.pair.signal(2, "daemon", signal.SIGCONT)
@@ -280,8 +280,7 @@ class HardFaultTest(FaultTest):
     def test_root_missing(self):
         self.pair.run(2, ["mv", OWN, f"{OWN}.away"], check=True)
         self.addCleanup(self.pair.run, 2, ["mv", "-T", f"{OWN}.away", OWN])
-        asked = self.prepared(1, f"{OWN}/file", b"content")
-        self.assert_timed_out(self.ask(1, asked))
+        self.assert_timed_out(self.ask(1, self.prepared(1, f"{OWN}/file", b"content")))
         self.assertFalse(self.exists(2, f"{PEERS}/file"))
         self.assert_logged(2, f"could not open directory ({MISSING}): {OWN}/")
         self.doCleanups()
@@ -316,16 +315,15 @@ class ClockTest(FaultTest):
         for n in EMS:
             self.pair.path(n, CLOCK).write_text("+0")
             self.diag(n, "log-size=100000000")
-        for jumps in ({1: "+1h", 2: "-1h"}, {1: "-2h", 2: "+3d"}, {1: "+0", 2: "+0"}):
+        for jumps in (("+1h", "-1h"), ("-2h", "+3d"), ("+0", "+0")):
             caller, _ = self.transfer(1)
             self.pair.signal(2, "daemon", signal.SIGSTOP)  # so that the jump meets a wait
-            for n, jump in jumps.items():
-                self.pair.path(n, CLOCK).write_text(jump)
+            for n in EMS:
+                self.pair.path(n, CLOCK).write_text(jumps[n - 1])
             time.sleep(2)
             self.pair.signal(2, "daemon", signal.SIGCONT)
             self.assertTrue(caller.result().success)
-            asked = self.prepared(2, f"{OWN}/file", b"content")
-            self.assertTrue(self.ask(2, asked).success)
+            self.assertTrue(self.ask(2, self.prepared(2, f"{OWN}/file", b"content")).success)
             self.settle()
         for n in EMS:
             self.assert_logged(n, "timeout", "Sync Error", never=True)

@@ -28,7 +28,7 @@ class LargeListingTest(PairTest):
         self.pair.path(2, f"{folder}/000502").unlink()
         self.write(2, f"{OWN}/file", "pulled")
         # Either one asks: the listing crosses the link both ways. On a busy machine an exchange may
-        # run into its time limit; the listing it left on its way would end one that follows at once.
+        # run into its time limit, and what it left on its way ends one that follows at once.
         for n in EMS:
             wait_for(lambda: self.ask(n).success, 120, "an exchange in time", 5)
             self.assert_identical()
