@@ -184,10 +184,6 @@ void end_run() {
   if (world.inside != g_pristine.inside) g_replant = true;
 }
 
-void replant() {
-  g_replant = true;
-}
-
 void deliver(uint32_t nodeid, const std::string& message) {
   std::vector<uint8_t> bytes(message.begin(), message.end());
   // The peer is another process wherever it runs.
@@ -199,7 +195,7 @@ void deliver(uint32_t nodeid, uint32_t command, uint32_t exchange_id, uint32_t s
              const std::string& payload) {
   CpgHeader header = {kCpgMagic, command, 0, exchange_id, sequence_id, {}};
   storage_cfg_set_result(&header.result, 0, nullptr);
-  deliver(nodeid, std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload);
+  deliver(nodeid, bytes_of(header) + payload);
 }
 
 void lock_by_peer() {
@@ -210,14 +206,17 @@ void deliver_request(uint32_t command, const std::string& payload) {
   deliver(kPeerNode, command, kPeerExchange, command == MSG_UPDATE_REQ, payload);
 }
 
+void start_exchange() {
+  g_context.rpc_stage = RPC_LOCAL_BUSY;
+  g_context.cur_exchange_em_is_active = 1;
+  on_sync_state_change(&g_context, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
+}
+
 void start_comparison(const std::string& listing) {
-  SyncContext* ctx = &g_context;
   start_run(true);
-  ctx->rpc_stage = RPC_LOCAL_BUSY;
-  ctx->cur_exchange_em_is_active = 1;
-  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
-  deliver(kOwnNode, MSG_LOCK_REQ, ctx->cur_exchange_id);
-  deliver(kPeerNode, MSG_LISTING_ACK, ctx->cur_exchange_id, 0, listing);
+  start_exchange();
+  deliver(kOwnNode, MSG_LOCK_REQ, g_context.cur_exchange_id);
+  deliver(kPeerNode, MSG_LISTING_ACK, g_context.cur_exchange_id, 0, listing);
 }
 
 void accept_update() {

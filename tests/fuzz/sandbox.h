@@ -18,12 +18,15 @@ void enter_sandbox();
 void start_run(bool active);
 // Ends it: aborts when anything outside the roots changed or bytes of the canary were sent.
 void end_run();
-// Makes the trees be planted anew for the next input, whatever they look like.
-void replant();
 
 constexpr uint32_t kOwnNode = 1;
 constexpr uint32_t kPeerNode = 2;
 constexpr uint32_t kPeerExchange = 7;
+
+template <typename Record>
+std::string bytes_of(const Record& record) {
+  return std::string(reinterpret_cast<const char*>(&record), sizeof record);
+}
 
 // A delivery to the daemon, in a buffer of its exact size.
 void deliver(uint32_t nodeid, const std::string& message);
@@ -32,7 +35,9 @@ void deliver(uint32_t nodeid, uint32_t command, uint32_t exchange_id, uint32_t s
 // From the peer as requester, once its lock is held.
 void lock_by_peer();
 void deliver_request(uint32_t command, const std::string& payload);
-// Starts an input whose exchange, the daemon's own, has just received this listing of the peer.
+// Starts an exchange of the daemon's own; starts an input whose exchange, the daemon's own, has
+// just received this listing of the peer.
+void start_exchange();
 void start_comparison(const std::string& listing);
 // Answers the update request sent last as a peer that did what it was asked.
 void accept_update();

@@ -3,7 +3,6 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,7 +11,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -54,32 +52,6 @@ struct Input {
 
 // Any sequence of group messages, membership changes and local events, in every state.
 
-// The group brings every message back to its sender.
-void deliver_own(size_t* delivered) {
-  if (*delivered == g_cpg.sent.size()) return;
-  const SentMessage message = g_cpg.sent[(*delivered)++];
-  deliver(kOwnNode,
-          std::string(reinterpret_cast<const char*>(&message.header), sizeof message.header) +
-              message.payload);
-}
-
-// A message of the peer with the ids that the daemon waits for.
-void deliver_fitting(Input* in) {
-  const uint32_t command = in->u8() % 6;
-  const bool answer = command == MSG_LISTING_ACK || command == MSG_UPDATE_ACK;
-  const uint32_t peer_id = command == MSG_LOCK_REQ ? kPeerExchange : ctx->peer_exchange_id;
-  deliver(kPeerNode, command, answer ? ctx->cur_exchange_id : peer_id, ctx->cur_sequence_id,
-          in->block());
-}
-
-void deliver_any(Input* in) {
-  const uint32_t node = in->u8() & 1 ? kOwnNode : kPeerNode;
-  std::string message = in->block();
-  if (in->u8() & 1 && message.size() >= sizeof kCpgMagic)
-    memcpy(message.data(), &kCpgMagic, sizeof kCpgMagic);
-  deliver(node, message);
-}
-
 void change_membership(uint8_t flags) {
   const cpg_address members[] = {{kOwnNode, static_cast<uint32_t>(getpid()), 0}, {kPeerNode, 1, 0}};
   const cpg_name group = {7, "em-sync"};
@@ -104,31 +76,45 @@ void request(uint8_t which) {
   }
 }
 
-void resync() {
-  ctx->rpc_stage = RPC_LOCAL_BUSY;
-  ctx->cur_exchange_em_is_active = 1;
-  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
-}
-
 void group_step(Input* in, size_t* delivered) {
   const bool idle = ctx->rpc_stage == RPC_IDLE;
   switch (in->u8() % kGroupSteps) {
-    case kDeliverOwn:
-      return deliver_own(delivered);
-    case kDeliverFitting:
-      return deliver_fitting(in);
-    case kDeliverAny:
-      return deliver_any(in);
+    case kDeliverOwn:  // the group brings every message back to its sender
+      if (*delivered < g_cpg.sent.size()) {
+        const SentMessage message = g_cpg.sent[(*delivered)++];
+        deliver(kOwnNode, bytes_of(message.header) + message.payload);
+      }
+      break;
+    case kDeliverFitting: {  // of the peer with the ids that the daemon waits for
+      const uint32_t command = in->u8() % 6;
+      const bool answer = command == MSG_LISTING_ACK || command == MSG_UPDATE_ACK;
+      const uint32_t peer_id = command == MSG_LOCK_REQ ? kPeerExchange : ctx->peer_exchange_id;
+      deliver(kPeerNode, command, answer ? ctx->cur_exchange_id : peer_id, ctx->cur_sequence_id,
+              in->block());
+      break;
+    }
+    case kDeliverAny: {
+      const uint32_t node = in->u8() & 1 ? kOwnNode : kPeerNode;
+      std::string message = in->block();
+      if (in->u8() & 1) message.replace(0, sizeof kCpgMagic, bytes_of(kCpgMagic));
+      deliver(node, message);
+      break;
+    }
     case kMembership:
-      return change_membership(in->u8());
+      change_membership(in->u8());
+      break;
     case kRequest:
-      return idle ? request(in->u8()) : void();
+      if (idle) request(in->u8());
+      break;
     case kResync:
-      return idle ? resync() : void();
+      if (idle) start_exchange();
+      break;
     case kTimeout:
-      return end_exchange_error(ctx, "Operation timed out");
+      end_exchange_error(ctx, "Operation timed out");
+      break;
     case kFailSend:
-      return g_cpg.mcast_results.push_back(CS_ERR_LIBRARY);
+      g_cpg.mcast_results.push_back(CS_ERR_LIBRARY);
+      break;
   }
 }
 
@@ -168,15 +154,12 @@ void fuzz_update(Input* in) {
 // bits: 1 a data file that gets a digest cache file of the scan, 2 a header that fits it.
 void fuzz_digest(Input* in) {
   start_run(true);
-  replant();
   const uint8_t mode = in->u8();
   const std::string dir = std::string(root_paths[kThisEmRoot]) + "dir/";
-  const off_t size = mode & 1 ? static_cast<off_t>(kChunkSize) + 1 : 10;
+  const size_t size = mode & 1 ? kChunkSize + 1 : 10;
   const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
-  std::ofstream(dir + "data");
-  if (truncate((dir + "data").c_str(), size) != 0 ||
-      utimensat(0, (dir + "data").c_str(), times, 0) != 0)
-    abort();
+  std::ofstream(dir + "data") << std::string(size, 'x');
+  if (utimensat(0, (dir + "data").c_str(), times, 0) != 0) abort();
   const std::string header = "Digest-V1 " + std::to_string(size) + " 1000000000\n";
   std::ofstream(dir + ".$SyncDigest$data") << (mode & 2 ? header : "") << in->rest;
 
