@@ -15,10 +15,7 @@ deb=$(realpath -e "$1") || exit 2
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 work=$(mktemp -d)
 cgroup=$(findmnt -n -t cgroup2 -o TARGET | head -n 1)/package-test.$$
-launcher=
-init=
-passed=0
-failed=0
+launcher='' init='' passed=0 failed=0
 
 clean_up() {
   # The end of the launcher ends the first process of its namespaces, and so everything in them.
@@ -40,12 +37,12 @@ check() {
   if "$@" > "$work/output" 2>&1; then
     echo "ok    $text"
     passed=$((passed + 1))
-  else
-    echo "FAIL  $text"
-    sed 's/^/      /' "$work/output" | tail -n 40
-    failed=$((failed + 1))
-    return 1
+    return
   fi
+  echo "FAIL  $text"
+  tail -n 40 "$work/output"
+  failed=$((failed + 1))
+  return 1
 }
 
 wait_until() {
@@ -64,15 +61,9 @@ output_is() {
   diff <(printf '%s' "${expected:+$expected$'\n'}") <("$@" 2>&1)
 }
 
-fails() {
-  ! "$@"
-}
+fails() { ! "$@"; }
 
 # The package as a file.
-
-no_lintian_tags() {
-  ! lintian --allow-root --tag-display-limit 0 "$deb" 2>&1 | grep -E '^[EW]:'
-}
 
 list_content() {
   dpkg-deb -c "$deb" | awk '
@@ -178,14 +169,8 @@ boot() {
   exec env -i container=package-test PATH="$PATH" /lib/systemd/systemd --unit=package-test.target
 }
 
-inside() {
-  nsenter -t "$init" -m -p -n -i -u -C -r -w -- "$@"
-}
-
-# check_inside TEXT SCRIPT
-check_inside() {
-  check "$1" inside sh -e -c "$2"
-}
+inside() { nsenter -t "$init" -m -p -n -i -u -C -r -w -- "$@"; }
+check_inside() { check "$1" inside sh -e -c "$2"; }
 
 boot_machine() {
   mkdir "$work/top"
@@ -198,14 +183,15 @@ boot_machine() {
 mkdir -p /tmp/peer
 mount -n -t tmpfs peer /tmp/peer
 mkdir -p /tmp/peer/em /tmp/peer/volatile /tmp/peer/mnt/part.persistent
-for tree in active this other; do mkdir /tmp/peer/mnt/part.persistent/replicated_by_${tree}_em; done
 mount -n --bind /tmp/peer/mnt /mnt
 mount -n --bind /tmp/peer/em /run/em
 mount -n --bind /tmp/peer/volatile /run/replicated_by_active_em
+cd /mnt/part.persistent
+mkdir replicated_by_active_em replicated_by_this_em replicated_by_other_em
 echo 2 > /run/em/number
 touch /run/em/active
-echo secret > /mnt/part.persistent/replicated_by_active_em/passwd
-head -c 300000 /dev/urandom > /mnt/part.persistent/replicated_by_active_em/large
+echo secret > replicated_by_active_em/passwd
+head -c 300000 /dev/urandom > replicated_by_active_em/large
 exec /usr/sbin/cluster_sync_daemon -x
 END
   cp "$deb" "$work/package.deb"
@@ -239,13 +225,8 @@ completes() {
     echo "${COMPREPLY[@]}"' bash "$@"
 }
 
-daemon_pid() {
-  inside cat /run/CLUS_SYNC.pid
-}
-
-serves_anew() {
-  [ "$(daemon_pid)" != "$1" ] && inside cluster_sync_ctl diag stats
-}
+daemon_pid() { inside cat /run/CLUS_SYNC.pid; }
+serves_anew() { [ "$(daemon_pid)" != "$1" ] && inside cluster_sync_ctl diag stats; }
 
 # restarts COMMAND...: succeeds when another daemon serves afterwards.
 restarts() {
@@ -258,19 +239,6 @@ break_and_mend_corosync() {
   inside mv /etc/corosync/corosync.conf /root/
   inside systemctl kill -s KILL corosync
   wait_until 30 inside systemctl is-failed corosync && inside mv /root/corosync.conf /etc/corosync/
-}
-
-start_peer() {
-  inside systemd-run -q --collect --unit=peer -p PrivateMounts=yes sh /root/peer.sh
-  wait_until 20 inside cluster_sync_ctl status &&
-    wait_until 20 inside test -s /mnt/part.persistent/replicated_by_active_em/passwd
-}
-
-leaves_only_data() {
-  local data=/mnt/part.persistent
-  output_is "$(printf '%s\n' $data $data/replicated_by_active_em \
-    $data/replicated_by_active_em/{large,passwd} $data/replicated_by_this_em{,/own})" \
-    comm -13 "$work/before" <(list_machine)
 }
 
 machine_state() {
@@ -306,7 +274,10 @@ test_service() {
     printf "#!/bin/sh\necho \$1 > /etc/em/received\n" > /usr/local/sbin/use-replicated-data
     chmod 755 /usr/local/sbin/use-replicated-data
     systemctl daemon-reload'
-  check "an active peer joins and its files arrive" start_peer
+  inside systemd-run -q --collect --unit=peer -p PrivateMounts=yes sh /root/peer.sh
+  check "an active peer joins" wait_until 20 inside cluster_sync_ctl status
+  check "  and its files arrive" \
+    wait_until 20 inside test -s /mnt/part.persistent/replicated_by_active_em/passwd
   check "the hook for known files has run" wait_until 10 inside grep -qx 12 /etc/em/received
   check_inside "a published file reaches the peer" 'cd /mnt/part.persistent
     echo own > TempUpdate_own
@@ -354,12 +325,15 @@ test_service() {
     rm -r /etc/em /etc/systemd/system/use-replicated-data@.service /tmp/peer \
       /usr/local/sbin/use-replicated-data
     dpkg -P cluster-sync-daemon'
-  check "  and nothing but the data is left" leaves_only_data
+  check "  and nothing but the data is left" output_is "$(printf '/mnt/part.persistent%s\n' '' \
+    /replicated_by_active_em{,/large,/passwd} /replicated_by_this_em{,/own})" \
+    comm -13 "$work/before" <(list_machine)
 }
 
 trap clean_up EXIT
 machine_state > "$work/machine"
-check "lintian finds no error and no warning" no_lintian_tags
+check "lintian finds no error and no warning" output_is "" \
+  lintian --allow-root --tag-display-limit 0 --fail-on error,warning --display-level '>=warning' "$deb"
 check "the package holds what it should, with these modes" output_is "$expected_content" list_content
 check "the manual pages render without a warning" man_pages_render
 check "manual pages and completion know every command, option and variable" \
