@@ -287,12 +287,11 @@ class Driver:
                 folder.mkdir()
         return self._at(n, path)
 
-    def _remove(self, target: Path) -> Path:
+    def _remove(self, target: Path) -> None:
         if target.is_dir():
             shutil.rmtree(target)
         else:
             target.unlink(missing_ok=True)
-        return target
 
     def _touch(self, target: Path) -> None:
         self._second += 1  # that no file had before
@@ -301,7 +300,8 @@ class Driver:
     def _write(self, n: int, path: str) -> None:
         size, mode = self.random.choice(SIZES), self.random.choice(MODES)
         self.history.append(f"EM {n}: write {size} bytes {mode:o} {path}")
-        target = self._remove(self._make_room(n, path))
+        target = self._make_room(n, path)
+        self._remove(target)
         target.write_bytes(self.random.randbytes(size))
         target.chmod(mode)
         self._touch(target)
@@ -328,44 +328,31 @@ class Driver:
         crowded = len(self._paths(n, root)) > FILES_PER_TREE
         if chance < 0.4 and not crowded:
             self._write(n, path)
-        elif chance < 0.6 and target.is_file():
-            self._edit(n, path)
         elif chance < 0.68 and target.is_file():
-            mode = self.random.choice(MODES)
-            self.history.append(f"EM {n}: chmod {mode:o} {path}")
-            target.chmod(mode)
-        elif chance < 0.86 and target.exists():
-            self._delete_or_move(n, root, path)
+            self._edit(n, path)
+        elif chance < 0.82 and target.exists():
+            self.history.append(f"EM {n}: delete {path}")
+            self._remove(target)
         else:
             self._add_what_is_not_replicated(n, path)
 
     def _edit(self, n: int, path: str) -> None:
         """Grows, shrinks or changes a file in place."""
         target = self._at(n, path)
-        content = bytearray(target.read_bytes())
-        how = self.random.choice(("grow", "shrink", "change", "swap"))
-        if how == "grow":
-            content += self.random.randbytes(self.random.choice((1, 100, CHUNK)))
-        elif how == "shrink":
-            del content[self.random.choice((0, 1, CHUNK - 1, CHUNK, 2 * CHUNK, len(content) // 2)):]
-        elif how == "swap":  # chunks that the other side has, at other places
-            content = content[CHUNK:] + content[:CHUNK]
-        elif content:
-            content[self.random.randrange(len(content))] ^= 0xFF
+        content = target.read_bytes()
+        at = self.random.choice((0, 1, CHUNK - 1, CHUNK, 2 * CHUNK, len(content) // 2))
+        how, content = self.random.choice((
+            ("grow", content + self.random.randbytes(self.random.choice((1, 100, CHUNK)))),
+            ("shrink", content[:at]),
+            ("swap", content[CHUNK:] + content[:CHUNK]),  # what the other side has elsewhere
+            ("change", content[:at] + b"?" + content[at + 1:]),
+            ("chmod", content)))
         self.history.append(f"EM {n}: {how} to {len(content)} bytes {path}")
-        target.write_bytes(content)
-        self._touch(target)
-
-    def _delete_or_move(self, n: int, root: str, path: str) -> None:
-        target = self._at(n, path)
-        new = self._some_path(n, root)
-        inside = os.path.commonpath((path, new)) in (path, new)
-        if self.random.random() < 0.5 or inside:
-            self.history.append(f"EM {n}: delete {path}")
-            self._remove(target)
+        if how == "chmod":
+            target.chmod(self.random.choice(MODES))
         else:
-            self.history.append(f"EM {n}: move {path} -> {new}")
-            self._touch(target.rename(self._remove(self._make_room(n, new))))
+            target.write_bytes(content)
+            self._touch(target)
 
     def _add_what_is_not_replicated(self, n: int, path: str) -> None:
         target = self.random.choice((OWN, self.names[0], "/nowhere"))
