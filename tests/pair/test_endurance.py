@@ -5,9 +5,9 @@ import os
 from em_pair import ACTIVE, EMS, OWN, VOLATILE
 from support import SYNC, PairTest, request
 
-EXCHANGES = int(os.environ.get("EXCHANGES", 1200))
+EXCHANGES = int(os.environ.get("EXCHANGES", 2000))
 WARM_UP = 200
-GROWTH_KB = 256
+GROWTH_KB = 192
 
 
 class EnduranceTest(PairTest):
