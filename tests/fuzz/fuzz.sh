@@ -1,59 +1,50 @@
 #!/bin/bash
-# fuzz.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang, gives them the daemon's own
-# messages as seeds and runs each for SECONDS (default 30), one on every processor. Needs root.
-# The build, what the runs found new and the inputs that crashed (crashes/) are kept in
-# $CSD_FUZZ_BUILD, build-fuzz by default. Exit status 0 only when nothing crashed or hung.
+# fuzz.sh [SECONDS] [TARGET...]: builds the fuzzer with clang, gives it the daemon's own messages as
+# seeds and runs each target for SECONDS (default 30), one on every processor. Needs root. The
+# build, what the runs found new and the inputs that crashed (crashes/) are kept in build-fuzz/.
+# Exit status 0 only when nothing crashed or hung.
 set -euo pipefail
 source_dir=$(cd "$(dirname "$(readlink -f "$0")")/../.." && pwd)
-build=${CSD_FUZZ_BUILD:-$source_dir/build-fuzz}
+build=$source_dir/build-fuzz
 seconds=30
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then
   seconds=$1
   shift
 fi
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(group listing update digest rpc diagnostic command)
+[ $# -gt 0 ] || targets=(group listing update digest rpc diagnostic command)
 
-mkdir -p "$build"
-build_log=$build/fuzz-build.log
-if ! { cmake -S "$source_dir" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DCSD_FUZZ=ON \
+mkdir -p "$build/crashes" "$build/logs"
+cd "$build"
+if ! { cmake -S "$source_dir" -B . -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DCSD_FUZZ=ON \
     -DCSD_TESTS=OFF -DCSD_SANITIZE=fuzzer-no-link,address,undefined &&
-    ninja -C "$build" fuzz_targets; } > "$build_log" 2>&1; then
-  tail -n 50 "$build_log" >&2
+    ninja fuzz; } > fuzz-build.log 2>&1; then
+  tail -n 50 fuzz-build.log >&2
   exit 1
 fi
 
 export ASAN_OPTIONS=quarantine_size_mb=16  # the default only costs page faults
-cd "$build"
-mkdir -p crashes logs
 rm -rf seeds
-cp "$source_dir/tests/fuzz/fuzz.dict" .  # the targets see nothing else of a source below /tmp
-./fuzz_seeds seeds
+cp "$source_dir/tests/fuzz/fuzz.dict" .  # the fuzzer sees nothing else of a source below /tmp
+./fuzz seeds seeds
 
-# Prints one line; the log of a failed run and its inputs follow it.
+# Prints one line; the log of a failed run and its input follow it.
 run_target() {
-  local target=$1 log=logs/$1.log status=0 before after
+  local target=$1 log=logs/$1.log status=0
   mkdir -p "corpus/$target" "seeds/$target"
-  before=$(ls crashes)
-  timeout --foreground --kill-after=10 $((seconds + 60)) "./fuzz_$target" "corpus/$target" "seeds/$target" \
-    -max_total_time="$seconds" -timeout=20 -rss_limit_mb=1024 -handle_xfsz=0 -max_len=8192 -len_control=0 \
-    -dict=fuzz.dict -artifact_prefix="crashes/$target-" \
+  touch "logs/$target.start"
+  timeout --foreground --kill-after=10 $((seconds + 60)) ./fuzz "$target" "corpus/$target" \
+    "seeds/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=1024 -handle_xfsz=0 \
+    -max_len=8192 -len_control=0 -dict=fuzz.dict -artifact_prefix="crashes/$target-" \
     -print_final_stats=1 > "$log" 2>&1 || status=$?
   awk -v target="$target" '
     / cov: / { for (i = 1; i < NF; ++i) if ($i == "cov:") coverage = $(i + 1) }
     /number_of_executed_units/ { executions = $2 }
-    /average_exec_per_sec/ { rate = $2 }
-    END { printf "%-11s %9d executions, %6d a second, coverage %d\n", target, executions, rate,
-                 coverage }' "$log"
+    END { printf "%-11s %9d executions, coverage %d\n", target, executions, coverage }' "$log"
   [ "$status" = 0 ] && return
   echo "$target failed with status $status:"
   tail -n 60 "$log"
-  after=$(ls crashes)
-  while read -r name; do
-    [ -n "$name" ] || continue
-    echo "Input: $build/crashes/$name"
-    od -A x -t x1z "crashes/$name" | head -n 40
-  done < <(comm -13 <(echo "$before") <(echo "$after"))
+  find "$build/crashes" -name "$target-*" -newer "logs/$target.start" -print -exec od -A x -t x1z {} +
   return 1
 }
 

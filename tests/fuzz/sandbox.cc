@@ -1,9 +1,6 @@
 #include "tests/fuzz/sandbox.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
-#include <limits.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
@@ -16,9 +13,12 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <vector>
 
 #include "platform/storage.h"
 #include "platform/util.h"
+#include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/frame/flight_recorder.h"
@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kCanary[] = "/mnt/canary";
+const fs::path kCanary = "/mnt/canary";
 constexpr char kSecret[] = "bytes that no message may carry";
 constexpr char kActiveFile[] = "/run/em/active";
 constexpr char kVolatileRoot[] = "/run/replicated_by_active_em/";  // root 3 without the link
@@ -40,12 +40,13 @@ struct World {
   std::string inside;
 };
 
-World g_walked;    // nftw has no argument for its callback
 World g_pristine;  // as planted
 bool g_replant = true;
+std::vector<uint8_t> g_posted;  // the waiting caller's bytes
 
-[[noreturn]] void fail(const char* what) {
-  fprintf(stderr, "%s: %s\n", what, strerror(errno));
+void require(bool done, const char* what) {
+  if (done) return;
+  perror(what);
   exit(1);
 }
 
@@ -55,62 +56,49 @@ bool is_in_a_root(const std::string& path) {
                      [&](const char* root) { return path.starts_with(root); });
 }
 
-// A root is outside as a name and an inode; its times are those of its content.
-int record(const char* name, const struct stat* status, int, struct FTW*) {
-  const std::string path(name);
-  const bool root = is_in_a_root(path + "/") && !is_in_a_root(path);
-  if (path == "/run/em/events") return FTW_SKIP_SUBTREE;  // the platform's, as is the role
-  if (path == "/run/em" || path == kActiveFile) return FTW_CONTINUE;
-  char line[PATH_MAX + 128];
-  snprintf(line, sizeof line, "%s inode %llu mode %o", name,
-           static_cast<unsigned long long>(status->st_ino), status->st_mode);
-  std::string& lines = is_in_a_root(path) ? g_walked.inside : g_walked.outside;
-  lines.append(line);
-  if (!root) {
-    snprintf(line, sizeof line, " size %lld changed %lld.%09ld",
-             static_cast<long long>(status->st_size),
-             static_cast<long long>(status->st_ctim.tv_sec), status->st_ctim.tv_nsec);
-    lines.append(line);
-  }
-  lines.append("\n");
-  return FTW_CONTINUE;
-}
-
 World walk() {
-  g_walked = {};
-  for (const char* top : {"/mnt", "/run"})
-    if (nftw(top, record, 16, FTW_PHYS | FTW_ACTIONRETVAL) != 0) fail(top);
-  return std::move(g_walked);
+  World world;
+  for (const char* top : {"/mnt", "/run"}) {
+    for (auto entry = fs::recursive_directory_iterator(top); entry != end(entry); ++entry) {
+      const std::string path = entry->path();
+      if (path == "/run/em/events") entry.disable_recursion_pending();  // the platform's
+      if (path.starts_with("/run/em/events") || path == "/run/em" || path == kActiveFile) continue;
+      struct stat status;
+      require(lstat(path.c_str(), &status) == 0, path.c_str());
+      // A root is outside as a name and an inode; its times are those of its content.
+      if (is_in_a_root(path + "/") && !is_in_a_root(path))
+        status.st_size = status.st_ctim.tv_sec = 0;
+      char line[200];
+      snprintf(line, sizeof line, " inode %llu mode %o size %lld changed %lld.%09ld\n",
+               static_cast<unsigned long long>(status.st_ino), status.st_mode,
+               static_cast<long long>(status.st_size),
+               static_cast<long long>(status.st_ctim.tv_sec),
+               status.st_ctim.tv_sec == 0 ? 0 : status.st_ctim.tv_nsec);
+      (is_in_a_root(path) ? world.inside : world.outside) += path + line;
+    }
+  }
+  return world;
 }
 
 void write_text(const std::string& path, const std::string& text) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail(path.c_str());
-  close(fd);
-}
-
-void link_to(const std::string& target, const std::string& path) {
-  if (symlink(target.c_str(), path.c_str()) != 0) fail(path.c_str());
-}
-
-void plant(const std::string& root) {
-  for (const fs::directory_entry& entry : fs::directory_iterator(root))
-    fs::remove_all(entry.path());
-  fs::create_directories(root + "dir/deep");
-  write_text(root + "small", "content");
-  write_text(root + "dir/deep/file", "");
-  link_to(std::string(kCanary) + "/file", root + ".$SyncDigest$new");
-  link_to(kCanary, root + "link");
-  link_to(std::string(kCanary) + "/dir", root + "dir/link");
-  link_to(std::string(kCanary) + "/file", root + "file_link");
-  link_to(std::string(kCanary) + "/created", root + "new_link");
-  if (mkfifo((root + "fifo").c_str(), 0644) != 0) fail("fifo");
+  require(static_cast<bool>(std::ofstream(path) << text << std::flush), path.c_str());
 }
 
 // The scan makes the digest cache files, which then stay.
 void plant_trees() {
-  for (const char* root : root_paths)
-    plant(root);
+  for (const std::string root : root_paths) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(root))
+      fs::remove_all(entry.path());
+    fs::create_directories(root + "dir/deep");
+    write_text(root + "small", "content");
+    write_text(root + "dir/deep/file", "");
+    fs::create_symlink(kCanary / "file", root + ".$SyncDigest$new");
+    fs::create_symlink(kCanary, root + "link");
+    fs::create_symlink(kCanary / "dir", root + "dir/link");
+    fs::create_symlink(kCanary / "file", root + "file_link");
+    fs::create_symlink(kCanary / "created", root + "new_link");
+    require(mkfifo((root + "fifo").c_str(), 0644) == 0, "fifo");
+  }
   write_text(std::string(root_paths[kThisEmRoot]) + "large", std::string(kChunkSize + 10, 'x'));
   FileEntry* list = nullptr;
   scan_replicated_roots(&g_context, &list, true);
@@ -129,49 +117,36 @@ __attribute__((no_sanitize("coverage"))) bool carries_secret(const std::string& 
   return false;
 }
 
-// Keeps `directory` as the one writable place of the disk.
-bool enter_namespace(const char* directory) {
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    return false;
-  const int fd = open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
+}  // namespace
+
+void enter_sandbox() {
+  const std::string directory = fs::read_symlink("/proc/self/exe").parent_path();
+  require(unshare(CLONE_NEWNS) == 0, "unshare");
+  require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+  const int fd = open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   for (const char* path : {"/mnt", "/run", "/var/run", "/tmp"}) {
     if (fs::is_symlink(path)) continue;  // /var/run, mostly
-    if (mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=64m") != 0)
-      return false;
+    require(mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=64m") == 0, path);
   }
   fs::create_directories(directory);  // it may have been below /tmp
   const std::string before = "/proc/self/fd/" + std::to_string(fd);
-  return mount(before.c_str(), directory, nullptr, MS_BIND, nullptr) == 0 &&
-         chdir(directory) == 0 &&
-         mount(nullptr, "/", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
-}
-
-void limit_file_size() {
+  require(mount(before.c_str(), directory.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+              chdir(directory.c_str()) == 0 &&
+              mount(nullptr, "/", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,
+          directory.c_str());
   const struct rlimit limit = {kMaxFileSize, kMaxFileSize};
   setrlimit(RLIMIT_FSIZE, &limit);
   signal(SIGXFSZ, SIG_IGN);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char program[PATH_MAX];
-  const ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
-  if (length <= 0) fail("/proc/self/exe");
-  program[length] = '\0';
-  if (!enter_namespace(fs::path(program).parent_path().c_str())) fail("private mount namespace");
-  limit_file_size();
   umask(0022);
-  fs::create_directories(std::string(kCanary) + "/dir");
-  write_text(std::string(kCanary) + "/file", kSecret);
-  write_text(std::string(kCanary) + "/dir/file", kSecret);
+  fs::create_directories(kCanary / "dir");
+  write_text(kCanary / "file", kSecret);
+  write_text(kCanary / "dir/file", kSecret);
   for (const char* root : root_paths)
     fs::create_directories(root);
   fs::create_directories("/run/em/events");
   // Lines are formatted for the flight recorder in any case; printing them only costs time.
   setenv("BREL_LOG_LEVEL", "0", 0);
   debug_log_to_stdout(1);
-  return 0;
 }
 
 void start_run(bool active) {
@@ -185,15 +160,12 @@ void start_run(bool active) {
     plant_trees();
     g_pristine = walk();
     g_replant = false;
+    init_context(&g_context);
   }
-  init_context(&g_context);
   g_context.cpg_local_nodeid = kOwnNode;
   g_context.cpg_membership_flags = kSelfMember | kPeerMember;
-  if (active) {
-    write_text(kActiveFile, "");
-  } else {
-    unlink(kActiveFile);
-  }
+  unlink(kActiveFile);
+  if (active) write_text(kActiveFile, "");
 }
 
 void end_run() {
@@ -212,66 +184,51 @@ void end_run() {
   if (world.inside != g_pristine.inside) g_replant = true;
 }
 
-void replant() {
-  g_replant = true;
-}
-
-void deliver(uint32_t nodeid, const std::vector<uint8_t>& message) {
-  std::vector<uint8_t> bytes(message);
+void deliver(uint32_t nodeid, const std::string& message) {
+  std::vector<uint8_t> bytes(message.begin(), message.end());
   // The peer is another process wherever it runs.
   const auto pid = static_cast<uint32_t>(getpid() + (nodeid == kOwnNode ? 0 : 1));
   on_cpg_message(0, nullptr, nodeid, pid, bytes.data(), bytes.size());
 }
 
 void deliver(uint32_t nodeid, uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
-             const void* payload, size_t size) {
+             const std::string& payload) {
   CpgHeader header = {kCpgMagic, command, 0, exchange_id, sequence_id, {}};
   storage_cfg_set_result(&header.result, 0, nullptr);
-  std::vector<uint8_t> message(sizeof header + size);
-  memcpy(message.data(), &header, sizeof header);
-  if (size > 0) memcpy(message.data() + sizeof header, payload, size);
-  deliver(nodeid, message);
+  deliver(nodeid, bytes_of(header) + payload);
 }
 
-void start_comparison(const void* listing, size_t size) {
-  SyncContext* ctx = &g_context;
+void lock_by_peer() {
+  deliver(kPeerNode, MSG_LOCK_REQ, kPeerExchange);
+}
+
+void deliver_request(uint32_t command, const std::string& payload) {
+  deliver(kPeerNode, command, kPeerExchange, command == MSG_UPDATE_REQ, payload);
+}
+
+void start_exchange() {
+  g_context.rpc_stage = RPC_LOCAL_BUSY;
+  g_context.cur_exchange_em_is_active = 1;
+  on_sync_state_change(&g_context, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
+}
+
+void start_comparison(const std::string& listing) {
   start_run(true);
-  ctx->rpc_stage = RPC_LOCAL_BUSY;
-  ctx->cur_exchange_em_is_active = 1;
-  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
-  deliver(kOwnNode, MSG_LOCK_REQ, ctx->cur_exchange_id, 0, nullptr, 0);
-  deliver(kPeerNode, MSG_LISTING_ACK, ctx->cur_exchange_id, 0, listing, size);
+  start_exchange();
+  deliver(kOwnNode, MSG_LOCK_REQ, g_context.cur_exchange_id);
+  deliver(kPeerNode, MSG_LISTING_ACK, g_context.cur_exchange_id, 0, listing);
 }
 
-void post_request(const std::vector<uint8_t>& message) {
-  g_context.rpc_msg = message.data();
-  g_context.current_rpc_size = static_cast<uint32_t>(message.size());
+void accept_update() {
+  std::string answer = g_cpg.sent.back().payload;
+  answer[0] = static_cast<char>(PUSH_ACK);  // nothing to write
+  deliver(kPeerNode, MSG_UPDATE_ACK, g_context.cur_exchange_id, g_context.cur_sequence_id, answer);
+}
+
+void post_request(const std::string& message) {
+  g_posted.assign(message.begin(), message.end());
+  g_posted.shrink_to_fit();
+  g_context.rpc_msg = g_posted.data();
+  g_context.current_rpc_size = static_cast<uint32_t>(g_posted.size());
   g_context.rpc_stage = RPC_REQUESTING;
-}
-
-bool take_result() {
-  if (g_context.rpc_stage != RPC_COMPLETE) return false;
-  g_context.rpc_stage = RPC_IDLE;
-  g_context.rpc_msg = nullptr;
-  g_context.current_rpc_size = 0;
-  return true;
-}
-
-uint8_t Input::u8() {
-  if (size_ == 0) return 0;
-  --size_;
-  return *data_++;
-}
-
-std::vector<uint8_t> Input::bytes(size_t count) {
-  count = std::min(count, size_);
-  std::vector<uint8_t> taken(data_, data_ + count);
-  data_ += count;
-  size_ -= count;
-  return taken;
-}
-
-std::vector<uint8_t> Input::block() {
-  const size_t low = u8();
-  return bytes(low | static_cast<size_t>(u8()) << 8);
 }

@@ -1,9 +1,67 @@
-"""python3 tests/pair [NAME...]: the tests on a pair of daemons."""
+"""python3 tests/pair [NAME...]: the tests on a pair of daemons, all or those with a NAME in theirs.
 
+Most of the time the daemons wait, so some tests run at a time, each worker with pairs of its own.
+"""
+
+import multiprocessing
+import os
 import signal
 import sys
+import time
+import unittest
+from concurrent.futures import ProcessPoolExecutor, as_completed
+from pathlib import Path
 
-import harness
+HERE = Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parents[1] / "testbed"))
+WORKERS = 3
+LONGEST = "test_100000_files"  # which starts first, or all would wait for it
 
-signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
-sys.exit(harness.main(sys.argv[1:]))
+
+def run(name: str) -> tuple[float, str]:
+    """Runs one test; returns its seconds and why it failed, nothing when it passed."""
+    start = time.monotonic()
+    test, = unittest.defaultTestLoader.loadTestsFromName(name)
+    result = unittest.TestResult()
+    test.run(result)
+    # Nothing may hide behind a skip: what these tests need is installed before they run.
+    reasons = [reason for _, reason in result.errors + result.failures + result.skipped]
+    if reasons and hasattr(test, "daemon_logs"):
+        reasons.append(test.daemon_logs())
+    return time.monotonic() - start, "\n".join(reasons)
+
+
+def names(tests) -> list[str]:
+    if isinstance(tests, unittest.TestCase):
+        return [tests.id()]
+    return [name for test in tests for name in names(test)]
+
+
+def give_up(*_) -> None:
+    """Whoever owned a pair is gone then, and the pair goes with it."""
+    for worker in multiprocessing.active_children():
+        worker.terminate()
+    os._exit(1)
+
+
+def main(wanted: list[str]) -> int:
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, give_up)
+    sys.stdout.reconfigure(errors="backslashreplace")  # names of files need not be text
+    loader = unittest.TestLoader()
+    loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
+    tests = sorted(names(loader.discover(str(HERE))), key=lambda name: LONGEST not in name)
+    failed = 0
+    with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1) as workers:
+        running = {workers.submit(run, name): name for name in tests}
+        for done in as_completed(running):
+            seconds, reason = done.result()
+            failed += bool(reason)
+            print(f"   {'FAILED' if reason else 'ok':6} {seconds:6.1f} s  {running[done]}",
+                  *filter(None, [reason]), sep="\n", flush=True)
+    print(f"{len(tests) - failed} passed, {failed} failed")
+    return 0 if tests and not failed else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -13,19 +13,19 @@ import stat
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from em_pair import PERSISTENT
-from harness import ACTIVE, EMS, OWN, PEERS, ROOTS, VOLATILE
-from support import DIAGNOSTIC, EDOM, SYNC, Caller, request
+from em_pair import ACTIVE, EMS, OWN, PERSISTENT, VOLATILE
+from support import DIAGNOSTIC, EDOM, ROOTS, Caller, flows, request
 from trees import OPEN_TO_ALL, UNREPLICATED
 
 CHUNK = 65536
 TEMPORARY, DIGEST = UNREPLICATED
 NEW, NOISE = f"{TEMPORARY}new", f"{TEMPORARY}noise"  # made by the driver
 TOPS = (PERSISTENT, os.path.dirname(VOLATILE))
-SIZES = (0, 1, 100, 4000, CHUNK - 1, CHUNK, CHUNK + 1, 2 * CHUNK, 2 * CHUNK + 1, 200_000)
-RARE_SIZE, RARE = (1 << 20) + 17, 0.03
+SIZES = (0, 1, 100, 4000, CHUNK - 1, CHUNK, CHUNK + 1, 2 * CHUNK, 2 * CHUNK + 1, 300_000)
 MODES = (0o644, 0o644, 0o644, 0o755, 0o664, 0o640, 0o600, 0o400)
-NAMES = ("a", "b", "c", "d  e", "ü")
+NAMES = ("a", "b", "c", "d  e", "ü", "line\nbreak", "behind ", "%s%n", "'\"\\", "\udcff\udc80",
+         ".hidden", "n" * 240, "A 0 0 0 G x")
+NAMES_AT_A_TIME = 5  # so that files and directories get into each other's way
 FILES_PER_TREE = 12
 # Deletions at a place that the same exchange made a file or a directory of; the next one succeeds.
 PLACE_TAKEN = tuple(f"Unable to delete file ({error}): "
@@ -33,8 +33,9 @@ PLACE_TAKEN = tuple(f"Unable to delete file ({error}): "
 MAX_ATTEMPTS = 3
 
 
-class Divergence(AssertionError):
-    """The trees, or an answer, are not what the model says."""
+def expect(condition: object, text: str) -> None:
+    if not condition:
+        raise AssertionError(text)
 
 
 # The model.
@@ -49,10 +50,6 @@ class Node:
     content: bytes | None = field(default=None, repr=False)
 
     @property
-    def is_dir(self) -> bool:
-        return stat.S_ISDIR(self.mode)
-
-    @property
     def restricted(self) -> bool:
         return self.mode & OPEN_TO_ALL != OPEN_TO_ALL
 
@@ -62,52 +59,37 @@ class Machine:
 
     def __init__(self, pair, n: int):
         self.nodes: dict[str, Node] = {}
-        for root in ROOTS:
-            outside = str(pair.path(n, root))
-            self._read(root, outside)
-            for folder, subfolders, names in os.walk(outside):
-                for name in subfolders + names:
-                    path = os.path.join(folder, name)
-                    self._read(root + path[len(outside):], path)
-        for top in TOPS:
-            self._read(f"{top}/{NEW}", str(pair.path(n, f"{top}/{NEW}")))
-
-    def _read(self, inside: str, path: str) -> None:
-        try:
-            status = os.lstat(path)
-            content = Path(path).read_bytes() if stat.S_ISREG(status.st_mode) else None
-        except FileNotFoundError:  # a daemon at work
-            return
-        self.nodes[inside] = Node(status.st_mode, int(status.st_mtime), content)
+        for top in (*ROOTS, *(f"{top}/{NEW}" for top in TOPS)):
+            outside = str(pair.path(n, top))
+            for folder, subfolders, names in [("", [outside], []), *os.walk(outside)]:
+                for path in (os.path.join(folder, name) for name in subfolders + names):
+                    try:
+                        status = os.lstat(path)
+                        content = (Path(path).read_bytes() if stat.S_ISREG(status.st_mode)
+                                   else None)
+                    except FileNotFoundError:  # nothing new, or a daemon at work
+                        continue
+                    self.nodes[top + path[len(outside):]] = Node(
+                        status.st_mode, int(status.st_mtime), content)
 
     def files(self, root: str) -> dict[str, Node]:
         """The replicated files of a tree by relative path."""
-        found = {}
-        for path, node in self.nodes.items():
-            if node.content is None or not path.startswith(root + "/"):
-                continue
-            *folders, name = path[len(root) + 1:].split("/")
-            if not name.startswith(UNREPLICATED) and not any(folder.startswith(TEMPORARY)
-                                                             for folder in folders):
-                found[path[len(root) + 1:]] = node
-        return found
+        return {path[len(root) + 1:]: node for path, node in self.nodes.items()
+                if node.content is not None and path.startswith(root + "/") and
+                not os.path.basename(path).startswith(DIGEST) and f"/{TEMPORARY}" not in path}
 
     def rename(self, source: str, destination: str) -> bool:
         """rename(2) between paths that are not roots."""
         moved, replaced = self.nodes.get(source), self.nodes.get(destination)
         parent = self.nodes.get(os.path.dirname(destination))
-        if moved is None or parent is None or not parent.is_dir:
-            return False
-        if source.startswith(PERSISTENT) != destination.startswith(PERSISTENT):
-            return False  # another file system
+        if moved is None or parent is None or not stat.S_ISDIR(parent.mode) or (
+                source.startswith(PERSISTENT) != destination.startswith(PERSISTENT)):
+            return False  # the last one: another file system
         if source == destination:
             return True
-        if moved.is_dir:
-            if destination.startswith(source + "/"):
-                return False
-            if replaced and (not replaced.is_dir or self._below(destination)):
-                return False
-        elif replaced and replaced.is_dir:
+        if destination.startswith(source + "/") or replaced and (
+                stat.S_ISDIR(replaced.mode) != stat.S_ISDIR(moved.mode) or
+                self._below(destination)):
             return False
         for path in [source, *self._below(source)]:
             self.nodes[destination + path[len(source):]] = self.nodes.pop(path)
@@ -117,69 +99,40 @@ class Machine:
         return [other for other in self.nodes if other.startswith(path + "/")]
 
     def unlink(self, path: str) -> bool:
-        if path not in self.nodes or self.nodes[path].is_dir:
-            return False
-        del self.nodes[path]
-        return True
+        return (path in self.nodes and not stat.S_ISDIR(self.nodes[path].mode) and
+                bool(self.nodes.pop(path)))
+
+    def left_over(self) -> list[str]:
+        return [path for path in self.nodes
+                if f"/{TEMPORARY}" in path and not path.endswith((NEW, NOISE))]
 
     def wrong_digests(self) -> list[str]:
         """Digest cache files that a scan would trust although the data file has other content."""
         wrong = []
         for path, node in self.nodes.items():
-            folder, name = os.path.split(path)
-            data = self.nodes.get(f"{folder}/{name[len(DIGEST):]}")
-            if not name.startswith(DIGEST) or data is None or data.content is None:
+            data = self.nodes.get(path.replace(DIGEST, ""))
+            if DIGEST not in path or data is None or data.content is None:
                 continue
-            header, *lines = node.content.decode().splitlines()
-            content = data.content
-            if header == f"Digest-V1 {len(content)} {data.mtime}":
-                spans = range(0, len(content) + 1, CHUNK)
-                chunks = [content[begin:begin + CHUNK] for begin in spans]
-                if lines != [f"{hashlib.sha1(chunk).hexdigest()} {begin:08x} "
-                             f"{begin + len(chunk):08x}" for begin, chunk in zip(spans, chunks)]:
-                    wrong.append(f"untrue digest cache file: {path}")
+            chunks = [data.content[begin:begin + CHUNK]
+                      for begin in range(0, len(data.content) + 1, CHUNK)]
+            lines = [f"{hashlib.sha1(chunk).hexdigest()} {i * CHUNK:08x} "
+                     f"{i * CHUNK + len(chunk):08x}\n" for i, chunk in enumerate(chunks)]
+            header = f"Digest-V1 {len(data.content)} {data.mtime}\n"
+            text = node.content.decode()
+            if text.startswith(header) and text != header + "".join(lines):
+                wrong.append(path)
         return wrong
 
 
 def copied(source: Node, old: Node | None) -> Node:
     """The copy of a file after an exchange that found `old` at its place."""
     mode = stat.S_IFREG | (0o600 if source.restricted else 0o644)
-    if old is not None:
-        same_start = (old.restricted == source.restricted and
-                      old.content[:CHUNK] == source.content[:CHUNK])
-        # Only a chunk that is the whole file replaces the file, mode and all.
-        if same_start or len(source.content) > CHUNK:
-            mode = old.mode
+    # Only a chunk that is the whole file replaces the file, mode and all.
+    if old is not None and (len(source.content) > CHUNK or
+                            old.restricted == source.restricted and
+                            old.content[:CHUNK] == source.content[:CHUNK]):
+        mode = old.mode
     return Node(mode, 0, source.content)
-
-
-def flows(active: int, requester: int) -> list[tuple[int, str, str]]:
-    """The trees that an exchange of `requester` moves: EM of the source, its root, copy's root."""
-    shared = [(active, root, root) for root in (ACTIVE, VOLATILE)] if active == requester else []
-    return shared + [(n, OWN, PEERS) for n in EMS]
-
-
-def expected_trees(machines: dict[int, Machine], active: int,
-                   requester: int) -> dict[tuple[int, str], dict[str, Node]]:
-    trees = {(n, root): machines[n].files(root) for n in EMS for root in ROOTS}
-    wanted = dict(trees)
-    for n, root, copy in flows(active, requester):
-        old = trees[3 - n, copy]
-        wanted[3 - n, copy] = {name: copied(node, old.get(name))
-                               for name, node in trees[n, root].items()}
-    return wanted
-
-
-def tree_differences(wanted: dict[str, Node], found: dict[str, Node], where: str) -> list[str]:
-    different = [f"{where}: missing: {name}" for name in wanted.keys() - found.keys()]
-    different += [f"{where}: left over: {name}" for name in found.keys() - wanted.keys()]
-    for name in wanted.keys() & found.keys():
-        want, have = wanted[name], found[name]
-        if want != have:
-            same = "content differs" if want.content != have.content else "same content"
-            different.append(f"{where}: {name}: {len(want.content)} bytes {want.mode:o} wanted, "
-                             f"{len(have.content)} bytes {have.mode:o} found, {same}")
-    return different
 
 
 # The driver.
@@ -191,16 +144,15 @@ class Driver:
     Everything that depends on chance comes from the seed, so that a run can be repeated.
     """
 
-    def __init__(self, pair, seed: int):
-        self.pair, self.random = pair, random.Random(seed)
+    def __init__(self, pair, callers: dict[tuple[int, int], Caller], seed: int):
+        """`callers` are lasting connections, by EM and kind."""
+        self.callers = callers
+        self.pair, self._at, self.random = pair, pair.path, random.Random(seed)
+        self.names = self.random.sample(NAMES, NAMES_AT_A_TIME)
         self.active = 1
         self.history: list[str] = []  # of the burst
+        self.injected: set[str] = set()  # failures that came about
         self._second = 1_500_000_000
-        self._connections: dict[tuple[int, int], Caller] = {}
-
-    def close(self) -> None:
-        for caller in self._connections.values():
-            caller.socket.close()
 
     def burst(self) -> None:
         """Some operations, a request, and exchanges until the active EM's succeeds."""
@@ -208,57 +160,48 @@ class Driver:
         for _ in range(self.random.randint(1, 8)):
             self._operate()
         chance = self.random.random()
-        if chance < 0.06:
-            self._both_ask()
-        elif chance < 0.16:
+        if chance < 0.1:
             self._ask_with_injected_failure()
         elif chance < 0.8:
             self._ask(self.active if self.random.random() < 0.75 else 3 - self.active,
                       *self._some_request())
-        self._settle()
+        expect(any(self._ask(self.active, "", "") for _ in range(MAX_ATTEMPTS)), "no success")
 
     # Requests and what must come of them.
 
-    def call(self, n: int, message: bytes, kind: int = 0):
-        """One of the lasting connections, with the message sent on it."""
-        if (n, kind) in self._connections:
-            self._connections[n, kind].send(message, kind)
-        else:
-            self._connections[n, kind] = Caller(self.pair, n, message, kind)
-        return self._connections[n, kind]
+    def call(self, n: int, message: bytes, kind: int = 0) -> Caller:
+        caller = self.callers[n, kind]
+        caller.send(message, kind)
+        return caller
 
     def _diag(self, n: int, command: str) -> None:
-        self._note(f"EM {n}: {command}")
-        if self.call(n, os.fsencode(command), DIAGNOSTIC).status() != 0:
-            raise Divergence(f"{command} is refused")
-
-    def _settle(self) -> None:
-        for _ in range(MAX_ATTEMPTS):
-            if self._ask(self.active, "", ""):
-                return
-        raise Divergence(f"no success in {MAX_ATTEMPTS} exchanges")
+        self.history.append(f"EM {n}: {command}")
+        expect(self.call(n, os.fsencode(command), DIAGNOSTIC).status() == 0, "it is refused")
 
     def _ask(self, n: int, source: str, destination: str, injected: str = "") -> bool:
         """A request and its consequences on both EMs. Returns whether it succeeded."""
         machines = {m: Machine(self.pair, m) for m in EMS}
         refused = not self._apply(machines, n, source, destination, injected)
-        wanted = expected_trees(machines, self.active, n)
-        sources = [(m, root) for m, root, _ in flows(self.active, self.active)]
+        trees = {(m, root): machines[m].files(root) for m in EMS for root in ROOTS}
+        wanted = trees | {(3 - m, copy): {name: copied(node, trees[3 - m, copy].get(name))
+                                          for name, node in trees[m, root].items()}
+                          for m, root, copy in flows(self.active, n)}
         result = self.call(n, request(source, destination)).result()
-        self._note(f"EM {n}: '{source}' -> '{destination}': {result}")
+        self.history.append(f"EM {n}: '{source}' -> '{destination}': {result}")
+        as_injected = injected and os.fsencode(result.reason) == os.fsencode(injected)[:115]
+        if as_injected:
+            self.injected.add(injected.split(" (")[0])
         if refused:
-            if result.success or result.local_ok:
-                raise Divergence("a request that cannot be carried out was")
-            self._compare({key: machines[key[0]].files(key[1]) for key in wanted})
+            expect(not result.success and not result.local_ok, "what cannot be carried out was")
+            wanted = trees
         elif result.success:
-            if result.peer_present != "Y" or result.reason:
-                raise Divergence("success without the peer")
-            self._compare(wanted)
+            expect(result.peer_present == "Y" and not result.reason, "success without the peer")
         else:
-            if result.remote_ok or not result.reason.startswith(
-                    PLACE_TAKEN if not injected else (*PLACE_TAKEN, injected)):
-                raise Divergence("a failure without a cause")
-            self._compare({key: wanted[key] for key in sources})
+            expect(not result.remote_ok and (as_injected or result.reason.startswith(PLACE_TAKEN)),
+                   "a failure without a cause")
+            wanted = {(m, root): wanted[m, root]
+                      for m, root, _ in flows(self.active, self.active)}
+        self._compare(wanted)
         return result.success
 
     def _apply(self, machines: dict[int, Machine], n: int, source: str, destination: str,
@@ -277,15 +220,14 @@ class Driver:
     def _compare(self, wanted: dict[tuple[int, str], dict[str, Node]]) -> None:
         found = {n: Machine(self.pair, n) for n in EMS}
         different = []
-        for (n, root), files in wanted.items():
-            different += tree_differences(files, found[n].files(root), f"EM {n} {root}")
+        for (n, root), want in wanted.items():
+            have = found[n].files(root)
+            different += [f"EM {n} {root}: {name}: {want.get(name)} became {have.get(name)}"
+                          for name in want.keys() | have.keys() if want.get(name) != have.get(name)]
         if len(wanted) == len(EMS) * len(ROOTS):  # no repetition can be under way
-            for n in EMS:
-                different += [f"EM {n} {line}" for line in found[n].wrong_digests()]
-                different += [f"EM {n} left over: {path}" for path in found[n].nodes
-                              if f"/{TEMPORARY}" in path and not path.endswith((NEW, NOISE))]
-        if different:
-            raise Divergence("\n".join(different))
+            different += [f"EM {n}: {path}" for n in EMS for path in (
+                *found[n].wrong_digests(), *found[n].left_over())]
+        expect(not different, "\n".join(different))
 
     def _some_request(self) -> tuple[str, str]:
         chance = self.random.random()
@@ -296,11 +238,11 @@ class Driver:
         if chance < 0.45:
             return "", destination
         if chance < 0.75:
-            top = next(top for top in self.random.sample((*TOPS, *ROOTS), len(TOPS) + len(ROOTS))
-                       if destination.startswith(top + "/"))
+            places = self.random.sample((*TOPS, *ROOTS), len(TOPS) + len(ROOTS))
+            top = next(place for place in places if destination.startswith(place + "/"))
             source = f"{top}/{NEW}"
             for m in EMS:  # only one of them is to be taken
-                self._write(m, source, self._content(), self.random.choice(MODES))
+                self._write(m, source)
                 self._disguise(m, source, destination)
             return source, destination
         root = self.random.choice((*ROOTS, OWN, ACTIVE))
@@ -309,55 +251,27 @@ class Driver:
         return self._some_path(n, root), destination
 
     def _ask_with_injected_failure(self) -> None:
-        command = self.random.choice(("fail-write", "fail-read", "fail-rename"))
         responder = 3 - self.active
-        if command == "fail-write":
-            path = self._some_path(self.active, self.random.choice((ACTIVE, VOLATILE)))
-            victim, text = responder, "Unable to update file"
-        elif command == "fail-read":
-            path = self._some_path(responder, OWN)
-            victim, text = responder, "Could not read file"
-        else:
-            path = self._some_path(self.active, ACTIVE)
-            victim, text = self.active, "Could not update file"
+        command, owner, root, victim, text = self.random.choice((
+            ("fail-write", self.active, self.random.choice((ACTIVE, VOLATILE)), responder,
+             "Unable to update file"),
+            ("fail-read", responder, OWN, responder, "Could not read file"),
+            ("fail-rename", self.active, ACTIVE, self.active, "Could not update file")))
+        path = self._some_path(owner, root)
         self._diag(victim, f"{command}={path}")
-        asked = ("", "")
-        if command == "fail-rename":
-            self._write(self.active, f"{ACTIVE}/{NEW}", self._content(), 0o644)
-            asked = (f"{ACTIVE}/{NEW}", path)
-        self._ask(self.active, *asked, injected=f"{text} ({EDOM}): {path}"[:115])
+        asked = (f"{ACTIVE}/{NEW}", path) if command == "fail-rename" else ("", "")
+        self._write(owner, asked[0] or path)
+        self._ask(self.active, *asked, injected=f"{text} ({EDOM}): {path}")
         self._diag(victim, "fail-none")
-
-    def _both_ask(self) -> None:
-        results = [caller.result() for caller in [self.call(n, SYNC) for n in EMS]]
-        self._note(f"both ask: {results}")
-        for result in results:
-            if not result.success and not result.reason.startswith(PLACE_TAKEN):
-                raise Divergence("a failure without a cause")
 
     # Operations without the daemons.
 
-    def _note(self, text: str) -> None:
-        self.history.append(text)
-
-    def _at(self, n: int, path: str) -> Path:
-        return self.pair.path(n, path)
-
-    def _content(self) -> bytes:
-        rare = self.random.random() < RARE
-        return self.random.randbytes(RARE_SIZE if rare else self.random.choice(SIZES))
-
     def _paths(self, n: int, root: str, folders: bool = False) -> list[str]:
         """The replicated files of a tree, or its folders."""
-        outside = str(self._at(n, root))
-        found = []
-        for folder, subfolders, names in os.walk(outside):
-            wanted = stat.S_ISDIR if folders else stat.S_ISREG
-            for path in (os.path.join(folder, name) for name in subfolders + names
-                         if not name.startswith(UNREPLICATED)):
-                if wanted(os.lstat(path).st_mode):
-                    found.append(root + path[len(outside):])
-        return sorted(found)
+        wanted = stat.S_ISDIR if folders else stat.S_ISREG
+        outside = self._at(n, root)
+        return sorted(f"{root}/{path.relative_to(outside)}" for path in outside.rglob("*")
+                      if not path.name.startswith(UNREPLICATED) and wanted(path.lstat().st_mode))
 
     def _some_path(self, n: int, root: str) -> str:
         """A path below a root: mostly of a file, sometimes of a directory, or of nothing yet."""
@@ -365,39 +279,32 @@ class Driver:
         known = self._paths(n, root, folders=chance < 0.12) if chance < 0.65 else []
         if known:
             return self.random.choice(known)
-        return "/".join([root, *self.random.choices(NAMES, k=self.random.randint(1, 3))])
+        return "/".join([root, *self.random.choices(self.names, k=self.random.randint(1, 3))])
 
-    def _make_folders(self, n: int, path: str) -> None:
+    def _make_room(self, n: int, path: str) -> Path:
         """Makes the directories above `path`, in place of the files that may stand there."""
-        root = max((root for root in (*TOPS, *ROOTS) if path.startswith(root + "/")), key=len)
-        above = root
-        for name in path[len(root) + 1:].split("/")[:-1]:
-            above += f"/{name}"
-            if not self._at(n, above).is_dir():
-                self._at(n, above).unlink(missing_ok=True)
-                self._at(n, above).mkdir()
+        for folder in reversed(self._at(n, path).parents):
+            if not folder.is_dir():
+                folder.unlink(missing_ok=True)
+                folder.mkdir()
+        return self._at(n, path)
 
-    def _clear_place(self, n: int, path: str) -> None:
-        self._make_folders(n, path)
-        self._remove(n, path)
-
-    def _remove(self, n: int, path: str) -> None:
-        target = self._at(n, path)
+    def _remove(self, target: Path) -> None:
         if target.is_dir():
             shutil.rmtree(target)
         else:
             target.unlink(missing_ok=True)
 
     def _touch(self, target: Path) -> None:
-        """A modification second that no file had before."""
-        self._second += 1
+        self._second += 1  # that no file had before
         os.utime(target, (self._second, self._second))
 
-    def _write(self, n: int, path: str, content: bytes, mode: int) -> None:
-        self._note(f"EM {n}: write {len(content)} bytes {mode:o} {path}")
-        self._clear_place(n, path)
-        target = self._at(n, path)
-        target.write_bytes(content)
+    def _write(self, n: int, path: str) -> None:
+        size, mode = self.random.choice(SIZES), self.random.choice(MODES)
+        self.history.append(f"EM {n}: write {size} bytes {mode:o} {path}")
+        target = self._make_room(n, path)
+        self._remove(target)
+        target.write_bytes(self.random.randbytes(size))
         target.chmod(mode)
         self._touch(target)
 
@@ -408,76 +315,53 @@ class Driver:
             status = model.stat()
             target.write_bytes(self.random.randbytes(status.st_size))
             os.utime(target, (status.st_mtime, status.st_mtime))
-            self._note(f"EM {n}: {path} looks like {other}")
+            self.history.append(f"EM {n}: {path} looks like {other}")
 
     def _operate(self) -> None:
         chance = self.random.random()
         if chance < 0.04:
             self.active = 3 - self.active
             self.pair.set_active(self.active)
-            self._note(f"EM {self.active} is active")
+            self.history.append(f"EM {self.active} is active")
             return
         n, root = self.random.choice(EMS), self.random.choice(ROOTS)
         path = self._some_path(n, root)
         target = self._at(n, path)
         crowded = len(self._paths(n, root)) > FILES_PER_TREE
         if chance < 0.4 and not crowded:
-            self._write(n, path, self._content(), self.random.choice(MODES))
-        elif chance < 0.6 and target.is_file():
-            self._edit(n, path)
+            self._write(n, path)
         elif chance < 0.68 and target.is_file():
-            mode = self.random.choice(MODES)
-            self._note(f"EM {n}: chmod {mode:o} {path}")
-            target.chmod(mode)
-        elif chance < 0.86 and target.exists():
-            self._delete_or_move(n, root, path)
+            self._edit(n, path)
+        elif chance < 0.82 and target.exists():
+            self.history.append(f"EM {n}: delete {path}")
+            self._remove(target)
         else:
             self._add_what_is_not_replicated(n, path)
 
     def _edit(self, n: int, path: str) -> None:
         """Grows, shrinks or changes a file in place."""
         target = self._at(n, path)
-        content = bytearray(target.read_bytes())
-        how = self.random.choice(("grow", "shrink", "change", "swap"))
-        if how == "grow":
-            content += self.random.randbytes(self.random.choice((1, 100, CHUNK)))
-        elif how == "shrink":
-            del content[self.random.choice((0, 1, CHUNK - 1, CHUNK, 2 * CHUNK, len(content) // 2)):]
-        elif how == "swap":  # chunks that the other side has, at other places
-            content = content[CHUNK:] + content[:CHUNK]
-        elif content:
-            content[self.random.randrange(len(content))] ^= 0xFF
-        self._note(f"EM {n}: {how} to {len(content)} bytes {path}")
-        with open(target, "r+b") as file:
-            file.write(content)
-            file.truncate(len(content))
-        self._touch(target)
-
-    def _delete_or_move(self, n: int, root: str, path: str) -> None:
-        target = self._at(n, path)
-        new = self._some_path(n, root)
-        inside = f"{new}/".startswith(f"{path}/") or f"{path}/".startswith(f"{new}/")
-        if self.random.random() < 0.5 or inside:
-            self._note(f"EM {n}: delete {path}")
-            self._remove(n, path)
-            return
-        self._note(f"EM {n}: move {path} -> {new}")
-        self._clear_place(n, new)
-        target.rename(self._at(n, new))
-        self._touch(self._at(n, new))
+        content = target.read_bytes()
+        at = self.random.choice((0, 1, CHUNK - 1, CHUNK, 2 * CHUNK, len(content) // 2))
+        how, content = self.random.choice((
+            ("grow", content + self.random.randbytes(self.random.choice((1, 100, CHUNK)))),
+            ("shrink", content[:at]),
+            ("swap", content[CHUNK:] + content[:CHUNK]),  # what the other side has elsewhere
+            ("change", content[:at] + b"?" + content[at + 1:]),
+            ("chmod", content)))
+        self.history.append(f"EM {n}: {how} to {len(content)} bytes {path}")
+        if how == "chmod":
+            target.chmod(self.random.choice(MODES))
+        else:
+            target.write_bytes(content)
+            self._touch(target)
 
     def _add_what_is_not_replicated(self, n: int, path: str) -> None:
-        self._make_folders(n, path)
-        kind = self.random.choice(("folder", "link", "fifo", NOISE))
-        place = self._at(n, os.path.dirname(path)) / kind
-        self._note(f"EM {n}: {kind} beside {path}")
-        if os.path.lexists(place):
-            return
-        if kind == "folder":
-            place.mkdir()
-        elif kind == "link":
-            place.symlink_to(self.random.choice((OWN, NAMES[0], "/nowhere")))
-        elif kind == "fifo":
-            os.mkfifo(place)
-        else:
-            place.write_bytes(b"unfinished")
+        target = self.random.choice((OWN, self.names[0], "/nowhere"))
+        kind, make = self.random.choice((
+            ("folder", os.mkdir), ("fifo", os.mkfifo), (NOISE, lambda place: place.touch()),
+            ("link", lambda place: place.symlink_to(target))))
+        place = self._make_room(n, path).parent / kind
+        self.history.append(f"EM {n}: {kind} beside {path}")
+        if not os.path.lexists(place):
+            make(place)

@@ -1,20 +1,40 @@
-"""The command sockets without a client program in between: many callers can wait at once."""
+"""What the tests on a pair of daemons share."""
 
 import os
+import re
 import select
 import signal
 import socket
 import struct
+import time
+import unittest
+from collections.abc import Callable
+from multiprocessing.util import Finalize
+from pathlib import Path
 from typing import NamedTuple
 
-from harness import DEADLINE, EMS, ROOTS, PairTest, wait_for
-from em_pair import COMMAND_SOCKET
+from em_pair import (ACTIVE, COMMAND_SOCKET, EMS, OWN, PEERS, REPO, VOLATILE, EmPair, PairError,
+                     wait_for)
+from trees import differences, files
 
+BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
+ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
+DEADLINE = 60
+LOG_LINES = 40
 UPDATE, DIAGNOSTIC = 0, 1
-UNKNOWN_REQUEST = 6
-HEALTHY, FAILING = 1, 4
 SYNC = b"\0\0"
-EDOM = "Numerical argument out of domain"
+FAULT_EVENT = "/run/em/events/0x80000702"
+HEALTHY, FAILING = 1, 4
+EDOM = "Numerical argument out of domain"  # of injected failures
+
+
+def flows(active: int, requester: int) -> list[tuple[int, str, str]]:
+    """The trees that an exchange of `requester` moves: EM of the source, its root, copy's root."""
+    shared = [(active, root, root) for root in (ACTIVE, VOLATILE)] if active == requester else []
+    return shared + [(n, OWN, PEERS) for n in EMS]
+
+
+FLOWS = flows(1, 1)
 
 
 class Result(NamedTuple):
@@ -29,11 +49,6 @@ class Result(NamedTuple):
     reason: str
 
 
-def unpack(record: bytes) -> Result:
-    *flags, peer, reason = struct.unpack("<5?3xI116s", record)
-    return Result(*flags, chr(peer), os.fsdecode(reason.split(b"\0")[0]))
-
-
 def request(source: str, destination: str) -> bytes:
     return b"".join(os.fsencode(path) + b"\0" for path in (source, destination))
 
@@ -41,11 +56,12 @@ def request(source: str, destination: str) -> bytes:
 class Caller:
     """A connection to an EM's daemon. `message` is sent at once, the answer can be had later."""
 
-    def __init__(self, pair, n: int, message: bytes = SYNC, kind: int = UPDATE):
+    def __init__(self, pair: EmPair, n: int, message: bytes | None = SYNC, kind: int = UPDATE):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.socket.connect(str(pair.path(n, f"/run/em/cmd.{COMMAND_SOCKET}")))
         self.socket.settimeout(DEADLINE)
-        self.send(message, kind)
+        if message is not None:
+            self.send(message, kind)
 
     def send(self, message: bytes = SYNC, kind: int = UPDATE) -> None:
         self.socket.send(struct.pack("<I", kind) + message)
@@ -53,77 +69,189 @@ class Caller:
     def answered(self) -> bool:
         return bool(select.select([self.socket], [], [], 0)[0])
 
-    def status(self) -> int | None:
-        """The status that answers anything but an update, None when the daemon hung up."""
+    def packet(self) -> bytes:
+        """The answer; empty when the daemon hung up."""
         try:
-            packet = self.socket.recv(1 << 17)
+            return self.socket.recv(1 << 17)
         except ConnectionResetError:
-            return None
-        assert len(packet) in (0, 4), packet
+            return b""
+
+    def status(self) -> int | None:
+        """The status that answers anything but an update; None when the daemon hung up."""
+        packet = self.packet()
         return struct.unpack("<I", packet)[0] if packet else None
 
-    def result(self) -> Result:
-        packet = self.socket.recv(1 << 17)
-        assert len(packet) == 132 and packet[:4] == bytes(4), packet
-        return unpack(packet[4:])
+    def result(self) -> Result | None:
+        packet = self.packet()
+        if not packet:
+            return None
+        status, *flags, peer, reason = struct.unpack("<I5?3xI116s", packet)
+        assert status == 0, packet
+        return Result(*flags, chr(peer), os.fsdecode(reason.split(b"\0")[0]))
 
 
-class SocketTest(PairTest):
-    def call(self, n: int, message: bytes = SYNC, kind: int = UPDATE) -> Caller:
+class PairTest(unittest.TestCase):
+    """A test starts with two joined, idle daemons, EM 1 active, empty trees and no fault injected,
+    whatever the test before left behind. Tests with the same `options`, further arguments of
+    EmPair, may use the same pair."""
+
+    options: dict = {}
+    pairs: dict[str, EmPair] = {}
+
+    def setUp(self):
+        key = repr(self.options)
+        if key not in self.pairs:
+            pair = EmPair(**{"build_dir": BUILD, "log_level": 7} | self.options)
+            Finalize(None, pair.stop, exitpriority=0)
+            self.pairs[key] = pair.start()
+        self.pair = self.pairs[key]
+        self.mark_logs()
+        self.make_ready()
+        self.mark_logs()
+
+    def make_ready(self) -> None:
+        pair = self.pair
+        if pair.form == "two-node":
+            pair.heal()
+        for n in pair.nodes():
+            if not pair.alive(n, "corosync"):
+                pair.restart(n, "corosync")
+        pair.wait_nodes()
+        for n in EMS:
+            if not pair.alive(n, "daemon"):
+                pair.start_daemon(n)
+        pair.wait_joined()
+        pair.set_active(1)
+        for n in EMS:
+            self.diag(n, "fail-none")
+        for _ in range(2):  # the first exchange may still meet what the test before left
+            self.clear()
+            self.wait(lambda: self.ask(1).success, "an exchange succeeds")
+
+    def wait(self, predicate: Callable[[], object], what: str):
+        return wait_for(predicate, DEADLINE, what, 0.005)
+
+    # Files.
+
+    def write(self, n: int, path: str, content: bytes | str, mode: int = 0o644) -> None:
+        """Makes a file on EM `n` without its daemon."""
+        target = self.pair.path(n, path)
+        target.parent.mkdir(parents=True, exist_ok=True)
+        target.write_bytes(content.encode() if isinstance(content, str) else content)
+        target.chmod(mode)
+
+    def prepared(self, n: int, path: str, content: bytes | str) -> bytes:
+        """Puts a finished file beside `path`; returns the request that moves it there."""
+        folder, name = os.path.split(path)
+        self.write(n, f"{folder}/TempUpdate_{name}", content)
+        return request(f"{folder}/TempUpdate_{name}", path)
+
+    def read(self, n: int, path: str) -> bytes:
+        return self.pair.path(n, path).read_bytes()
+
+    def exists(self, n: int, path: str) -> bool:
+        return self.pair.path(n, path).exists()
+
+    def tree(self, n: int, root: str) -> set[str]:
+        """Relative paths of the replicated files of a tree."""
+        return set(files(self.pair.path(n, root)))
+
+    def clear(self) -> None:
+        for n in EMS:  # by a process on the EM, which sees the trees as the daemon does
+            self.pair.run(n, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
+
+    def different(self) -> list[str]:
+        """What keeps the four copies from being replicas."""
+        at, active = self.pair.path, 1 if self.pair.is_active(1) else 2
+        return [f"{copy}: {line}" for n, root, copy in flows(active, active)
+                for line in differences(at(n, root), at(3 - n, copy))]
+
+    def assert_identical(self) -> None:
+        self.assertEqual([], self.different())
+
+    def wait_identical(self) -> None:
+        """Waits for the daemons to make the trees identical by themselves."""
+        self.wait(lambda: not self.different(), "identical trees")
+
+    # The daemons.
+
+    def call(self, n: int, message: bytes | None = SYNC, kind: int = UPDATE) -> Caller:
         caller = Caller(self.pair, n, message, kind)
         self.addCleanup(caller.socket.close)
         return caller
 
-    def update(self, n: int, source: str, destination: str) -> Result:
-        return self.call(n, request(source, destination)).result()
+    def ask(self, n: int, message: bytes = SYNC) -> Result | None:
+        """A request on a connection of its own, and its answer."""
+        caller = Caller(self.pair, n, message)
+        with caller.socket:
+            return caller.result()
 
-    def status(self, n: int, command: str | bytes) -> int | None:
-        """Status of a diagnostic command."""
-        return self.call(n, os.fsencode(command), DIAGNOSTIC).status()
+    def diag(self, n: int, command: str) -> None:
+        """A diagnostic command, which succeeds."""
+        caller = Caller(self.pair, n, command.encode(), DIAGNOSTIC)
+        with caller.socket:
+            self.assertEqual(0, caller.status(), command)
 
     def synced(self, n: int) -> Result:
-        result = self.call(n).result()
+        result = self.ask(n)
         self.assertEqual((True, ""), (result.success, result.reason))
         return result
 
-    def assert_refused(self, result: Result, reason: str, benign: bool) -> None:
-        """Refused before anything was changed."""
-        self.assertEqual((False, False, False, benign, reason[:115]),
-                         (*result[:4], result.reason))
+    def settle(self) -> None:
+        """The next exchanges make everything identical and clear the fault."""
+        self.wait(lambda: self.ask(1)[::5] == (True, "Y"), "a clean exchange")
+        self.assert_identical()
+        self.assertEqual(HEALTHY, self.fault())
 
     def assert_failed(self, result: Result, reason: str) -> None:
         """Failed in the exchange."""
         self.assertEqual((False, False, reason[:115]),
                          (result.success, result.remote_ok, result.reason))
 
-    def assert_settled(self, n: int) -> None:
-        """An exchange from EM `n` succeeds and finds nothing left to do."""
-        start = len(self.new_log(n))
-        self.synced(n)
-        self.assert_not_logged(n, "SYNC Update chunk", "@@ Pull del", start=start)
-
-    def assert_logged(self, n: int, *texts: str, start: int = 0) -> None:
-        """EM `n`'s daemon logged every text since the test began or since `start` characters."""
-        log = self.new_log(n)[start:]
-        self.assertEqual([], [text for text in texts if text not in log], "not logged")
-
-    def assert_not_logged(self, n: int, *texts: str, start: int = 0) -> None:
-        log = self.new_log(n)[start:]
-        self.assertEqual([], [text for text in texts if text in log], "logged")
-
-    def clear(self) -> None:
-        """Empties all trees, which may keep exchanges from succeeding."""
-        for n in EMS:
-            self.pair.run(n, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
+    def fault(self) -> int:
+        """The last event of the replication fault of EM 1."""
+        return struct.unpack_from("<3I", self.read(1, FAULT_EVENT))[2]
 
     def hold(self, n: int) -> None:
         """Freezes EM `n`'s daemon until the end of the test at the latest."""
         process = self.pair.process(n, "daemon")
-        self.pair.signal(n, "daemon", signal.SIGSTOP)
+        process.send_signal(signal.SIGSTOP)
         self.addCleanup(lambda: process.poll() is None and process.send_signal(signal.SIGCONT))
 
-    def wait_answered(self, callers: list[Caller], count: int) -> list[Caller]:
-        """Waits until `count` of the callers have their answers; returns these callers."""
-        wait_for(lambda: sum(caller.answered() for caller in callers) >= count, DEADLINE,
-                 f"{count} callers have answers")
-        return [caller for caller in callers if caller.answered()]
+    def footprint(self, n: int) -> tuple[tuple[int, int], int]:
+        """Descriptors and threads of EM `n`'s daemon once the workers of closed connections have
+        ended, and its resident memory in kB."""
+        folder = Path(f"/proc/{self.pair.process(n, 'daemon').pid}")
+
+        def look() -> tuple[tuple[int, int], int]:
+            status = dict(re.findall(r"(\w+):\s+(\d+)", (folder / "status").read_text()))
+            return ((len(os.listdir(folder / "fd")), int(status["Threads"])), int(status["VmRSS"]))
+
+        def at_rest():
+            first = look()
+            time.sleep(0.2)
+            return first if first[0] == look()[0] else None
+        return self.wait(at_rest, "the number of threads comes to rest")
+
+    # Their logs.
+
+    def mark_logs(self) -> None:
+        self._log_start = {n: self.pair.log_path(n).stat().st_size for n in EMS}
+
+    def log(self, n: int) -> str:
+        """What EM `n`'s daemon logged since the test began or the logs were marked."""
+        with open(self.pair.log_path(n), "rb") as file:
+            file.seek(self._log_start[n])
+            return file.read().decode(errors="replace")
+
+    def wait_log(self, n: int, text: str, times: int = 1) -> None:
+        self.wait(lambda: self.log(n).count(text) >= times, f"EM {n} logs '{text}'")
+
+    def assert_logged(self, n: int, *texts: str, never: bool = False) -> None:
+        log = self.log(n)
+        self.assertEqual([], [text for text in texts if (text in log) == never], f"never={never}")
+
+    def daemon_logs(self) -> str:
+        """The end of both logs, for whoever looks at a failure."""
+        return "\n     ".join(line for n in EMS for line in (
+            f"-- daemon of EM {n}", *self.log(n).splitlines()[-LOG_LINES:]))

@@ -10,52 +10,40 @@ import random
 import signal
 import threading
 import time
-import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from harness import (ACTIVE, BUILD, DEADLINE, EMS, LOG_LINES, OWN, PEERS, VOLATILE, EmPair,
-                     wait_for)
 from convergence import Machine
-from support import FAILING, HEALTHY, Caller, Result, SocketTest, request, unpack
+from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
+from support import DIAGNOSTIC, FAILING, SYNC, Caller, PairTest, Result, request
 
 LARGE = 32 << 20
 KILLS = int(os.environ.get("KILLS", 20))
-CHANGING_SECONDS = 3
+ROUNDS = 25
+REQUESTS = 40
 TIMED_OUT = "Operation timed out"
 # The peer's time limit was faster, or its late release ended the next exchange.
 LATE = "Received early LOCK_REL message in state "
-MISSING, NO_SPACE, READ_ONLY = ("No such file or directory", "No space left on device",
-                                "Read-only file system")
+MISSING, NO_SPACE = "No such file or directory", "No space left on device"
+READ_ONLY = "Read-only file system"
 PRIVATE_LOG = "/tmp/cluster_sync_daemon.log"
-FAKE_CLOCK = "/run/em/clock"
+CLOCK = "/run/em/clock"
 
 
-class FaultCase(SocketTest):
-    """What the tests share."""
+class FaultTest(PairTest):
+    serial = itertools.count()
 
-    large = itertools.count()
-
-    def prepare(self, n: int, root: str, name: str, content: bytes) -> bytes:
-        """Puts a finished file beside its place; returns the request that moves it there."""
-        self.write(n, f"{root}/TempUpdate_{name}", content)
-        return request(f"{root}/TempUpdate_{name}", f"{root}/{name}")
+    def settle(self) -> None:
+        super().settle()
+        self.assertEqual([[], []], [Machine(self.pair, n).wrong_digests() for n in EMS])
 
     def transfer(self, n: int, root: str = ACTIVE, copy: str = ACTIVE) -> tuple[Caller, str]:
         """Starts to send a large file from EM `n`; returns when a quarter of it is there."""
-        name = f"large{next(self.large)}"
-        caller = self.call(n, self.prepare(n, root, name, os.urandom(LARGE)))
+        name = f"large{next(self.serial)}"
+        caller = self.call(n, self.prepared(n, f"{root}/{name}", os.urandom(LARGE)))
         target = self.pair.path(3 - n, f"{copy}/{name}")
-        wait_for(lambda: target.exists() and target.stat().st_blocks * 512 > LARGE / 4, DEADLINE,
-                 "the transfer is under way", 0.001)
+        self.wait(lambda: target.exists() and target.stat().st_blocks * 512 > LARGE / 4,
+                  "the transfer is under way")
         return caller, name
-
-    def answer(self, caller: Caller) -> Result | None:
-        """None when the daemon ended before it answered."""
-        try:
-            packet = caller.socket.recv(1 << 17)
-        except ConnectionResetError:
-            return None
-        return unpack(packet[4:]) if packet else None
 
     def assert_true(self, result: Result, n: int, name: str, content: bytes) -> None:
         """What EM `n` said of a file of its own tree is so."""
@@ -64,114 +52,109 @@ class FaultCase(SocketTest):
         if result.success and result.peer_present == "Y":
             self.assertTrue(content == self.read(3 - n, f"{PEERS}/{name}"), f"not there: {result}")
 
-    def assert_timed_out(self, result: Result) -> None:
-        self.assertEqual((False, True, False, "Y"), (*result[:3], result.peer_present))
-        self.assertTrue(result.reason.startswith((TIMED_OUT, LATE)), result)
+    def wait_repaired(self) -> None:
+        """The daemons find each other and make the trees identical by themselves."""
+        self.pair.wait_joined()
+        self.wait_identical()
+
+    def assert_done_alone(self, n: int, result: Result) -> None:
+        self.assertEqual((True, "N"), (result.local_ok, result.peer_present), result)
+        self.assertTrue(result.success or result.reason.startswith(LATE), result)
+
+    def wait_alone(self, n: int) -> None:
+        # An answer of the exchange that broke off may still end the next one.
+        self.wait(lambda: self.ask(n)[::5] == (True, "N"), "an exchange alone")
 
     def mount(self, n: int, folder: str, options: str) -> None:
         self.pair.run(n, ["mount", "-n", "-t", "tmpfs", "-o", options, "small", folder], check=True)
-        self.addCleanup(self.pair.run, n, ["umount", "-l", folder])
-
-    def remount(self, n: int, folder: str, options: str) -> None:
-        self.pair.run(n, ["mount", "-n", "-o", f"remount,{options}", folder], check=True)
-
-    def fault(self) -> int:
-        return self.ctl(1, "fault")["status"]
-
-    def settle(self) -> None:
-        """The next exchanges make everything identical and clear the fault."""
-        wait_for(lambda: self.call(1).result()[::5] == (True, "Y"), DEADLINE, "a clean exchange")
-        self.assert_identical()
-        self.assertEqual(HEALTHY, self.fault())
-        for n in EMS:
-            self.assertEqual([], Machine(self.pair, n).wrong_digests())
+        if "remount" not in options:
+            self.addCleanup(self.pair.run, n, ["umount", "-l", folder])
 
 
-class HardFaultTest(FaultCase):
+class HardFaultTest(FaultTest):
     def test_daemons_killed_at_random_moments(self):
         chance = random.Random(int(os.environ.get("SEED", KILLS)))
         told = []
         for turn in range(KILLS):
             name = str(turn % 3)
             contents = {n: chance.randbytes(chance.choice((10, 300_000, 3_000_000))) for n in EMS}
-            requests = {n: self.prepare(n, OWN, name, contents[n]) for n in EMS}
-            callers = {n: self.call(n, requests[n]) for n in chance.sample(EMS, 2)}
+            asked = {n: self.prepared(n, f"{OWN}/{name}", contents[n]) for n in EMS}
+            callers = {n: self.call(n, asked[n]) for n in chance.sample(EMS, 2)}
             victim = chance.choice(EMS)
             time.sleep(chance.uniform(0, 0.05))
             self.pair.kill(victim, "daemon")
             for n in EMS:
-                if result := self.answer(callers[n]):
+                if result := callers[n].result():
                     told.append(result)
                     self.assert_true(result, n, name, contents[n])
             self.pair.start_daemon(victim)
-            self.pair.wait_joined()
-            self.wait_identical()
+            self.wait_repaired()
         self.assertLess(KILLS // 2, sum(result.success for result in told), told)
+        self.settle()
+
+    def test_daemon_killed_in_a_long_transfer(self):
+        self.kill_in_a_transfer("daemon", self.pair.start_daemon)
+
+    def test_corosync_killed_in_a_transfer(self):
+        def restart(victim: int) -> None:
+            self.assertEqual(-signal.SIGABRT, self.pair.process(victim, "daemon").wait(20))
+            self.pair.restart(victim, "corosync")
+        self.kill_in_a_transfer("corosync", restart)
+
+    def kill_in_a_transfer(self, what: str, restart) -> None:
+        for victim in EMS:
+            caller, _ = self.transfer(1)
+            self.pair.kill(victim, what)
+            if victim == 2:
+                self.assert_done_alone(1, caller.result())
+            else:
+                self.assertIsNone(caller.result())
+            self.wait_alone(3 - victim)
+            restart(victim)
+            self.wait_repaired()
         self.settle()
 
     def test_a_request_that_waits_while_the_peer_dies_is_carried_out(self):
         for requester in EMS:
-            with self.subTest(requester=requester):
-                self.transfer(3 - requester, OWN, PEERS)
-                start = len(self.new_log(requester))
-                caller = self.call(requester, self.prepare(requester, OWN, "waiting", b"carried"))
-                wait_for(lambda: "RPC update <requesting>" in self.new_log(requester)[start:],
-                         DEADLINE, "the request waits", 0.001)
-                self.pair.kill(3 - requester, "daemon")
-                try:
-                    self.assert_carried_out(requester, caller.result())
-                finally:
-                    self.pair.start_daemon(3 - requester)
-                    self.pair.wait_joined()
-                    self.wait_identical()
+            self.transfer(3 - requester, OWN, PEERS)
+            self.mark_logs()
+            self.carried_out_alone(requester, lambda: None)
+            self.pair.start_daemon(3 - requester)
+            self.wait_repaired()
 
     def test_a_request_that_comes_while_the_peer_dies_is_carried_out(self):
         """Its wake-up and the peer's departure wait side by side until a long scan is over."""
         huge = self.pair.path(1, f"{OWN}/huge")
-        with open(huge, "wb") as file:
-            file.truncate(1 << 30)
+        huge.touch()
+        os.truncate(huge, 1 << 30)
         self.call(2)
         self.wait_log(1, "peer:MSG_LISTING_REQ")
-        caller = self.call(1, self.prepare(1, OWN, "waiting", b"carried"))
-        self.wait_log(1, f"RPC update <requesting>: path={OWN}/TempUpdate_waiting")
-        self.pair.kill(2, "daemon")
-        huge.unlink()
-        self.assert_carried_out(1, caller.result())
+        self.carried_out_alone(1, huge.unlink)
 
-    def assert_carried_out(self, n: int, result: Result) -> None:
-        self.assertEqual((True, "N"), (result.local_ok, result.peer_present), result)
-        self.assertTrue(result.success or result.reason.startswith(LATE), result)
+    def carried_out_alone(self, n: int, after_the_kill) -> None:
+        caller = self.call(n, self.prepared(n, f"{OWN}/waiting", b"carried"))
+        self.wait_log(n, f"RPC update <requesting>: path={OWN}/TempUpdate_waiting")
+        self.pair.kill(3 - n, "daemon")
+        after_the_kill()
+        self.assert_done_alone(n, caller.result())
         self.assertEqual(b"carried", self.read(n, f"{OWN}/waiting"))
         self.assertFalse(self.exists(n, f"{OWN}/TempUpdate_waiting"))
-        self.assert_not_logged(n, "Bad RPC message data")
-
-    def test_corosync_killed_in_a_transfer(self):
-        for victim in EMS:
-            caller, _ = self.transfer(1)
-            self.pair.kill(victim, "corosync")
-            self.assertEqual(-signal.SIGABRT, self.pair.process(victim, "daemon").wait(DEADLINE))
-            result = self.answer(caller)
-            if victim == 1:
-                self.assertIsNone(result)
-            else:
-                self.assertEqual((True, True, "N"), (*result[:2], result.peer_present))
-            # An answer of the exchange that broke off may still end the next one.
-            wait_for(lambda: self.call(3 - victim).result()[::5] == (True, "N"), DEADLINE,
-                     "an exchange of the one that is left")
-            self.pair.restart(victim, "corosync")
-            self.pair.wait_joined()
-            self.wait_identical()
-        self.settle()
+        self.assert_logged(n, "Bad RPC message data", never=True)
 
     def test_link_cut_in_a_transfer(self):
-        caller, name = self.transfer(1)
+        self.write(2, f"{OWN}/deleted", "before")
+        self.synced(1)
+        caller, _ = self.transfer(1)
         self.pair.cut()
-        result = caller.result()
-        self.assertEqual((True, "N"), (result.local_ok, result.peer_present), result)
-        self.assertFalse(self.read(1, f"{ACTIVE}/{name}") == self.read(2, f"{ACTIVE}/{name}"))
+        self.assert_done_alone(1, caller.result())
+        for n in EMS:
+            self.write(n, f"{ACTIVE}/same", f"by {n}")
+            self.write(n, f"{OWN}/same", f"by {n}")
+            self.wait_alone(n)
+        self.pair.path(2, f"{OWN}/deleted").unlink()
+        self.assertNotEqual([], self.different())
         self.pair.heal()
-        self.pair.wait_joined()
-        self.wait_identical()
+        self.wait_repaired()
         self.settle()
 
     def test_daemons_start_together_or_one_late(self):
@@ -180,185 +163,169 @@ class HardFaultTest(FaultCase):
                 self.pair.kill(n, "daemon")
                 self.write(n, f"{OWN}/file", f"{n} {turn}")
                 self.write(n, f"{ACTIVE}/file{n}", f"{n} {turn}")
-            starts = {n: len(self.new_log(n)) for n in EMS}
+            self.mark_logs()
             for n in EMS:
                 if n != late:
                     self.pair.start_daemon(n)
             if late:
-                wait_for(lambda: "CPG config change" in self.new_log(3 - late)[starts[3 - late]:],
-                         DEADLINE, "the first one has joined")
+                self.wait_log(3 - late, "CPG config change")
                 self.pair.start_daemon(late)
-            self.pair.wait_joined()
-            self.wait_identical()
+            self.wait_repaired()
         self.settle()
 
     def test_trees_that_cannot_be_written(self):
         self.mount(2, ACTIVE, "size=256k,mode=755")
         self.settle()
-        asked = self.prepare(1, ACTIVE, "file", os.urandom(1 << 20))
-        self.assert_not_at_peer(self.call(1, asked).result(), NO_SPACE, "update")
+        self.assert_not_at_peer(self.prepared(1, f"{ACTIVE}/file", bytes(1 << 20)), NO_SPACE)
         self.pair.run(2, ["sh", "-c", f"cat /dev/zero > {ACTIVE}/TempUpdate_filler"])
-        asked = self.prepare(1, ACTIVE, "file", b"short")
-        self.assert_not_at_peer(self.call(1, asked).result(), NO_SPACE, "update")
+        self.assert_not_at_peer(self.prepared(1, f"{ACTIVE}/file", b"short"), NO_SPACE)
         self.assertEqual(FAILING, self.fault())
-        self.assertEqual({"TempUpdate_filler", "file"},
-                         {path.name for path in self.pair.path(2, ACTIVE).iterdir()})
-        self.remount(2, ACTIVE, "size=64m")
+        self.mount(2, ACTIVE, "remount,size=64m")
         self.settle()
 
-        self.remount(2, ACTIVE, "ro")
+        self.mount(2, ACTIVE, "remount,ro")
         self.settle()
-        asked = self.prepare(1, ACTIVE, "file", b"new")
-        self.assert_not_at_peer(self.call(1, asked).result(), READ_ONLY, "update")
-        asked = request("", f"{ACTIVE}/file")
-        self.assert_not_at_peer(self.call(1, asked).result(), READ_ONLY, "delete")
-        self.assertEqual(FAILING, self.fault())
+        self.assert_not_at_peer(self.prepared(1, f"{ACTIVE}/file", b"new"), READ_ONLY)
+        self.assert_not_at_peer(request("", f"{ACTIVE}/file"), READ_ONLY, "delete")
         self.assertEqual(b"short", self.read(2, f"{ACTIVE}/file"))
-        self.remount(2, ACTIVE, "rw")
+        self.mount(2, ACTIVE, "remount,rw")
         self.settle()
-        self.assertFalse(self.exists(2, f"{ACTIVE}/file"))
 
-        self.mount(1, OWN, "mode=755")
-        asked = self.prepare(1, OWN, "file", b"new")
-        self.remount(1, OWN, "ro")
-        self.assert_refused(self.call(1, asked).result(),
-                            f"Could not update file ({READ_ONLY}): {OWN}/file", False)
-
-    def assert_not_at_peer(self, result: Result, error: str, what: str) -> None:
-        reason = f"Unable to {what} file ({error}): {ACTIVE}/file"
-        self.assertEqual((False, True, False, "Y", reason), (*result[:3], *result[5:]))
+    def assert_not_at_peer(self, asked: bytes, error: str, what: str = "update") -> None:
+        result = self.ask(1, asked)
+        self.assertEqual((False, True, False, "Y", f"Unable to {what} file ({error}): "
+                          f"{ACTIVE}/file"), (*result[:3], *result[5:]))
 
     def test_files_change_while_they_are_scanned_and_sent(self):
         stop = threading.Event()
 
         def keep_changing(n: int, root: str) -> None:
-            chance, serial = random.Random(n), 0
-            while not stop.wait(0.002):
-                serial += 1  # no two sizes are the same: a change within a second must show
-                name = f"{root}/{chance.randrange(8)}"
-                content = os.urandom(chance.choice((0, 65_536, 400_000)) + serial)
-                temporary = f"{root}/TempUpdate_mine"
-                self.write(n, chance.choice((name, temporary)), content)
-                if self.exists(n, temporary):
-                    self.pair.path(n, temporary).rename(self.pair.path(n, name))
-                elif serial % 100 == 0:  # seldom: a file that is gone when it is sent costs 10 s
-                    self.pair.path(n, name).unlink()
+            chance = random.Random(n)
+            for serial in itertools.count(1):  # no two sizes are the same: a change must show
+                content = bytes(chance.choice((0, 65_536, 400_000)) + serial)
+                path = f"{root}/{chance.randrange(8)}"
+                if serial % 2:
+                    self.write(n, path, content)
+                else:
+                    self.prepared(n, path, content)
+                    self.pair.path(n, f"{root}/TempUpdate_{path[-1]}").rename(
+                        self.pair.path(n, path))
+                if stop.wait(0.02):
+                    return
 
         with ThreadPoolExecutor(3) as threads:
-            changing = [threads.submit(keep_changing, *place)
-                        for place in ((1, ACTIVE), (1, OWN), (2, OWN))]
-            results, end = [], time.monotonic() + CHANGING_SECONDS
+            changing = threads.map(keep_changing, (1, 1, 2), (ACTIVE, OWN, OWN))
             try:
-                while time.monotonic() < end or not any(result.success for result in results):
-                    for n in EMS:
-                        content = os.urandom(5000)
-                        asked = self.prepare(n, OWN, "asked", content)
-                        results.append(self.call(n, asked).result())
-                        self.assert_true(results[-1], n, "asked", content)
+                failures = 0
+                for n in EMS * REQUESTS:
+                    content = os.urandom(5000)
+                    result = self.ask(n, self.prepared(n, f"{OWN}/asked", content))
+                    self.assert_true(result, n, "asked", content)
+                    self.assertTrue(result.success or result.reason, result)
+                    failures += not result.success
+                    if failures == 2:  # each has cost 10 s
+                        break
             finally:
                 stop.set()
-            for done in changing:
-                done.result()
-        for result in results:
-            self.assertTrue(result.success or result.reason, result)
+            list(changing)
+        self.settle()
+
+    def test_both_sides_ask_at_once(self):
+        def work(n: int, worker: int) -> None:
+            caller = self.call(n, None)
+            for turn in range(ROUNDS):
+                name, content = f"{worker}.{turn % 7}", os.urandom(1 + turn)
+                for message in (SYNC, self.prepared(n, f"{OWN}/{name}", content)):
+                    caller.send(message)
+                    self.assertEqual((True, ""), caller.result()[::6])
+                self.assertEqual(content, self.read(3 - n, f"{PEERS}/{name}"))
+
+        with ThreadPoolExecutor(6) as threads:
+            list(threads.map(work, EMS * 3, range(6)))
+        self.assert_identical()
+
+    def test_stop_while_callers_wait(self):
+        self.hold(2)
+        callers = [self.call(1) for _ in range(10)] + [self.call(1, None)]
+        self.wait_log(1, "RPC update <enter>", 10)
+        self.stop(1)
+        self.assertEqual([None] * 11, [caller.result() for caller in callers])
+        self.pair.signal(2, "daemon", signal.SIGCONT)
+        self.wait_alone(2)
+        self.stop(2)
+
+    def stop(self, n: int) -> None:
+        self.assertEqual(0, self.call(n, b"exit=now", DIAGNOSTIC).status())
+        self.assertEqual(0, self.pair.process(n, "daemon").wait(60))
+        self.assertFalse(self.exists(n, "/run/em/cmd.2006"))
+        self.assertIn("Exiting cluster_sync_daemon", self.log(n).splitlines()[-1])
+
+    # Faults that only the time limit of 10 s ends.
+
+    def assert_timed_out(self, result: Result) -> None:
+        self.assertEqual((False, True, False, "Y"), (*result[:3], result.peer_present))
+        self.assertTrue(result.reason.startswith((TIMED_OUT, LATE)), result)
+
+    def test_peer_stopped(self):
+        caller, name = self.transfer(1)
+        self.hold(2)
+        self.assert_timed_out(caller.result())
+        self.assertNotEqual([], self.different())
+        self.assert_timed_out(self.ask(1, self.prepared(1, f"{OWN}/next", b"content")))
+        self.assertFalse(self.exists(2, f"{PEERS}/next"))
+        self.assertEqual(FAILING, self.fault())
+        self.pair.signal(2, "daemon", signal.SIGCONT)
+        self.settle()
+
+    def test_root_missing(self):
+        self.pair.run(2, ["mv", OWN, f"{OWN}.away"], check=True)
+        self.addCleanup(self.pair.run, 2, ["mv", "-T", f"{OWN}.away", OWN])
+        self.assert_timed_out(self.ask(1, self.prepared(1, f"{OWN}/file", b"content")))
+        self.assertFalse(self.exists(2, f"{PEERS}/file"))
+        self.assert_logged(2, f"could not open directory ({MISSING}): {OWN}/")
+        self.doCleanups()
+        self.settle()
+
+    def test_pull_without_space(self):
+        self.mount(1, PEERS, "size=128k,mode=755")
+        self.write(2, f"{OWN}/file", os.urandom(1 << 20))
+        self.assert_timed_out(self.ask(1))
+        self.assert_logged(1, f"Unable to update file ({NO_SPACE}): {PEERS}/file")
+        self.mount(1, PEERS, "remount,size=64m")
+        self.settle()
+
+    def test_file_vanishes(self):
+        self.write(1, f"{VOLATILE}/victim", b"listed after the large one")
+        caller, _ = self.transfer(1)
+        self.pair.path(1, f"{VOLATILE}/victim").unlink()
+        self.assert_timed_out(caller.result())
+        self.assert_logged(1, f"Could not read file ({MISSING}): {VOLATILE}/victim")
+        self.assertFalse(self.exists(2, f"{VOLATILE}/victim"))
         self.settle()
 
 
-class TimeLimitTest(unittest.TestCase):
-    """Faults that only the time limit of 10 s ends, each on a pair of its own, all at once."""
+class ClockTest(FaultTest):
+    # The daemons, and nobody else, have the clock of a file.
+    options = {"environment": {
+        "LD_PRELOAD": ":".join(glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")),
+        "FAKETIME_TIMESTAMP_FILE": CLOCK, "FAKETIME_NO_CACHE": "1", "NO_FAKE_STAT": "1",
+        "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}}
 
-    def test_faults_that_last_until_the_time_limit(self):
-        scenes = (peer_stopped, root_missing, pull_without_space, file_vanishes, clock_jumps)
-        with ThreadPoolExecutor(len(scenes)) as threads:
-            played = [threads.submit(play, scene) for scene in scenes]
-            for scene, done in zip(scenes, played):
-                with self.subTest(scene.__name__):
-                    done.result()
-
-
-def play(scene) -> None:
-    case = FaultCase("synced")
-    environment = fake_clock() if scene is clock_jumps else {}
-    with EmPair(build_dir=BUILD, log_level=7, environment=environment) as case.pair:
-        case._log_start = dict.fromkeys(EMS, 0)
-        try:
-            scene(case)
-        except BaseException:
+    def test_clock_jumps(self):
+        for n in EMS:
+            self.pair.path(n, CLOCK).write_text("+0")
+            self.diag(n, "log-size=100000000")
+        for jumps in (("+1h", "-1h"), ("-2h", "+3d"), ("+0", "+0")):
+            caller, _ = self.transfer(1)
+            self.pair.signal(2, "daemon", signal.SIGSTOP)  # so that the jump meets a wait
             for n in EMS:
-                print(f"-- {scene.__name__}: daemon of EM {n}",
-                      *case.pair.log(n).splitlines()[-LOG_LINES:], sep="\n     ", flush=True)
-            raise
-        finally:
-            case.doCleanups()
-
-
-def peer_stopped(case: FaultCase) -> None:
-    caller, name = case.transfer(1)
-    case.hold(2)
-    case.assert_timed_out(caller.result())
-    case.assertNotEqual(case.read(1, f"{ACTIVE}/{name}"), case.read(2, f"{ACTIVE}/{name}"))
-    case.assert_timed_out(case.call(1, case.prepare(1, OWN, "next", b"content")).result())
-    case.assertFalse(case.exists(2, f"{PEERS}/next"))
-    case.assertEqual(FAILING, case.fault())
-    case.pair.signal(2, "daemon", signal.SIGCONT)
-    case.settle()
-
-
-def root_missing(case: FaultCase) -> None:
-    case.pair.run(2, ["mv", OWN, f"{OWN}.away"], check=True)
-    case.assert_timed_out(case.call(1, case.prepare(1, OWN, "file", b"content")).result())
-    case.assertFalse(case.exists(2, f"{PEERS}/file"))
-    case.assert_logged(2, f"could not open directory ({MISSING}): {OWN}/")
-    case.pair.run(2, ["mv", f"{OWN}.away", OWN], check=True)
-    case.settle()
-
-
-def pull_without_space(case: FaultCase) -> None:
-    case.mount(1, PEERS, "size=128k,mode=755")
-    case.write(2, f"{OWN}/file", os.urandom(1 << 20))
-    case.assert_timed_out(case.call(1).result())
-    case.assert_logged(1, f"Unable to update file ({NO_SPACE}): {PEERS}/file")
-    case.remount(1, PEERS, "size=64m")
-    case.settle()
-
-
-def file_vanishes(case: FaultCase) -> None:
-    case.write(1, f"{VOLATILE}/victim", b"listed after the large one")
-    caller, _ = case.transfer(1)
-    case.pair.path(1, f"{VOLATILE}/victim").unlink()
-    case.assert_timed_out(caller.result())
-    case.assert_logged(1, f"Could not read file ({MISSING}): {VOLATILE}/victim")
-    case.assert_logged(2, "SYNC update IGNORED due to error on sender side victim")
-    case.assertFalse(case.exists(2, f"{VOLATILE}/victim"))
-    case.settle()
-
-
-def fake_clock() -> dict[str, str]:
-    """What gives the daemons, and nobody else, the clock of the file FAKE_CLOCK."""
-    libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
-    if not libraries:
-        raise unittest.SkipTest("needs the package faketime")
-    return {"LD_PRELOAD": libraries[0], "FAKETIME_TIMESTAMP_FILE": FAKE_CLOCK,
-            "FAKETIME_NO_CACHE": "1", "NO_FAKE_STAT": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1",
-            "DONT_FAKE_MONOTONIC": "1"}
-
-
-def clock_jumps(case: FaultCase) -> None:
-    for n in EMS:
-        case.pair.path(n, FAKE_CLOCK).write_text("+0")
-        case.assertEqual(0, case.status(n, "log-size=100000000"))
-    for jumps in ({1: "+1h", 2: "-1h"}, {1: "-2h", 2: "+3d"}, {1: "+0", 2: "+0"}):
-        caller, _ = case.transfer(1)
-        case.pair.signal(2, "daemon", signal.SIGSTOP)  # so that the jump meets a wait
-        for n, jump in jumps.items():
-            case.pair.path(n, FAKE_CLOCK).write_text(jump)
-        time.sleep(2)
-        case.pair.signal(2, "daemon", signal.SIGCONT)
-        case.assertTrue(caller.result().success)
-        case.assertTrue(case.call(2, case.prepare(2, OWN, "file", b"content")).result().success)
-        case.settle()
-    for n in EMS:
-        case.assert_not_logged(n, "timeout", "Sync Error")
-        seconds = [int(line.split()[0])
-                   for line in case.pair.path(n, PRIVATE_LOG).read_text().splitlines()]
-        case.assertGreater(max(seconds) - min(seconds), 7000, "the clock did not jump")
+                self.pair.path(n, CLOCK).write_text(jumps[n - 1])
+            time.sleep(2)
+            self.pair.signal(2, "daemon", signal.SIGCONT)
+            self.assertTrue(caller.result().success)
+            self.assertTrue(self.ask(2, self.prepared(2, f"{OWN}/file", b"content")).success)
+            self.settle()
+        for n in EMS:
+            self.assert_logged(n, "timeout", "Sync Error", never=True)
+            seconds = [int(line.split()[0]) for line in self.read(n, PRIVATE_LOG).splitlines()]
+            self.assertGreater(max(seconds) - min(seconds), 7000, "the clock did not jump")
