@@ -14,7 +14,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parents[1] / "testbed"))
-WORKERS = 3
+WORKERS = 2
 LONGEST = "test_100000_files"  # which starts first, or all would wait for it
 
 
