@@ -15,7 +15,7 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parents[1] / "testbed"))
 WORKERS = 2
-LONGEST = "test_100000_files"  # which starts first, or all would wait for it
+ALONE = "test_100000_files"  # it needs the processors for itself to meet the time limit soon
 
 
 def run(name: str) -> tuple[float, str]:
@@ -50,15 +50,16 @@ def main(wanted: list[str]) -> int:
     sys.stdout.reconfigure(errors="backslashreplace")  # names of files need not be text
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
-    tests = sorted(names(loader.discover(str(HERE))), key=lambda name: LONGEST not in name)
+    tests = names(loader.discover(str(HERE)))
     failed = 0
     with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1) as workers:
-        running = {workers.submit(run, name): name for name in tests}
-        for done in as_completed(running):
-            seconds, reason = done.result()
-            failed += bool(reason)
-            print(f"   {'FAILED' if reason else 'ok':6} {seconds:6.1f} s  {running[done]}",
-                  *filter(None, [reason]), sep="\n", flush=True)
+        for alone in (True, False):
+            running = {workers.submit(run, name): name for name in tests if (ALONE in name) == alone}
+            for done in as_completed(running):
+                seconds, reason = done.result()
+                failed += bool(reason)
+                print(f"   {'FAILED' if reason else 'ok':6} {seconds:6.1f} s  {running[done]}",
+                      *filter(None, [reason]), sep="\n", flush=True)
     print(f"{len(tests) - failed} passed, {failed} failed")
     return 0 if tests and not failed else 1
 
