@@ -2,6 +2,7 @@
 #include <mutex>
 #include <semaphore>
 #include <sstream>
+#include <utility>
 
 #include "platform/cmdsockserver.h"
 #include "platform/event.h"
@@ -46,6 +47,12 @@ uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, 
   g_request = std::to_string(type) + std::string(reinterpret_cast<const char*>(message), size);
   cmd_rsp_attach_payload(g_payload.data(), static_cast<uint32_t>(g_payload.size()), rsp);
   return g_status;
+}
+
+// What the server saw since the last call.
+std::string take_request() {
+  const std::lock_guard lock(g_mutex);
+  return std::exchange(g_request, "none");
 }
 
 void set_answer(uint32_t status, const std::string& payload) {
@@ -133,20 +140,19 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
            {"diag fail-read=/a=b", "1fail-read=/a=b"},
            {"--timeout 1 --socket 2006 --json sync", "0" + nul + nul}}) {
     EXPECT_EQ(run_ctl(line).status, 0) << line;
-    EXPECT_EQ(g_request, request);
+    EXPECT_EQ(take_request(), request);
   }
   const std::string wrong =
       ";update /a;update /a /b /c;update '' /b;update /a '';delete '';delete;sync now;diag '';"
       "fault x;status x;role master;verify x;--list sync;--against '' verify;nonsense;"
       "--list --against /x verify;--nonsense sync;--timeout 0 sync;--timeout 1x sync;"
       "--timeout 99999999999999999999 sync;--socket -1 sync;delete ";
-  g_request = "none";
   for (const std::string& line : split(wrong + std::string(70000, 'x'), ';')) {
     run = run_ctl(line);
     EXPECT_EQ(run.status, 2) << line;
     EXPECT_EQ(run.out, "");
   }
-  EXPECT_EQ(g_request, "none");
+  EXPECT_EQ(take_request(), "none");
 }
 
 TEST_F(CtlTest, ShowsTheAnswer) {
@@ -259,7 +265,7 @@ TEST_F(CtlTest, StatusTellsWhatIsThere) {
     const std::string first =
         c.answer == 0 ? "answers, pid " + std::to_string(getpid()) : "refuses with status 6";
     EXPECT_EQ(run.out, "daemon: " + first + "\nEM:     2, " + c.role + "\n" + c.words);
-    EXPECT_EQ(g_request, "1stats");
+    EXPECT_EQ(take_request(), "1stats");
   }
   set_answer(0, "");
   EXPECT_EQ(run_ctl("--json status").out,
