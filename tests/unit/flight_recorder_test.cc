@@ -101,6 +101,15 @@ TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
   EXPECT_FALSE(exists(kLogFile)) << "by default there is none";
 }
 
+TEST_F(LogTest, KeepsTheNewestLines) {
+  for (int i = 0; i < 501; ++i)
+    LOG(7, "|%d", i);
+  EXPECT_EQ(recorded().size(), 500u);
+  g_flight_recorder.max_entries = 2;
+  LOG(7, "|last");
+  EXPECT_EQ(recorded(), (Lines{"|500", "|last"}));
+}
+
 TEST_F(LogTest, ChecksQuoteTheirExpression) {
   EXPECT_ABORT("EXCEPTION: 4 . 3 = 7\n", CHECK_ZERO(4 + 3));
   EXPECT_ABORT("EXCEPTION: close.-1. ended with EBADF\n", CHECK_CLOSE(close(-1)));

@@ -106,6 +106,21 @@ TEST_F(RpcServiceTest, TheActiveEmWritesTheSharedTreesWithItsRights) {
   }
 }
 
+TEST_F(RpcServiceTest, RefusesAMessageThatIsNoneAndShowsItPrintable) {
+  const std::string many(94, 'a');
+  for (const auto& [message, shown] : std::vector<std::pair<std::string, std::string>>{
+           {"", "size=0 []"},
+           {"/one path", "size=9 [/one path]"},
+           {std::string("/a\0/b\n", 6), "size=6 [/a\\x00/b\\x0a]"},
+           {many + "\x01z", "size=96 [" + many + "\\x01]"},
+           {many + "b\x01", "size=96 [" + many + "b]"}}) {
+    publish(message);
+    on_sync_rpc_update(ctx);
+    EXPECT_STREQ(ctx->rpc_result.reason, "Received unparseable RPC message");
+    EXPECT_TRUE(has_logged("Bad RPC message data: " + shown)) << shown;
+  }
+}
+
 TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   ctx->rpc_stage = RPC_LOCAL_BUSY;
   const std::string message(2, '\0');
@@ -140,4 +155,8 @@ TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   ctx->rpc_fd = rpc_fd;
   EXPECT_EQ(+ctx->rpc_stage, RPC_IDLE);
   EXPECT_EQ(+ctx->waiting_rpc_count, 0);
+  ctx->waiting_rpc_count = 101;
+  const RpcResult refused = call(message);
+  EXPECT_STREQ(refused.reason, "Too many RPC calls are already waiting");
+  EXPECT_EQ(refused.success + refused.local_ok + refused.remote_ok, 0);
 }
