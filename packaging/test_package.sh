@@ -132,8 +132,8 @@ error_texts_are_explained() {
 # Says what a systemd in namespaces needs and this machine forbids; nothing when all is there.
 missing_ability() {
   local probe=$work/probe
-  mkdir -p "$probe" "$cgroup"
-  if ! [ -e "$cgroup/cgroup.procs" ] || ! sh -c 'echo $$ > "$0/cgroup.procs"' "$cgroup"; then
+  mkdir "$probe"
+  if [ -z "${cgroup%/*}" ] || ! mkdir "$cgroup" || ! sh -c 'echo $$ > "$0/cgroup.procs"' "$cgroup"; then
     echo "a writable cgroup2 hierarchy"
   elif ! unshare -m -p -n -i -u -C --fork sh -c 'mount -n -t proc p "$0" &&
       mount -n -t cgroup2 g "$0"' "$probe"; then
@@ -199,7 +199,7 @@ END
   export work
   (
     echo "$BASHPID" > "$cgroup/cgroup.procs"
-    exec unshare -m -p -n -i -u -C --fork --kill-child bash -c boot
+    exec setpriv --pdeathsig KILL unshare -m -p -n -i -u -C --fork --kill-child bash -c boot
   ) > "$work/boot.log" 2>&1 &
   launcher=$!
   wait_until 60 eval 'init=$(pgrep -P $launcher) && grep -q systemd /proc/$init/comm' &&

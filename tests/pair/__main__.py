@@ -3,6 +3,7 @@
 Most of the time the daemons wait, so some tests run at a time, each worker with pairs of its own.
 """
 
+import ctypes
 import multiprocessing
 import os
 import signal
@@ -16,6 +17,12 @@ HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parents[1] / "testbed"))
 WORKERS = 2
 ALONE = "test_100000_files"  # it needs the processors for itself to meet the time limit soon
+
+
+def end_with_parent() -> None:
+    """However the first process ends, its workers, and so their pairs, go with it."""
+    pr_set_pdeathsig = 1  # prctl(2)
+    ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGTERM)
 
 
 def run(name: str) -> tuple[float, str]:
@@ -52,9 +59,10 @@ def main(wanted: list[str]) -> int:
     loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
     tests = names(loader.discover(str(HERE)))
     failed = 0
-    with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1) as workers:
+    with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1, initializer=end_with_parent) as workers:
         for alone in (True, False):
-            running = {workers.submit(run, name): name for name in tests if (ALONE in name) == alone}
+            running = {workers.submit(run, name): name for name in tests
+                       if (ALONE in name) == alone}
             for done in as_completed(running):
                 seconds, reason = done.result()
                 failed += bool(reason)
