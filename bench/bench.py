@@ -7,9 +7,7 @@ namespaces and on equal trees: medians, with the spread of ours. Nothing here pa
 import argparse
 import json
 import os
-import socket
 import statistics
-import struct
 import subprocess
 import sys
 import time
@@ -21,11 +19,11 @@ sys.path.insert(0, str(REPO / "testbed"))
 sys.dont_write_bytecode = True
 
 import plots  # noqa: E402
+from caller import SYNC, Caller, request  # noqa: E402
 from em_pair import ACTIVE, EMS, OWN, EmPair, wait_for  # noqa: E402
 from keeper import ADDRESSES, LINK  # noqa: E402
 
 HEADER, UPDATE_HEADER, CHUNK, LINE_HEAD = 148, 32, 65536, 63
-SYNC = struct.pack("<I", 0) + b"\0\0"
 TREE = Path(ACTIVE)
 
 
@@ -64,36 +62,15 @@ class Bench:
         return EmPair(build_dir=self.build, transport=self.transport, log_level=6)
 
 
-class Client:
-    """A connection to the command socket of an EM, as a local program has one."""
-
-    def __init__(self, pair: EmPair, n: int):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.socket.settimeout(120)
-        self.socket.connect(f"/proc/{pair.holders[n]}/root/run/em/cmd.2006")
-
-    def request(self, packet: bytes) -> float:
-        """Seconds until the answer; a failure is an error."""
-        seconds, success, reason = self.ask(packet)
-        if not success:
-            raise RuntimeError(f"exchange failed: {reason}")
-        return seconds
-
-    def ask(self, packet: bytes) -> tuple[float, bool, str]:
-        """Seconds until the answer, whether it succeeded with the peer there, the reason."""
-        begin = time.monotonic()
-        self.socket.send(packet)
-        answer = self.socket.recv(4096)
-        seconds = time.monotonic() - begin
-        return (seconds, answer[4] == 1 and answer[12:13] == b"Y",
-                answer[16:].split(bytes(1))[0].decode())
-
-    def sync(self) -> float:
-        return self.request(SYNC)
-
-    def rename(self, source: str, destination: str) -> float:
-        return self.request(struct.pack("<I", 0) + os.fsencode(source) + b"\0" +
-                            os.fsencode(destination) + b"\0")
+def ask(caller: Caller, message: bytes = SYNC) -> float:
+    """Seconds until the answer; a failure is an error."""
+    begin = time.monotonic()
+    caller.send(message)
+    result = caller.result()
+    seconds = time.monotonic() - begin
+    if result is None or not result.success or result.peer_present != "Y":
+        raise RuntimeError(f"exchange failed: {result}")
+    return seconds
 
 
 # Trees.
@@ -261,12 +238,12 @@ def sha1(bench: Bench) -> list[Row]:
 def nothing_to_do(bench: Bench) -> list[Row]:
     with bench.pair() as pair:
         make_mixed(pair, bench)
-        client = Client(pair, 1)
-        client.sync()
-        client.sync()  # the peer hashes its copies once
+        caller = Caller(pair, 1, None)
+        ask(caller)
+        ask(caller)  # the peer hashes its copies once
         rows = []
         digests, before = digest_times(pair), written(pair)
-        ours = [client.sync() for _ in range(bench.runs(9, 2))]
+        ours = [ask(caller) for _ in range(bench.runs(9, 2))]
         bench.findings.append(
             f"An exchange with nothing to do: {(written(pair) - before) // len(ours):,} B written on "
             "both sides together, log lines included; digest files "
@@ -279,8 +256,8 @@ def nothing_to_do(bench: Bench) -> list[Row]:
     with bench.pair() as pair:
         # One that needs the very same path on both sides, after our own copy is there.
         make_mixed(pair, bench)
-        client = Client(pair, 1)
-        client.sync()
+        caller = Caller(pair, 1, None)
+        ask(caller)
         other = Csync2(pair)
         other.clear()
         other.sync()
@@ -304,12 +281,12 @@ def first_sync(bench: Bench) -> list[Row]:
     ours, bare, others = [], [], {}
     with bench.pair() as pair:
         root = make_mixed(pair, bench)
-        client = Client(pair, 1)
-        script = [(1, request, answer) for request, answer in update_sizes(root)]
+        caller = Caller(pair, 1, None)
+        script = [(1, asked, answer) for asked, answer in update_sizes(root)]
         for _ in range(bench.runs(5)):
             clear(pair, 2)
             forget_digests(pair)
-            ours.append(client.sync())
+            ours.append(ask(caller))
             bare += floor(pair, bench.build, script, 1)
         for kind in (Rsync, Unison, Csync2):
             other = kind(pair)
@@ -333,8 +310,8 @@ def large_files(bench: Bench) -> list[Row]:
         with bench.pair() as pair:
             root = pair.path(1, ACTIVE)
             make_large(root / "large", count, size)
-            ours[count] = [Client(pair, 1).sync()]
-            script = [(1, request, answer) for request, answer in update_sizes(root)]
+            ours[count] = [ask(Caller(pair, 1, None))]
+            script = [(1, asked, answer) for asked, answer in update_sizes(root)]
             bare[count] = floor(pair, bench.build, script, 1)
     bench.series["bytes"] = {
         name: [(count * size >> 20, runs[0]) for count, runs in curve.items()]
@@ -355,14 +332,18 @@ def too_large(bench: Bench) -> list[Row]:
                 with path.open("wb") as file:
                     file.truncate(3 << 30)
                 os.utime(path, (1, 1))
-        client, success = Client(pair, 1), False
-        for attempt in range(1, 9):
-            if not success:
-                time.sleep(5)  # an answer that comes too late ends the exchange that it meets
-                seconds, success, reason = client.ask(SYNC)
-                bench.findings.append(
-                    f"{3 * count} GiB a side, never hashed, exchange {attempt}: "
-                    f"{'success' if success else repr(reason)} after {seconds:.1f} s.")
+        caller, attempt, result = Caller(pair, 1, None), 0, None
+        while attempt < 8 and not (result and result.success):
+            time.sleep(5)  # an answer that comes too late ends the exchange that it meets
+            attempt += 1
+            begin = time.monotonic()
+            caller.send()
+            result = caller.result()
+            bench.findings.append(
+                f"{3 * count} GiB a side, never hashed, exchange {attempt}: "
+                f"{result} after {time.monotonic() - begin:.1f} s.")
+            if result is None:
+                break  # the daemon has ended
     return []
 
 
@@ -378,9 +359,9 @@ def one_chunk(bench: Bench) -> list[Row]:
     with bench.pair() as pair:
         root = pair.path(1, ACTIVE)
         make_large(root / "large", 1, size)
-        client = Client(pair, 1)
-        client.sync()
-        client.sync()  # the peer hashes its copy once
+        caller = Caller(pair, 1, None)
+        ask(caller)
+        ask(caller)  # the peer hashes its copy once
         listing = listing_size(root)
         used = []
         for i in range(bench.runs(5)):
@@ -391,7 +372,7 @@ def one_chunk(bench: Bench) -> list[Row]:
             second = int(path.stat().st_mtime) + 2 + i
             os.utime(path, (second, second))
             before = wire(pair)
-            client.sync()
+            ask(caller)
             used.append(wire(pair) - before)
     return [row(f"one 64 KiB change in a file of {size >> 20} MiB", used, [2 * CHUNK + listing], "B",
                 1, "2 chunks and the listing", notes=[f"listing {listing} B"])]
@@ -402,22 +383,22 @@ def rename(bench: Bench) -> list[Row]:
     with bench.pair() as pair:
         root = pair.path(1, OWN)
         make_small(root / "small", 10, 256)
-        client = Client(pair, 1)
-        client.sync()
+        caller = Caller(pair, 1, None)
+        ask(caller)
         source, target = f"{OWN}/TempUpdate_bench", f"{OWN}/target"
         ours = []
         for _ in range(count):
             pair.path(1, source).write_bytes(os.urandom(4096))
-            ours.append(client.rename(source, target))
+            ours.append(ask(caller, request(source, target)))
         base = HEADER + UPDATE_HEADER + len("target") + 1
-        request = HEADER + len(source) + len(target) + 2
-        script = [(1, HEADER, 0), (1, request, HEADER + listing_size(root)),
+        asked = HEADER + len(source) + len(target) + 2
+        script = [(1, HEADER, 0), (1, asked, HEADER + listing_size(root)),
                   (1, base + 4096, base), (1, HEADER, 0)]
         bare = floor(pair, bench.build, script, count)
     bench.series["rename"] = {"daemon": sorted(1000 * s for s in ours),
                               "bare messages": sorted(1000 * s for s in bare)}
-    return [row("RPC rename of a 4 KiB file, trees of 10 files", [1000 * s for s in ours], [1000 * s for s in bare],
-                "ms", 1.5, "the same number of bare messages")]
+    return [row("RPC rename of a 4 KiB file, trees of 10 files", [1000 * s for s in ours],
+                [1000 * s for s in bare], "ms", 1.5, "the same number of bare messages")]
 
 
 def scale(bench: Bench) -> list[Row]:
@@ -428,13 +409,13 @@ def scale(bench: Bench) -> list[Row]:
             for n in EMS:
                 make_small(pair.path(n, ACTIVE) / "s", count, 256)
             base = high_water(pair)
-            client = Client(pair, 1)
-            seconds[count] = [client.sync() for _ in range(bench.runs(3))]
+            caller = Caller(pair, 1, None)
+            seconds[count] = [ask(caller) for _ in range(bench.runs(3))]
             memory[count] = (high_water(pair) - base) / (2 * count)
             pid = pair.process(1, "daemon").pid
             bench.findings.append(
-                f"{count:,} files a side: {high_water(pair) >> 20} MiB peak memory of the requester, "
-                f"{len(os.listdir(f'/proc/{pid}/fd'))} descriptors afterwards.")
+                f"{count:,} files a side: {high_water(pair) >> 20} MiB peak memory of the requester,"
+                f" {len(os.listdir(f'/proc/{pid}/fd'))} descriptors afterwards.")
             other = Rsync(pair)
             wait_for(lambda: other.sync() >= 0, 60, other.name)
             theirs[count] = other.sync()
@@ -494,9 +475,8 @@ def main() -> None:
         {"transport": options.transport, "quick": options.quick, "series": bench.series,
          "findings": bench.findings,
          "rows": [asdict(r) | {"ratio": r.ratio, "reached": r.reached} for r in rows]}, indent=1))
-    print(f"also in {out / 'results.json'}")
-    if not options.quick:
-        plots.draw(out / "results.json")
+    plots.draw(out / "results.json")
+    print(f"also in {out}, with plots")
 
 
 if __name__ == "__main__":

@@ -4,22 +4,19 @@ import json
 import sys
 from pathlib import Path
 
-# Drawn by the first plot, not at import: a smoke run does without the library.
+import matplotlib
+import matplotlib.pyplot as plt
+
+matplotlib.use("svg")
+# Text that can be searched, and the same bytes from the same results.
+matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "bench",
+                            "figure.figsize": (6, 3.6), "axes.grid": True, "grid.alpha": 0.3,
+                            "axes.spines.top": False, "axes.spines.right": False})
 STYLES = {"daemon": "C0-", "bare messages": "C7--", "rsync -ac": "C1-"}
 
 
-def draw(results: Path) -> list[Path]:
-    """The files drawn: one per family of rows that the results hold."""
-    import matplotlib
-    matplotlib.use("svg")
-    # Text that can be searched, and the same bytes from the same results.
-    matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "bench",
-                                "figure.figsize": (6, 3.6), "axes.grid": True,
-                                "grid.alpha": 0.3, "axes.spines.top": False,
-                                "axes.spines.right": False})
-    import matplotlib.pyplot as plt
-
-    drawn = []
+def draw(results: Path) -> None:
+    """Draws one per family of rows that the results hold."""
     series = json.loads(results.read_text())["series"]
     for name, plot in (("files", plot_files), ("bytes", plot_bytes), ("rename", plot_rename)):
         if name not in series:
@@ -27,10 +24,8 @@ def draw(results: Path) -> list[Path]:
         figure, axes = plt.subplots(layout="constrained")
         plot(axes, series[name])
         axes.legend(frameon=False)
-        drawn.append(results.with_name(f"{name}.svg"))
-        figure.savefig(drawn[-1], metadata={"Date": None})
+        figure.savefig(results.with_name(f"{name}.svg"), metadata={"Date": None})
         plt.close(figure)
-    return drawn
 
 
 def plot_files(axes, curves: dict) -> None:
@@ -60,4 +55,4 @@ def plot_rename(axes, curves: dict) -> None:
 
 
 if __name__ == "__main__":
-    print(*draw(Path(sys.argv[1])), sep="\n")
+    draw(Path(sys.argv[1]))

@@ -2,27 +2,22 @@
 
 import os
 import re
-import select
 import signal
-import socket
 import struct
 import time
 import unittest
 from collections.abc import Callable
 from multiprocessing.util import Finalize
 from pathlib import Path
-from typing import NamedTuple
 
-from em_pair import (ACTIVE, COMMAND_SOCKET, EMS, OWN, PEERS, REPO, VOLATILE, EmPair, PairError,
-                     wait_for)
+from caller import DIAGNOSTIC, SYNC, UPDATE, Caller, Result, request
+from em_pair import ACTIVE, EMS, OWN, PEERS, REPO, VOLATILE, EmPair, wait_for
 from trees import differences, files
 
 BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
 DEADLINE = 60
 LOG_LINES = 40
-UPDATE, DIAGNOSTIC = 0, 1
-SYNC = b"\0\0"
 FAULT_EVENT = "/run/em/events/0x80000702"
 HEALTHY, FAILING = 1, 4
 EDOM = "Numerical argument out of domain"  # of injected failures
@@ -35,59 +30,6 @@ def flows(active: int, requester: int) -> list[tuple[int, str, str]]:
 
 
 FLOWS = flows(1, 1)
-
-
-class Result(NamedTuple):
-    """The record that answers an update."""
-
-    success: bool
-    local_ok: bool
-    remote_ok: bool
-    benign: bool
-    canceled: bool
-    peer_present: str
-    reason: str
-
-
-def request(source: str, destination: str) -> bytes:
-    return b"".join(os.fsencode(path) + b"\0" for path in (source, destination))
-
-
-class Caller:
-    """A connection to an EM's daemon. `message` is sent at once, the answer can be had later."""
-
-    def __init__(self, pair: EmPair, n: int, message: bytes | None = SYNC, kind: int = UPDATE):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.socket.connect(str(pair.path(n, f"/run/em/cmd.{COMMAND_SOCKET}")))
-        self.socket.settimeout(DEADLINE)
-        if message is not None:
-            self.send(message, kind)
-
-    def send(self, message: bytes = SYNC, kind: int = UPDATE) -> None:
-        self.socket.send(struct.pack("<I", kind) + message)
-
-    def answered(self) -> bool:
-        return bool(select.select([self.socket], [], [], 0)[0])
-
-    def packet(self) -> bytes:
-        """The answer; empty when the daemon hung up."""
-        try:
-            return self.socket.recv(1 << 17)
-        except ConnectionResetError:
-            return b""
-
-    def status(self) -> int | None:
-        """The status that answers anything but an update; None when the daemon hung up."""
-        packet = self.packet()
-        return struct.unpack("<I", packet)[0] if packet else None
-
-    def result(self) -> Result | None:
-        packet = self.packet()
-        if not packet:
-            return None
-        status, *flags, peer, reason = struct.unpack("<I5?3xI116s", packet)
-        assert status == 0, packet
-        return Result(*flags, chr(peer), os.fsdecode(reason.split(b"\0")[0]))
 
 
 class PairTest(unittest.TestCase):

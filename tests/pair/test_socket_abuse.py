@@ -84,5 +84,4 @@ class SocketAbuseTest(PairTest):
             lasting.send(b"fail-none", DIAGNOSTIC)
             self.assertEqual(0, lasting.status())
             self.diag(1, "stats")
-            self.doCleanups()
         lasting.socket.close()
