@@ -41,7 +41,7 @@ def plot_bytes(axes, curves: dict) -> None:
     for name, points in curves.items():
         axes.plot(*zip(*points), STYLES[name], marker="o", label=name)
     axes.set(xlabel="MiB in files of 64 MiB", ylabel="seconds", xscale="log", yscale="log",
-             title="First sync of large files")
+             title="Every chunk of large files changed")
     axes.xaxis.set_major_formatter("{x:,.0f}")
 
 
