@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -30,10 +31,6 @@ enum class LoadState { kComplete, kIncomplete, kFailed };
 // The name of the digest cache file beside a data file.
 std::string digest_name_of(const char* data_name) {
   return std::string(kDigestPrefix) + data_name;
-}
-
-bool is_digest_name(const char* name) {
-  return strncmp(name, kDigestPrefix, kPrefixLength) == 0;
 }
 
 // The path of another file in the directory of `file`. The caller frees it.
@@ -161,7 +158,17 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& dat
   return state == LoadState::kComplete;
 }
 
+// Whether to look for the digest cache file of `file`: to learn that a name is not there is the
+// dearest call of a scan, and most directories hold none. A name that gets too long is to fail.
+bool may_have_digest_file(const ScannedFile& file) {
+  return file.near_digests || strlen(file.name) + kPrefixLength > NAME_MAX;
+}
+
 }  // namespace
+
+bool is_digest_name(const char* name) {
+  return strncmp(name, kDigestPrefix, kPrefixLength) == 0;
+}
 
 char* compute_digest_path(const char* path) {
   const char* slash = strrchr(path, '/');
@@ -188,6 +195,7 @@ DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const Scanned
     delete_if_orphaned(ctx, file);
     return DigestLookup::kIsDigestFile;
   }
+  if (!may_have_digest_file(file)) return DigestLookup::kHashData;
   const std::string digest_name = digest_name_of(file.name);
   const bool exists = faccessat(file.dir_fd, digest_name.c_str(), F_OK, 0) == 0;
   if (!exists && errno == ENOENT) return DigestLookup::kHashData;

@@ -16,6 +16,9 @@ constexpr char kDigestPrefix[] = ".$SyncDigest$";
 // last component already is one. The caller frees it.
 extern "C" __attribute__((visibility("default"))) char* compute_digest_path(const char* path);
 
+// Whether a name (no path) is that of a digest cache file.
+bool is_digest_name(const char* name);
+
 // Removes the digest cache file of a data file that is about to change; a failure other than
 // ENOENT is only logged.
 void remove_digest_file(const char* path);
@@ -27,6 +30,7 @@ struct ScannedFile {
   const FileEntry* entry;  // holds its path and root
   struct stat status;      // just taken
   char tag;                // of its listing lines
+  bool near_digests;       // its directory may hold digest cache files
 };
 
 // What the scan is to do with a regular file.

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr char kTempPrefix[] = "TempUpdate_";
-constexpr int kOpenDir = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr int kOpenDir = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 struct ScannedRoot {
   uint32_t root_index;
@@ -147,19 +147,51 @@ void scan_file(const Scan& scan, const ScannedFile& file) {
   finish_digest_file(scan.ctx, file, &writer);
 }
 
-void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth);
+// A directory that is being listed.
+struct ScannedDir {
+  int fd;
+  const char* path;
+  int depth;  // 0 = a root
+  bool may_hold_digests;
+};
+
+// Leaves the directory at its first name.
+bool may_hold_digest_files(DIR* dir) {
+  errno = 0;
+  const struct dirent* name = readdir(dir);
+  while (name != nullptr && !is_digest_name(name->d_name))
+    name = readdir(dir);
+  const bool may_hold = name != nullptr || errno != 0;
+  rewinddir(dir);
+  return may_hold;
+}
+
+void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth);
+
+// Null with errno when it cannot be opened, or is none any more.
+DIR* open_subdir(const ScannedFile& subdir) {
+  const int fd = openat(subdir.dir_fd, subdir.name, kOpenDir);
+  if (fd < 0) return nullptr;
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return dir;
+}
 
 // Lists a directory that was met while listing its parent.
-void scan_subdir(const Scan& scan, const ScannedFile& dir, int depth) {
-  const int fd = depth <= kMaxScanDepth ? openat(dir.dir_fd, dir.name, kOpenDir | O_NOFOLLOW) : -1;
-  scan_dir(scan, fd, dir.entry->path, depth);
+void scan_subdir(const Scan& scan, const ScannedFile& subdir, int depth) {
+  DIR* dir = depth <= kMaxScanDepth ? open_subdir(subdir) : nullptr;
+  scan_dir(scan, dir, subdir.entry->path, depth);
 }
 
 // Lists one name of a directory.
-void scan_name(const Scan& scan, int dir_fd, const char* dir_path, int depth, const char* name) {
-  FileEntry* entry = new_file_entry(scan.root_index, dir_path, name);
-  ScannedFile file = {dir_fd, name, entry, {}, scan.tag};
-  if (fstatat(dir_fd, name, &file.status, AT_SYMLINK_NOFOLLOW) != 0) {
+void scan_name(const Scan& scan, const ScannedDir& dir, const char* name) {
+  FileEntry* entry = new_file_entry(scan.root_index, dir.path, name);
+  ScannedFile file = {dir.fd, name, entry, {}, scan.tag, dir.may_hold_digests};
+  if (fstatat(dir.fd, name, &file.status, AT_SYMLINK_NOFOLLOW) != 0) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "call to lstat failed for path (%s): %s", strerror(errno),
                         entry->path);
   } else if (S_ISREG(file.status.st_mode)) {
@@ -167,24 +199,23 @@ void scan_name(const Scan& scan, int dir_fd, const char* dir_path, int depth, co
       scan_file(scan, file);
     }
   } else if (S_ISDIR(file.status.st_mode)) {
-    scan_subdir(scan, file, depth + 1);
+    scan_subdir(scan, file, dir.depth + 1);
   }
   free_file_entry(entry);
 }
 
-// Lists the directory `path`, open as `dir_fd` (owned; negative with errno when it could not be
-// opened), and everything below it.
-void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth) {
+// Lists the directory `path`, open as `dir` (owned; null with errno when it could not be opened),
+// and everything below it.
+void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth) {
   if (depth > kMaxScanDepth) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "maximum directory depth exceeded in '%s'", path);
     return;
   }
-  DIR* dir = dir_fd >= 0 ? fdopendir(dir_fd) : nullptr;
   if (dir == nullptr) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open directory (%s): %s", strerror(errno), path);
-    if (dir_fd >= 0) close(dir_fd);
     return;
   }
+  const ScannedDir scanned = {dirfd(dir), path, depth, may_hold_digest_files(dir)};
   for (;;) {
     errno = 0;
     const struct dirent* name = readdir(dir);
@@ -197,7 +228,7 @@ void scan_dir(const Scan& scan, int dir_fd, const char* path, int depth) {
     }
     if (strcmp(name->d_name, ".") == 0 || strcmp(name->d_name, "..") == 0) continue;
     if (strncmp(name->d_name, kTempPrefix, sizeof(kTempPrefix) - 1) == 0) continue;
-    scan_name(scan, dir_fd, path, depth, name->d_name);
+    scan_name(scan, scanned, name->d_name);
   }
   CHECK_CLOSE(closedir(dir));
 }
@@ -211,7 +242,7 @@ void scan_replicated_roots(SyncContext* ctx, FileEntry** list, bool requester) {
     const Scan scan = {ctx, list, digest_context, root.root_index,
                        requester ? root.requester_tag : root.responder_tag};
     const char* path = root_paths[root.root_index];
-    scan_dir(scan, open(path, kOpenDir), path, 0);
+    scan_dir(scan, opendir(path), path, 0);
   }
   EVP_MD_CTX_free(digest_context);
 }

@@ -294,6 +294,13 @@ TEST_F(TreeScanTest, WhatCannotBeReadIsRecordedAndTheRestListed) {
     expect_listed('A', {"a/kept"}, "could not read file (Input/output error): " + path);
   }
   unlink(path.c_str());
+  // One letter more than a name may have with the prefix of its digest cache file.
+  const std::string long_name(243, 'n');
+  const std::string long_path = make_file(0, "a/" + long_name, "abc");
+  expect_listed('A', {"a/kept", "a/" + long_name},
+                "Could not determine status of digest file (File name too long): " +
+                    tree_path(0, "a/.$SyncDigest$" + long_name));
+  unlink(long_path.c_str());
   fs::remove_all(root_paths[3]);
   expect_listed(
       'A', {"a/kept"},
