@@ -13,12 +13,10 @@
 
 #include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/tree_scan.h"
 #include "tools/output.h"
 
 namespace {
-
-constexpr int kMaxDepth = 16;  // a root has depth 0
-constexpr char kTempPrefix[] = "TempUpdate_";
 
 // The walk of one tree.
 struct Walk {
@@ -119,7 +117,7 @@ void list_name(Walk* walk, int dir_fd, const char* name, const std::string& path
 
 // A link is no way into a tree, but a root itself (depth 0) may be one.
 void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& path, int depth) {
-  if (depth > kMaxDepth) return add_failure(walk, "list directory", ENAMETOOLONG, path);
+  if (depth > kMaxScanDepth) return add_failure(walk, "list directory", ENAMETOOLONG, path);
   const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (depth > 0 ? O_NOFOLLOW : 0);
   const int fd = openat(parent_fd, name, flags);
   DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;

@@ -39,8 +39,7 @@ bool relative_path_is_listable(const char* relative_path) {
   const size_t length = strlen(name);
   // A name above NAME_MAX can be left to the file system.
   const bool leaves_no_room = length <= NAME_MAX && length + prefix_length > NAME_MAX;
-  return depth <= kMaxScanDepth && !leaves_no_room &&
-         strncmp(name, kDigestPrefix, prefix_length) != 0;
+  return depth <= kMaxScanDepth && !leaves_no_room && !is_digest_name(name);
 }
 
 uint32_t root_of_path(const char* path) {

@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr char kTempPrefix[] = "TempUpdate_";
 constexpr int kOpenDir = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 struct ScannedRoot {

@@ -3,11 +3,12 @@
 
 #include "redundancy_health/catalog/file_entry.h"
 
-constexpr int kMaxScanDepth = 16;  // of directories; a root has depth 0
+constexpr int kMaxScanDepth = 16;              // of directories; a root has depth 0
+constexpr char kTempPrefix[] = "TempUpdate_";  // of names that are never replicated
 
 // Lists every regular file of the four replicated roots, chunk by chunk with SHA-1 (FIPS 180-4),
 // and pushes each chunk's entry, listing line made, at the head of `list` (empty at first). Above
-// kMaxScanDepth levels, names that begin with "TempUpdate_" and everything but regular files and
+// kMaxScanDepth levels, names that begin with kTempPrefix and everything but regular files and
 // directories are left out. `requester` chooses the tag letters of the two EMs' own trees.
 // Failures are recorded in cpg_result; the scan goes on with what it can read. The caller owns the
 // list. On sync_thread.
