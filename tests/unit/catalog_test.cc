@@ -24,8 +24,8 @@ class DigestFileTest : public DaemonTest {
     write_data(kSize, 'x', kMtime);
   }
 
-  void write_data(size_t size, char byte, time_t mtime) {
-    make_file(0, "d/data", byte == '\0' ? "" : std::string(size, byte));
+  void write_data(uint64_t size, char byte, time_t mtime) {
+    make_file(0, "d/data", byte == '\0' ? "" : std::string(static_cast<size_t>(size), byte));
     ASSERT_EQ(truncate(data_.c_str(), static_cast<off_t>(size)), 0);
     const timespec times[2] = {{mtime, 0}, {mtime, 999999999}};
     ASSERT_EQ(utimensat(AT_FDCWD, data_.c_str(), times, 0), 0);

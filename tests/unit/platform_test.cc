@@ -115,7 +115,9 @@ TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
   write_file(program, "#!/missing/interpreter\n");
   EXPECT_EQ(use_replicated_data(5, 0), 0) << "nor is one that is not executable";
   chmod(program.c_str(), 0755);
-  EXPECT_EQ(use_replicated_data(5, 0) != 0 && errno == ENOENT, kSpawnTellsFailure);
+  if (kSpawnTellsFailure) {
+    EXPECT_TRUE(use_replicated_data(5, 0) != 0 && errno == ENOENT);
+  }
   ASSERT_EQ(mkfifo("/etc/report", 0600), 0);
   ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
   // It cannot end before the report is read, so the call returns only if it does not wait.
