@@ -63,11 +63,11 @@ TEST_F(ExchangeTest, ARequesterPushesPullsDeletesAndReleases) {
 
 TEST_F(ExchangeTest, AFullQueueIsWaitedForUpToAHundredCalls) {
   for (const size_t refusals : {99u, 100u}) {
-    g_cpg.calls.clear();
+    g_cpg.mcast_calls = 0;
     g_cpg.mcast_results.assign(refusals, CS_ERR_TRY_AGAIN);
     reset_cpg_result(ctx);
     send_cpg_command(ctx, MSG_LOCK_REQ, 0, nullptr, nullptr, 0);
-    EXPECT_EQ(g_cpg.calls["cpg_mcast_joined"], refusals == 99 ? 100 : 101) << "and the release";
+    EXPECT_EQ(g_cpg.mcast_calls, refusals == 99 ? 100 : 101) << "and the release";
     EXPECT_STREQ(ctx->cpg_result.reason,
                  refusals == 99 ? "" : "Call to cpg_mcast_joined failed with code 6");
   }
@@ -75,7 +75,7 @@ TEST_F(ExchangeTest, AFullQueueIsWaitedForUpToAHundredCalls) {
 
 TEST_F(ExchangeTest, AFailedSendNeverHidesAnEarlierErrorNorFailsTheReleaseTwice) {
   for (const bool injected : {false, true}) {
-    g_cpg.calls.clear();
+    g_cpg.mcast_calls = 0;
     g_cpg.mcast_results = {CS_ERR_LIBRARY};
     g_diag_params.cpg_send_fail = injected;
     ctx->rpc_stage = RPC_PENDING;
@@ -83,7 +83,7 @@ TEST_F(ExchangeTest, AFailedSendNeverHidesAnEarlierErrorNorFailsTheReleaseTwice)
     send_cpg_command(ctx, MSG_UPDATE_REQ, 0, nullptr, nullptr, 0);
     EXPECT_STREQ(ctx->rpc_result.reason,
                  injected ? "Call to cpg_mcast_joined failed with code 21" : "first");
-    EXPECT_EQ(g_cpg.calls["cpg_mcast_joined"], injected ? 0 : 2);
+    EXPECT_EQ(g_cpg.mcast_calls, injected ? 0 : 2);
     EXPECT_EQ(ctx->cur_state, ST_DONE);
   }
   g_diag_params.cpg_send_fail = 0;

@@ -43,7 +43,7 @@ TEST_F(SyncThreadTest, JoinsTheGroupAndLeavesItInTheEnd) {
   ctx->update_queue = new_file_entry(0, root_paths[0], "left");
   run(1);
   EXPECT_EQ(g_cpg.joined_group, "em-sync");
-  EXPECT_EQ(g_cpg.calls["cpg_finalize"], 1);
+  EXPECT_TRUE(g_cpg.finalized);
   EXPECT_EQ(ctx->update_queue, nullptr);
 }
 
