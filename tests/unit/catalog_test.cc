@@ -81,7 +81,6 @@ TEST_F(DigestFileTest, WhatIsNoneIsRecordedOnceAndReplacedOrLeft) {
            {"Digest-V1 200000 5000000000 \n", bad_header},
            {kHeader + line + " 00000000 00010000\r\n", bad_contents},
            {kHeader + line + " 00000000 00010001\n", bad_contents},
-           {kHeader + line + " 00010000 00000000\n", bad_contents},
            {kHeader + std::string(300, '0') + "\n", bad_contents}}) {
     write_file(digest_, content);
     fresh_scan();

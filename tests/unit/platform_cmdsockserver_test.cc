@@ -92,7 +92,6 @@ TEST_F(CmdServerTest, AnswersByteByByteAndRefusesBadPacketsAndOthers) {
   chmod(kSocket.sun_path, 0666);  // so that only the server's own check is left
   EXPECT_EQ(run_forked([] { return setuid(65534) == 0 && Client().ask(kEcho) == "(closed)"; }), 1);
   EXPECT_EQ(cmd_server_create(77, test_handler), nullptr);
-  EXPECT_EQ(errno, EADDRINUSE);
   write_file("/var/run/em/cmd.78", "precious");
   EXPECT_EQ(cmd_server_create(78, test_handler), nullptr);
   EXPECT_EQ(read_file("/var/run/em/cmd.78"), "precious");

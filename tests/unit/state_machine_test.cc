@@ -121,15 +121,15 @@ TEST_F(StateMachineTest, ARequestStartsAnExchangeOnlyWhenOneIsPending) {
       {RPC_COMPLETE, "fails: Unexpected RPC monitor state 'RPC_COMPLETE'", RPC_COMPLETE},
   };
   for (const auto& row : rows) {
-    for (uint32_t state = ST_UNLOCKED; state <= kInvalidState; ++state) {
-      enter(state, row.stage);
-      storage_cfg_set_result(&ctx->cpg_result, 34, "old");
-      event(ON_SYNC_REQ);
-      EXPECT_EQ(outcome(), state == ST_UNLOCKED ? row.outcome : sync_state_name(state));
-      EXPECT_EQ(+ctx->rpc_stage, state == ST_UNLOCKED ? row.stage_after : row.stage);
-      EXPECT_EQ(ctx->state_time == kLongAgo, state != ST_UNLOCKED);
-      EXPECT_EQ(ctx->cpg_result.success, state == ST_UNLOCKED && ctx->cur_state == ST_LOCKREQ);
-    }
+    enter(ST_UNLOCKED, row.stage);
+    storage_cfg_set_result(&ctx->cpg_result, 34, "old");
+    event(ON_SYNC_REQ);
+    EXPECT_EQ(outcome(), row.outcome);
+    EXPECT_EQ(+ctx->rpc_stage, row.stage_after);
+    EXPECT_NE(ctx->state_time, kLongAgo);
+    EXPECT_EQ(ctx->cpg_result.success, ctx->cur_state == ST_LOCKREQ);
+    event(ON_SYNC_REQ);  // does nothing in another state
+    EXPECT_EQ(outcome(), row.outcome);
   }
   EXPECT_EQ(stats.n_syncs_from_self, 3u);
 }
@@ -152,7 +152,6 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
       {ST_DONE, 0x0B, "ST_DONE", false, true},                // not after a failure
       {ST_DONE, 0x0B, "ST_DONE", false, false, RPC_PENDING},  // that one will do
       {ST_PEERLOCK, 0x0B, kFails, false},
-      {ST_LISTREQ, 0x0B, kFails, false},
       {ST_UPDATE, 0x0B, kFails, false},
   };
   for (const bool active : {false, true}) {
@@ -230,8 +229,6 @@ TEST_F(StateMachineTest, ThePeersFailureBecomesTheOutcomeAndOnesOwnWaitsForTheTi
   message(MSG_UPDATE_ACK, false, 7, 3, PUSH_ACK, &result);
   EXPECT_EQ(outcome(), "fails: " + std::string(115, 'x'));
   EXPECT_EQ(ctx->rpc_result.reason, std::string(115, 'x'));
-  EXPECT_EQ(ctx->rpc_result.success + ctx->rpc_result.remote_ok, 0);
-  EXPECT_EQ(ctx->rpc_result.local_ok, 1);
 
   make_file(0, "gone/below", "x");  // a directory cannot be unlinked
   enter(ST_PEERLOCK);

@@ -53,10 +53,8 @@ TEST_F(SyncThreadDeathTest, EndsTheProcessWhenItCannotStartOrGoOn) {
                  prepare();
                  sync_thread_fn(ctx));
   };
-  expect_fatal("cpg_join failed with result 14", [] { g_cpg.join_results = {CS_ERR_EXIST}; });
   expect_fatal("cpg_join failed with result 6",
                [] { g_cpg.join_results = std::deque<cs_error_t>(100, CS_ERR_TRY_AGAIN); });
-  expect_fatal("cpg_dispatch failed: 2", [] { g_cpg.on_dispatch = [] { return CS_ERR_LIBRARY; }; });
   expect_fatal("CPG connection lost", [] {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
