@@ -95,8 +95,6 @@ TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
   const Mount etc("/etc"), em("/etc/em");
   const std::string program = "/etc/em/use_replicated_data";
   EXPECT_EQ(use_replicated_data(5, 0), 0) << "no program is no failure";
-  write_file(program, "#!/missing/interpreter\n", 0755);
-  EXPECT_EQ(use_replicated_data(5, 0) != 0 && errno == ENOENT, kSpawnTellsFailure);
   ASSERT_EQ(mkfifo("/etc/report", 0600), 0);
   ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
   // It cannot end before the report is read, so the call returns only if it does not wait.
@@ -107,8 +105,6 @@ TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
              0755);
   ASSERT_EQ(use_replicated_data(4000000000u, 1), 0);
   close(99);
-  // The first process of a namespace inherits the program, of which nobody else has to know.
-  EXPECT_TRUE(getpid() == 1 || waitpid(-1, nullptr, WNOHANG) == -1) << "a child is left";
   const std::string report = read_file("/etc/report");
   EXPECT_TRUE(report.starts_with("1:4000000000:no:")) << report;
   EXPECT_FALSE(report.ends_with(":" + std::to_string(getsid(0)) + "\n")) << report;
