@@ -197,11 +197,8 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
             "active/a/full: the content differs\nem1/secret: the mode differs\n"
             "em2/new\\x0aline: only here\nem2/new\\x5cx0aline: only here\n"
             "volatile/with blanks : only there\n5 files differ\n");
-  for (const std::string& broken : {std::string(), list.substr(0, list.rfind("end of")),
-                                    list.substr(0, list.rfind(' ')) + " 1\n"}) {
-    write_file("/mnt/list", broken);
-    EXPECT_EQ(run("verify --against list"), 3) << broken;
-  }
+  write_file("/mnt/list", list.substr(0, list.rfind(' ')) + " 1\n");
+  EXPECT_EQ(run("verify --against list"), 3) << "not the whole list";
   fs::create_directories(tree_path(1, "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/too deep"));
   EXPECT_EQ(run("verify"), 3) << "not all of the trees can be read";
 }

@@ -152,7 +152,6 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
       {ST_DONE, 0x0B, "ST_DONE", false, true},                // not after a failure
       {ST_DONE, 0x0B, "ST_DONE", false, false, RPC_PENDING},  // that one will do
       {ST_PEERLOCK, 0x0B, kFails, false},
-      {ST_UPDATE, 0x0B, kFails, false},
   };
   for (const bool active : {false, true}) {
     set_active(active);
