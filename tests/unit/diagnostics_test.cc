@@ -34,6 +34,8 @@ TEST_F(DiagnosticsTest, EachCommandChangesItsSettingAndWhatIsNoneNothing) {
       {"fail-rename=/d", "001 0 500 /a,/b=c,/c,/d"},
       {"fail-scan=" + a150, "001 0 500 " + a150.substr(0, 99) + ",/b=c,/c,/d"},
       {"fail-scan=/x", "001 0 500 /x,/b=c,/c,/d"},
+      {"cpg-send-fail", "101 0 500 /x,/b=c,/c,/d"},
+      {"statemachine-stuck", "111 0 500 /x,/b=c,/c,/d"},
       {std::string("fail-none\0more", 14), "001 0 500 ,,,"},
       {"flight-rec=resume", "000 0 500 ,,,"},
       {"flight-rec=4000", "000 0 4000 ,,,"},
