@@ -167,7 +167,8 @@ TEST_F(SyncThreadTest, TellsThisProcessFromEveryOther) {
 }
 
 TEST_F(SyncThreadTest, AConfigurationChangeReportsDeparturesBeforeJoins) {
-  const cpg_address both[] = {{1, static_cast<uint32_t>(getpid()), 0}, {2, 4711, 0}};
+  const auto pid = static_cast<uint32_t>(getpid());  // the peer may have the same
+  const cpg_address both[] = {{1, pid, 0}, {2, pid, 0}};
   cpg_name group = {7, ""};
   memset(group.value, 'g', sizeof(group.value));  // not terminated
   ctx->cur_state = ST_UPDATE;
