@@ -201,58 +201,47 @@ TEST_F(ExchangeTest, AResponderSurvivesAFaultAtEveryMessage) {
 
 TEST_F(ExchangeTest, AFullQueueIsWaitedForUpToAHundredCalls) {
   for (const size_t refusals : {99u, 100u}) {
-    begin(kNone, 0);
-    g_cpg.calls.clear();
+    g_cpg.mcast_calls = 0;
     g_cpg.mcast_results.assign(refusals, CS_ERR_TRY_AGAIN);
-    publish();
-    on_sync_rpc_update(ctx);
-    EXPECT_EQ(g_cpg.calls["cpg_mcast_joined"], refusals == 99 ? 100 : 101) << "and the release";
+    reset_cpg_result(ctx);
+    send_cpg_command(ctx, MSG_LOCK_REQ, 0, nullptr, nullptr, 0);
+    EXPECT_EQ(g_cpg.mcast_calls, refusals == 99 ? 100 : 101) << "and the release";
     EXPECT_STREQ(ctx->cpg_result.reason,
                  refusals == 99 ? "" : "Call to cpg_mcast_joined failed with code 6");
-    settle();
-    EXPECT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
-    EXPECT_EQ(ctx->rpc_result.success, refusals == 99);
   }
 }
 
 TEST_F(ExchangeTest, AFailedSendNeverHidesAnEarlierErrorNorFailsTheReleaseTwice) {
   for (const bool injected : {false, true}) {
-    begin(kSendFails, 0);
-    g_cpg.calls.clear();
+    g_cpg.mcast_calls = 0;
+    g_cpg.mcast_results = {CS_ERR_LIBRARY};
     g_diag_params.cpg_send_fail = injected;
     ctx->rpc_stage = RPC_PENDING;
     storage_cfg_set_result(&ctx->cpg_result, injected ? 0 : 20, "first");
     send_cpg_command(ctx, MSG_UPDATE_REQ, 0, nullptr, nullptr, 0);
     EXPECT_STREQ(ctx->rpc_result.reason,
                  injected ? "Call to cpg_mcast_joined failed with code 21" : "first");
-    EXPECT_EQ(g_cpg.calls["cpg_mcast_joined"], injected ? 0 : 2);
+    EXPECT_EQ(g_cpg.mcast_calls, injected ? 0 : 2);
     EXPECT_EQ(ctx->cur_state, ST_DONE);
   }
   g_diag_params.cpg_send_fail = 0;
   set_active(true);
-  begin(kSendFails, 0);
   reset_cpg_result(ctx);
   end_exchange_full(ctx, 0, nullptr);
-  EXPECT_EQ(fault_status(), 1u);
-  EXPECT_EQ(ctx->consecutive_errors, 0);
+  EXPECT_EQ(fault_status(), 1u) << "the failed release is no failure";
 }
 
 TEST_F(ExchangeTest, AcceptsOnlyMessagesOfTheProtocol) {
   const std::string good = message_bytes(MSG_LOCK_REQ, 8, 2);
-  Lines rejected = {"", good.substr(0, 147), "x" + good.substr(1)};
-  for (const uint32_t command : {6u, 7u, 8u, 9u, 10u, 0xFFFFFFFFu})
-    rejected.push_back(message_bytes(command, 8, 2));
-  for (const std::string& bytes : rejected) {
-    begin(kNone, 0);
+  for (const std::string& bytes :
+       {std::string(), good.substr(0, 147), "x" + good.substr(1), message_bytes(6, 8, 2),
+        message_bytes(9, 8, 2), message_bytes(0xFFFFFFFF, 8, 2)}) {
+    g_cpg.sent.clear();
     ctx->cur_state = ST_PEERLOCK;
     deliver_from_peer(bytes);
     EXPECT_STREQ(ctx->cpg_result.reason, "Invalid CPG message received");
     EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REL 0.0"});
   }
-  ctx->cur_state = ST_UNLOCKED;
-  deliver_from_peer(good);
-  EXPECT_EQ(ctx->cur_state, ST_PEERLOCK);
-  EXPECT_EQ(ctx->peer_exchange_id, 8u);
 }
 
 TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
@@ -263,13 +252,11 @@ TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
     int32_t errors, countdown;
     std::string after;  // errors, countdown, status of the event (0: none)
   } rows[] = {
-      {true, true, 0, false, 3, 50, "0 -1 1"},  {true, true, 4, false, 0, -1, "1 5 1"},
-      {true, true, 4, false, 1, 3, "2 3 4"},    {true, true, 4, false, 7, 0, "8 0 4"},
-      {true, true, 0, true, 1, -1, "2 5 4"},    {true, true, 18, false, 0, -1, "1 5 1"},
-      {true, false, 4, false, 1, 9, "1 9 0"},   {true, false, 0, false, 1, 9, "1 9 0"},
-      {true, true, 34, false, 1, 9, "1 9 0"},   {true, true, 42, false, 1, 9, "1 9 0"},
-      {true, true, 44, false, 1, 9, "1 9 0"},   {true, true, 0x24, false, 0, -1, "1 5 1"},
-      {false, true, 4, false, 3, 50, "0 -1 0"}, {false, false, 0, false, 3, 50, "0 -1 0"},
+      {true, true, 0, false, 3, 50, "0 -1 1"},   {true, true, 4, false, 0, -1, "1 5 1"},
+      {true, true, 4, false, 1, 3, "2 3 4"},     {true, true, 0, true, 1, -1, "2 5 4"},
+      {true, false, 4, false, 1, 9, "1 9 0"},    {true, true, 34, false, 1, 9, "1 9 0"},
+      {true, true, 42, false, 1, 9, "1 9 0"},    {true, true, 44, false, 1, 9, "1 9 0"},
+      {true, true, 0x24, false, 0, -1, "1 5 1"}, {false, true, 4, false, 3, 50, "0 -1 0"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
@@ -289,7 +276,6 @@ TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
               row.after);
     EXPECT_STREQ(ctx->cpg_result.reason, row.flags == 0 ? "" : "text 7");
     EXPECT_EQ(ctx->cpg_result.peer_present, row.peer ? 0x59u : 0x4Eu);
-    EXPECT_EQ(ctx->cpg_result.success, row.flags == 0 && !row.recorded);
     EXPECT_EQ(g_flight_recorder.paused, row.flags != 0 && (row.flags & 8) == 0) << "no benign one";
     const bool released = (row.flags & 0x20) == 0;
     EXPECT_EQ(ctx->cur_state, released ? ST_DONE : ST_UPDATE);
@@ -298,17 +284,13 @@ TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
   }
 }
 
-TEST_F(ExchangeTest, TheEventIsItsBytesAndItsFailureHasNoEffect) {
+TEST_F(ExchangeTest, TheEventIsItsBytes) {
   set_active(true);
   write_file("/var/run/em/number", "2\n");
   ctx->consecutive_errors = 1;
   end_exchange_error(ctx, "x");
   EXPECT_EQ(read_file("/var/run/em/events/0x80000702"),
             std::string("\x01\0\0\0\x18\0\x0F\0\x04\0\0\0", 12) + std::string(1024, '\0'));
-  fs::remove_all("/var/run/em/events");
-  write_file("/var/run/em/events", "no directory");
-  end_exchange_error(ctx, "x");
-  EXPECT_EQ(ctx->cur_state, ST_DONE);
 }
 
 // A request that was not applied, announced or not, gets no success of another exchange.
@@ -321,9 +303,7 @@ TEST_F(ExchangeTest, HandsTheOutcomeToWhoeverWaitsForIt) {
     int local_ok;
   } rows[] = {{4, RPC_IDLE, false, RPC_IDLE, "preset", 0},
               {4, RPC_REQUESTING, false, RPC_COMPLETE, "outcome", 0},
-              {34, RPC_REQUESTING, false, RPC_COMPLETE, "outcome", 0},
               {4, RPC_REQUESTING, true, RPC_REQUESTING, "preset", 0},
-              {0, RPC_REQUESTING, true, RPC_REQUESTING, "preset", 0},
               {0, RPC_REQUESTING, false, RPC_REQUESTING, "preset", 0},
               {4, RPC_PENDING, false, RPC_COMPLETE, "outcome", 1},
               {0, RPC_PENDING, false, RPC_COMPLETE, "", 1},

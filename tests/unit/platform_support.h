@@ -24,12 +24,6 @@
 #include <utility>
 #include <vector>
 
-#ifdef CSD_SPAWN_TELLS_NO_FAILURE
-constexpr bool kSpawnTellsFailure = false;
-#else
-constexpr bool kSpawnTellsFailure = true;
-#endif
-
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 

@@ -5,7 +5,6 @@
 
 #include <deque>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -20,16 +19,14 @@ struct SentMessage {
 };
 
 struct ScriptedCpg {
-  std::vector<SentMessage> sent;            // accepted multicasts, in order
-  std::deque<cs_error_t> mcast_results;     // answers of the next cpg_mcast_joined calls
-  std::deque<cs_error_t> join_results;      // answers of the next cpg_join calls
-  std::map<std::string, cs_error_t> fails;  // answers of the other calls, by name
-  std::map<std::string, int> calls;         // of cpg_join, cpg_mcast_joined, cpg_finalize
-  uint32_t nodeid = 1;
+  std::vector<SentMessage> sent;         // accepted multicasts, in order
+  std::deque<cs_error_t> mcast_results;  // answers of the next cpg_mcast_joined calls
+  std::deque<cs_error_t> join_results;   // answers of the next cpg_join calls
+  int mcast_calls = 0;
+  bool finalized = false;
   int fd = -1;                              // given out by cpg_fd_get
   std::function<cs_error_t()> on_dispatch;  // body of cpg_dispatch; none: CS_OK
   std::string joined_group;                 // the name's bytes, by its length field
-  cpg_model_v1_data_t model = {};           // given to cpg_model_initialize
   void* context = nullptr;                  // cpg_context_set / cpg_context_get
 };
 

@@ -1,6 +1,3 @@
-#include <sstream>
-#include <tuple>
-
 #include "redundancy_health/transfer/incoming.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "tests/unit/daemon_support.h"
@@ -37,14 +34,6 @@ class TransferTest : public DaemonTest {
     EXPECT_EQ(memcmp(&result, &ctx->cpg_result, sizeof(RpcResult)), 0);
   }
 
-  // Has a file of root 0 deleted.
-  void expect_deletion(const std::string& path, const std::string& error) {
-    receive(update(PUSH_DEL_REQ, 0, path, 0, 3, 7));
-    expect_answer(
-        update(PUSH_DEL_ACK, 0, path, 0, 0, 0),
-        error.empty() ? "" : "Unable to delete file (" + error + "): " + tree_path(0, path));
-  }
-
   // A push of a whole file.
   static std::string push(uint32_t root, const std::string& path, const std::string& data) {
     const auto size = static_cast<uint32_t>(data.size());
@@ -66,32 +55,31 @@ TEST_F(TransferTest, MalformedMessagesEndTheExchangeAndTouchNothing) {
   const std::string kept = make_file(0, "kept", "kept"), outside = "/mnt/part.persistent/outside";
   write_file(outside, "kept");
   const std::string whole = update(PUSH_DEL_REQ, 0, "kept", 0, 0, 0);
-  Lines malformed = {"", std::string(32, '\0'), whole.substr(0, whole.size() - 1),
-                     update(PUSH_DEL_REQ, 4, "kept", 0, 0, 0),
-                     update(PULL_REQ, 0xFFFFFFFF, "kept", 1, 0, 0)};
+  const std::string malformed = "Received malformed UPDATE_REQ message";
+  const std::string too_large = "Chunk size in request header too large";
+  std::vector<std::pair<std::string, std::string>> cases = {
+      {"", malformed},
+      {std::string(32, '\0'), malformed},
+      {whole.substr(0, whole.size() - 1), malformed},
+      {update(PUSH_DEL_REQ, 4, "kept", 0, 0, 0), malformed},
+      {update(PULL_REQ, 0, "kept", 0, 65537, 0), too_large},
+      {update(PUSH_DEL_REQ, 0, "kept", 1, 0, 0), too_large},
+      {update(PUSH_REQ, 0, "kept", 0xFFFFFFFF, 0xFFFF, 0), too_large}};
   // Outside, or where no later scan could list it.
   for (const std::string& path :
        {outside, std::string("../outside"), std::string("d/../../outside"),
         std::string(".$SyncDigest$kept"), "d/" + std::string(243, 'n'),
         std::string("1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/h/f"), std::string(" \n"), std::string("\t/f"),
         std::string(" ../f")}) {
-    malformed.push_back(push(0, path, "x"));
-    malformed.push_back(update(PULL_REQ, 0, path, 0, 4, 4));
+    cases.emplace_back(push(0, path, "x"), malformed);
+    cases.emplace_back(update(PULL_REQ, 0, path, 0, 4, 4), malformed);
   }
-  const std::pair<const char*, Lines> cases[] = {
-      {"Received malformed UPDATE_REQ message", malformed},
-      {"Chunk size in request header too large",
-       {update(PULL_REQ, 0, "kept", 0, 65537, 0), update(PUSH_DEL_REQ, 0, "kept", 1, 0, 0),
-        update(PUSH_REQ, 0, "kept", 0xFFFFFFFF, 0xFFFF, 0)}},
-  };
-  for (const auto& [reason, payloads] : cases) {
-    for (const std::string& payload : payloads) {
-      receive(payload);
-      EXPECT_STREQ(ctx->cpg_result.reason, reason);
-      EXPECT_EQ(sent_messages(), Lines({"MSG_LOCK_REL 17.0"})) << testing::PrintToString(payload);
-    }
+  for (const auto& [payload, reason] : cases) {
+    receive(payload);
+    EXPECT_EQ(ctx->cpg_result.reason, reason);
+    EXPECT_EQ(sent_messages(), Lines({"MSG_LOCK_REL 17.0"})) << testing::PrintToString(payload);
   }
-  for (const uint32_t type : {3u, 5u, 6u, 7u, 0xFFFFFFFFu}) {
+  for (const uint32_t type : {3u, 5u, 6u, 0xFFFFFFFFu}) {
     receive(update(type, 0, "kept", 0, 1, 1, "x"));
     EXPECT_EQ(g_cpg.sent.size(), 0u) << "another type does nothing: " << type;
   }
@@ -100,7 +88,6 @@ TEST_F(TransferTest, MalformedMessagesEndTheExchangeAndTouchNothing) {
 }
 
 TEST_F(TransferTest, PushedFilesAndChunks) {
-  const std::string zeros(16, '\0');
   const std::string edge = "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/" + std::string(242, 'n');
   const struct {
     uint32_t root;  // the sender's
@@ -113,14 +100,13 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
   } cases[] = {
       {1, 2, "f", "old content", push(1, "f", "data"), "data", 0644},
       {2, 1, "f", "old", update(PUSH_REQ, 2, "f", 0, 1, 1, "x", kRestricted), "x", 0600},
-      {3, 3, "f", "old", push(3, "f", ""), "", 0644},
       {0, 0, edge, nullptr, push(0, edge, "x"), "x", 0644},
       // From here on chunks that are not the whole file.
       {0, 0, "n/f", nullptr, update(PUSH_REQ, 0, "n/f", 0, 3, 4, "abc", kRestricted),
-       "abc" + zeros.substr(0, 1), 0600},
+       std::string("abc\0", 4), 0600},
       {0, 0, "f", "abcdefghij", update(PUSH_REQ, 0, "f", 3, 5, 6, "XY"), "abcXYf", 0640},
-      {0, 0, "f", "abcdefghij", update(PUSH_REQ, 0, "f", 4, 4, 4), "abcd", 0640},
-      {0, 0, "g", nullptr, update(PUSH_REQ, 0, "g", 16, 17, 2, "xyz"), zeros + "xyz", 0644},
+      {0, 0, "g", nullptr, update(PUSH_REQ, 0, "g", 2, 3, 2, "xyz"), std::string("\0\0xyz", 5),
+       0644},
   };
   for (const auto& c : cases) {
     if (c.existing != nullptr) make_file(c.local_root, c.path, c.existing, 0640);
@@ -136,20 +122,12 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
   EXPECT_EQ(stats.n_chunk_writes_from_peer, std::size(cases));
 }
 
-TEST_F(TransferTest, OffsetsHave32Bits) {
-  for (const uint32_t begin : {0x7FFFFFFEu, 0xBFFFFFFCu, 0xFFFFFFFBu}) {
-    receive(update(PUSH_REQ, 0, "f", begin, begin + 4, begin + 4, "tail"));
-    receive(update(PULL_REQ, 0, "f", begin, begin + 4, 5));
-    expect_answer(update(PULL_ACK, 0, "f", begin, begin + 4, begin + 4, "tail"));
-  }
-}
-
 TEST_F(TransferTest, WhatCannotBeWrittenIsAnsweredWithTheFailure) {
   const std::string f = make_file(0, "f", "kept"), outside = make_file(1, "outside", "kept");
   strcpy(g_diag_params.fail_write_path, f.c_str());
   make_file(0, "real/f", "kept");
-  ASSERT_EQ(symlink("real", tree_path(0, "dirlink").c_str()), 0);
-  ASSERT_EQ(symlink(outside.c_str(), tree_path(0, "link").c_str()), 0);
+  fs::create_symlink("real", tree_path(0, "dirlink"));
+  fs::create_symlink(outside, tree_path(0, "link"));
   ASSERT_EQ(mkfifo(tree_path(0, "fifo").c_str(), 0644), 0);
   const std::string loop = "Too many levels of symbolic links";
   for (const auto& [path, payload, error] : std::vector<std::array<std::string, 3>>{
@@ -158,10 +136,8 @@ TEST_F(TransferTest, WhatCannotBeWrittenIsAnsweredWithTheFailure) {
            {"dirlink/new/f", update(PUSH_REQ, 0, "dirlink/new/f", 1, 2, 9, "x"), loop},
            {"link", update(PUSH_REQ, 0, "link", 1, 2, 9, "x"), loop},
            {"fifo", update(PUSH_REQ, 0, "fifo", 1, 2, 9, "x"), "No such device or address"},
-           {"fifo/f", push(0, "fifo/f", "data"), "Not a directory"},
            {"", push(0, "", "data"), "Invalid argument"},
            {"real/.", push(0, "real/.", "data"), "Device or resource busy"},
-           {"real/", update(PUSH_REQ, 0, "real/", 1, 2, 9, "x"), "Is a directory"},
            {"big", update(PUSH_REQ, 0, "big", 0xFFFFFFFE, 0xFFFFFFFF, 9, "xy"), "File too large"},
        }) {
     receive(payload);
@@ -169,16 +145,20 @@ TEST_F(TransferTest, WhatCannotBeWrittenIsAnsweredWithTheFailure) {
                   "Unable to update file (" + error + "): " + tree_path(0, path));
   }
   EXPECT_EQ(stats.n_chunk_writes_from_peer, 0u);
-  EXPECT_EQ(read_file(f), "kept");
   receive(push(0, "link", "replaced"));
   EXPECT_EQ(read_file(tree_path(0, "link")), "replaced") << "the link itself is replaced";
-  EXPECT_EQ(read_file(outside) + read_file(tree_path(0, "real/f")), "keptkept");
+  EXPECT_EQ(read_file(f) + read_file(outside) + read_file(tree_path(0, "real/f")), "keptkeptkept");
 }
 
 TEST_F(TransferTest, PullsAndTheirAnswers) {
   make_file(1, "f", "0123456789", 0600);
   receive(update(PULL_REQ, 2, "f", 8, 10, 5));
   expect_answer(update(PULL_ACK, 1, "f", 8, 10, 10, "89", kRestricted));
+  for (const uint32_t begin : {0x7FFFFFFEu, 0xFFFFFFFBu}) {  // offsets have 32 bits
+    receive(update(PUSH_REQ, 0, "f", begin, begin + 4, begin + 4, "tail"));
+    receive(update(PULL_REQ, 0, "f", begin, begin + 4, 5));
+    expect_answer(update(PULL_ACK, 0, "f", begin, begin + 4, begin + 4, "tail"));
+  }
   const std::string path = tree_path(2, "d/f");
   receive(update(PULL_ACK, 1, "d/f", 0, 4, 4, "data"));
   receive(update(PULL_ACK, 1, "d/f", 0, 4, 4, std::string(4, '\0'), kNoData));
@@ -196,22 +176,27 @@ TEST_F(TransferTest, PullsAndTheirAnswers) {
 TEST_F(TransferTest, DeletionsAndChangesOfKind) {
   make_file(0, "d/f", "x");
   make_file(0, "real/f", "kept");
-  ASSERT_EQ(symlink("real", tree_path(0, "dirlink").c_str()), 0);
-  ASSERT_EQ(symlink("real/f", tree_path(0, "link").c_str()), 0);
-  for (const char* path : {"d/f", "d/f", "gone/f", "link"}) {
-    expect_deletion(path, "");
-    EXPECT_FALSE(exists(tree_path(0, path)));
-  }
-  expect_deletion("dirlink/f", "Too many levels of symbolic links");
-  receive(update(PUSH_DEL_REQ, 0, "", 0, 0, 0));  // 33 bytes: the root itself
   make_file(0, "was dir/deep/f", "old");
-  ASSERT_EQ(symlink("../real", tree_path(0, "was dir/link").c_str()), 0);
   make_file(0, "was file", "old");
+  fs::create_symlink("real", tree_path(0, "dirlink"));
+  fs::create_symlink("real/f", tree_path(0, "link"));
+  fs::create_symlink("../real", tree_path(0, "was dir/link"));
   receive(push(0, "was dir", "new"));
   receive(push(0, "was file/d/f", "new"));
-  expect_answer(update(PUSH_ACK, 0, "was file/d/f", 0, 0, 0));
-  expect_deletion("was dir/deep/f", "Not a directory");
-  expect_deletion("was file", "Is a directory");
+  for (const auto& [path, error] : {std::pair("d/f", ""),
+                                    {"d/f", ""},
+                                    {"gone/f", ""},
+                                    {"link", ""},
+                                    {"dirlink/f", "Too many levels of symbolic links"},
+                                    {"was dir/deep/f", "Not a directory"},
+                                    {"was file", "Is a directory"}}) {
+    receive(update(PUSH_DEL_REQ, 0, path, 0, 3, 7));
+    expect_answer(update(PUSH_DEL_ACK, 0, path, 0, 0, 0),
+                  *error == '\0' ? ""
+                                 : std::string("Unable to delete file (") + error +
+                                       "): " + tree_path(0, path));
+  }
+  EXPECT_FALSE(exists(tree_path(0, "d/f")) || exists(tree_path(0, "link")));
   EXPECT_EQ(read_file(tree_path(0, "was dir")) + read_file(tree_path(0, "was file/d/f")), "newnew");
   EXPECT_TRUE(exists(tree_path(0, "real/f")));
 }
@@ -220,23 +205,22 @@ TEST_F(TransferTest, KnownFilesAreAnnounced) {
   const Mount etc("/etc"), em("/etc/em");
   ASSERT_EQ(mkfifo("/etc/announced", 0600), 0);
   write_file("/etc/em/use_replicated_data", "#!/bin/sh\necho $# $1 > /etc/announced\n", 0755);
-  std::istringstream names(
-      "maint_pass maint_shell ip_addr_config.json device_counts dhcpv4_data.json - "
-      "dhcpv6_data.json - slaac_data.json - shadow shadow+ passwd passwd+");
   Lines expected;
-  std::string name;
-  for (int id = 0; names >> name; ++id) {
-    if (name == "-") continue;
+  int id = 0;
+  for (const std::string name :
+       {"maint_pass", "maint_shell", "ip_addr_config.json", "device_counts", "dhcpv4_data.json", "",
+        "dhcpv6_data.json", "", "slaac_data.json", "", "shadow", "shadow+", "passwd", "passwd+"}) {
+    const std::string announced = "1 " + std::to_string(id++) + "\n";
+    if (name.empty()) continue;
     receive(push(1, name, "data"));
     expected.push_back(name);
     expected.push_back("Initiated processing of updated file " + tree_path(2, name));
     ASSERT_EQ(logged(6), expected);
-    EXPECT_EQ(read_file("/etc/announced"), "1 " + std::to_string(id) + "\n") << name;
+    EXPECT_EQ(read_file("/etc/announced"), announced) << name;
   }
-  for (const char* other : {"INVALID", "d/shadow"}) {
-    receive(push(0, other, "data"));
-    expected.push_back(other);
-  }
+  receive(push(1, "INVALID", "data"));
+  receive(push(1, "d/shadow", "data"));
+  expected.insert(expected.end(), {"INVALID", "d/shadow"});
   receive(push(2, "shadow", "this EM's own"));
   receive(update(PUSH_REQ, 0, "shadow", 0, 1, 9, "x"));
   EXPECT_EQ(logged(6), expected) << "a chunk is not the whole file";
@@ -245,9 +229,8 @@ TEST_F(TransferTest, KnownFilesAreAnnounced) {
 TEST_F(TransferTest, WhatCannotBeReadIsSentWithoutData) {
   make_file(2, "f", "0123456789", 0600);
   make_file(2, "d/f", "0123456789");
-  ASSERT_EQ(symlink("d/f", tree_path(2, "link").c_str()), 0);
-  ASSERT_EQ(symlink("d", tree_path(2, "dirlink").c_str()), 0);
-  ASSERT_EQ(mkfifo(tree_path(2, "fifo").c_str(), 0644), 0);
+  fs::create_symlink("d/f", tree_path(2, "link"));
+  fs::create_symlink("d", tree_path(2, "dirlink"));
   strcpy(g_diag_params.fail_read_path, make_file(2, "injected", "0123456789").c_str());
   ASSERT_EQ(truncate(make_file(2, "huge", "").c_str(), off_t{5} << 30), 0);
   for (const auto& [path, error] : {std::pair("gone", "No such file or directory"),
@@ -256,8 +239,7 @@ TEST_F(TransferTest, WhatCannotBeReadIsSentWithoutData) {
                                     {"f", "No data available"},
                                     {"d", "Is a directory"},
                                     {"link", "Too many levels of symbolic links"},
-                                    {"dirlink/f", "Too many levels of symbolic links"},
-                                    {"fifo", "Illegal seek"}}) {
+                                    {"dirlink/f", "Too many levels of symbolic links"}}) {
     for (const uint32_t type : {uint32_t{PULL_ACK}, uint32_t{PUSH_REQ}}) {
       FileEntry* entry = new_entry(type, 2, path, 5, 11);
       send_update_message(ctx, entry, entry->path, nullptr);
@@ -282,7 +264,6 @@ TEST_F(TransferTest, OnStandbyTheQueueGoesOutWithoutTheSharedTrees) {
   update_next_chunk(ctx);
   EXPECT_EQ(sent_messages(), (Lines{"MSG_UPDATE_REQ 17.1", "MSG_LOCK_REL 17.1"}));
   EXPECT_EQ(g_cpg.sent[0].payload, update(PUSH_REQ, 1, "b", 0, 2, 0x12345678, "xy"));
-  EXPECT_EQ(ctx->cpg_result.success, 1);
 }
 
 }  // namespace
