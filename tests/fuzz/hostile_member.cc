@@ -1,9 +1,8 @@
-// hostile_member SECONDS SEED: joins the group of the daemons as a third process and, for SECONDS
-// or until SIGTERM, sends what no daemon would: random messages, mutated and replayed ones,
-// messages of the protocol at any time, updates and renames whose paths lead out of the trees, by
-// themselves or through the links that the test plants there. Prints how many messages it sent and
-// received. Exit status 1 when the group cannot be joined or is lost, or when a message carries
-// bytes from outside the trees.
+// hostile_member SEED: joins the group of the daemons as a third process and, until SIGTERM, sends
+// what no daemon would: random messages, mutated and replayed ones, messages of the protocol at any
+// time, updates and renames whose paths lead out of the trees, by themselves or through the links
+// that the test plants there. Prints how many messages it sent and received. Exit status 1 when the
+// group cannot be joined or is lost, or when a message carries bytes from outside the trees.
 
 #include <corosync/cpg.h>
 #include <poll.h>
@@ -11,7 +10,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <iterator>
@@ -19,13 +17,13 @@
 #include <string>
 #include <vector>
 
+#include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/cpg_message.h"
 
 namespace {
 
 constexpr size_t kKept = 200;                                  // received messages to replay
-constexpr size_t kMaxKept = 70 * 1024;                         // longer ones are cut
 constexpr int kMaxWait = 10;                                   // ms without a message
 constexpr char kSecret[] = "bytes that no message may carry";  // outside the trees
 
@@ -58,12 +56,10 @@ std::string bytes_of(const Record& record) {
 
 void on_message(cpg_handle_t, const cpg_name*, uint32_t, uint32_t, void* bytes, size_t size) {
   const std::string message(static_cast<const char*>(bytes), size);
-  ++g_n_received;
   require(message.find(kSecret) == std::string::npos, "Bytes from outside the trees");
   if (size >= sizeof g_last) memcpy(&g_last, bytes, sizeof g_last);
-  if (g_received.size() < kKept) g_received.emplace_back();
-  g_received[g_received.size() < kKept ? g_received.size() - 1 : below(kKept)] =
-      message.substr(0, kMaxKept);
+  g_received.resize(kKept);
+  g_received[g_n_received++ % kKept] = message;
 }
 
 void on_config(cpg_handle_t, const cpg_name*, const cpg_address*, size_t, const cpg_address*,
@@ -79,15 +75,12 @@ std::string make_message(uint32_t command, const std::string& payload) {
 
 std::string hostile_path() {
   static const std::string paths[] = {
-      "../escaped", "/tmp/escaped", "/tmp/outside/file", "a/../../escaped", "..",
-      "../../../tmp/outside/file", "dir/../../replicated_by_this_em/../escaped",
+      "../escaped", "/tmp/outside/file", "a/../../escaped", "..", "../../../tmp/outside/file",
       // Through links to a directory, a file, nothing and "..".
-      "to_dir/escaped", "to_dir/file", "to_dir/dir/file", "dir/to_dir/file", "to_file",
-      "to_nothing", "to_above/escaped", "to_above/replicated_by_this_em/small",
+      "to_dir/escaped", "dir/to_dir/file", "to_file", "to_nothing", "to_above/escaped",
       // Names that are there, and those that no scan may meet.
       "small", "large", "dir/file", "dir", "fifo", "hostile/file", "hostile/./file", "hostile", "",
-      ".", " ", "hostile/.$SyncDigest$file", ".$SyncDigest$small", std::string(250, 'm'),
-      std::string(255, 'n'), "hostile/" + std::string(5000, 'p'),
+      " ", ".$SyncDigest$small", std::string(255, 'n'), "hostile/" + std::string(5000, 'p'),
       "d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/deep", "hostile/\x01\x1b[2J\xff"};
   return paths[below(std::size(paths))];
 }
@@ -95,12 +88,11 @@ std::string hostile_path() {
 std::string hostile_update(uint32_t command) {
   UpdateHeader header = {};
   header.update_type = below(8);
-  header.marker = 1;
-  header.data_ok = static_cast<uint8_t>(below(2));
+  header.data_ok = below(8) != 0;
   header.root_index = below(5);
-  header.file_size = below(2) == 0 ? below(100) : below(200000);
-  header.begin_offs = below(2) == 0 ? 0 : below(200000);
-  if (below(16) == 0) header.begin_offs = 0xFFFFFFFF - below(70000);
+  header.file_size = below(200000);
+  const uint32_t begins[] = {0, below(200000), 0xFFFFFFFF - below(70000)};
+  header.begin_offs = begins[below(3)];
   header.end_offs = header.begin_offs + below(65540);
   const std::string nul(below(8) != 0, '\0');
   return make_message(command, bytes_of(header) + hostile_path() + nul + random_bytes(below(100)));
@@ -108,28 +100,16 @@ std::string hostile_update(uint32_t command) {
 
 // The rename that a listing request carries.
 std::string hostile_rename() {
-  static const std::string roots[] = {"/mnt/part.persistent/replicated_by_active_em/",
-                                      "/mnt/part.persistent/replicated_by_this_em/",
-                                      "/mnt/part.persistent/replicated_by_other_em/",
-                                      "/var/run/replicated_by_active_em/", "/etc/"};
-  return make_message(MSG_LISTING_REQ, roots[below(5)] + hostile_path() + '\0' + roots[below(5)] +
-                                           hostile_path() + '\0');
+  std::string payload;
+  for (int i = 0; i < 2; ++i)
+    payload += (below(5) == 0 ? "/etc/" : root_paths[below(kRootCount)]) + hostile_path() + '\0';
+  return make_message(MSG_LISTING_REQ, payload);
 }
 
-std::string hostile_listing() {
-  std::string text;
-  for (uint32_t line = below(20); line > 0; --line)
-    text += std::string(1, "APQVB"[below(5)]) + " x 0 " + "1f"[below(2)] + " G " + hostile_path() +
-            '\0';
-  return make_message(MSG_LISTING_ACK, text);
-}
-
-std::string mutated(std::string message) {
-  for (uint32_t change = below(6); change > 0 && !message.empty(); --change) {
-    const size_t at = below(message.size());
-    const std::string news[] = {{}, random_bytes(1), std::string(1 + below(9), '\0')};
-    message.replace(at, below(4) == 0 ? std::string::npos : below(2), news[below(3)]);
-  }
+// As it is, or changed.
+std::string replayed(std::string message) {
+  for (uint32_t change = below(6); change > 0 && !message.empty(); --change)
+    message.replace(below(message.size()), below(2), random_bytes(below(2)));
   return message;
 }
 
@@ -146,17 +126,12 @@ std::vector<std::string> hostile_exchange() {
 }
 
 std::vector<std::string> next_messages() {
-  if (g_last.command == MSG_LISTING_REQ && below(2) == 0) return {hostile_listing()};
   if (g_last.command == MSG_UPDATE_REQ && below(8) == 0) return {hostile_update(MSG_UPDATE_ACK)};
-  switch (below(g_received.empty() ? 3 : 6)) {
+  switch (below(g_received.empty() ? 3 : 4)) {
     case 0:
-      return {random_bytes(below(400))};
-    case 1:
-      return {make_message(below(12), random_bytes(below(200)))};
-    case 4:
-      return {g_received[below(g_received.size())]};
-    case 5:
-      return {mutated(g_received[below(g_received.size())])};
+      return {make_message(below(12), random_bytes(below(200))), random_bytes(below(400))};
+    case 3:
+      return {replayed(g_received[below(kKept)])};
     default:
       return hostile_exchange();
   }
@@ -165,9 +140,8 @@ std::vector<std::string> next_messages() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  require(argc == 3, "Usage: hostile_member SECONDS SEED");
-  const time_t end = time(nullptr) + atol(argv[1]);
-  g_random.seed(static_cast<uint32_t>(atol(argv[2])));
+  require(argc == 2, "Usage: hostile_member SEED");
+  g_random.seed(static_cast<uint32_t>(atol(argv[1])));
   cpg_handle_t handle;
   cpg_callbacks_t callbacks = {on_message, on_config};
   const cpg_name group = {7, "em-sync"};
@@ -178,11 +152,11 @@ int main(int argc, char** argv) {
   require(cpg_fd_get(handle, &readable.fd) == CS_OK, "No descriptor of the group");
   signal(SIGTERM, [](int) { g_stop = 1; });
   unsigned long n_sent = 0;
-  while (g_stop == 0 && time(nullptr) < end) {
+  while (g_stop == 0) {
     poll(&readable, 1, kMaxWait);
     require(cpg_dispatch(handle, CS_DISPATCH_ALL) == CS_OK, "Lost the group");
     // Most messages go unanswered, so that exchanges get under way.
-    if (g_last.command != MSG_LISTING_REQ && below(3) != 0) continue;
+    if (below(3) != 0) continue;
     for (std::string& message : next_messages()) {
       const iovec piece = {message.data(), message.size()};
       if (cpg_mcast_joined(handle, CPG_TYPE_AGREED, &piece, 1) == CS_OK) ++n_sent;

@@ -1,7 +1,8 @@
-// fuzz TARGET [OPTION...]: libFuzzer on one place that takes bytes from outside.
-// fuzz seeds DIRECTORY: writes the seed inputs of all targets.
+// libFuzzer on one place that takes bytes from outside, the one that the variable FUZZ_TARGET
+// names. Writes what chance would hardly find to the directory corpus/FUZZ_TARGET first.
 
 #include <errno.h>
+#include <fuzzer/FuzzedDataProvider.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -24,31 +25,92 @@
 #include "redundancy_health/rpc/diagnostics.h"
 #include "redundancy_health/rpc/rpc_service.h"
 #include "redundancy_health/transfer/outgoing.h"
+#include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "redundancy_health/transport/sync_thread.h"
 #include "tests/fuzz/sandbox.h"
+#include "tests/unit/scripted_cpg.h"
 
 namespace {
 
+using Input = FuzzedDataProvider;
+
 SyncContext* const ctx = &g_context;
+constexpr uint32_t kOwnNode = 1;
+constexpr uint32_t kPeerNode = 2;
+constexpr uint32_t kPeerExchange = 7;
 
-// Takes an input apart; an exhausted one gives zeros.
-struct Input {
-  std::string rest;
+template <typename Record>
+std::string bytes_of(const Record& record) {
+  return std::string(reinterpret_cast<const char*>(&record), sizeof record);
+}
 
-  uint8_t u8() {
-    return static_cast<uint8_t>(bytes(1).append(1, '\0')[0]);
+// A delivery to the daemon, in a buffer of its exact size.
+void deliver(uint32_t nodeid, const std::string& message) {
+  std::vector<uint8_t> bytes(message.begin(), message.end());
+  // The peer is another process wherever it runs.
+  const auto pid = static_cast<uint32_t>(getpid() + (nodeid == kOwnNode ? 0 : 1));
+  on_cpg_message(0, nullptr, nodeid, pid, bytes.data(), bytes.size());
+}
+
+void deliver_from_peer(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
+                       const std::string& payload) {
+  CpgHeader header = {kCpgMagic, command, 0, exchange_id, sequence_id, {}};
+  storage_cfg_set_result(&header.result, 0, nullptr);
+  deliver(kPeerNode, bytes_of(header) + payload);
+}
+
+void deliver_answer(uint32_t command, const std::string& payload) {
+  deliver_from_peer(command, ctx->cur_exchange_id, ctx->cur_sequence_id, payload);
+}
+
+// The peer takes the lock and asks.
+void serve_peer(uint32_t command, const std::string& payload) {
+  deliver_from_peer(MSG_LOCK_REQ, kPeerExchange, 0, {});
+  deliver_from_peer(command, kPeerExchange, 1, payload);
+}
+
+// The group brings a message back to its sender.
+void deliver_own(const SentMessage& message) {
+  deliver(kOwnNode, bytes_of(message.header) + message.payload);
+}
+
+// A chunk of ten bytes, or a request for it, with a header that mostly fits.
+std::string make_update(uint32_t type, const std::string& path, uint32_t file_size) {
+  const UpdateHeader header = {type, 1, 1, {}, kThisEmRoot, 0, {}, 0, file_size, 0, 10};
+  return bytes_of(header) + path + '\0' + "0123456789";
+}
+
+// An exchange of the daemon's own, up to the comparison with this listing of the peer.
+void start_comparison(const std::string& listing) {
+  ctx->rpc_stage = RPC_LOCAL_BUSY;
+  ctx->cur_exchange_em_is_active = 1;
+  on_sync_state_change(ctx, ON_SYNC_REQ, kOwnNode, nullptr, nullptr, 0);
+  if (ctx->cur_state != ST_LOCKREQ) return;
+  deliver_own(SentMessage(g_cpg.sent.back()));
+  deliver_answer(MSG_LISTING_ACK, listing);
+}
+
+// Answers the update request sent last as a peer that did what it was asked.
+void accept_update() {
+  std::string answer = g_cpg.sent.empty() ? "" : g_cpg.sent.back().payload;
+  if (!answer.empty()) answer[0] = static_cast<char>(PUSH_ACK);  // nothing to write
+  deliver_answer(MSG_UPDATE_ACK, answer);
+}
+
+// A local request; the caller's bytes are gone once it has its answer.
+void request(const std::string& message) {
+  static std::vector<uint8_t> posted;
+  posted = std::vector<uint8_t>(message.begin(), message.end());
+  ctx->rpc_msg = posted.data();
+  ctx->current_rpc_size = static_cast<uint32_t>(posted.size());
+  ctx->rpc_stage = RPC_REQUESTING;
+  if (ctx->cur_state != ST_UNLOCKED) {
+    ctx->rpc_deferred = 1;
+  } else {
+    on_sync_rpc_update(ctx);
   }
-  std::string bytes(size_t count) {  // fewer at the end
-    std::string taken = rest.substr(0, count);
-    rest.erase(0, count);
-    return taken;
-  }
-  std::string block() {  // a 16-bit length, then as many bytes
-    const size_t low = u8();
-    return bytes(low | static_cast<size_t>(u8()) << 8);
-  }
-};
+}
 
 // Any sequence of group messages, membership changes and local events, in every state.
 
@@ -62,116 +124,94 @@ void change_membership(uint8_t flags) {
                 lists[1].data(), lists[1].size());
 }
 
-// Requests that move nothing from outside into the roots.
-void request(uint8_t which) {
-  const std::string zero(1, '\0');
-  const std::string small = std::string(root_paths[kThisEmRoot]) + "small";
-  const std::string requests[] = {zero + zero, "x", "", zero + small + zero,
-                                  small + zero + small + "2" + zero};
-  post_request(requests[which % std::size(requests)]);
-  if (ctx->cur_state != ST_UNLOCKED) {
-    ctx->rpc_deferred = 1;
-  } else {
-    on_sync_rpc_update(ctx);
-  }
-}
-
 void group_step(Input* in, size_t* delivered) {
+  constexpr size_t kShort = 40;  // a longer text would leave nothing for further steps
   const bool idle = ctx->rpc_stage == RPC_IDLE;
-  switch (in->u8() % kGroupSteps) {
-    case kDeliverOwn:  // the group brings every message back to its sender
-      if (*delivered < g_cpg.sent.size()) {
-        const SentMessage message = g_cpg.sent[(*delivered)++];
-        deliver(kOwnNode, bytes_of(message.header) + message.payload);
-      }
+  switch (in->ConsumeIntegralInRange(0, 10)) {
+    case 0:
+      if (*delivered < g_cpg.sent.size()) deliver_own(SentMessage(g_cpg.sent[(*delivered)++]));
       break;
-    case kDeliverFitting: {  // of the peer with the ids that the daemon waits for
-      const uint32_t command = in->u8() % 6;
-      const bool answer = command == MSG_LISTING_ACK || command == MSG_UPDATE_ACK;
-      const uint32_t peer_id = command == MSG_LOCK_REQ ? kPeerExchange : ctx->peer_exchange_id;
-      deliver(kPeerNode, command, answer ? ctx->cur_exchange_id : peer_id, ctx->cur_sequence_id,
-              in->block());
-      break;
+    case 1:
+      return accept_update();
+    case 2:
+      return deliver_from_peer(in->ConsumeIntegralInRange(0U, 5U),
+                               in->ConsumeBool() ? kPeerExchange : ctx->cur_exchange_id,
+                               ctx->cur_sequence_id, in->ConsumeRandomLengthString(kShort));
+    case 3: {
+      std::string message = in->ConsumeRandomLengthString();
+      if (in->ConsumeBool()) message.replace(0, sizeof kCpgMagic, bytes_of(kCpgMagic));
+      return deliver(in->ConsumeBool() ? kOwnNode : kPeerNode, message);
     }
-    case kDeliverAny: {
-      const uint32_t node = in->u8() & 1 ? kOwnNode : kPeerNode;
-      std::string message = in->block();
-      if (in->u8() & 1) message.replace(0, sizeof kCpgMagic, bytes_of(kCpgMagic));
-      deliver(node, message);
+    case 4:
+      return change_membership(in->ConsumeIntegral<uint8_t>());
+    case 5:
+      if (idle) request(in->ConsumeBool() ? std::string(2, '\0') : "x");
       break;
-    }
-    case kMembership:
-      change_membership(in->u8());
+    case 6:
+      if (idle) start_comparison(in->ConsumeRandomLengthString(kShort));
       break;
-    case kRequest:
-      if (idle) request(in->u8());
-      break;
-    case kResync:
-      if (idle) start_exchange();
-      break;
-    case kTimeout:
-      end_exchange_error(ctx, "Operation timed out");
-      break;
-    case kFailSend:
+    case 7:
+      return end_exchange_error(ctx, "Operation timed out");
+    case 8:
       g_cpg.mcast_results.push_back(CS_ERR_LIBRARY);
       break;
+    case 9:
+      return serve_peer(MSG_LISTING_REQ, in->ConsumeRandomLengthString(kShort));
+    case 10:
+      return serve_peer(
+          MSG_UPDATE_REQ,
+          make_update(in->ConsumeIntegralInRange(0U, 6U),
+                      in->PickValueInArray({"small", "large", "dir/new", "link/file"}),
+                      in->ConsumeIntegral<uint8_t>()));
   }
 }
 
 void fuzz_group(Input* in) {
   size_t delivered = 0;
-  start_run(in->u8() & 1);
-  while (!in->rest.empty()) {
+  start_run(in->ConsumeBool());
+  while (in->remaining_bytes() > 0) {
     group_step(in, &delivered);
-    if (ctx->rpc_stage != RPC_COMPLETE) continue;
-    ctx->rpc_stage = RPC_IDLE;  // as a waiting caller does
-    ctx->rpc_msg = nullptr;
-    ctx->current_rpc_size = 0;
+    if (ctx->rpc_stage == RPC_COMPLETE) ctx->rpc_stage = RPC_IDLE;  // as a waiting caller does
   }
-  end_run();
 }
 
 // A listing of the peer, then an exchange that gets every update accepted.
 void fuzz_listing(Input* in) {
-  start_comparison(in->rest);
+  start_run(true);
+  start_comparison(in->ConsumeRemainingBytesAsString());
   for (int i = 0; i < 40 && ctx->cur_state == ST_UPDATE && !ctx->cpg_result.canceled; ++i)
     accept_update();
-  end_run();
 }
 
 // The payload of one update message, to the daemon that serves and to the one that asked.
 void fuzz_update(Input* in) {
+  const std::string payload = in->ConsumeRemainingBytesAsString();
   start_run(false);
-  lock_by_peer();
-  deliver_request(MSG_UPDATE_REQ, in->rest);
+  serve_peer(MSG_UPDATE_REQ, payload);
   ctx->cur_state = ST_UPDATE;
   reset_cpg_result(ctx);
-  deliver(kPeerNode, MSG_UPDATE_ACK, ctx->cur_exchange_id, ctx->cur_sequence_id, in->rest);
-  end_run();
+  deliver_answer(MSG_UPDATE_ACK, payload);
 }
 
-// A digest cache file beside a data file, as the scans of both sides and the updates meet it. Mode
-// bits: 1 a data file that gets a digest cache file of the scan, 2 a header that fits it.
+// A digest cache file beside a data file, as the scans of both sides and the updates meet it; at
+// will its header fits.
 void fuzz_digest(Input* in) {
   start_run(true);
-  const uint8_t mode = in->u8();
   const std::string dir = std::string(root_paths[kThisEmRoot]) + "dir/";
-  const size_t size = mode & 1 ? kChunkSize + 1 : 10;
+  const size_t size = in->ConsumeBool() ? kChunkSize + 1 : 10;
   const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
   std::ofstream(dir + "data") << std::string(size, 'x');
   if (utimensat(0, (dir + "data").c_str(), times, 0) != 0) abort();
-  const std::string header = "Digest-V1 " + std::to_string(size) + " 1000000000\n";
-  std::ofstream(dir + ".$SyncDigest$data") << (mode & 2 ? header : "") << in->rest;
-
+  std::ofstream(dir + ".$SyncDigest$data")
+      << (in->ConsumeBool() ? "Digest-V1 " + std::to_string(size) + " 1000000000\n" : "")
+      << in->ConsumeRemainingBytesAsString();
   ctx->cur_exchange_em_is_active = 1;
   compare_synced_files(ctx, nullptr, 0);  // to an empty peer everything is to be sent
   while (ctx->update_queue != nullptr)
     update_next_chunk(ctx);
+  ctx->cur_state = ST_UNLOCKED;
   reset_cpg_result(ctx);
-  deliver(kPeerNode, MSG_LOCK_REL, 0);
-  lock_by_peer();
-  deliver_request(MSG_LISTING_REQ, "");
-  end_run();
+  serve_peer(MSG_LISTING_REQ, {});
 }
 
 // A local caller may move any file of this EM into the trees; what it moves is not to be ours.
@@ -184,20 +224,17 @@ bool moves_from_outside(const char* source) {
 
 // The message of a local request, and the same bytes as the peer repeats them.
 void fuzz_rpc(Input* in) {
-  const uint8_t mode = in->u8();
-  start_run(mode & 2);
-  if (mode & 1) {
-    lock_by_peer();
-    deliver_request(MSG_LISTING_REQ, in->rest);
-  } else if (!moves_from_outside(in->rest.c_str())) {
-    post_request(in->rest);
-    on_sync_rpc_update(ctx);
-    if (ctx->cur_state == ST_LOCKREQ) {
-      deliver(kOwnNode, MSG_LOCK_REQ, ctx->cur_exchange_id);
-      deliver(kPeerNode, MSG_LISTING_ACK, ctx->cur_exchange_id);
-    }
+  start_run(in->ConsumeBool());
+  const bool from_peer = in->ConsumeBool();
+  const std::string message = in->ConsumeRemainingBytesAsString();
+  if (from_peer) {
+    serve_peer(MSG_LISTING_REQ, message);
+  } else if (!moves_from_outside(message.c_str())) {
+    request(message);
+    if (ctx->cur_state != ST_LOCKREQ) return;
+    deliver_own(SentMessage(g_cpg.sent.back()));
+    deliver_answer(MSG_LISTING_ACK, {});
   }
-  end_run();
 }
 
 void run_command(const std::string& command) {
@@ -206,25 +243,20 @@ void run_command(const std::string& command) {
   run_diagnostic(message.get(), static_cast<uint32_t>(command.size()));
 }
 
-// Diagnostic commands, one a line, each followed by work under the settings that it left.
+// Diagnostic commands, each followed by work under the settings that it left.
 void fuzz_diagnostic(Input* in) {
   start_run(true);
-  for (int i = 0; i < 8 && !in->rest.empty(); ++i) {
-    std::string command = in->bytes(in->rest.find('\n'));
-    in->u8();
+  for (int i = 0; i < 8 && in->remaining_bytes() > 0; ++i) {
+    const std::string command = in->ConsumeRandomLengthString();
     // "sync" waits for an exchange that nobody runs here.
     if (command.substr(0, command.find_first_of(std::string("=\0", 2))) == "sync") continue;
     run_command(command);
     LOG(3, "after '%s'", command.c_str());
-    lock_by_peer();
-    deliver_request(MSG_LISTING_REQ, "");
+    serve_peer(MSG_LISTING_REQ, {});
   }
   for (const char* command :
        {"fail-none", "log-size=0", "flight-rec=500", "flight-rec=resume", "stats=reset"})
     run_command(command);
-  unlink("/tmp/cluster_sync_daemon.log");
-  unlink("/tmp/cluster_sync_daemon.log.0");
-  end_run();
 }
 
 // Touches every byte, and answers with any status and size up to the request's own.
@@ -247,9 +279,9 @@ void fuzz_command(Input* in) {
     abort();
   static char response[kCmdMaxMessageSize + 1024];
   ssize_t received = 1;
-  while (received > 0 && !in->rest.empty()) {
-    std::string packet = in->block();
-    packet.resize(packet.size() * (1 + in->u8()));  // long packets of short inputs
+  while (received > 0 && in->remaining_bytes() > 0) {
+    std::string packet = in->ConsumeRandomLengthString();
+    packet.resize(packet.size() << in->ConsumeIntegralInRange(0, 8));  // long ones of short inputs
     if (send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) < 0) break;
     do {  // the fuzzer's own timer interrupts, and ends what gets no answer
       received = recv(fd, response, sizeof response, 0);
@@ -265,28 +297,51 @@ const std::map<std::string, void (*)(Input*)> kTargets = {
 };
 void (*g_target)(Input*);
 
+// Lines with digests of the planted files, and headers of a valid update.
+void write_seeds(const std::string& target) {
+  std::vector<std::string> seeds;
+  start_run(true);
+  if (target == "digest") {
+    std::ifstream file(std::string(root_paths[kThisEmRoot]) + ".$SyncDigest$large");
+    std::getline(file, seeds.emplace_back());
+    std::getline(file, seeds.emplace_back(), '\0');  // the lines below the header
+  } else if (target == "listing") {
+    serve_peer(MSG_LISTING_REQ, {});
+    seeds.push_back(g_cpg.sent.back().payload);
+  } else if (target == "update") {
+    for (uint32_t type = PULL_REQ; type < PUSH_NOP; ++type)
+      for (const char* path : {"small", "dir/new"})
+        seeds.push_back(make_update(type, path, 10));
+  } else if (target == "rpc") {
+    const std::string root = root_paths[kThisEmRoot];
+    const std::string nul(1, '\0');
+    seeds = {nul + nul, nul + root + "small" + nul, root + "small" + nul + root + "dir/new" + nul,
+             root + "link/file" + nul + root_paths[kActiveVolatileRoot] + "link/new" + nul};
+  } else if (target == "diagnostic") {
+    const std::string path = root_paths[kThisEmRoot] + std::string("small");
+    seeds = {"exit\\;cpg-send-fail\\;statemachine-stuck\\;log-size=900\\;stats=dump\\;sync",
+             "flight-rec=dump\\;flight-rec=3\\;flight-rec=pause\\;fail-rename=x\\;fail-write=x",
+             "fail-scan=" + path, "fail-read=" + path};
+  }
+  int number = 0;
+  for (const std::string& seed : seeds)
+    for (const char* choices : {"", "00", "01", "10", "11"})  // taken from the end of an input
+      std::ofstream("corpus/" + target + "/seed" + std::to_string(number++)) << seed + choices;
+}
+
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  const std::string target = *argc > 1 ? (*argv)[1] : "";
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  const std::string target = getenv("FUZZ_TARGET");
   enter_sandbox();
-  if (target == "seeds" && *argc == 3) {
-    write_seeds((*argv)[2]);
-    exit(0);
-  }
-  if (!kTargets.contains(target)) {
-    fprintf(stderr, "Usage: fuzz TARGET [OPTION...] or fuzz seeds DIRECTORY\n");
-    exit(2);
-  }
+  write_seeds(target);
   g_target = kTargets.at(target);
-  (*argv)[1] = (*argv)[0];
-  ++*argv;
-  --*argc;
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input in = {std::string(data, data + size)};
+  Input in(data, size);
   g_target(&in);
+  end_run();
   return 0;
 }

@@ -43,7 +43,7 @@ class HostileMemberTest(PairTest):
     def withstand(self, seed: int, seconds: int) -> None:
         """Runs the hostile member, on either EM, beside requests of all kinds from both EMs."""
         self.mark_logs()
-        command = [BUILD / "hostile_member", str(DEADLINE + seconds), str(seed)]
+        command = [BUILD / "hostile_member", str(seed)]
         hostile = self.pair.popen(1 + seed % 2, command, stdout=subprocess.PIPE, text=True)
         self.addCleanup(hostile.kill)
         end, turn = time.monotonic() + seconds, 0
