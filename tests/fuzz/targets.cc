@@ -161,7 +161,7 @@ void group_step(Input* in, size_t* delivered) {
       return serve_peer(
           MSG_UPDATE_REQ,
           make_update(in->ConsumeIntegralInRange(0U, 6U),
-                      in->PickValueInArray({"small", "large", "dir/new", "link/file"}),
+                      in->PickValueInArray({"small", "dir/new", "file_link", "link/file"}),
                       in->ConsumeIntegral<uint8_t>()));
   }
 }
@@ -310,7 +310,7 @@ void write_seeds(const std::string& target) {
     seeds.push_back(g_cpg.sent.back().payload);
   } else if (target == "update") {
     for (uint32_t type = PULL_REQ; type < PUSH_NOP; ++type)
-      for (const char* path : {"small", "dir/new"})
+      for (const char* path : {"small", "dir/new", "file_link"})
         seeds.push_back(make_update(type, path, 10));
   } else if (target == "rpc") {
     const std::string root = root_paths[kThisEmRoot];
