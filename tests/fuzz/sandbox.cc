@@ -128,7 +128,7 @@ void start_run(bool active) {
   empty_flight_recorder();
   g_flight_recorder.paused = 0;
   init_context(&g_context);
-  g_context.cpg_local_nodeid = g_cpg.nodeid;
+  cpg_local_get(0, &g_context.cpg_local_nodeid);
   g_context.cpg_membership_flags = kSelfMember | kPeerMember;
   unlink(kActiveFile);
   if (active) write_text(kActiveFile, "");
