@@ -159,7 +159,7 @@ TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   EXPECT_EQ(names_in("/mnt/disk"), std::set<std::string>{"file"});
 }
 
-TEST(Log, CallIsOneLineAtOrBelowTheThreshold) {
+TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
   for (const auto& [value, threshold] : {std::pair("3", 3), {"99", 7}, {"-4", 0}, {"7x", 6}}) {
     setenv("BREL_LOG_LEVEL", value, 1);
     debug_log_to_stdout(1);
@@ -171,6 +171,16 @@ TEST(Log, CallIsOneLineAtOrBelowTheThreshold) {
               "<" + std::to_string(threshold) + "> f:42: a\\x0a\\x1b[2J\\x7f\xc3\xa9" + "7\n");
   }
   debug_log_to_stdout(0);
+  EXPECT_EQ(run_forked([] {
+              int ends[2];
+              if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
+              close(ends[0]);
+              debug_log_to_stdout(1);
+              errno = EDOM;
+              DbgOutput("file.cc", 1, "f", 3, "text");
+              return errno == EDOM ? 7 : 2;
+            }),
+            7);
 }
 
 TEST(Log, GoesToSyslogAsTheDaemon) {
@@ -188,7 +198,26 @@ TEST(Log, GoesToSyslogAsTheDaemon) {
   EXPECT_TRUE(std::string(packet).ends_with("]: f:9: two\\x0alines")) << packet;
 }
 
+TEST(Thread, HasItsNameWithinTheBuffer) {
+  const auto check = [](void*) -> void* {
+    char name[] = "########";
+    GetThreadName(name, 5);
+    EXPECT_EQ(std::string(name, sizeof name), std::string("sync\0###", sizeof name));
+    return nullptr;
+  };
+  pthread_t thread;
+  ASSERT_EQ(Create_Thread(&thread, nullptr, check, nullptr, "sync_thread"), 0);
+  pthread_join(thread, nullptr);
+}
+
 TEST(ExecuteNormal, ReportsHowTheProgramEnded) {
-  const char* const killed[] = {"/bin/sh", "-c", "kill -TERM $$", nullptr};
-  EXPECT_EQ(execute_normal(killed), 128 + 15);
+  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
+  const std::pair<std::vector<const char*>, int> cases[] = {
+      {{"/bin/sh", "-c", "test ! -e /proc/self/fd/99; exit $?", nullptr}, 0},
+      {{"/bin/sh", "-c", "exit 3", nullptr}, 3},
+      {{"/bin/sh", "-c", "kill -TERM $$", nullptr}, 128 + 15},
+      {{"/run", nullptr}, 127}};
+  for (const auto& [argv, status] : cases)
+    EXPECT_EQ(execute_normal(argv.data()), status);
+  close(99);
 }
