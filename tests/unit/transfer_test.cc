@@ -242,10 +242,12 @@ TEST_F(TransferTest, WhatCannotBeReadIsSentWithoutData) {
                                     {"dirlink/f", "Too many levels of symbolic links"}}) {
     for (const uint32_t type : {uint32_t{PULL_ACK}, uint32_t{PUSH_REQ}}) {
       FileEntry* entry = new_entry(type, 2, path, 5, 11);
+      entry->restricted = 1;  // as listed, because the file tells nothing newer
       send_update_message(ctx, entry, entry->path, nullptr);
       free_file_entry(entry);
       const auto& [header, payload] = g_cpg.sent.back();
-      EXPECT_EQ(payload, update(type, 2, path, 5, 11, 0x12345678, std::string(6, '\0'), kNoData));
+      EXPECT_EQ(payload, update(type, 2, path, 5, 11, 0x12345678, std::string(6, '\0'),
+                                kNoData | kRestricted));
       EXPECT_EQ(header.result.reason,
                 (std::string("Could not read file (") + error + "): " + tree_path(2, path))
                     .substr(0, 115));
