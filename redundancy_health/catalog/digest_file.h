@@ -30,7 +30,7 @@ struct ScannedFile {
   const FileEntry* entry;  // holds its path and root
   struct stat status;      // just taken
   char tag;                // of its listing lines
-  bool near_digests;       // its directory may hold digest cache files
+  bool near_digests;       // its directory holds digest cache files
 };
 
 // What the scan is to do with a regular file.

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr int kOpenDir = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
 struct ScannedRoot {
   uint32_t root_index;
   char requester_tag;
@@ -151,25 +149,24 @@ struct ScannedDir {
   int fd;
   const char* path;
   int depth;  // 0 = a root
-  bool may_hold_digests;
+  bool holds_digests;
 };
 
-// Leaves the directory at its first name.
-bool may_hold_digest_files(DIR* dir) {
-  errno = 0;
+// Leaves the directory at its first name. A failure is met again, and recorded, by the listing.
+bool holds_digest_files(DIR* dir) {
   const struct dirent* name = readdir(dir);
   while (name != nullptr && !is_digest_name(name->d_name))
     name = readdir(dir);
-  const bool may_hold = name != nullptr || errno != 0;
   rewinddir(dir);
-  return may_hold;
+  return name != nullptr;
 }
 
 void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth);
 
 // Null with errno when it cannot be opened, or is none any more.
 DIR* open_subdir(const ScannedFile& subdir) {
-  const int fd = openat(subdir.dir_fd, subdir.name, kOpenDir);
+  const int fd =
+      openat(subdir.dir_fd, subdir.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return nullptr;
   DIR* dir = fdopendir(fd);
   if (dir == nullptr) {
@@ -189,7 +186,7 @@ void scan_subdir(const Scan& scan, const ScannedFile& subdir, int depth) {
 // Lists one name of a directory.
 void scan_name(const Scan& scan, const ScannedDir& dir, const char* name) {
   FileEntry* entry = new_file_entry(scan.root_index, dir.path, name);
-  ScannedFile file = {dir.fd, name, entry, {}, scan.tag, dir.may_hold_digests};
+  ScannedFile file = {dir.fd, name, entry, {}, scan.tag, dir.holds_digests};
   if (fstatat(dir.fd, name, &file.status, AT_SYMLINK_NOFOLLOW) != 0) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "call to lstat failed for path (%s): %s", strerror(errno),
                         entry->path);
@@ -214,7 +211,7 @@ void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open directory (%s): %s", strerror(errno), path);
     return;
   }
-  const ScannedDir scanned = {dirfd(dir), path, depth, may_hold_digest_files(dir)};
+  const ScannedDir scanned = {dirfd(dir), path, depth, holds_digest_files(dir)};
   for (;;) {
     errno = 0;
     const struct dirent* name = readdir(dir);
