@@ -90,7 +90,10 @@ TEST_F(LogTest, KeepsTheNewestLines) {
   EXPECT_EQ(recorded(), (Lines{"|500", "|last"}));
 }
 
-TEST_F(LogTest, AFailedCloseEndsTheProcessOnlyForABadDescriptor) {
+TEST_F(LogTest, ChecksQuoteTheirExpressionAndAFailedCloseEndsOnlyForABadDescriptor) {
+  const char* missing = nullptr;
+  EXPECT_ABORT("EXCEPTION: 4 . 3 = 7\n", CHECK_ZERO(4 + 3));
+  EXPECT_ABORT("EXCEPTION: missing is NULL\n", CHECK_NOT_NULL(missing));
   EXPECT_ABORT("EXCEPTION: close.-1. ended with EBADF\n", CHECK_CLOSE(close(-1)));
   errno = ENOSPC;
   CHECK_CLOSE_AS("fclose(f)", -1);

@@ -12,6 +12,10 @@ cs_error_t next(std::deque<cs_error_t>* results) {
   return result;
 }
 
+cs_error_t result_of(const char* call) {
+  return g_cpg.failing == call ? CS_ERR_LIBRARY : CS_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -20,12 +24,12 @@ cs_error_t cpg_model_initialize(cpg_handle_t* handle, cpg_model_t, cpg_model_dat
                                 void* context) {
   g_cpg.context = context;
   *handle = 77;
-  return CS_OK;
+  return result_of("cpg_model_initialize");
 }
 
 cs_error_t cpg_finalize(cpg_handle_t) {
   g_cpg.finalized = true;
-  return CS_OK;
+  return result_of("cpg_finalize");
 }
 
 cs_error_t cpg_join(cpg_handle_t, const struct cpg_name* group) {
@@ -35,7 +39,7 @@ cs_error_t cpg_join(cpg_handle_t, const struct cpg_name* group) {
 
 cs_error_t cpg_context_set(cpg_handle_t, void* context) {
   g_cpg.context = context;
-  return CS_OK;
+  return result_of("cpg_context_set");
 }
 
 cs_error_t cpg_context_get(cpg_handle_t, void** context) {
@@ -45,12 +49,12 @@ cs_error_t cpg_context_get(cpg_handle_t, void** context) {
 
 cs_error_t cpg_local_get(cpg_handle_t, unsigned int* nodeid) {
   *nodeid = 1;
-  return CS_OK;
+  return result_of("cpg_local_get");
 }
 
 cs_error_t cpg_fd_get(cpg_handle_t, int* fd) {
   *fd = g_cpg.fd;
-  return CS_OK;
+  return result_of("cpg_fd_get");
 }
 
 cs_error_t cpg_dispatch(cpg_handle_t, cs_dispatch_flags_t) {

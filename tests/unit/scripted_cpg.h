@@ -22,6 +22,7 @@ struct ScriptedCpg {
   std::vector<SentMessage> sent;         // accepted multicasts, in order
   std::deque<cs_error_t> mcast_results;  // answers of the next cpg_mcast_joined calls
   std::deque<cs_error_t> join_results;   // answers of the next cpg_join calls
+  std::string failing;                   // the one other call that fails, with CS_ERR_LIBRARY
   int mcast_calls = 0;
   bool finalized = false;
   int fd = -1;                              // given out by cpg_fd_get

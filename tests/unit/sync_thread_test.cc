@@ -49,10 +49,22 @@ TEST_F(SyncThreadTest, JoinsTheGroupAndLeavesItInTheEnd) {
 
 TEST_F(SyncThreadDeathTest, EndsTheProcessWhenItCannotStartOrGoOn) {
   const auto expect_fatal = [&](const std::string& text, const std::function<void()>& prepare) {
-    EXPECT_ABORT("<3> [a-z_]+:[0-9]+: " + text + ".*\n<3> on_severe_error:[0-9]+: EXCEPTION: Exit",
-                 prepare();
-                 sync_thread_fn(ctx));
+    EXPECT_ABORT(
+        "<3> [a-z_]+:[0-9]+: " + text + "(.|\n)*<3> on_severe_error:[0-9]+: EXCEPTION: Exit",
+        prepare();
+        sync_thread_fn(ctx));
   };
+  for (const auto& [call, text] :
+       {std::pair("cpg_model_initialize", "cpg_initialize failed with result 2\n"),
+        {"cpg_context_set", "cpg_context_set failed with result 2\n"},
+        {"cpg_local_get", "cpg_local_get failed with result 2\n"},
+        {"cpg_fd_get", "cpg_fd_get failed: 2\n"}})
+    expect_fatal(text, [call = call] { g_cpg.failing = call; });
+  expect_fatal("cpg_dispatch failed: 2\n",
+               [] { g_cpg.on_dispatch = [] { return CS_ERR_LIBRARY; }; });
+  // Readable by poll, but not by read.
+  expect_fatal("Read from eventfd failed: Is a directory\n",
+               [&] { ctx->rpc_fd = open("/", O_RDONLY); });
   expect_fatal("cpg_join failed with result 6",
                [] { g_cpg.join_results = std::deque<cs_error_t>(100, CS_ERR_TRY_AGAIN); });
   expect_fatal("CPG connection lost", [] {
