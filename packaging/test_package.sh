@@ -20,7 +20,7 @@ clean_up() {
     wait "$launcher" 2> /dev/null
   fi
   if [ -d "$cgroup" ]; then
-    wait_until 10 test -z "$(find "$cgroup" -name cgroup.procs -exec cat {} +)"
+    wait_until 10 eval 'test -z "$(find "$cgroup" -name cgroup.procs -exec cat {} +)"'
     find "$cgroup" -depth -type d -exec rmdir {} +
   fi
   rm -rf "$work"
@@ -72,25 +72,30 @@ expected_content="/etc/default/cluster_sync_daemon
 /usr/lib/tmpfiles.d/cluster-sync-daemon.conf
 /usr/sbin/cluster_sync_daemon*"
 
-# What the sources have is in the documents: every diagnostic command, option and variable, and the
-# first literal of every call that logs at level 3 or answers.
+# What the sources have is in the documents: every diagnostic command, in bold, every option and
+# variable, and the first literal of every call that logs at level 3 or answers.
 documents_are_complete() {
   local calls='LOG\(3|LOG_NO_DUMP\(3|LOG_PLATFORM_ONLY\(\s*3|FATAL\(|REFUSE\(|end_exchange_error\('
   calls+='|end_exchange_full\(|RECORD_SCAN_FAILURE\(|storage_cfg_set_result\('
   cd "$repo" && sed 's/\\-/-/g' packaging/man/*.[18] docs/operations.md > "$work/documents" &&
-    { sed -nE 's/^ +\{"([a-z-]+)", (true|false), run_.*/\1/p' redundancy_health/rpc/diagnostics.cc
-      sed -nE 's/.*\{"([a-z]+)", (no|required)_argument.*/--\1/p' tools/cluster_sync_ctl.cc
+    sed -n '/^\.SH DIAGNOSTIC/,/^\.SH OPTIONS/s/^\.B[RI]* / /p' "$work/documents" > "$work/bold" &&
+    sed -nE 's/^ +\{"([a-z-]+)", (true|false), run_.*/\1/p' redundancy_health/rpc/diagnostics.cc \
+      > "$work/commands" && [ "$(wc -l < "$work/commands")" -ge 10 ] &&
+    { sed -nE 's/.*\{"([a-z]+)", (no|required)_argument.*/--\1/p' tools/cluster_sync_ctl.cc
       sed -nE 's/.*(getenv|delay_seconds)\("([A-Z_]+)".*/\2/p' {platform,redundancy_health/*}/*.cc
       grep -rPzoh "(?s)($calls)[^;\"]*\"\\K[^\"\\n]{4,}(?=\")" redundancy_health |
         tr '\0' '\n'; } > "$work/words" &&
-    [ "$(wc -l < "$work/words")" -ge 80 ] || return 1
+    [ "$(wc -l < "$work/words")" -ge 70 ] || return 1
+  while IFS= read -r word; do grep -qE " $word([ =]|\$)" "$work/bold" || echo "$word"; done \
+    < "$work/commands"
   while IFS= read -r word; do grep -qF -e "$word" "$work/documents" || echo "$word"; done \
     < "$work/words"
 }
 
 # Whether this machine allows what a systemd in namespaces needs.
 namespaces_work() {
-  mkdir "$work/probe" "$cgroup" && sh -c 'echo $$ > "$0/cgroup.procs"' "$cgroup" &&
+  mkdir "$work/probe" "$cgroup" && [ -e "$cgroup/cgroup.procs" ] &&
+    sh -c 'echo $$ > "$0/cgroup.procs"' "$cgroup" &&
     unshare -m -p -n -i -u -C --fork sh -e -c '
       mount -n -t proc p "$0"
       mount -n -t cgroup2 g "$0"
