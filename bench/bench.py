@@ -361,11 +361,12 @@ def too_large(bench: Bench) -> list[Row]:
             begin = time.monotonic()
             caller.send()
             result = caller.result()
+            if result is None:
+                raise RuntimeError("the daemon has ended")
             bench.findings.append(
                 f"{3 * count} GiB a side, never hashed, exchange {attempt}: "
-                f"{result} after {time.monotonic() - begin:.1f} s.")
-            if result is None:
-                break  # the daemon has ended
+                f"{'success' if result.success else repr(result.reason)} "
+                f"after {time.monotonic() - begin:.1f} s.")
     return []
 
 
