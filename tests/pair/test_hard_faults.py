@@ -318,15 +318,20 @@ class ClockTest(FaultTest):
         "FAKETIME_TIMESTAMP_FILE": CLOCK, "FAKETIME_NO_CACHE": "1", "NO_FAKE_STAT": "1",
         "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}}
 
+    def set_clock(self, n: int, offset: str) -> None:
+        new = self.pair.path(n, f"{CLOCK}.new")
+        new.write_text(offset)
+        new.rename(self.pair.path(n, CLOCK))  # a half-written file ends whoever reads the clock
+
     def test_clock_jumps(self):
         for n in EMS:
-            self.pair.path(n, CLOCK).write_text("+0")
+            self.set_clock(n, "+0")
             self.diag(n, "log-size=100000000")
         for jumps in (("+1h", "-1h"), ("-2h", "+3d"), ("+0", "+0")):
             caller, _ = self.transfer(1)
             self.pair.signal(2, "daemon", signal.SIGSTOP)  # so that the jump meets a wait
             for n in EMS:
-                self.pair.path(n, CLOCK).write_text(jumps[n - 1])
+                self.set_clock(n, jumps[n - 1])
             time.sleep(2)
             self.pair.signal(2, "daemon", signal.SIGCONT)
             self.assertTrue(caller.result().success)
