@@ -46,15 +46,9 @@ struct CmdConnections {
   bool stopping;
   int count;
   Connection slots[kMaxConnections];
-  CmdServer* next_server;
 };
 
 namespace {
-
-// All servers ever made. A worker whose handler never returned may outlive the accepting thread,
-// so none is ever freed.
-CmdServer* g_servers = nullptr;
-pthread_mutex_t g_servers_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 sockaddr_un socket_address(int number) {
   sockaddr_un address = {};
@@ -267,21 +261,15 @@ CmdConnections* make_connections() {
 
 CmdServer* cmd_server_create(int number, CmdHandler handler) {
   const int stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (stop_fd < 0) return nullptr;
-  const int listen_fd = listen_on(number);
+  const int listen_fd = stop_fd < 0 ? -1 : listen_on(number);
   if (listen_fd < 0) {
-    const int error = errno;
-    close(stop_fd);
-    errno = error;
+    DbgOutput(__FILE__, __LINE__, __func__, 3, "Could not create command socket '%s': %s",
+              socket_address(number).sun_path, strerror(errno));
+    if (stop_fd >= 0) close(stop_fd);
     return nullptr;
   }
-  CmdServer* server =
-      new CmdServer{pthread_t{}, number, listen_fd, stop_fd, handler, make_connections()};
-  pthread_mutex_lock(&g_servers_mutex);
-  server->connections->next_server = g_servers;
-  g_servers = server;
-  pthread_mutex_unlock(&g_servers_mutex);
-  return server;
+  // Never freed: a worker whose handler does not return may outlive the accepting thread.
+  return new CmdServer{pthread_t{}, number, listen_fd, stop_fd, handler, make_connections()};
 }
 
 int cmd_server_start(CmdServer* server) {

@@ -31,8 +31,8 @@ struct CmdServer {
   CmdConnections* connections;
 };
 
-// Binds the socket of `number`. A stale socket file is replaced; nullptr (errno tells why) when
-// another process still answers on it or it cannot be made. The server lives as long as the
+// Binds the socket of `number`. A stale socket file is replaced; nullptr, logged with the reason,
+// when another process still answers on it or it cannot be made. The server lives as long as the
 // process.
 CmdServer* cmd_server_create(int number, CmdHandler handler);
 

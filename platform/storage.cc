@@ -23,7 +23,8 @@ namespace {
 
 constexpr int kNameAttempts = 100;
 
-constexpr uint32_t kCodeLocalNotDone = 0x02 | 0x20;
+constexpr uint32_t kCodeInExchange = 0x04 | 0x10;  // which begins after the local part
+constexpr uint32_t kCodeNoExchange = 0x20;
 constexpr uint32_t kCodeBenign = 0x08;
 
 int fail(int error) {
@@ -36,6 +37,7 @@ int fail(int error) {
 int create_temporary(const std::string& directory, std::string* name) {
   for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
     uint64_t number = 0;
+    errno = EIO;  // of a short answer
     if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) return -1;
     char text[40];
     snprintf(text, sizeof text, "TempUpdate_%016" PRIx64, number);
@@ -65,7 +67,7 @@ void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* form
   if (code == 0) {
     made.success = made.local_ok = made.remote_ok = 1;
   } else {
-    made.local_ok = (code & kCodeLocalNotDone) == 0;
+    made.local_ok = (code & kCodeNoExchange) == 0 && (code & kCodeInExchange) != 0;
     made.benign = (code & kCodeBenign) != 0;
     made.canceled = 1;
     if (format != nullptr && vsnprintf(made.reason, sizeof made.reason, format, args) < 0)

@@ -23,9 +23,10 @@ static_assert(offsetof(RpcResult, canceled) == 4 && offsetof(RpcResult, peer_pre
 static_assert(offsetof(RpcResult, reason) == 12);
 
 // Fills all 128 bytes of `*result`. Code 0 makes a success: success, local_ok and remote_ok are 1.
-// Any other code makes a failure: success and remote_ok are 0, canceled is 1, local_ok is 1 unless
-// the code has 0x02 or 0x20, benign is 1 when it has 0x08, and `reason` is the formatted text cut
-// to 115 bytes. peer_present is 'N'. `format` may be null. Leaves errno as it was.
+// Any other code makes a failure: success and remote_ok are 0, canceled is 1, local_ok is 1 for a
+// failure inside an exchange, which begins after the local part was done (0x04 or 0x10 without
+// 0x20), benign is 1 when the code has 0x08, and `reason` is the formatted text cut to 115 bytes.
+// peer_present is 'N'. `format` may be null. Leaves errno as it was.
 void storage_cfg_set_result(RpcResult* result, uint32_t code, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* format, va_list args)

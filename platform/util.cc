@@ -62,8 +62,10 @@ std::string escape_control_bytes(const char* text) {
 }
 
 void write_to_stdout(int level, const char* function, int line, const std::string& text) {
-  const std::string whole = "<" + std::to_string(level) + "> " + function + ":" +
-                            std::to_string(line) + ": " + text + "\n";
+  std::string whole = "<";
+  whole += std::to_string(level) + "> " + function + ":" + std::to_string(line) + ": ";
+  whole += text;
+  whole += '\n';
   // A log line that nobody can take is no reason to fail.
   [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, whole.data(), whole.size());
 }

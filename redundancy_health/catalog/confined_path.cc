@@ -13,51 +13,80 @@
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/tree_scan.h"
 
+namespace {
+
+// What the reader of a listing line swallows before a path.
+constexpr char kBlanks[] = " \t\n\v\f\r";
+
+bool is_dots(const char* name, size_t length) {
+  return length == 2 && name[0] == '.' && name[1] == '.';
+}
+
+bool is_temporary(const char* name, size_t length) {
+  constexpr size_t prefix_length = sizeof(kTempPrefix) - 1;
+  return length >= prefix_length && strncmp(name, kTempPrefix, prefix_length) == 0;
+}
+
+// Whether a digest cache file can have its name beside a file of this one. A name above NAME_MAX
+// can be left to the file system.
+bool leaves_room_for_prefix(size_t name_length) {
+  constexpr size_t prefix_length = sizeof(kDigestPrefix) - 1;
+  return name_length > NAME_MAX || name_length + prefix_length <= NAME_MAX;
+}
+
+}  // namespace
+
+uint32_t root_of_path(const char* path) {
+  uint32_t root_index = 0;
+  while (root_index < kRootCount &&
+         strncmp(path, root_paths[root_index], strlen(root_paths[root_index])) != 0)
+    ++root_index;
+  return root_index;
+}
+
+bool split_tree_path(const char* path, TreePath* place) {
+  place->root_index = root_of_path(path);
+  if (place->root_index == kRootCount) return false;
+  place->relative_path = path + strlen(root_paths[place->root_index]);
+  place->relative_path += strspn(place->relative_path, "/");
+  return *place->relative_path != '\0' && relative_path_is_confined(place->relative_path);
+}
+
+int check_tree_path(const char* path, TreePath* place) {
+  if (!split_tree_path(path, place)) return EPERM;
+  const int error = check_no_symlink_above(place->root_index, path);
+  if (error != 0) return error;
+  const bool keeps_its_name = strspn(place->relative_path, kBlanks) == 0;
+  return keeps_its_name && relative_path_is_listable(place->relative_path) ? 0 : EINVAL;
+}
+
 bool relative_path_is_confined(const char* relative_path) {
   if (relative_path[0] == '/') return false;
-  for (const char* component = relative_path; component != nullptr;) {
-    const char* end = strchrnul(component, '/');
-    if (end - component == 2 && component[0] == '.' && component[1] == '.') return false;
-    component = *end == '/' ? end + 1 : nullptr;
+  for (const char* name = relative_path; name != nullptr;) {
+    const char* end = strchrnul(name, '/');
+    if (is_dots(name, static_cast<size_t>(end - name))) return false;
+    name = *end == '/' ? end + 1 : nullptr;
   }
   return true;
 }
 
 bool relative_path_is_listable(const char* relative_path) {
-  const char* as_read = relative_path + strspn(relative_path, " \t\n\v\f\r");
+  const char* as_read = relative_path + strspn(relative_path, kBlanks);
   if (as_read != relative_path && (*as_read == '\0' || !relative_path_is_confined(as_read))) {
     return false;
   }
   int depth = 0;
   const char* name = relative_path;
-  for (const char* c = relative_path; *c != '\0'; ++c) {
-    if (*c != '/') continue;
-    if (c[1] != '/' && c[1] != '\0') ++depth;
-    name = c + 1;
+  const char* end = strchrnul(name, '/');
+  while (*end == '/') {
+    if (is_temporary(name, static_cast<size_t>(end - name))) return false;
+    name = end + 1;
+    end = strchrnul(name, '/');
+    if (end != name) ++depth;
   }
-  constexpr size_t prefix_length = sizeof(kDigestPrefix) - 1;
-  const size_t length = strlen(name);
-  // A name above NAME_MAX can be left to the file system.
-  const bool leaves_no_room = length <= NAME_MAX && length + prefix_length > NAME_MAX;
-  return depth <= kMaxScanDepth && !leaves_no_room && !is_digest_name(name);
-}
-
-uint32_t root_of_path(const char* path) {
-  for (uint32_t root_index = 0; root_index < kRootCount; ++root_index) {
-    const size_t length = strlen(root_paths[root_index]);
-    if (strncmp(path, root_paths[root_index], length) != 0) continue;
-    const char* rest = path + length;
-    while (*rest == '/')
-      ++rest;
-    return *rest != '\0' && relative_path_is_confined(rest) ? root_index : kRootCount;
-  }
-  return kRootCount;
-}
-
-bool path_is_listable(const char* path) {
-  const uint32_t root_index = root_of_path(path);
-  return root_index != kRootCount &&
-         relative_path_is_listable(path + strlen(root_paths[root_index]));
+  const auto length = static_cast<size_t>(end - name);
+  return depth <= kMaxScanDepth && leaves_room_for_prefix(length) && !is_digest_name(name) &&
+         !is_temporary(name, length);
 }
 
 int check_no_symlink_above(uint32_t root_index, const char* path) {
@@ -71,6 +100,10 @@ int check_no_symlink_above(uint32_t root_index, const char* path) {
     above[slash] = '/';
   }
   return 0;
+}
+
+bool file_is_gone(int error) {
+  return error == ENOENT || error == EISDIR || error == ENOTDIR;
 }
 
 FILE* open_stream(int dir_fd, const char* path, int flags, mode_t mode, const char* stream_mode) {

@@ -9,27 +9,43 @@
 // checked as text and against symbolic links planted in the trees; the roots themselves may be
 // reached through links.
 
+// A path below a root, taken apart.
+struct TreePath {
+  uint32_t root_index;
+  const char* relative_path;  // points into the path it was made from
+};
+
+// The root that an absolute path begins with, as text, or kRootCount.
+uint32_t root_of_path(const char* path);
+
+// Takes an absolute path apart. False when it lies below no root, is a root itself or has a ".."
+// component.
+bool split_tree_path(const char* path, TreePath* place);
+
+// The one check of an absolute path that somebody else has chosen. Returns 0 when a file there is
+// replicated under just that name; EPERM when the path lies below no root; ELOOP (or the error of
+// lstat) when a symbolic link stands above it; EINVAL when no scan lists the name, or a blank at
+// its beginning would be lost on the way.
+int check_tree_path(const char* path, TreePath* place);
+
 // True for a relative path that does not begin with "/" and has no ".." component. An empty path
 // passes.
 bool relative_path_is_confined(const char* relative_path);
 
-// True for a relative path that a scan can list: a file of that name would otherwise fail every
-// later scan (too deep, too long for a digest cache file beside it), be taken for a digest cache
-// file, or make an invalid listing line (the reader of a line swallows the blanks at its start).
-// An empty path passes.
+// True for a relative path that a scan lists: a file of any other name would fail every later scan
+// (too deep, too long for a digest cache file beside it), be passed over (a temporary, a digest
+// cache file), or make an invalid listing line (the reader of a line swallows the blanks at its
+// start). An empty path passes.
 bool relative_path_is_listable(const char* relative_path);
-
-// Finds the root below which an absolute path lies, as text: its index, or kRootCount when it lies
-// below none, is a root itself or has a ".." component.
-uint32_t root_of_path(const char* path);
-
-// True for an absolute path below a root whose part behind the root a scan can list.
-bool path_is_listable(const char* path);
 
 // Returns 0 when no existing directory between the root and the last component of `path` is a
 // symbolic link, else ELOOP (or the error of lstat). `path` begins with the root `root_index`. A
 // missing directory ends the walk without an error.
 int check_no_symlink_above(uint32_t root_index, const char* path);
+
+// True for the error of an unlink that found no file to delete: nothing of that name, or a
+// directory, or a path that leads through a file.
+bool file_is_gone(int error);
 
 // fopen(3) that neither follows a symbolic link in the last component nor waits for the other end
 // of a FIFO. `dir_fd`, `flags` and `mode` as for openat(2). Null with errno on failure.

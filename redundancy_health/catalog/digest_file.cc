@@ -47,7 +47,8 @@ void delete_if_orphaned(SyncContext* ctx, const ScannedFile& digest) {
   const char* path = digest.entry->path;
   // The bare prefix has the directory itself as its data file.
   if (*data_name == '\0' || faccessat(digest.dir_fd, data_name, F_OK, 0) == 0) return;
-  if (errno == ENOENT) {
+  const int error = errno;
+  if (error == ENOENT) {
     LOG(7, "Found orphaned digest file '%s'; Deleting it.", path);
     if (unlinkat(digest.dir_fd, digest.name, 0) != 0) {
       RECORD_SCAN_FAILURE(ctx, 0, "Could not delete orphaned digest file (%s): %s", strerror(errno),
@@ -56,7 +57,7 @@ void delete_if_orphaned(SyncContext* ctx, const ScannedFile& digest) {
   } else {
     char* data_path = sibling_path(digest, data_name);
     RECORD_SCAN_FAILURE(ctx, 1, "Could not determine status of target file (%s): %s",
-                        strerror(errno), data_path);
+                        strerror(error), data_path);
     free(data_path);
   }
 }

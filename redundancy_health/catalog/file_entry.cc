@@ -23,6 +23,21 @@ const char* const root_paths[kRootCount] = {
     "/var/run/replicated_by_active_em/",
 };
 
+bool is_shared_root(uint32_t root_index) {
+  return root_index == kActivePersistentRoot || root_index == kActiveVolatileRoot;
+}
+
+uint32_t peer_root_index(uint32_t root_index) {
+  switch (root_index) {
+    case kThisEmRoot:
+      return kOtherEmRoot;
+    case kOtherEmRoot:
+      return kThisEmRoot;
+    default:
+      return root_index;
+  }
+}
+
 uint32_t tag_root_index(char tag) {
   switch (tag) {
     case 'A':

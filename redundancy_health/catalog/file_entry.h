@@ -14,6 +14,13 @@ constexpr uint32_t kActiveVolatileRoot = 3;    // written by the active EM
 constexpr uint32_t kRootCount = 4;
 extern const char* const root_paths[kRootCount];
 
+// True for the trees that the active EM writes.
+bool is_shared_root(uint32_t root_index);
+
+// The other EM's index of the tree that is `root_index` here, and the other way round: its own tree
+// is this EM's copy of it.
+uint32_t peer_root_index(uint32_t root_index);
+
 // The requester's root of a listing line's tag letter, or kRootCount for every other letter. The
 // responder's own tree ('P') is the requester's copy, and the other way round ('Q').
 uint32_t tag_root_index(char tag);

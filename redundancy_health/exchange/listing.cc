@@ -4,41 +4,46 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string>
+
+#include "platform/em.h"
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
+#include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/cpg_message.h"
 
 namespace {
 
-// True for a path below a root that no "..", and no link on the way, leads out of it.
-bool is_confined(const char* path) {
-  const uint32_t root_index = root_of_path(path);
-  return root_index != kRootCount && check_no_symlink_above(root_index, path) == 0;
+// Where this EM's copy of the requester's file `path` lies. False when it has none that is its to
+// move: the own tree and, on the active EM, the shared ones are no copies. The bytes are the
+// peer's: they lead nowhere out of the roots, nor where a file would fail every later exchange.
+bool find_copy(const char* path, std::string* copy) {
+  TreePath place;
+  if (!split_tree_path(path, &place)) return false;
+  const uint32_t root_index = peer_root_index(place.root_index);
+  if (root_index == kThisEmRoot || (is_shared_root(root_index) && this_em_is_active())) {
+    return false;
+  }
+  *copy = std::string(root_paths[root_index]) + place.relative_path;
+  return check_tree_path(copy->c_str(), &place) == 0;
 }
 
 // Repeats the requester's rename on this EM's own copies, so that the content need not travel. A
 // temporary file has no copy here. Whatever fails, the comparison that follows finds the
 // difference.
 void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
-  if (payload == nullptr || payload_size < 2) return;
-  const auto* source = reinterpret_cast<const char*>(payload);
-  const size_t source_size = strnlen(source, payload_size) + 1;
-  if (source_size > payload_size) return;
-  const char* destination = source + source_size;
-  const size_t rest = payload_size - source_size;
-  if (strnlen(destination, rest) == rest) return;
-  if (*source == '\0' || *destination == '\0') return;
-  if (strstr(source, "/TempUpdate_") != nullptr) return;
-  // The bytes are the peer's: they move nothing into or out of the roots, nor where it would fail
-  // every later exchange.
-  if (!is_confined(source) || !is_confined(destination) || !path_is_listable(destination)) return;
-  if (rename(source, destination) != 0) return;
+  RpcRequest request;
+  if (!parse_rpc_request(payload, payload_size, &request)) return;
+  std::string source;
+  std::string destination;
+  if (!find_copy(request.source, &source) || !find_copy(request.destination, &destination)) return;
+  if (rename(source.c_str(), destination.c_str()) != 0) return;
   // The digests of what was replaced would fit a file of the same size and second.
-  remove_digest_file(destination);
+  remove_digest_file(destination.c_str());
 }
 
 // Packs the listing into one allocation of its exact size. Returns the size; `*listing` is null

@@ -96,7 +96,7 @@ void pair_identical_chunks(Comparison* comparison, FileEntry* const* index) {
 void delete_local_copy(SyncContext* ctx, const FileEntry* entry) {
   LOG(7, "@@ Pull del:  %s", entry->xmit_line);
   // Every chunk of the file names the same path: all but the first find it gone.
-  if (unlink(entry->path) != 0 && errno != ENOENT) {
+  if (unlink(entry->path) != 0 && !file_is_gone(errno)) {
     storage_cfg_set_result(&ctx->cpg_result, RESULT_READ_FAILED, "Could not delete file (%s): %s",
                            strerror(errno), entry->path);
     LOG(3, "%s", ctx->cpg_result.reason);

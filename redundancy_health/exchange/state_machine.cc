@@ -1,9 +1,12 @@
 #include "redundancy_health/exchange/state_machine.h"
 
 #include "platform/em.h"
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/listing.h"
 #include "redundancy_health/exchange/reconcile.h"
+#include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -55,6 +58,8 @@ void on_sync_req(SyncContext* ctx) {
     return;
   }
   reset_cpg_result(ctx);
+  // The role may have moved since the wish for this exchange arose.
+  ctx->cur_exchange_em_is_active = this_em_is_active();
   ctx->cur_sequence_id = 0;
   ctx->cur_state = ST_LOCKREQ;
   ++ctx->cur_exchange_id;
@@ -64,9 +69,23 @@ void on_sync_req(SyncContext* ctx) {
   stats.n_syncs_from_self += 1;
 }
 
+// Ends the exchange when it serves a local change to a shared tree that it has no right to carry to
+// the peer: the role has moved since the change was made.
+void fail_change_without_rights(SyncContext* ctx) {
+  RpcRequest request;
+  if (ctx->cur_exchange_em_is_active ||
+      !parse_rpc_request(ctx->rpc_msg, ctx->current_rpc_size, &request) ||
+      !is_shared_root(root_of_path(request.destination))) {
+    return;
+  }
+  end_exchange_error(ctx, kNotActiveFormat, request.destination);
+}
+
 // The own lock request came back first: the pair is locked.
 void on_lock_granted(SyncContext* ctx, const Event& event) {
   check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id, 0);
+  CHECKPOINT(ctx);
+  fail_change_without_rights(ctx);
   CHECKPOINT(ctx);
   if ((ctx->cpg_membership_flags & kPeerMember) == 0) {
     end_exchange_full(ctx, RESULT_OK, nullptr);  // nobody to synchronise with
@@ -165,9 +184,11 @@ void on_update_req(SyncContext* ctx, const Event& event) {
   }
 }
 
-// The peer could not do what it was asked: its reason is the outcome, for the local caller too.
+// The peer could not do what it was asked: its reason is the outcome, for the local caller too,
+// whose change stands on this EM, whatever the peer says of its own part.
 void take_peer_failure(SyncContext* ctx, const RpcResult& result) {
   ctx->cpg_result = result;
+  ctx->cpg_result.local_ok = 1;
   ctx->cpg_result.reason[sizeof(result.reason) - 1] = '\0';  // the peer's bytes
   LOG(3, "%s", ctx->cpg_result.reason);
   end_exchange_full(ctx, RESULT_OK, nullptr);
@@ -192,16 +213,25 @@ void on_update_ack(SyncContext* ctx, const Event& event) {
   }
 }
 
-// Marks the wish for the first exchange after a join; the exit step or a later event starts it.
-void request_initial_sync(SyncContext* ctx) {
-  if (ctx->cpg_result.canceled || !this_em_is_active()) return;
+// Marks the wish for the first exchange after a join, which the exit step or a later event starts.
+// False when another request has the stage.
+bool mark_initial_sync(SyncContext* ctx) {
   LOG(6, "Initial sync operation to be initiated");
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  if (ctx->rpc_stage == RPC_IDLE) {
+  const bool idle = ctx->rpc_stage == RPC_IDLE;
+  if (idle) {
     ctx->rpc_stage = RPC_LOCAL_BUSY;
     ctx->cur_exchange_em_is_active = 1;
   }
   CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  return idle;
+}
+
+// Sees to it that the active EM synchronises a newcomer: now or, when another request or a failure
+// is in the way, by a resync, which the success of that other exchange makes needless.
+void request_initial_sync(SyncContext* ctx) {
+  if (!this_em_is_active()) return;
+  if (ctx->cpg_result.canceled || !mark_initial_sync(ctx)) arm_resync(ctx);
 }
 
 void on_join_while_unlocked(SyncContext* ctx) {

@@ -26,7 +26,9 @@ uint32_t read_max_log_size() {
 // False when the line is to be dropped: its file cannot be looked at or moved away.
 bool make_room_in_log_file(uint32_t max_log_size) {
   struct stat status;
-  if (stat(kLogFile, &status) != 0) return errno == ENOENT;
+  // No link is followed, here as little as when the file is opened: one that leads in a circle
+  // would cost the flight recorder its lines.
+  if (lstat(kLogFile, &status) != 0) return errno == ENOENT;
   if (static_cast<uint64_t>(status.st_size) <= max_log_size) return true;
   return rename(kLogFile, kOldLogFile) == 0;
 }

@@ -13,8 +13,9 @@
 
 namespace {
 
+// The low 32 bits, also where long has no more.
 int32_t decimal(const char* text) {
-  return static_cast<int32_t>(strtol(text, nullptr, 10));
+  return static_cast<int32_t>(strtoll(text, nullptr, 10));
 }
 
 // Runs `change` on g_diag_params with its mutex held.

@@ -8,6 +8,7 @@
 #include "platform/em.h"
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
@@ -18,23 +19,6 @@
 namespace {
 
 constexpr int32_t kMaxWaitingCalls = 100;  // a call that finds more inside is refused
-
-// A request, as its two strings.
-struct RpcRequest {
-  const char* source;
-  const char* destination;
-};
-
-// False when the message does not hold two terminated strings.
-bool parse_request(const uint8_t* message, uint32_t size, RpcRequest* request) {
-  if (message == nullptr) return false;
-  request->source = reinterpret_cast<const char*>(message);
-  const size_t source_size = strnlen(request->source, size);
-  if (source_size == size) return false;
-  request->destination = request->source + source_size + 1;
-  const size_t rest = size - source_size - 1;
-  return strnlen(request->destination, rest) < rest;
-}
 
 // A printable form of the first bytes of a message, for the log.
 void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) {
@@ -47,22 +31,20 @@ void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) 
   }
 }
 
-// Completes the waiting request with an error; no exchange runs. The caller wakes: its bytes are
-// not to be touched afterwards.
-#define REFUSE(ctx, code, ...)                 \
-  do {                                         \
-    end_exchange_full(ctx, code, __VA_ARGS__); \
-    LOG(3, "%s", (ctx)->cpg_result.reason);    \
+// Completes the waiting request with an error; no exchange runs, and no later one hears of it. The
+// caller wakes: its bytes are not to be touched afterwards.
+#define REFUSE(ctx, code, ...)                                                      \
+  do {                                                                              \
+    end_exchange_full(ctx, code, __VA_ARGS__);                                      \
+    LOG_AS(__func__, 3, !(ctx)->cpg_result.benign, "%s", (ctx)->cpg_result.reason); \
+    reset_cpg_result(ctx);                                                          \
   } while (0)
 
-bool is_below(const char* path, uint32_t root_index) {
-  return strncmp(path, root_paths[root_index], strlen(root_paths[root_index])) == 0;
-}
-
-// The reason why a destination is none of the replicated paths: an error number, or 0.
+// The reason why a destination is none that is replicated to the peer: an error number, or 0.
 int check_destination(const char* destination) {
-  const uint32_t root_index = root_of_path(destination);
-  return root_index == kRootCount ? EPERM : check_no_symlink_above(root_index, destination);
+  TreePath place;
+  const int error = check_tree_path(destination, &place);
+  return error == 0 && place.root_index == kOtherEmRoot ? EPERM : error;
 }
 
 bool delete_destination(SyncContext* ctx, const char* destination) {
@@ -78,7 +60,6 @@ bool delete_destination(SyncContext* ctx, const char* destination) {
 // Returns 0 or an error number. The digest cache file of the old destination goes in any case.
 int rename_onto(const char* source, const char* destination) {
   int error = check_destination(destination);
-  if (error == 0 && !path_is_listable(destination)) error = EINVAL;
   if (error != 0) return error;
   if (have_error_injection(g_diag_params.fail_rename_path, destination)) {
     error = EDOM;
@@ -108,16 +89,24 @@ bool apply_request(SyncContext* ctx, const RpcRequest& request) {
     return false;
   }
   ctx->cur_exchange_em_is_active = this_em_is_active();
-  if (!ctx->cur_exchange_em_is_active && (is_below(destination, kActivePersistentRoot) ||
-                                          is_below(destination, kActiveVolatileRoot))) {
-    REFUSE(ctx, RESULT_REFUSED_NOT_ACTIVE,
-           "Attempt to update shared replicated area while not active '%s'", destination);
+  if (!ctx->cur_exchange_em_is_active && is_shared_root(root_of_path(destination))) {
+    REFUSE(ctx, RESULT_REFUSED_NOT_ACTIVE, kNotActiveFormat, destination);
     return false;
   }
   if (*request.source != '\0') return rename_to_destination(ctx, request);
   if (*destination != '\0') return delete_destination(ctx, destination);
   LOG(7, "SYNC running explicit sync request");
   return true;
+}
+
+// Starts the exchange for a request that was applied. The state machine makes it pending; when that
+// is frozen and drops the event, the request is so all the same: its change stands on this EM.
+void start_exchange(SyncContext* ctx) {
+  on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
+  if (ctx->cur_state != ST_UNLOCKED) return;
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  if (ctx->rpc_stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
 }
 
 // Waits, with rpc_mutex held, until rpc_stage is `stage`.
@@ -195,14 +184,12 @@ void on_sync_rpc_update(SyncContext* ctx) {
   // A wake-up can outlive its request, whose bytes then are gone with its caller.
   if (!requested) return;
   RpcRequest request;
-  if (!parse_request(message, size, &request)) {
+  if (!parse_rpc_request(message, size, &request)) {
     char text[100];
     format_printable(message, size, text);
     LOG(3, "Bad RPC message data: size=%u [%s]", size, text);
     REFUSE(ctx, RESULT_REFUSED, "Received unparseable RPC message");
     return;
   }
-  if (apply_request(ctx, request)) {
-    on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
-  }
+  if (apply_request(ctx, request)) start_exchange(ctx);
 }

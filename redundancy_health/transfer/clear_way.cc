@@ -23,20 +23,24 @@ int clear_parent(const char* parent, bool* missing) {
   return 0;  // what is neither a file nor a directory fails the write
 }
 
-int clear_target(const std::string& path) {
+int clear_target(const std::string& path, bool in_place) {
   // An empty or "." component names the directory above, which must stay.
   const std::string name = path.substr(path.rfind('/') + 1);
   if (name.empty() || name == ".") return 0;
   struct stat status;
-  if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return 0;
+  if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return 0;
   std::error_code error;
-  std::filesystem::remove_all(path, error);  // follows no links
+  if (S_ISDIR(status.st_mode)) {
+    std::filesystem::remove_all(path, error);  // follows no links
+  } else if (in_place) {
+    std::filesystem::remove(path, error);  // a whole file takes its place by itself
+  }
   return error.value();
 }
 
 }  // namespace
 
-int clear_way(uint32_t root_index, const char* path) {
+int clear_way(uint32_t root_index, const char* path, bool in_place) {
   std::string above(path);
   size_t slash = above.find('/', strlen(root_paths[root_index]));
   for (; slash != std::string::npos; slash = above.find('/', slash + 1)) {
@@ -46,5 +50,5 @@ int clear_way(uint32_t root_index, const char* path) {
     if (error != 0 || missing) return error;
     above[slash] = '/';
   }
-  return clear_target(path);
+  return clear_target(path, in_place);
 }

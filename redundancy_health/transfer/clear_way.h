@@ -5,9 +5,10 @@
 
 // Makes room for a received file. The sender decides what its tree holds, and updates arrive before
 // deletions: a regular file that stands where the sender has a directory goes, and so does a
-// directory, with all in it, that stands where the sender has a file. Returns 0, ELOOP when a
-// symbolic link stands in the way (nothing is written through it), or the error of what failed.
-// `path` begins with the root `root_index` and has no ".." behind it.
-int clear_way(uint32_t root_index, const char* path);
+// directory, with all in it, that stands where the sender has a file. So does a link, a FIFO, a
+// socket or a device there when the file is written `in_place` and not replaced as a whole. Returns
+// 0, ELOOP when a symbolic link stands above (nothing is written through it), or the error of what
+// failed. `path` begins with the root `root_index` and has no ".." behind it.
+int clear_way(uint32_t root_index, const char* path, bool in_place);
 
 #endif  // TRANSFER_CLEAR_WAY_H_

@@ -49,18 +49,6 @@ constexpr KnownFile known_file_table[] = {
 };
 constexpr size_t kKnownFiles = sizeof(known_file_table) / sizeof(known_file_table[0]) - 1;
 
-// The sender's own tree is this EM's copy of it, and the other way round.
-uint32_t swap_root_index(uint32_t root_index) {
-  switch (root_index) {
-    case kThisEmRoot:
-      return kOtherEmRoot;
-    case kOtherEmRoot:
-      return kThisEmRoot;
-    default:
-      return root_index;
-  }
-}
-
 // Takes a payload apart. False when it is malformed.
 bool parse_update(const uint8_t* payload, uint32_t payload_size, Update* update) {
   if (payload_size <= sizeof(UpdateHeader)) return false;
@@ -76,7 +64,7 @@ bool parse_update(const uint8_t* payload, uint32_t payload_size, Update* update)
   }
   update->data = nul + 1;
   update->data_size = static_cast<uint32_t>(end - update->data);
-  update->local_root_index = swap_root_index(update->header.root_index);
+  update->local_root_index = peer_root_index(update->header.root_index);
   return true;
 }
 
@@ -124,15 +112,27 @@ int write_fully(int fd, const uint8_t* data, size_t size) {
   return 0;
 }
 
+// A file that keeps its content gets the class of mode that a new copy would have: the listings of
+// both EMs agree then, and nothing that is secret there can be read here.
+int set_mode_class(int fd, bool restricted) {
+  struct stat status;
+  if (fstat(fd, &status) != 0) return errno;
+  if (mode_is_restricted(status.st_mode) == restricted) return 0;
+  return fchmod(fd, restricted ? 0600 : 0644) == 0 ? 0 : errno;
+}
+
 // Writes one chunk in place. Returns 0 or an error number.
 int write_chunk(const FileEntry* local, const Update& update) {
   if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
+  const bool restricted = update.header.restricted == 1;
   const int fd = open(local->path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                      update.header.restricted == 1 ? 0600 : 0644);
+                      restricted ? 0600 : 0644);
   if (fd < 0) return errno;
-  int error = 0;
-  if (ftruncate(fd, update.header.file_size) != 0 ||
-      lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
+  int error = set_mode_class(fd, restricted);
+  if (error != 0) {
+    // not a byte of it
+  } else if (ftruncate(fd, update.header.file_size) != 0 ||
+             lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
     error = errno;
   } else {
     error = write_fully(fd, update.data, update.data_size);
@@ -145,7 +145,7 @@ int write_chunk(const FileEntry* local, const Update& update) {
 
 // Writes received data. Returns 0 or an error number.
 int write_update(const FileEntry* local, const Update& update, bool atomic) {
-  int error = clear_way(local->root_index, local->path);
+  int error = clear_way(local->root_index, local->path, !atomic);
   if (error == 0) error = ensure_parent_directory(local->path);
   if (error != 0) return error;
   remove_digest_file(local->path);
@@ -174,7 +174,7 @@ void delete_file(const FileEntry* local, RpcResult* result) {
   LOG(7, "SYNC Deleting file %s", local->path);
   int error = check_no_symlink_above(local->root_index, local->path);
   if (error == 0 && unlink(local->path) != 0) error = errno;
-  if (error != 0 && error != ENOENT) {
+  if (error != 0 && !file_is_gone(error)) {
     storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to delete file (%s): %s",
                            strerror(error), local->path);
   }

@@ -137,8 +137,7 @@ void update_next_chunk(SyncContext* ctx) {
   while (ctx->update_queue != nullptr) {
     FileEntry* entry = ctx->update_queue;
     ctx->update_queue = entry->next;
-    if (!ctx->cur_exchange_em_is_active &&
-        (entry->root_index == kActivePersistentRoot || entry->root_index == kActiveVolatileRoot)) {
+    if (!ctx->cur_exchange_em_is_active && is_shared_root(entry->root_index)) {
       LOG(7, "Skipping update of entry '%s' because this EM is standby", entry->path);
       free_file_entry(entry);
       continue;

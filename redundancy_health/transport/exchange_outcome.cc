@@ -42,7 +42,7 @@ void account_for_faults(SyncContext* ctx, uint32_t flags) {
     ctx->consecutive_errors = 0;
     ctx->resync_countdown = -1;
   } else {
-    if (ctx->resync_countdown == -1) ctx->resync_countdown = kFirstResyncDelay;
+    arm_resync(ctx);
     ++ctx->consecutive_errors;
     LOG_PLATFORM_ONLY(3, "Replication failed, consecutive errors=%d", ctx->consecutive_errors);
     if (ctx->consecutive_errors > 1) status = kReplicationFailing;
@@ -77,6 +77,10 @@ void hand_back_to_rpc(SyncContext* ctx) {
 }
 
 }  // namespace
+
+void arm_resync(SyncContext* ctx) {
+  if (ctx->resync_countdown == -1) ctx->resync_countdown = kFirstResyncDelay;
+}
 
 void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, va_list args) {
   if ((flags & kCodeError) != 0) {

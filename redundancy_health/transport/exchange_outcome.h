@@ -25,6 +25,10 @@ static_assert(offsetof(ReplicationFaultEvent, fault_id) == 4);
 static_assert(offsetof(ReplicationFaultEvent, status) == 8);
 static_assert(offsetof(ReplicationFaultEvent, data) == 12);
 
+// Makes the active EM start an exchange of its own some passes of the sync loop later, unless that
+// is on its way already.
+void arm_resync(SyncContext* ctx);
+
 // Ends the exchange, successful or not: with an error in `flags` (frame/result_codes.h) the
 // formatted reason becomes cpg_result, without one `format` is null and what was recorded stands.
 // Then it counts failures and tells the event service, drops update_queue, releases the peer

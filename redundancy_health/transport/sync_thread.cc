@@ -158,7 +158,7 @@ void* sync_thread_fn(void* context) {
   auto* ctx = static_cast<SyncContext*>(context);
   const int cpg_fd = connect_to_cpg(ctx);
   // A request may be there before the first idle pass: it is not to be measured from boot.
-  if (ctx->state_time == 0) ctx->state_time = get_uptime();
+  ctx->state_time = get_uptime();
   run_loop(ctx, cpg_fd);
   if (ctx->cpg_initialized) {
     const cs_error_t rc = cpg_finalize(ctx->cpg_handle);

@@ -41,6 +41,7 @@ TEST_F(DiagnosticsTest, EachCommandChangesItsSettingAndWhatIsNoneNothing) {
       {"flight-rec=4000", "000 0 4000 ,,,"},
       {"flight-rec=pause", "001 0 4000 ,,,"},
       {"flight-rec=nonsense", "001 0 0 ,,,"},
+      {"log-size=4294967295", "001 -1 0 ,,,"},
       {"log-size=12k", "001 12 0 ,,,"},
   };
   for (const auto& [message, after] : rows) {

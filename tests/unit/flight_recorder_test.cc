@@ -49,6 +49,9 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   fs::create_symlink("/tmp/elsewhere", kLogFile);
   LOG(4, "|link");
   remove(kLogFile);
+  fs::create_symlink(kLogFile, kLogFile);
+  LOG(4, "|circle");
+  remove(kLogFile);
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
   errno = ENOTTY;
   LOG(4, "|FIFO");
@@ -58,7 +61,7 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   char byte;
   EXPECT_EQ(read(reader, &byte, 1), 0) << "a stranger gets no line";
   close(reader);
-  EXPECT_EQ(recorded(), Lines({"|link", "|FIFO", "|read FIFO"}));
+  EXPECT_EQ(recorded(), Lines({"|link", "|circle", "|FIFO", "|read FIFO"}));
   EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
 }
 

@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "tests/unit/daemon_support.h"
 
@@ -54,6 +55,7 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
   const std::string no_file = "No such file or directory): %";
   const std::string not_permitted = "Operation not permitted): %";
   const std::string loop = "Too many levels of symbolic links): %";
+  const std::string invalid = "Invalid argument): %";
   const struct {
     std::string source, destination;
     bool benign;
@@ -73,10 +75,18 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
       {"", own + "../replicated_by_this_em/kept", false, del + not_permitted},
       {"", own + "link/f", false, del + loop},
       {kept, own + "link/f", false, update + loop},
-      {kept, own + std::string(243, 'n'), false, update + "Invalid argument): %"},
+      {kept, own + std::string(243, 'n'), false, update + invalid},
+      {kept, own + "TempUpdate_1/f", false, update + invalid},
+      {kept, own + "/ f", false, update + invalid},
+      {"", own + "d/TempUpdate_f", false, del + invalid},
+      {kept, make_file(2, "f", "copy"), false, update + not_permitted},
+      {"", tree_path(2, "f"), false, del + not_permitted},
+      // Two slashes are no level more.
+      {kept, own + "/1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/f", false, update + no_file},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.reason);
+    g_flight_recorder.paused = 0;
     const RpcResult result = serve(row.source, row.destination);
     std::string reason = row.reason;
     reason.replace(reason.find('%'), 1, row.destination);
@@ -84,17 +94,41 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
     EXPECT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
     EXPECT_EQ(result.success + result.local_ok + result.remote_ok, 0);
     EXPECT_EQ(result.benign, row.benign);
+    EXPECT_EQ(g_flight_recorder.paused, !row.benign) << "what means nothing dumps nothing";
+    EXPECT_TRUE(ctx->cpg_result.success) << "nobody else hears of it";
   }
   EXPECT_EQ(sent_messages(), Lines());
   EXPECT_EQ(read_file(kept) + read_file(tree_path(0, "f")) + read_file(tree_path(3, "f")) +
-                read_file(own + "d/f") + read_file("/run/outside/f"),
-            "keptfffoutside");
+                read_file(own + "d/f") + read_file("/run/outside/f") + read_file(tree_path(2, "f")),
+            "keptfffoutsidecopy");
   EXPECT_FALSE(exists(digest)) << "of the destination of a rename that failed";
-  EXPECT_EQ(stats.n_atomic_updates_from_self, 1u) << "the rename that was tried";
+  EXPECT_EQ(stats.n_atomic_updates_from_self, 2u) << "the renames that were tried";
   set_active(true);
   serve("", tree_path(3, "f"));
   EXPECT_EQ(ctx->cur_exchange_em_is_active, 1);
   EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"});
+}
+
+// What the caller of a change hears that was carried out here, and the peer has not got.
+TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
+  const std::string shared = make_file(0, "f", "f");
+  set_active(true);
+  serve("", shared);
+  ctx->cur_state = ST_UNLOCKED;  // it lost the lock, and the role went meanwhile
+  set_active(false);
+  on_sync_state_change(ctx, ON_SYNC_REQ, 1, nullptr, nullptr, 0);
+  EXPECT_EQ(ctx->cur_exchange_em_is_active, 0);
+  deliver_own(SentMessage(g_cpg.sent.back()));
+  EXPECT_EQ(ctx->rpc_result.reason,
+            "Attempt to update shared replicated area while not active '" + shared + "'");
+  EXPECT_EQ(ctx->rpc_result.local_ok, 1);
+  EXPECT_EQ(sent_messages(), (Lines{"MSG_LOCK_REQ 1.0", "MSG_LOCK_REQ 2.0", "MSG_LOCK_REL 2.0"}));
+
+  g_diag_params.statemachine_stuck = 1;
+  serve(make_file(1, "TempUpdate_1", "f"), tree_path(1, "f"));
+  end_exchange_error(ctx, "Operation timed out");
+  EXPECT_STREQ(ctx->rpc_result.reason, "Operation timed out");
+  EXPECT_EQ(ctx->rpc_result.local_ok, 1);
 }
 
 TEST_F(RpcServiceTest, RefusesAMessageThatIsNoneAndShowsItPrintable) {

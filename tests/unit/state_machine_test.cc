@@ -142,6 +142,7 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
     bool initial_sync;  // on the active EM
     bool failed = false;
     uint32_t stage = RPC_IDLE;
+    bool resync = false;  // on the active EM, in its place
   } rows[] = {
       {ST_UNLOCKED, 0x0F, "ST_UNLOCKED", true},
       {ST_UNLOCKED, 0x0B, "ST_DONE, MSG_LOCK_REL 7.3", true},
@@ -149,9 +150,9 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
       {ST_UNLOCKED, 0x05, "ST_UNLOCKED", false},
       {ST_LOCKREQ, 0x0B, "ST_LOCKREQ", false},
       {ST_DONE, 0x0B, "ST_DONE", true},
-      {ST_DONE, 0x0B, "ST_DONE", false, true},                // not after a failure
-      {ST_DONE, 0x0B, "ST_DONE", false, false, RPC_PENDING},  // that one will do
-      {ST_PEERLOCK, 0x0B, kFails, false},
+      {ST_DONE, 0x0B, "ST_DONE", false, true, RPC_IDLE, true},  // not after a failure
+      {ST_DONE, 0x0B, "ST_DONE", false, false, RPC_PENDING, true},
+      {ST_PEERLOCK, 0x0B, kFails, false, false, RPC_IDLE, true},  // as after every failure
   };
   for (const bool active : {false, true}) {
     set_active(active);
@@ -160,7 +161,9 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
       enter(row.state, row.stage);
       if (row.failed) storage_cfg_set_result(&ctx->cpg_result, 4, "failed");
       ctx->cpg_membership_flags = row.flags;
+      ctx->resync_countdown = -1;
       event(ON_CPG_JOINED);
+      EXPECT_EQ(ctx->resync_countdown, active && row.resync ? 5 : -1);
       EXPECT_EQ(outcome(), row.outcome);
       EXPECT_NE(ctx->state_time, kLongAgo);
       const bool requested = active && row.initial_sync;
@@ -225,11 +228,14 @@ TEST_F(StateMachineTest, ThePeersFailureBecomesTheOutcomeAndOnesOwnWaitsForTheTi
   RpcResult result;
   storage_cfg_set_result(&result, 20, nullptr);
   memset(result.reason, 'x', sizeof(result.reason));  // not terminated
+  result.local_ok = 0;                                // of its part
   message(MSG_UPDATE_ACK, false, 7, 3, PUSH_ACK, &result);
   EXPECT_EQ(outcome(), "fails: " + std::string(115, 'x'));
   EXPECT_EQ(ctx->rpc_result.reason, std::string(115, 'x'));
+  EXPECT_EQ(ctx->rpc_result.local_ok, 1);
 
-  make_file(0, "gone/below", "x");  // a directory cannot be unlinked
+  // A mount point cannot be unlinked.
+  const Mount busy(make_file(0, "gone", "x"), nullptr, tree_path(0, "gone").c_str());
   enter(ST_PEERLOCK);
   message(MSG_UPDATE_REQ, false, 9, 3, PUSH_DEL_REQ);
   EXPECT_EQ(outcome(), "ST_PEERLOCK, MSG_UPDATE_ACK 9.3");
