@@ -48,6 +48,19 @@ int create_temporary(const std::string& directory, std::string* name) {
   return fail(EEXIST);
 }
 
+int open_to_sync(const char* path) {
+  return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+}
+
+int sync_and_close(int fd, int (*sync)(int)) {
+  if (fd < 0) return -1;
+  const int rc = sync(fd);
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return rc;
+}
+
 // Gives the replacement up; the first failure's errno is the one that counts.
 int give_up(StorageHandle* handle, int error) {
   if (handle->error == 0) {
@@ -123,7 +136,23 @@ int storage_close(StorageHandle* handle) {
   if (close(handle->fd) != 0) give_up(handle, errno);
   if (handle->error == 0 && rename(handle->temporary.c_str(), handle->path.c_str()) != 0)
     give_up(handle, errno);
+  if (handle->error == 0 && storage_sync_name(handle->path.c_str()) != 0) handle->error = errno;
   const int error = handle->error;
   delete handle;
   return error == 0 ? 0 : fail(error);
+}
+
+int storage_sync_content(const char* path) {
+  struct stat status;
+  if (lstat(path, &status) != 0) return 0;
+  if (S_ISDIR(status.st_mode)) return sync_and_close(open_to_sync(path), syncfs);
+  return S_ISREG(status.st_mode) ? sync_and_close(open_to_sync(path), fsync) : 0;
+}
+
+int storage_sync_name(const char* path) {
+  std::string directory = path;
+  while (directory.size() > 1 && directory.back() == '/')
+    directory.pop_back();
+  directory.resize(directory.rfind('/') + 1);
+  return sync_and_close(open_to_sync(directory.empty() ? "." : directory.c_str()), fsync);
 }

@@ -39,11 +39,21 @@ constexpr int kStorageOpenRestricted = 0x40;  // mode 0600 instead of 0644
 
 // Replaces the file at the absolute `path` as a whole: storage_open makes a temporary file
 // (TempUpdate_<random>) in its directory, storage_write_all writes to it, storage_close brings it
-// to the disk and renames it over `path`. Each returns 0, or non-zero with errno set. After any
-// failure `path` is what it was and the temporary file is gone, at the latest after storage_close,
-// which must follow every successful open and frees the handle. `kind` is not interpreted.
+// to the disk, renames it over `path` and brings that to the disk. Each returns 0, or non-zero with
+// errno set. After a failure `path` is what it was, unless only the new name did not reach the
+// disk, and the temporary file is gone, at the latest after storage_close, which must follow every
+// successful open and frees the handle. `kind` is not interpreted.
 int storage_open(int kind, const char* path, int flags, StorageHandle** handle);
 int storage_write_all(StorageHandle* handle, const void* data, size_t size);
 int storage_close(StorageHandle* handle);
+
+// What the next two return for is on the disk afterwards and survives a loss of power. 0, or
+// non-zero with errno set. On file systems in memory they cost next to nothing.
+
+// The content of the file or, with all below it, of the directory `path`. What is neither, or does
+// not exist, has none.
+int storage_sync_content(const char* path);
+// That the name `path`, of a file or a directory, was made, has been replaced or is gone.
+int storage_sync_name(const char* path);
 
 #endif  // PLATFORM_STORAGE_H_

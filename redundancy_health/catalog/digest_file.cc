@@ -26,7 +26,12 @@ struct LoadedLines {
   int64_t bytes;
 };
 
-enum class LoadState { kComplete, kIncomplete, kFailed };
+enum class LoadState {
+  kComplete,
+  kStale,   // of another state of the data file, or cut short
+  kTorn,    // no scan has written this
+  kFailed,  // could not be read
+};
 
 // The name of the digest cache file beside a data file.
 std::string digest_name_of(const char* data_name) {
@@ -62,28 +67,26 @@ void delete_if_orphaned(SyncContext* ctx, const ScannedFile& digest) {
   }
 }
 
-// Reads the header line. False when the file is not to be used; what is a failure is recorded.
-bool read_header(SyncContext* ctx, FILE* f, const char* digest_path, const struct stat& status) {
+// Reads the header line; what is a failure is recorded.
+LoadState read_header(SyncContext* ctx, FILE* f, const char* digest_path,
+                      const struct stat& status) {
   char line[kLineSize];
-  errno = 0;
   if (fgets(line, sizeof(line), f) == nullptr) {
+    if (!ferror(f)) return LoadState::kStale;
     RECORD_SCAN_FAILURE(ctx, 1, "Could not read digest file (%s) '%s'", strerror(errno),
                         digest_path);
-    return false;
+    return LoadState::kFailed;
   }
   unsigned size;
   long long mtime;
   char newline[2];
   if (sscanf(line, "Digest-V1 %u %lld%1[\n]", &size, &mtime, newline) < 3) {
     RECORD_SCAN_FAILURE(ctx, 0, "Invalid digest file header in '%s'", digest_path);
-    return false;
+    return LoadState::kTorn;
   }
-  if (size != static_cast<uint64_t>(status.st_size) ||
-      mtime != static_cast<long long>(status.st_mtime)) {
-    LOG(7, "Digest file '%s' has stale data. Ignoring", digest_path);
-    return false;
-  }
-  return true;
+  const bool fits = size == static_cast<uint64_t>(status.st_size) &&
+                    mtime == static_cast<long long>(status.st_mtime);
+  return fits ? LoadState::kComplete : LoadState::kStale;
 }
 
 // Makes the entry of one chunk line, or returns null when the line does not parse. A chunk above
@@ -115,7 +118,7 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Sc
     FileEntry* chunk = parse_chunk_line(line, data);
     if (chunk == nullptr) {
       RECORD_SCAN_FAILURE(ctx, 1, "Invalid digest file contents '%s'", digest_path);
-      return LoadState::kFailed;
+      return LoadState::kTorn;
     }
     loaded->bytes += chunk->end_offs - chunk->begin_offs;
     ++loaded->count;
@@ -125,7 +128,7 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Sc
   }
   // Power fails on an EM while a digest cache file is being written.
   const uint64_t chunks = static_cast<uint64_t>(data.status.st_size) / kChunkSize + 1;
-  return loaded->count < chunks ? LoadState::kIncomplete : LoadState::kComplete;
+  return loaded->count < chunks ? LoadState::kStale : LoadState::kComplete;
 }
 
 // Takes the chunks of `data` from its digest cache file. False when the data file is to be hashed.
@@ -139,11 +142,11 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& dat
   }
   FileEntry* const list_before = *list;
   LoadedLines loaded = {0, 0};
-  LoadState state = LoadState::kFailed;
-  if (read_header(ctx, f, digest_path, data.status)) {
+  LoadState state = read_header(ctx, f, digest_path, data.status);
+  if (state == LoadState::kComplete) {
     state = read_chunk_lines(ctx, f, list, data, digest_path, &loaded);
   }
-  if (state == LoadState::kIncomplete) {
+  if (state == LoadState::kStale) {
     LOG(7, "Digest file '%s' has stale data. Ignoring", digest_path);
     while (*list != list_before) {
       FileEntry* chunk = *list;
@@ -156,6 +159,9 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& dat
     if (state == LoadState::kComplete) stats.n_digest_files_scanned += 1;
   }
   CHECK_CLOSE(fclose(f));
+  // Power has failed while it was written. Beside a large file it is written anew; beside one that
+  // has become small it would fail every scan to come.
+  if (state == LoadState::kTorn) unlinkat(data.dir_fd, digest_name, 0);
   return state == LoadState::kComplete;
 }
 
@@ -182,13 +188,15 @@ char* compute_digest_path(const char* path) {
   return digest_path;
 }
 
-void remove_digest_file(const char* path) {
+bool remove_digest_file(const char* path) {
   char* digest_path = compute_digest_path(path);
-  if (digest_path == nullptr) return;
-  if (unlink(digest_path) != 0 && errno != ENOENT) {
+  if (digest_path == nullptr) return false;
+  const bool removed = unlink(digest_path) == 0;
+  if (!removed && errno != ENOENT) {
     LOG(3, "Could not remove stale digest file '%s': %s", digest_path, strerror(errno));
   }
   free(digest_path);
+  return removed;
 }
 
 DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& file) {
@@ -213,12 +221,16 @@ DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const Scanned
   return loaded ? DigestLookup::kLoaded : DigestLookup::kHashData;
 }
 
-DigestWriter start_digest_file(const ScannedFile& data) {
+DigestWriter start_digest_file(const ScannedFile& data, int data_fd) {
   DigestWriter writer = {nullptr, nullptr, 0};
   if (data.status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
   writer.path = compute_digest_path(data.entry->path);
-  writer.file = open_stream(data.dir_fd, digest_name_of(data.name).c_str(),
-                            O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
+  // After a loss of power it must not vouch for bytes that were still in memory: a file that is
+  // written over reaches the disk sooner than what a local program has written before.
+  if (fsync(data_fd) == 0) {
+    writer.file = open_stream(data.dir_fd, digest_name_of(data.name).c_str(),
+                              O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
+  }
   if (writer.file == nullptr) {
     LOG(3, "Could not open digest file '%s': %s", writer.path, strerror(errno));
     return writer;

@@ -19,9 +19,9 @@ extern "C" __attribute__((visibility("default"))) char* compute_digest_path(cons
 // Whether a name (no path) is that of a digest cache file.
 bool is_digest_name(const char* name);
 
-// Removes the digest cache file of a data file that is about to change; a failure other than
-// ENOENT is only logged.
-void remove_digest_file(const char* path);
+// Removes the digest cache file of a data file that is about to change, or has changed; a failure
+// other than ENOENT is only logged. True when it has removed one.
+bool remove_digest_file(const char* path);
 
 // A regular file that the scan has met.
 struct ScannedFile {
@@ -51,9 +51,9 @@ struct DigestWriter {
   int error;   // errno of the first failure, 0 = none; the scan sets it when the data file fails
 };
 
-// Creates the file and writes its header when the data file is above kChunkSize bytes. Finish must
-// follow.
-DigestWriter start_digest_file(const ScannedFile& data);
+// Creates the file and writes its header when the data file, open as `data_fd`, is above kChunkSize
+// bytes. Finish must follow.
+DigestWriter start_digest_file(const ScannedFile& data, int data_fd);
 void append_digest_line(DigestWriter* writer, const FileEntry* chunk);
 // Closes the file, and removes it after a failure; when even that fails, ends the exchange.
 void finish_digest_file(SyncContext* ctx, const ScannedFile& data, DigestWriter* writer);

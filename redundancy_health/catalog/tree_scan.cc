@@ -133,7 +133,7 @@ void scan_file(const Scan& scan, const ScannedFile& file) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open file (%s): %s", strerror(errno), path);
     return;
   }
-  DigestWriter writer = start_digest_file(file);
+  DigestWriter writer = start_digest_file(file, data_file);
   const int error = hash_chunks(scan, file, data_file, &writer);
   if (error != 0) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(error), path);

@@ -13,6 +13,7 @@
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/rpc_request.h"
+#include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/cpg_message.h"
 
@@ -35,7 +36,7 @@ bool find_copy(const char* path, std::string* copy) {
 // Repeats the requester's rename on this EM's own copies, so that the content need not travel. A
 // temporary file has no copy here. Whatever fails, the comparison that follows finds the
 // difference.
-void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
+void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
   RpcRequest request;
   if (!parse_rpc_request(payload, payload_size, &request)) return;
   std::string source;
@@ -44,6 +45,12 @@ void repeat_rename(const uint8_t* payload, uint32_t payload_size) {
   if (rename(source.c_str(), destination.c_str()) != 0) return;
   // The digests of what was replaced would fit a file of the same size and second.
   remove_digest_file(destination.c_str());
+  // What is found to be the same is never sent again, so it has to stay.
+  if (storage_sync_name(destination.c_str()) != 0 || storage_sync_name(source.c_str()) != 0) {
+    storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",
+                           strerror(errno), destination.c_str());
+    LOG(3, "%s", ctx->cpg_result.reason);
+  }
 }
 
 // Packs the listing into one allocation of its exact size. Returns the size; `*listing` is null
@@ -77,7 +84,7 @@ uint32_t gather_file_listing(SyncContext* ctx, char** listing) {
 }  // namespace
 
 void serve_listing_request(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
-  repeat_rename(payload, payload_size);
+  repeat_rename(ctx, payload, payload_size);
   char* listing = nullptr;
   const uint32_t total_size = gather_file_listing(ctx, &listing);
   if (!ctx->cpg_result.canceled) {

@@ -6,6 +6,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <map>
+#include <string>
+
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
@@ -20,7 +23,8 @@ struct Comparison {
   uint32_t n_entries;
   uint32_t n_peer_entries;
   uint32_t n_matched_chunks;
-  bool lines_dropped;  // the peer's listing is not known in full
+  bool lines_dropped;                             // the peer's listing is not known in full
+  std::map<std::string, std::string> deleted_in;  // by directory, a file that was deleted there
 };
 
 // Makes a peer entry of one listing line, or returns null when the line is invalid.
@@ -92,20 +96,34 @@ void pair_identical_chunks(Comparison* comparison, FileEntry* const* index) {
   }
 }
 
+void record_failed_deletion(SyncContext* ctx, const char* path) {
+  storage_cfg_set_result(&ctx->cpg_result, RESULT_READ_FAILED, "Could not delete file (%s): %s",
+                         strerror(errno), path);
+  LOG(3, "%s", ctx->cpg_result.reason);
+}
+
 // Deletes a file of the peer's tree that the peer no longer has.
-void delete_local_copy(SyncContext* ctx, const FileEntry* entry) {
+void delete_local_copy(SyncContext* ctx, Comparison* comparison, const FileEntry* entry) {
   LOG(7, "@@ Pull del:  %s", entry->xmit_line);
   // Every chunk of the file names the same path: all but the first find it gone.
-  if (unlink(entry->path) != 0 && !file_is_gone(errno)) {
-    storage_cfg_set_result(&ctx->cpg_result, RESULT_READ_FAILED, "Could not delete file (%s): %s",
-                           strerror(errno), entry->path);
-    LOG(3, "%s", ctx->cpg_result.reason);
+  if (unlink(entry->path) == 0) {
+    const size_t slash = static_cast<size_t>(strrchr(entry->path, '/') - entry->path);
+    comparison->deleted_in[std::string(entry->path, slash)] = entry->path;
+  } else if (!file_is_gone(errno)) {
+    record_failed_deletion(ctx, entry->path);
+  }
+}
+
+// Brings the deletions to the disk, once a directory however many there were.
+void sync_deletions(SyncContext* ctx, const Comparison& comparison) {
+  for (const auto& [directory, path] : comparison.deleted_in) {
+    if (storage_sync_name(path.c_str()) != 0) record_failed_deletion(ctx, path.c_str());
   }
 }
 
 // Decides for one file, whose chunks on both sides are index[first] to index[end - 1].
-void decide_file(SyncContext* ctx, const Comparison& comparison, FileEntry* const* index,
-                 uint32_t first, uint32_t end) {
+void decide_file(SyncContext* ctx, Comparison* comparison, FileEntry* const* index, uint32_t first,
+                 uint32_t end) {
   bool here = false;
   bool there = false;
   for (uint32_t i = first; i < end; ++i)
@@ -115,7 +133,7 @@ void decide_file(SyncContext* ctx, const Comparison& comparison, FileEntry* cons
     FileEntry* entry = index[i];
     if (from_peer && !there) {
       // What looks absent may have been in a line that was dropped.
-      if (!comparison.lines_dropped) delete_local_copy(ctx, entry);
+      if (!comparison->lines_dropped) delete_local_copy(ctx, comparison, entry);
     } else if (from_peer) {
       if (!entry->is_local && !entry->matched) entry->update_type = PULL_REQ;
     } else if (!here) {
@@ -130,10 +148,10 @@ bool same_file(const FileEntry* a, const FileEntry* b) {
   return a->root_index == b->root_index && strcmp(a->relative_path, b->relative_path) == 0;
 }
 
-void decide_files(SyncContext* ctx, const Comparison& comparison, FileEntry* const* index) {
-  for (uint32_t first = 0; first < comparison.n_entries;) {
+void decide_files(SyncContext* ctx, Comparison* comparison, FileEntry* const* index) {
+  for (uint32_t first = 0; first < comparison->n_entries;) {
     uint32_t end = first + 1;
-    while (end < comparison.n_entries && same_file(index[first], index[end]))
+    while (end < comparison->n_entries && same_file(index[first], index[end]))
       ++end;
     decide_file(ctx, comparison, index, first, end);
     first = end;
@@ -183,7 +201,8 @@ void compare_synced_files(SyncContext* ctx, const uint8_t* payload, uint32_t pay
 
   FileEntry** index = sort_entries(comparison);
   pair_identical_chunks(&comparison, index);
-  decide_files(ctx, comparison, index);
+  decide_files(ctx, &comparison, index);
+  sync_deletions(ctx, comparison);
   free(index);
   queue_updates(ctx, &comparison);
   LOG(7, "SYNC Local entries: %u; Peer entries: %u; Matched chunks: %u",

@@ -47,22 +47,45 @@ int check_destination(const char* destination) {
   return error == 0 && place.root_index == kOtherEmRoot ? EPERM : error;
 }
 
+// A request that has changed the local trees, whether or not the state machine has taken it up.
+void mark_applied(SyncContext* ctx) {
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  if (ctx->rpc_stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+}
+
+// Completes a request whose change stands, but may not outlive a loss of power. It is a failed
+// exchange: the next one takes the change to the peer.
+#define FAIL_APPLIED(ctx, ...)            \
+  do {                                    \
+    mark_applied(ctx);                    \
+    end_exchange_error(ctx, __VA_ARGS__); \
+  } while (0)
+
 bool delete_destination(SyncContext* ctx, const char* destination) {
+  static constexpr char kFailed[] = "Could not delete file (%s): %s";
   LOG(7, "SYNC RPC delete: dest=%s", destination);
   int error = check_destination(destination);
   if (error == 0 && unlink(destination) != 0) error = errno;
-  if (error == 0) return true;
-  REFUSE(ctx, error == ENOENT ? RESULT_REFUSED_BENIGN : RESULT_REFUSED,
-         "Could not delete file (%s): %s", strerror(error), destination);
+  if (error != 0) {
+    REFUSE(ctx, error == ENOENT ? RESULT_REFUSED_BENIGN : RESULT_REFUSED, kFailed, strerror(error),
+           destination);
+    return false;
+  }
+  if (storage_sync_name(destination) == 0) return true;
+  FAIL_APPLIED(ctx, kFailed, strerror(errno), destination);
   return false;
 }
 
-// Returns 0 or an error number. The digest cache file of the old destination goes in any case.
+// Returns 0 or an error number. What takes the destination's place is on the disk before it does;
+// the digest cache file of the old destination goes in any case.
 int rename_onto(const char* source, const char* destination) {
   int error = check_destination(destination);
   if (error != 0) return error;
   if (have_error_injection(g_diag_params.fail_rename_path, destination)) {
     error = EDOM;
+  } else if (storage_sync_content(source) != 0) {
+    error = errno;
   } else {
     if (rename(source, destination) != 0) error = errno;
     stats.n_atomic_updates_from_self += 1;
@@ -71,12 +94,25 @@ int rename_onto(const char* source, const char* destination) {
   return error;
 }
 
+// The new name first: a file that is lost under both would be gone.
+bool sync_names(const char* source, const char* destination) {
+  if (storage_sync_name(destination) != 0) return false;
+  const size_t length = static_cast<size_t>(strrchr(destination, '/') + 1 - destination);
+  const bool same_directory =
+      strncmp(source, destination, length) == 0 && strchr(source + length, '/') == nullptr;
+  return same_directory || storage_sync_name(source) == 0;
+}
+
 bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
+  static constexpr char kFailed[] = "Could not update file (%s): %s";
   LOG(7, "SYNC RPC rename: src=%s dest=%s", request.source, request.destination);
   const int error = rename_onto(request.source, request.destination);
-  if (error == 0) return true;
-  REFUSE(ctx, RESULT_REFUSED, "Could not update file (%s): %s", strerror(error),
-         request.destination);
+  if (error != 0) {
+    REFUSE(ctx, RESULT_REFUSED, kFailed, strerror(error), request.destination);
+    return false;
+  }
+  if (sync_names(request.source, request.destination)) return true;
+  FAIL_APPLIED(ctx, kFailed, strerror(errno), request.destination);
   return false;
 }
 
@@ -99,14 +135,11 @@ bool apply_request(SyncContext* ctx, const RpcRequest& request) {
   return true;
 }
 
-// Starts the exchange for a request that was applied. The state machine makes it pending; when that
-// is frozen and drops the event, the request is so all the same: its change stands on this EM.
+// Starts the exchange for a request that was applied. The state machine makes it pending, unless it
+// is frozen and drops the event.
 void start_exchange(SyncContext* ctx) {
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
-  if (ctx->cur_state != ST_UNLOCKED) return;
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  if (ctx->rpc_stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  if (ctx->cur_state == ST_UNLOCKED) mark_applied(ctx);
 }
 
 // Waits, with rpc_mutex held, until rpc_stage is `stage`.

@@ -121,25 +121,34 @@ int set_mode_class(int fd, bool restricted) {
   return fchmod(fd, restricted ? 0600 : 0644) == 0 ? 0 : errno;
 }
 
+// Gives an open file its length and the received bytes, on the disk. Returns 0 or an error number.
+int fill_file(int fd, const Update& update, bool restricted) {
+  int error = set_mode_class(fd, restricted);
+  if (error != 0) return error;
+  if (ftruncate(fd, update.header.file_size) != 0 ||
+      lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
+    return errno;
+  }
+  error = write_fully(fd, update.data, update.data_size);
+  // Not fdatasync: with an old modification time, old digests would pass for those of the new
+  // bytes.
+  return error == 0 && fsync(fd) != 0 ? errno : error;
+}
+
 // Writes one chunk in place. Returns 0 or an error number.
 int write_chunk(const FileEntry* local, const Update& update) {
   if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
   const bool restricted = update.header.restricted == 1;
-  const int fd = open(local->path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                      restricted ? 0600 : 0644);
+  constexpr int flags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  int fd = open(local->path, flags);
+  const bool created = fd < 0 && errno == ENOENT;
+  if (created) fd = open(local->path, flags | O_CREAT, restricted ? 0600 : 0644);
   if (fd < 0) return errno;
-  int error = set_mode_class(fd, restricted);
-  if (error != 0) {
-    // not a byte of it
-  } else if (ftruncate(fd, update.header.file_size) != 0 ||
-             lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
-    error = errno;
-  } else {
-    error = write_fully(fd, update.data, update.data_size);
-  }
+  int error = fill_file(fd, update, restricted);
   const int r = close(fd);
   CHECK_CLOSE(r);
   if (r < 0 && error == 0) error = errno;
+  if (error == 0 && created && storage_sync_name(local->path) != 0) error = errno;
   return error;
 }
 
@@ -148,8 +157,11 @@ int write_update(const FileEntry* local, const Update& update, bool atomic) {
   int error = clear_way(local->root_index, local->path, !atomic);
   if (error == 0) error = ensure_parent_directory(local->path);
   if (error != 0) return error;
-  remove_digest_file(local->path);
-  return atomic ? replace_file(local, update) : write_chunk(local, update);
+  const bool had_digests = remove_digest_file(local->path);
+  if (atomic) return replace_file(local, update);
+  // After a loss of power the old digests must not vouch for a file that is half new.
+  if (had_digests && storage_sync_name(local->path) != 0) return errno;
+  return write_chunk(local, update);
 }
 
 void update_file(const FileEntry* local, const Update& update, RpcResult* result) {
@@ -173,11 +185,17 @@ void update_file(const FileEntry* local, const Update& update, RpcResult* result
 void delete_file(const FileEntry* local, RpcResult* result) {
   LOG(7, "SYNC Deleting file %s", local->path);
   int error = check_no_symlink_above(local->root_index, local->path);
-  if (error == 0 && unlink(local->path) != 0) error = errno;
+  if (error == 0 && (unlink(local->path) != 0 || storage_sync_name(local->path) != 0))
+    error = errno;
   if (error != 0 && !file_is_gone(error)) {
     storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to delete file (%s): %s",
                            strerror(error), local->path);
   }
+}
+
+// Returns 0 when the directory is new, and on the disk, else an error number.
+int make_directory(const char* path) {
+  return mkdir(path, 0755) == 0 && storage_sync_name(path) == 0 ? 0 : errno;
 }
 
 // Carries an update out and answers a request. `local` names the file in this EM's numbering,
@@ -245,13 +263,12 @@ int ensure_parent_directory(const char* path) {
   while (end > mpath && end[-1] == '/')
     --end;
   *end = '\0';
-  int error = 0;
-  if (*mpath != '\0' && mkdir(mpath, 0755) != 0 && errno != EEXIST) {
-    error = errno;
-    if (error == ENOENT) {
-      error = ensure_parent_directory(mpath);
-      if (error == 0 && mkdir(mpath, 0755) != 0) error = errno;
-    }
+  int error = *mpath == '\0' ? 0 : make_directory(mpath);
+  if (error == EEXIST) {
+    error = 0;
+  } else if (error == ENOENT) {
+    error = ensure_parent_directory(mpath);
+    if (error == 0) error = make_directory(mpath);
   }
   free(mpath);
   return error;

@@ -107,7 +107,7 @@ TEST_F(DigestFileTest, WhatIsNoneIsRecordedOnceAndReplacedOrLeft) {
   const std::string bad_header = "Invalid digest file header in " + quoted;
   const std::string bad_contents = "Invalid digest file contents " + quoted;
   for (const auto& [content, expected] : std::vector<std::pair<std::string, std::string>>{
-           {"", "Could not read digest file (Success) " + quoted},
+           {"", ""},
            {"Digest-V1 200000 5000000000 \n", bad_header},
            {kHeader + line + " 00000000 00010000\r\n", bad_contents},
            {kHeader + line + " 00000000 00010001\n", bad_contents},
@@ -115,7 +115,7 @@ TEST_F(DigestFileTest, WhatIsNoneIsRecordedOnceAndReplacedOrLeft) {
     write_file(digest_, content);
     fresh_scan();
     EXPECT_EQ(ctx->cpg_result.reason, expected) << content;
-    EXPECT_EQ(g_flight_recorder.paused, expected != bad_header) << content;
+    EXPECT_EQ(g_flight_recorder.paused, expected == bad_contents) << content;
     EXPECT_EQ(read_file(digest_), good_digest_);
   }
   fs::remove(digest_);
@@ -128,7 +128,7 @@ TEST_F(DigestFileTest, WhatIsNoneIsRecordedOnceAndReplacedOrLeft) {
   fs::create_symlink("/run/nowhere", digest_);
   expect_unused("");
   ASSERT_EQ(mkfifo(digest_.c_str(), 0644), 0);
-  expect_unused("Could not read digest file (Success) " + quoted);
+  expect_unused("");
   EXPECT_EQ(read_file("/run/untouched"), "untouched");
   EXPECT_FALSE(exists("/run/nowhere"));
 }
@@ -138,7 +138,7 @@ TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
   for (size_t i = 0; i < good_digest_.size(); ++i) {
     write_file(digest_, good_digest_.substr(0, i));
     const Lines lines = fresh_scan();
-    const bool at_line_end = i > 0 && good_digest_[i - 1] == '\n';
+    const bool at_line_end = i == 0 || good_digest_[i - 1] == '\n';
     EXPECT_EQ(ctx->cpg_result.success, at_line_end) << i << " " << ctx->cpg_result.reason;
     EXPECT_EQ(at_line_end ? lines : fresh_scan(), data_lines_) << i;
     std::string changed = good_digest_;
@@ -146,6 +146,15 @@ TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
     write_file(digest_, changed);
     const size_t n_lines = fresh_scan().size();
     EXPECT_TRUE(ctx->cpg_result.success ? n_lines == 4 : fresh_scan() == data_lines_) << i;
+  }
+  // Nor, beside a file that the same loss of power has emptied, does it fail more than one scan.
+  write_data(0, 'x', kMtime);
+  for (const std::string& torn : {std::string(), std::string(100, '\0'), kHeader.substr(0, 12),
+                                  "Digest-V1 0 5000000000\n" + std::string(59, '\0')}) {
+    write_file(digest_, torn);
+    fresh_scan();
+    EXPECT_EQ(fresh_scan(), Lines{"A " SHA_EMPTY " 00000000 00000000 G d/data"});
+    EXPECT_TRUE(ctx->cpg_result.success) << torn;
   }
 }
 
