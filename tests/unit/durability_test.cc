@@ -1,0 +1,110 @@
+// What is brought to the disk, when, and what is told when that fails.
+
+#include "redundancy_health/exchange/reconcile.h"
+#include "redundancy_health/rpc/rpc_service.h"
+#include "tests/unit/daemon_support.h"
+
+namespace {
+
+Lines g_synced;  // "name: what the watched file holds by then"
+std::string g_watched;
+size_t g_failing = SIZE_MAX;  // index of the sync that fails
+
+int record_sync(int fd) {
+  const std::string name = fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename();
+  g_synced.push_back(name.substr(0, 11) + ": " + read_file(g_watched));
+  if (g_synced.size() - 1 != g_failing) return 0;
+  errno = EIO;
+  return -1;
+}
+
+}  // namespace
+
+// In place of the C library's, which do nothing in memory.
+extern "C" {
+int fsync(int fd) {
+  return record_sync(fd);
+}
+int fdatasync(int fd) {
+  return record_sync(fd);
+}
+int syncfs(int fd) noexcept {
+  return record_sync(fd);
+}
+}
+
+using DurabilityTest = DaemonTest;
+
+TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
+  const std::string nul(1, '\0'), own = root_paths[1], f = tree_path(0, "d/f");
+  const std::string publish_f = own + "TempUpdate_1" + nul + own + "d/f" + nul;
+  const auto receive = [&](uint32_t command, const std::string& payload) {
+    ctx->cur_state = ST_PEERLOCK;
+    deliver_from_peer(message_bytes(command, 0, 0, payload));
+  };
+  const auto request = [&](const std::string& message) {
+    publish(message);
+    on_sync_rpc_update(ctx);
+  };
+  const std::string chunk = update(PUSH_REQ, 0, "d/f", 0, 3, 4, "new");
+  const struct {
+    std::function<void()> change;
+    std::string watched;
+    Lines synced;
+    size_t standing = SIZE_MAX;  // of a request: from this sync on a failure leaves the change here
+  } rows[] = {
+      {[&] { request(publish_f); },
+       own + "d/f",
+       {"TempUpdate_: old", "d: made", "replicated_: made"},
+       1},
+      {[&] { request(own + "d" + nul + own + "e" + nul); },
+       own + "e/f",
+       {"d: ", "replicated_: old"},
+       1},
+      {[&] { request(nul + own + "d/f" + nul); }, own + "d/f", {"d: "}, 0},
+      {[&] { receive(MSG_UPDATE_REQ, update(PUSH_REQ, 0, "n/f", 0, 3, 3, "new")); },
+       tree_path(0, "n/f"),
+       {"replicated_: ", "TempUpdate_: ", "n: new"}},
+      {[&] { receive(MSG_UPDATE_REQ, chunk); }, f, {"d: old", "f: new" + nul}},
+      {[&] { unlink(f.c_str()), receive(MSG_UPDATE_REQ, chunk); },
+       f,
+       {"d: ", "f: new" + nul, "d: new" + nul}},
+      {[&] { receive(MSG_UPDATE_REQ, update(PUSH_DEL_REQ, 0, "d/f", 0, 3, 3)); }, f, {"d: "}},
+      {[&] { receive(MSG_LISTING_REQ, f + nul + tree_path(0, "g") + nul); },
+       tree_path(0, "g"),
+       {"replicated_: old", "d: old"}},
+      {[&] { compare_synced_files(ctx, nullptr, 0); }, tree_path(2, "d/2"), {"d: ", "e: "}},
+  };
+  for (const auto& row : rows) {
+    for (g_failing = 0; g_failing <= row.synced.size(); ++g_failing) {
+      SCOPED_TRACE(testing::PrintToString(row.synced) + " " + std::to_string(g_failing));
+      for (const char* root : root_paths)
+        fs::remove_all(root);
+      for (const char* path : {"1/TempUpdate_1", "3/f", "2/d/1", "2/d/2", "2/e/1"})
+        make_file(static_cast<uint32_t>(*path - '0'), path + 2, "made");
+      for (const uint32_t root : {0u, 1u})
+        make_file(root, "d/f", "old");
+      make_file(0, "d/.$SyncDigest$f", "");
+      ctx->cur_state = ST_UNLOCKED;
+      reset_cpg_result(ctx);
+      ctx->rpc_result = ctx->cpg_result;
+      g_watched = row.watched;
+      g_synced.clear();
+      row.change();
+      const bool fails = g_failing < row.synced.size();
+      const RpcResult& result = row.standing == SIZE_MAX ? ctx->cpg_result : ctx->rpc_result;
+      EXPECT_EQ(strstr(result.reason, "Input/output error") != nullptr, fails) << result.reason;
+      EXPECT_EQ(result.local_ok, row.standing == SIZE_MAX || g_failing >= row.standing);
+      EXPECT_TRUE(fails || g_synced == row.synced) << testing::PrintToString(g_synced);
+    }
+  }
+  // Digests are written for bytes that are on the disk, or not at all.
+  make_file(3, "large", std::string(70000, 'x'));
+  g_watched = tree_path(3, ".$SyncDigest$large");
+  for (g_failing = 0; g_failing < 2; ++g_failing) {
+    g_synced.clear();
+    scan_lines(ctx);
+    EXPECT_EQ(g_synced, Lines{"large: "});
+    EXPECT_EQ(exists(g_watched), g_failing == 1);
+  }
+}
