@@ -1,6 +1,7 @@
 #!/bin/bash
 # Static checks of the whole repository. Needs a configured build directory with the compiler's
-# command lines, clang-format-14, clang-tidy-14, cppcheck and shellcheck.
+# command lines, clang-format-14, clang-tidy-14, cppcheck and shellcheck. The first check, of our
+# own, is that includes run down.
 #
 #   tests/lint/lint.sh BUILD_DIRECTORY
 #
@@ -19,6 +20,19 @@ CPPCHECK_SUPPRESSIONS=(
   readdirCalled         # safe on a stream of one's own
   unusedStructMember    # tables show what their source shows
 )
+
+# The rooms from the ground up; includes run down. Those that run up are named, with the file that
+# they are in ("*": any room): the roof, and where the protocol recurses.
+ROOMS="platform frame catalog transport transfer exchange rpc"
+UPWARD='
+  frame/daemon_main.cc:*
+  transport/sync_thread.cc:*
+  exchange/state_machine.cc:rpc/rpc_service.h
+  catalog/digest_file.cc:transport/exchange_outcome.h
+'
+# Nobody includes the roof but who starts it.
+ROOF='(daemon_main|sync_thread)\.h'
+STARTERS='frame/main.cc:|daemon_main.cc:|sync_thread.cc:'
 
 passed=0
 failed=0
@@ -68,6 +82,25 @@ run_shellcheck() {
     xargs shellcheck && shellcheck --shell=bash packaging/bash-completion/cluster_sync_ctl
 }
 
+includes() {
+  grep -rn '^#include "' --include='*.h' --include='*.cc' platform redundancy_health |
+    sed -E 's|redundancy_health/||g; s|:[0-9]+:#include "(.*)"|:\1|' > "$build/includes.txt"
+  awk -F '[/:]' -v rooms="$ROOMS" -v upward="$UPWARD" '
+    BEGIN {
+      for (n = split(rooms, room, " "); n > 0; --n) height[room[n]] = n
+      split(upward, lines, " ")
+      for (i in lines) named[lines[i]]
+    }
+    !($3 in height) || height[$3] > height[$1] {
+      if ($0 in named || $1 "/" $2 ":*" in named) next
+      print "runs up: " $0
+      failed = 1
+    }
+    END { exit failed }' "$build/includes.txt" &&
+    ! grep -E ":.*$ROOF" "$build/includes.txt" | grep -vE "$STARTERS"
+}
+
+check includes
 check clang_format
 check run_shellcheck
 check run_cppcheck
