@@ -115,6 +115,7 @@ boot() {
   mount -n -t cgroup2 cgroup2 sys/fs/cgroup
   mount -n --rbind /dev dev
   mount -n -t tmpfs shm dev/shm
+  mount -n --bind "$top" media  # for a look at what the overlay took
   for dir in run tmp mnt; do mount -n -t tmpfs -o mode=755 $dir $dir; done
   chmod 1777 tmp
   cp "$work/package.deb" root/
@@ -149,12 +150,15 @@ boot_machine() {
     wait_until 60 eval 'inside systemctl is-system-running | grep -qE "running|degraded"'
 }
 
-# Everything that an installation could leave, without what the machine itself writes.
+# Everything that an installation could leave, without what the machine itself writes: what its overlay
+# took, but for the directories that were there before, and what is in memory.
 list_machine() {
-  inside find /bin /etc /lib /mnt /root /run /sbin /tmp /usr /var -xdev \( -path /var/log \
-    -o -path /var/lib/dpkg -o -path /var/cache -o -path /run/systemd -o -path /run/log \
-    -o -path /run/credentials -o -path /var/lib/corosync -o -path '*/systemd-private-*' \) \
-    -prune -o -print | sort -u
+  inside find /media/upper /mnt /run /tmp -xdev \( -path '*/var/log' -o -path '*/var/lib/dpkg' \
+    -o -path '*/var/cache' -o -path '/run/systemd' -o -path /run/log -o -path /run/credentials \
+    -o -path '*/var/lib/corosync' -o -path '*/systemd-private-*' -o -type c \) -prune -o -print |
+    while IFS= read -r path; do
+      [ -d "${path#/media/upper}/" ] && [ "$path" != "${path#/media}" ] || echo "$path"
+    done | sort -u
 }
 
 daemon_pid() { inside cat /run/CLUS_SYNC.pid; }

@@ -175,6 +175,11 @@ class PairTest(unittest.TestCase):
             return first if first[0] == look()[0] else None
         return self.wait(at_rest, "the number of threads comes to rest")
 
+    def wait_unlocked(self, n: int) -> None:
+        """Waits until EM `n`'s daemon, which logs at level 7, has left its last exchange."""
+        self.wait(lambda: re.findall(r"Exit  state change: (\w+)", self.pair.log(n))[-1] ==
+                  "ST_UNLOCKED", f"the daemon of EM {n} is free")
+
     # Their logs.
 
     def mark_logs(self) -> None:

@@ -29,8 +29,7 @@ class DiagnosticsTest(PairTest):
         self.diag(1, "cpg-send-nofail")
         # The release was lost too: a caller waits for the time limit, which frees the daemon.
         result = self.ask(1, self.prepared(1, f"{OWN}/x", "content"))
-        self.wait(lambda: re.findall("Exit  state change: ([A-Z_]+)", self.log(1))[-1] ==
-                  "ST_UNLOCKED", "the daemon is free")
+        self.wait_unlocked(1)
         self.assertIn(result.reason, ("Operation timed out", ""))
         # What failed in time is not done late, and nothing else in its place.
         self.assertEqual(result.success, not self.exists(1, f"{OWN}/TempUpdate_x"))

@@ -31,6 +31,7 @@ class RpcTest(PairTest):
 
     def test_150_callers_at_once(self):
         # A request that the frozen state machine loses holds all others for 10 s.
+        self.wait_unlocked(1)
         self.diag(1, "statemachine-stuck")
         callers = [self.call(1)]
         self.wait_log(1, "Simulating stuck state machine: not updating state.")

@@ -45,7 +45,8 @@ Lines split(const std::string& text, char separator) {
 
 class CtlTest : public DaemonTest {
  protected:
-  CtlTest() : server_(cmd_server_create(2006, scripted_handler)) {
+  CtlTest() {
+    server_ = cmd_server_create(2006, scripted_handler);
     EXPECT_EQ(cmd_server_start(server_), 0);
   }
   ~CtlTest() override {
@@ -76,7 +77,7 @@ class CtlTest : public DaemonTest {
   }
 
   std::string out_, request_;
-  CmdServer* server_;
+  static inline CmdServer* server_ = nullptr;  // it is never freed
 };
 
 }  // namespace

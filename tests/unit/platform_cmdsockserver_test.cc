@@ -69,7 +69,7 @@ class CmdServerTest : public testing::Test {
     EXPECT_FALSE(exists(kSocket.sun_path));
   }
 
-  CmdServer* server_ = nullptr;
+  static inline CmdServer* server_ = nullptr;  // it is never freed
   size_t open_before_ = 0;
 };
 
