@@ -171,6 +171,16 @@ bool may_have_digest_file(const ScannedFile& file) {
   return file.near_digests || strlen(file.name) + kPrefixLength > NAME_MAX;
 }
 
+// Makes room for the digests of bytes that a local program may have written a moment ago. After a
+// loss of power neither may the old ones vouch for the half-written new bytes, nor the new ones for
+// bytes that were still in memory: a small file reaches the disk sooner than a large one.
+FILE* create_digest_file(const ScannedFile& data, int data_fd) {
+  const std::string name = digest_name_of(data.name);
+  if (unlinkat(data.dir_fd, name.c_str(), 0) == 0 && fsync(data.dir_fd) != 0) return nullptr;
+  if (fsync(data_fd) != 0) return nullptr;
+  return open_stream(data.dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
+}
+
 }  // namespace
 
 bool is_digest_name(const char* name) {
@@ -225,12 +235,7 @@ DigestWriter start_digest_file(const ScannedFile& data, int data_fd) {
   DigestWriter writer = {nullptr, nullptr, 0};
   if (data.status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
   writer.path = compute_digest_path(data.entry->path);
-  // After a loss of power it must not vouch for bytes that were still in memory: a file that is
-  // written over reaches the disk sooner than what a local program has written before.
-  if (fsync(data_fd) == 0) {
-    writer.file = open_stream(data.dir_fd, digest_name_of(data.name).c_str(),
-                              O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
-  }
+  writer.file = create_digest_file(data, data_fd);
   if (writer.file == nullptr) {
     LOG(3, "Could not open digest file '%s': %s", writer.path, strerror(errno));
     return writer;

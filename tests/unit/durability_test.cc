@@ -98,13 +98,15 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
       EXPECT_TRUE(fails || g_synced == row.synced) << testing::PrintToString(g_synced);
     }
   }
-  // Digests are written for bytes that are on the disk, or not at all.
+  // Digests are written for bytes that are on the disk, or not at all; the old ones go before that.
   make_file(3, "large", std::string(70000, 'x'));
   g_watched = tree_path(3, ".$SyncDigest$large");
-  for (g_failing = 0; g_failing < 2; ++g_failing) {
+  for (g_failing = 0; g_failing < 3; ++g_failing) {
+    write_file(g_watched, "Digest-V1 1 1\n");
     g_synced.clear();
     scan_lines(ctx);
-    EXPECT_EQ(g_synced, Lines{"large: "});
-    EXPECT_EQ(exists(g_watched), g_failing == 1);
+    EXPECT_EQ(g_synced,
+              g_failing == 0 ? Lines{"replicated_: "} : (Lines{"replicated_: ", "large: "}));
+    EXPECT_EQ(exists(g_watched), g_failing == 2);
   }
 }
