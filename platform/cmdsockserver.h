@@ -39,9 +39,9 @@ CmdServer* cmd_server_create(int number, CmdHandler handler);
 // Starts the accepting thread. Returns 0 or an error number.
 int cmd_server_start(CmdServer* server);
 
-// Stops accepting; the accepting thread gives the handlers in flight at most 5 s to answer, and ends.
-// One that waits for what stops as well gets no answer. Returns at once: join `server->thread` to
-// wait.
+// Stops accepting; the accepting thread gives the handlers in flight at most 5 s to answer, and
+// ends. One that waits for what stops as well gets no answer. Returns at once: join
+// `server->thread` to wait.
 void cmd_server_shutdown(CmdServer* server);
 
 // Copies `size` bytes as the payload of the response, replacing an earlier one.

@@ -135,14 +135,22 @@ int fill_file(int fd, const Update& update, bool restricted) {
   return error == 0 && fsync(fd) != 0 ? errno : error;
 }
 
+// Opens the file that a chunk goes to; `*created` says whether it was made for it.
+int open_for_chunk(const char* path, bool restricted, bool* created) {
+  constexpr int flags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int fd = open(path, flags);
+  *created = false;
+  if (fd >= 0 || errno != ENOENT) return fd;
+  *created = true;
+  return open(path, flags | O_CREAT, restricted ? 0600 : 0644);
+}
+
 // Writes one chunk in place. Returns 0 or an error number.
 int write_chunk(const FileEntry* local, const Update& update) {
   if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
   const bool restricted = update.header.restricted == 1;
-  constexpr int flags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  int fd = open(local->path, flags);
-  const bool created = fd < 0 && errno == ENOENT;
-  if (created) fd = open(local->path, flags | O_CREAT, restricted ? 0600 : 0644);
+  bool created = false;
+  const int fd = open_for_chunk(local->path, restricted, &created);
   if (fd < 0) return errno;
   int error = fill_file(fd, update, restricted);
   const int r = close(fd);

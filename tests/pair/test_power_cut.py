@@ -48,6 +48,7 @@ class PowerCutTest(PairTest):
             self.addCleanup(self.pair.run, n, ["umount", PERSISTENT])
             for root in (ACTIVE, OWN, PEERS):
                 self.pair.path(n, root).mkdir()
+            self.pair.run(n, ["sync", "-f", PERSISTENT], check=True)
 
     def mount(self, n: int) -> None:
         self.pair.run(n, ["mount", "-n", "-t", FILE_SYSTEM, "-o", OPTIONS, f"{DISK}/disk",
