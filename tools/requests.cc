@@ -1,11 +1,24 @@
-#include <endian.h>
+#include <errno.h>
+#include <stddef.h>
 #include <stdio.h>
-#include <string.h>
 
+#include "client/cluster_sync.h"
 #include "platform/storage.h"
-#include "tools/ask_daemon.h"
 #include "tools/commands.h"
+#include "tools/diagnostic.h"
 #include "tools/output.h"
+
+// What the daemon sends is what the library hands out.
+static_assert(sizeof(cluster_sync_result) == sizeof(RpcResult));
+#define SAME_PLACE(field) \
+  static_assert(offsetof(cluster_sync_result, field) == offsetof(RpcResult, field))
+SAME_PLACE(success);
+SAME_PLACE(local_ok);
+SAME_PLACE(remote_ok);
+SAME_PLACE(benign);
+SAME_PLACE(canceled);
+SAME_PLACE(peer_present);
+SAME_PLACE(reason);
 
 namespace {
 
@@ -22,7 +35,7 @@ void print_status(const Options& options, uint32_t status) {
     printf("refused with status %u\n", status);
 }
 
-void print_result(const Options& options, const RpcResult& result) {
+void print_result(const Options& options, const cluster_sync_result& result) {
   const bool peer_present = result.peer_present == 'Y';
   if (options.json) {
     printf(
@@ -40,36 +53,41 @@ void print_result(const Options& options, const RpcResult& result) {
   if (result.reason[0] != '\0') printf("reason:       %s\n", printable(result.reason).c_str());
 }
 
-// Takes the record out of the payload. False when it is none.
-bool read_result(const std::vector<uint8_t>& payload, RpcResult* result) {
-  if (payload.size() != sizeof *result) return false;
-  memcpy(result, payload.data(), sizeof *result);
-  result->peer_present = le32toh(result->peer_present);
-  return memchr(result->reason, '\0', sizeof result->reason) != nullptr &&
-         (result->peer_present == 'Y' || result->peer_present == 'N');
+// Shows the answer, or why there is none. `error` is the client library's, `path` what was asked
+// for.
+int report(const Options& options, int error, const cluster_sync_result& result,
+           const std::string& path) {
+  if (error != 0 && error != ECANCELED) return report_client_error(options, error, path);
+  print_result(options, result);
+  return error == 0 ? kDone : kFailed;
 }
 
 }  // namespace
 
-int request_update(const Options& options, const std::string& source,
-                   const std::string& destination) {
-  const std::string message = source + '\0' + destination + '\0';
-  const Answer answer = ask_daemon(options, kRpcUpdate, message);
-  if (!answer.error.empty()) return report_error(options, answer.error);
-  if (answer.status != 0) {
-    print_status(options, answer.status);
-    return kFailed;
-  }
-  RpcResult result;
-  if (!read_result(answer.payload, &result))
-    return report_error(options, "the daemon's answer cannot be understood");
-  print_result(options, result);
-  return result.success != 0 ? kDone : kFailed;
+int request_update(const Options& options, const Words& words) {
+  cluster_sync_result result;
+  const int error = cluster_sync_update(options.socket.c_str(), words[0].c_str(), words[1].c_str(),
+                                        options.timeout_ms, &result);
+  return report(options, error, result, words[1]);
 }
 
-int send_diagnostic(const Options& options, const std::string& command) {
-  const Answer answer = ask_daemon(options, kDiagnostic, command);
-  if (!answer.error.empty()) return report_error(options, answer.error);
+int request_deletion(const Options& options, const Words& words) {
+  cluster_sync_result result;
+  const int error =
+      cluster_sync_delete(options.socket.c_str(), words[0].c_str(), options.timeout_ms, &result);
+  return report(options, error, result, words[0]);
+}
+
+int request_sync(const Options& options, const Words& /*words*/) {
+  cluster_sync_result result;
+  const int error = cluster_sync_sync(options.socket.c_str(), options.timeout_ms, &result);
+  return report(options, error, result, "");
+}
+
+int send_diagnostic(const Options& options, const Words& words) {
+  const DiagnosticAnswer answer = ask_diagnostic(options, words[0]);
+  if (answer.error != 0 && answer.error != ECANCELED)
+    return report_client_error(options, answer.error, "");
   print_status(options, answer.status);
-  return answer.status == 0 ? kDone : kFailed;
+  return answer.error == 0 ? kDone : kFailed;
 }

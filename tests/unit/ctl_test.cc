@@ -2,6 +2,7 @@
 #include <semaphore>
 #include <sstream>
 
+#include "client/cluster_sync.h"
 #include "platform/cmdsockserver.h"
 #include "platform/event.h"
 #include "tests/unit/daemon_support.h"
@@ -84,14 +85,26 @@ class CtlTest : public DaemonTest {
 
 TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
   const std::string nul(1, '\0');
+  make_file(3, "d/e", "");
+  fs::create_symlink(tree_path(1, ""), "/mnt/way");
+  mkdir("/mnt/bound", 0755);
+  const Mount bound("/mnt/bound", nullptr, tree_path(0, "").c_str());
   for (const auto& [line, request] : std::vector<std::pair<const char*, std::string>>{
-           {"update x/y ../z", "0/mnt/x/y" + nul + "/mnt/../z" + nul},
-           {"delete /c", "0" + nul + "/c" + nul},
+           {"update x/y way/z", "0/mnt/x/y" + nul + tree_path(1, "z") + nul},
+           {"update way/TempUpdate_ bound/z",
+            "0" + tree_path(1, "TempUpdate_") + nul + tree_path(0, "z") + nul},
+           {"delete /run//replicated_by_active_em/d/../d/c", "0" + nul + tree_path(3, "d/c") + nul},
+           {"delete /mnt/part.persistent/replicated_by_this_em/no/such",
+            "0" + nul + tree_path(1, "no/such") + nul},
            {"diag fail-read=/a=b", "1fail-read=/a=b"},
            {"--timeout 9 --socket 2006 --json sync", "0" + nul + nul}}) {
     EXPECT_EQ(run_answered(line, 0, result_bytes(0, "", 'Y')), 0) << line;
     EXPECT_EQ(request_, request);
   }
+  EXPECT_EQ(run("delete part.persistent/replicated_by_this_em/../x 2>&1"), 1);
+  EXPECT_EQ(out_.find("cluster_sync_ctl: part.persistent/replicated_by_this_em/../x: the path lies "
+                      "in none of the replicated trees"),
+            0u);
   const std::string wrong =
       ";update /a;update /a '';delete '';delete;sync now;diag '';fault x;role master;verify x;"
       "--list sync;--against '' verify;--list --against /x verify;nonsense;--nonsense sync;"
@@ -125,10 +138,40 @@ TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
     EXPECT_EQ(run_answered("sync", 0, payload), 3) << "no answer of the daemon";
   EXPECT_EQ(run_answered("sync", 6, ""), 1);
   EXPECT_EQ(run_answered("diag nonsense", 6, ""), 1);
-  EXPECT_EQ(run("--socket 99 sync"), 3);
   EXPECT_EQ(run("--timeout 1 sync 2>&1"), 3);
   EXPECT_EQ(out_, "cluster_sync_ctl: no answer within 1 s\n");
   g_turn.release();
+}
+
+TEST_F(CtlTest, TheLibraryTellsFailuresApartAndRaisesNoSignal) {
+  const auto sync = [this](uint32_t status, const std::string& payload) {
+    g_status = status;
+    g_payload = payload;
+    g_turn.release();
+    cluster_sync_result result;
+    return cluster_sync_sync(nullptr, -1, &result);
+  };
+  EXPECT_EQ(sync(0, result_bytes(0, "", 'Y')), 0);
+  EXPECT_EQ(sync(0, result_bytes(4, "", 'Y')), ECANCELED);
+  EXPECT_EQ(sync(6, ""), ECANCELED);
+  EXPECT_EQ(sync(0, "short"), EPROTO);
+  EXPECT_EQ(cluster_sync_sync("/mnt/none", 100, nullptr), ECONNREFUSED);
+  EXPECT_EQ(cluster_sync_sync(nullptr, 0, nullptr), ETIMEDOUT);
+  EXPECT_EQ(cluster_sync_update(nullptr, "/mnt/a", "", 100, nullptr), EINVAL);
+  EXPECT_EQ(cluster_sync_delete(nullptr, tree_path(1, "").c_str(), 100, nullptr), EISDIR);
+
+  sockaddr_un address = {AF_UNIX, "/mnt/deaf"};
+  const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  listen(listener, 1);
+  int connection = -1;
+  ASSERT_EQ(cluster_sync_connect("/mnt/deaf", 100, &connection), 0);
+  EXPECT_EQ(cluster_sync_receive(connection, 1, nullptr, nullptr), ETIMEDOUT);
+  close(accept(listener, nullptr, nullptr));
+  EXPECT_EQ(cluster_sync_send_diag(connection, "stats", 100), ECONNRESET);
+  EXPECT_EQ(cluster_sync_receive(connection, 100, nullptr, nullptr), ECONNRESET);
+  close(connection);
+  close(listener);
 }
 
 TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
