@@ -42,7 +42,11 @@ Do both EMs hold the same files?
                           cluster_sync_ctl verify --against -
 
 Change files, on this EM and the other:
-  update SRC DEST       rename SRC onto the replicated file DEST
+  put FILE DEST         publish FILE ("-": standard input) as the replicated file
+                        DEST, from any file system
+  edit DEST             open a copy of DEST in $VISUAL or $EDITOR and publish it
+  update SRC DEST       rename SRC, on the same file system, onto the replicated
+                        file DEST
   delete DEST           delete the replicated file DEST
   sync                  only run an exchange with the other EM
 
@@ -52,9 +56,12 @@ Operate:
   diag COMMAND[=ARG]    send a diagnostic command to the daemon; the manual page
                         lists them
 
-Relative paths are taken from the current directory.
+put and edit: DEST belongs to the caller afterwards.
 
 Options:
+  --mode MODE           for put and edit: 600 or 644; without it as FILE and DEST
+                        have it
+  --progress            for sync: show the time on a terminal
   --json                print the answer as one line of JSON
   --socket N            number of the daemon's command socket (default 2006)
   --timeout SECONDS     longest wait for the whole answer (default 60)
@@ -62,18 +69,19 @@ Options:
 
 Exit status:
   0  success; for fault: healthy, or nothing recorded yet
-  1  the daemon reports a failure; for status and fault: replication is failing
-     or the other EM is away; for verify: the trees differ
+  1  the daemon reports a failure, or what was asked for is impossible; for status
+     and fault: replication is failing or the other EM is away; for verify: the
+     trees differ
   2  wrong usage
   3  no daemon answers, or not in time, or what came back cannot be understood;
      for verify: something could not be read
 )";
 
-// Reads a whole decimal number between the bounds into `*number`.
-bool parse_number(const char* text, long least, long most, int* number) {
+// Reads a whole number between the bounds into `*number`.
+bool parse_number(const char* text, int base, long least, long most, int* number) {
   char* end = nullptr;
   errno = 0;
-  const long value = strtol(text, &end, 10);
+  const long value = strtol(text, &end, base);
   if (errno != 0 || end == text || *end != '\0' || value < least || value > most) return false;
   *number = static_cast<int>(value);
   return true;
@@ -93,6 +101,8 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
                                         {"timeout", required_argument, nullptr, 't'},
                                         {"list", no_argument, nullptr, 'l'},
                                         {"against", required_argument, nullptr, 'a'},
+                                        {"mode", required_argument, nullptr, 'm'},
+                                        {"progress", no_argument, nullptr, 'p'},
                                         {"help", no_argument, nullptr, 'h'},
                                         {nullptr, 0, nullptr, 0}};
   bool valid = true;
@@ -106,11 +116,11 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
         options->json = true;
         break;
       case 's':
-        valid = valid && parse_number(optarg, 0, INT32_MAX, &number);
+        valid = valid && parse_number(optarg, 10, 0, INT32_MAX, &number);
         options->socket = socket_path(number);
         break;
       case 't':
-        valid = valid && parse_number(optarg, 1, kMaxTimeoutSeconds, &number);
+        valid = valid && parse_number(optarg, 10, 1, kMaxTimeoutSeconds, &number);
         options->timeout_ms = number * 1000;
         break;
       case 'l':
@@ -119,6 +129,12 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
       case 'a':
         options->against = optarg;
         valid = valid && *optarg != '\0';
+        break;
+      case 'm':
+        valid = valid && parse_number(optarg, 8, 0, 0777, &options->mode);
+        break;
+      case 'p':
+        options->progress = true;
         break;
       case 'h':
         *help = true;
@@ -140,8 +156,9 @@ struct Command {
 constexpr Command kCommands[] = {
     {"status", 0, 0, "", show_status},    {"fault", 0, 0, "", show_fault},
     {"watch", 0, 0, "", watch_fault},     {"verify", 0, 0, "la", verify_trees},
+    {"put", 2, 2, "m", put_file},         {"edit", 1, 1, "m", edit_file},
     {"update", 2, 2, "", request_update}, {"delete", 1, 1, "", request_deletion},
-    {"sync", 0, 0, "", request_sync},     {"role", 1, 1, "", set_role},
+    {"sync", 0, 0, "p", request_sync},    {"role", 1, 1, "", set_role},
     {"diag", 1, 1, "", send_diagnostic},
 };
 

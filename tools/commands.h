@@ -16,8 +16,10 @@ struct Options {
   bool json = false;
   std::string socket = CLUSTER_SYNC_SOCKET;
   int timeout_ms = 60 * 1000;
-  bool list = false;    // verify: every listing line too
-  std::string against;  // verify: a listing of the other EM, "-" for standard input
+  bool list = false;      // verify: every listing line too
+  bool progress = false;  // sync: show how long it takes
+  int mode = -1;          // put, edit: the mode of the file; negative when not given
+  std::string against;    // verify: a listing of the other EM, "-" for standard input
 };
 
 // The arguments of a command, as many as it takes and none of them empty.
@@ -28,6 +30,12 @@ using Words = std::vector<std::string>;
 int request_update(const Options& options, const Words& words);
 int request_deletion(const Options& options, const Words& words);
 int request_sync(const Options& options, const Words& words);
+
+// Publishes the file words[0], "-" for standard input, as the replicated file words[1].
+int put_file(const Options& options, const Words& words);
+
+// Lets the user's editor change a copy of the replicated file words[0], and publishes it.
+int edit_file(const Options& options, const Words& words);
 
 int send_diagnostic(const Options& options, const Words& words);
 
