@@ -20,5 +20,5 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT
 set(CMAKE_SKIP_RPATH ON)  # QEMU finds the libraries where the target has them
 
 # In a process namespace of its own a program inherits its orphans, for which QEMU cannot ask.
-set(CSD_QEMU qemu-arm -L ${CSD_SYSROOT})
+set(CSD_QEMU qemu-arm -L ${CSD_SYSROOT} -E LD_LIBRARY_PATH=${CMAKE_BINARY_DIR})
 set(CMAKE_CROSSCOMPILING_EMULATOR unshare --pid --fork --mount-proc ${CSD_QEMU})

@@ -1,10 +1,10 @@
 #!/bin/bash
-# Builds the Debian package from the working tree.
+# Builds the Debian packages from the working tree.
 #
 #   packaging/package.sh [--arm] [DIRECTORY]
 #
-# The package goes to DIRECTORY, build/ by default; its path is the last line of the output. With
-# --arm it is the one for armhf, built with the libraries that cmake/arm_sysroot.sh has put in
+# They go to DIRECTORY, build/ by default; their paths are the last lines of the output, that of the
+# daemon the first of them. With --arm they are those for armhf, built with the libraries that cmake/arm_sysroot.sh has put in
 # build-arm/. What is missing for the build is an error: install debhelper, cmake, ninja-build, g++
 # (or g++-arm-linux-gnueabihf), libcpg-dev, libdaemon-dev and libssl-dev.
 set -euo pipefail
@@ -24,7 +24,7 @@ trap 'rm -rf "$work"' EXIT
 source=$work/source
 mkdir -p "$source"
 cd "$repo"
-cp -a CMakeLists.txt README.md redundancy_health platform tools bench docs packaging "$source"
+cp -a CMakeLists.txt README.md client redundancy_health platform tools bench docs packaging "$source"
 mv "$source/packaging/debian" "$source/packaging/changelog" "$source"
 mv "$source/changelog" "$source/debian/changelog"
 
@@ -33,6 +33,9 @@ cd "$source"
 DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$(nproc)" \
   dpkg-buildpackage -b -us -uc -a "$architecture" ${CSD_CROSS:+-d}
 mkdir -p "$destination"
-rm -f "$destination"/cluster-sync-daemon_*_"$architecture".deb
-mv "$work"/cluster-sync-daemon_*_"$architecture".deb "$destination"
-ls "$destination"/cluster-sync-daemon_*_"$architecture".deb
+for deb in "$work"/*.deb; do
+  name=$(basename "$deb")
+  rm -f "$destination/${name%%_*}"_*_"${name##*_}"
+  mv "$deb" "$destination"
+  echo "$destination/$name"
+done

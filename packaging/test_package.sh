@@ -1,13 +1,15 @@
 #!/bin/bash
-# test_package.sh PACKAGE: boots a systemd of its own in namespaces over a copy-on-write view of
-# this machine, installs the package there, runs the service on a Corosync, breaks and mends things,
+# test_package.sh PACKAGE...: boots a systemd of its own in namespaces over a copy-on-write view of
+# this machine, installs the packages there, runs the service on a Corosync, breaks and mends things,
 # and purges. Nothing of this machine changes. On a machine that forbids what this needs only the
-# file is checked. Needs root, lintian, corosync and man-db.
+# files are checked. Needs root, lintian, corosync, man-db, pkgconf and a C compiler.
 # Prints "N passed, N failed" at the end; the status is 0 when nothing failed.
 # shellcheck disable=SC2016  # single quotes hold what a shell elsewhere is to expand
 set -uo pipefail
 export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
-deb=$(realpath -e "$1") || exit 2
+mapfile -t debs < <(realpath -e "$@")
+[ ${#debs[@]} = $# ] || exit 2
+mapfile -t packages < <(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Package; done)
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 work=$(mktemp -d)
 cgroup=$(findmnt -n -t cgroup2 -o TARGET | head -n 1)/package-test.$$
@@ -57,19 +59,25 @@ output_is() {
   diff <(printf '%s' "${expected:+$expected$'\n'}") <("$@" 2>&1)
 }
 
-# The package as a file: what it installs outside /usr/share, and a star where it is a program.
+# The packages as files: what they install outside /usr/share, and a star where it is a program.
 
 list_content() {
-  dpkg-deb -c "$deb" | awk '
+  for deb in "${debs[@]}"; do dpkg-deb -c "$deb"; done | awk '
     BEGIN { mark["-rw-r--r--"] = ""; mark["-rwxr-xr-x"] = "*" }
     $1 !~ /^d/ && $6 !~ /^.\/usr\/share/ { print substr($6, 2) ($1 in mark ? mark[$1] : " " $1) }' | sort
 }
 
+library=/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/libcluster-sync.so
 expected_content="/etc/default/cluster_sync_daemon
 /lib/systemd/system/cluster_sync_daemon.service
 /usr/bin/clean_up_temp_files.py*
 /usr/bin/cluster_sync_ctl*
+/usr/include/cluster_sync.h
 /usr/lib/tmpfiles.d/cluster-sync-daemon.conf
+$library lrwxrwxrwx
+$library.0 lrwxrwxrwx
+$library.0.1.0
+${library%/*}/pkgconfig/cluster-sync.pc
 /usr/sbin/cluster_sync_daemon*"
 
 # What the sources have is in the documents: every diagnostic command, in bold, every option and
@@ -77,7 +85,7 @@ expected_content="/etc/default/cluster_sync_daemon
 documents_are_complete() {
   local calls='LOG\(3|LOG_NO_DUMP\(3|LOG_PLATFORM_ONLY\(\s*3|FATAL\(|REFUSE\(|end_exchange_error\('
   calls+='|end_exchange_full\(|RECORD_SCAN_FAILURE\(|storage_cfg_set_result\('
-  cd "$repo" && sed 's/\\-/-/g' packaging/man/*.[18] docs/operations.md > "$work/documents" &&
+  cd "$repo" && sed 's/\\-/-/g' packaging/man/*.[138] docs/operations.md > "$work/documents" &&
     sed -n '/^\.SH DIAGNOSTIC/,/^\.SH OPTIONS/s/^\.B[RI]* / /p' "$work/documents" > "$work/bold" &&
     sed -nE 's/^ +\{"([a-z-]+)", (true|false), run_.*/\1/p' redundancy_health/rpc/diagnostics.cc \
       > "$work/commands" && [ "$(wc -l < "$work/commands")" -ge 10 ] &&
@@ -118,7 +126,8 @@ boot() {
   mount -n --bind "$top" media  # for a look at what the overlay took
   for dir in run tmp mnt; do mount -n -t tmpfs -o mode=755 $dir $dir; done
   chmod 1777 tmp
-  cp "$work/package.deb" root/
+  mkdir root/packages
+  cp "$work"/*.deb root/packages
   cp "$work/corosync.conf" etc/corosync/corosync.conf
   printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' > etc/systemd/system/package-test.target
   rm -f usr/sbin/policy-rc.d  # which may forbid services on this machine
@@ -138,7 +147,7 @@ boot_machine() {
   { sed -e 's/transport: knet/transport: udpu/; s/crypto_\(.*\): .*/crypto_\1: none/' \
     -e 's/169.254.77.1/127.0.0.1/; s/169.254.77.2/127.0.0.2/' "$repo/packaging/corosync.conf"
     printf 'system {\n  sched_rr: no\n  move_to_root_cgroup: no\n}\n'; } > "$work/corosync.conf"
-  cp "$deb" "$work/package.deb"
+  cp "${debs[@]}" "$work"
   export -f boot
   export work
   (
@@ -154,7 +163,7 @@ boot_machine() {
 # took, but for the directories that were there before, and what is in memory.
 list_machine() {
   inside find /media/upper /mnt /run /tmp -xdev \( -path '*/var/log' -o -path '*/var/lib/dpkg' \
-    -o -path '*/var/cache' -o -path '/run/systemd' -o -path /run/log -o -path /run/credentials \
+    -o -path '*/var/cache' -o -path '*/etc/ld.so.cache' -o -path '/run/systemd' -o -path /run/log -o -path /run/credentials \
     -o -path '*/var/lib/corosync' -o -path '*/systemd-private-*' -o -type c \) -prune -o -print |
     while IFS= read -r path; do
       [ -d "${path#/media/upper}/" ] && [ "$path" != "${path#/media}" ] || echo "$path"
@@ -178,13 +187,13 @@ break_and_mend_corosync() {
 
 machine_state() {
   mount
-  dpkg -l cluster-sync-daemon
+  dpkg -l "${packages[@]}"
   ls -d {/usr/sbin,/etc/default}/cluster_sync_daemon /mnt/part.persistent /run/CLUS_SYNC.pid
 } 2>&1
 
 test_machine() {
   list_machine > "$work/before"
-  check_inside "it installs, and waits for the operator" 'dpkg -i /root/package.deb
+  check_inside "it installs, and waits for the operator" 'dpkg -i /root/packages/*
     cd /mnt/part.persistent
     ls -d replicated_by_active_em replicated_by_this_em replicated_by_other_em /run/em/events
     ! systemctl is-enabled cluster_sync_daemon' || return
@@ -195,6 +204,11 @@ test_machine() {
     echo own > TempUpdate_own
     cluster_sync_ctl update $PWD/TempUpdate_own $PWD/replicated_by_active_em/own
     test -s replicated_by_active_em/own -a ! -e TempUpdate_own'
+  check_inside "a program in C builds on the library and publishes" 'cd /mnt/part.persistent
+    cc -std=c99 -Wall -Wextra -Wpedantic -Werror -o /root/example \
+      /usr/share/doc/libcluster-sync-dev/examples/example.c $(pkg-config --cflags --libs cluster-sync)
+    echo data | /root/example replicated_by_active_em/new | grep "published here"
+    rm /root/example replicated_by_active_em/new'
   # With the file system as the running service sees it.
   check "nothing but trees, /run and /tmp can be written" \
     inside nsenter -t "$(daemon_pid)" -m -- sh -e -c '
@@ -205,7 +219,7 @@ test_machine() {
   check "killed, Corosync and daemon come back, even after a failed start" \
     restarts break_and_mend_corosync
   inside sh -c 'echo BREL_LOG_LEVEL=7 >> /etc/default/cluster_sync_daemon'
-  check "an upgrade restarts it" restarts inside dpkg -i /root/package.deb
+  check "an upgrade restarts it" restarts inside sh -c 'dpkg -i /root/packages/*'
   check "  and keeps the configuration" \
     inside grep -qx BREL_LOG_LEVEL=7 /etc/default/cluster_sync_daemon
   check_inside "the service stops in order" 'systemctl stop cluster_sync_daemon
@@ -216,7 +230,7 @@ test_machine() {
     dpkg -r cluster-sync-daemon
     test -s /mnt/part.persistent/replicated_by_active_em/own -a ! -e /run/CLUS_SYNC.pid \
       -a -e /etc/default/cluster_sync_daemon -a ! -e /usr/sbin/cluster_sync_daemon'
-  check_inside "it is purged" 'systemctl stop corosync; dpkg -P cluster-sync-daemon'
+  check_inside "it is purged" "systemctl stop corosync; dpkg -P ${packages[*]}"
   check "  and nothing but the data is left" output_is \
     "$(printf '/mnt/part.persistent%s\n' '' /replicated_by_active_em{,/own})" \
     comm -13 "$work/before" <(list_machine)
@@ -225,8 +239,8 @@ test_machine() {
 trap clean_up EXIT
 machine_state > "$work/machine"
 check "lintian finds no error and no warning" output_is "" \
-  lintian --allow-root --tag-display-limit 0 --fail-on error,warning --display-level '>=warning' "$deb"
-check "the package holds what it should, with these modes" output_is "$expected_content" list_content
+  lintian --allow-root --tag-display-limit 0 --fail-on error,warning --display-level '>=warning' "${debs[@]}"
+check "the packages hold what they should, with these modes" output_is "$expected_content" list_content
 check "the documents are complete" output_is "" documents_are_complete
 if ! namespaces_work > /dev/null 2>&1; then
   echo "skipped: installation and service, because this machine forbids a systemd in namespaces"

@@ -20,6 +20,8 @@ namespace {
 
 constexpr long kMaxTimeoutSeconds = 24L * 60 * 60;
 
+constexpr char kCommonOptions[] = "jsth";  // letters of the options that every command takes
+
 constexpr char kHelp[] =
     R"(Usage: cluster_sync_ctl [OPTION]... COMMAND
 
@@ -40,7 +42,11 @@ Do both EMs hold the same files?
                           cluster_sync_ctl verify --against -
 
 Change files, on this EM and the other:
-  update SRC DEST       rename SRC onto the replicated file DEST
+  put FILE DEST         publish FILE ("-": standard input) as the replicated file
+                        DEST, from any file system
+  edit DEST             open a copy of DEST in $VISUAL or $EDITOR and publish it
+  update SRC DEST       rename SRC, on the same file system, onto the replicated
+                        file DEST
   delete DEST           delete the replicated file DEST
   sync                  only run an exchange with the other EM
 
@@ -50,9 +56,12 @@ Operate:
   diag COMMAND[=ARG]    send a diagnostic command to the daemon; the manual page
                         lists them
 
-Relative paths are taken from the current directory.
+put and edit: DEST belongs to the caller afterwards.
 
 Options:
+  --mode MODE           for put and edit: 600 or 644; without it as FILE and DEST
+                        have it
+  --progress            for sync: show the time on a terminal
   --json                print the answer as one line of JSON
   --socket N            number of the daemon's command socket (default 2006)
   --timeout SECONDS     longest wait for the whole answer (default 60)
@@ -60,51 +69,59 @@ Options:
 
 Exit status:
   0  success; for fault: healthy, or nothing recorded yet
-  1  the daemon reports a failure; for status and fault: replication is failing
-     or the other EM is away; for verify: the trees differ
+  1  the daemon reports a failure, or what was asked for is impossible; for status
+     and fault: replication is failing or the other EM is away; for verify: the
+     trees differ
   2  wrong usage
   3  no daemon answers, or not in time, or what came back cannot be understood;
      for verify: something could not be read
 )";
 
-int usage_error(const std::string& text) {
-  fprintf(stderr, "cluster_sync_ctl: %s\nTry 'cluster_sync_ctl --help'.\n",
-          printable(text).c_str());
-  return kUsage;
-}
-
-// Reads a whole decimal number between the bounds into `*number`.
-bool parse_number(const char* text, long least, long most, int* number) {
+// Reads a whole number between the bounds into `*number`.
+bool parse_number(const char* text, int base, long least, long most, int* number) {
   char* end = nullptr;
   errno = 0;
-  const long value = strtol(text, &end, 10);
+  const long value = strtol(text, &end, base);
   if (errno != 0 || end == text || *end != '\0' || value < least || value > most) return false;
   *number = static_cast<int>(value);
   return true;
 }
 
-// Fills `*options`; afterwards argv[optind] is the command. Returns false on wrong usage.
+std::string socket_path(int number) {
+  char path[sizeof kCmdSocketFormat + 10];
+  snprintf(path, sizeof path, kCmdSocketFormat, number);
+  return path;
+}
+
+// Fills `*options`; afterwards argv[optind] is the command. Returns false on wrong usage. Options
+// that are not for every command are given in the table of commands by their letters.
 bool parse_options(int argc, char** argv, Options* options, bool* help) {
   static const option kLongOptions[] = {{"json", no_argument, nullptr, 'j'},
                                         {"socket", required_argument, nullptr, 's'},
                                         {"timeout", required_argument, nullptr, 't'},
                                         {"list", no_argument, nullptr, 'l'},
                                         {"against", required_argument, nullptr, 'a'},
+                                        {"mode", required_argument, nullptr, 'm'},
+                                        {"progress", no_argument, nullptr, 'p'},
                                         {"help", no_argument, nullptr, 'h'},
                                         {nullptr, 0, nullptr, 0}};
   bool valid = true;
+  int number = 0;
   for (;;) {
-    switch (getopt_long(argc, argv, "", kLongOptions, nullptr)) {
-      case -1:
-        return valid;
+    const int letter = getopt_long(argc, argv, "", kLongOptions, nullptr);
+    if (letter == -1) return valid;
+    options->given += static_cast<char>(letter);
+    switch (letter) {
       case 'j':
         options->json = true;
         break;
       case 's':
-        valid = valid && parse_number(optarg, 0, INT32_MAX, &options->socket_number);
+        valid = valid && parse_number(optarg, 10, 0, INT32_MAX, &number);
+        options->socket = socket_path(number);
         break;
       case 't':
-        valid = valid && parse_number(optarg, 1, kMaxTimeoutSeconds, &options->timeout_seconds);
+        valid = valid && parse_number(optarg, 10, 1, kMaxTimeoutSeconds, &number);
+        options->timeout_ms = number * 1000;
         break;
       case 'l':
         options->list = true;
@@ -112,6 +129,12 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
       case 'a':
         options->against = optarg;
         valid = valid && *optarg != '\0';
+        break;
+      case 'm':
+        valid = valid && parse_number(optarg, 8, 0, 0777, &options->mode);
+        break;
+      case 'p':
+        options->progress = true;
         break;
       case 'h':
         *help = true;
@@ -122,53 +145,38 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
   }
 }
 
-// Makes the path absolute. False when the current directory has no name any more: the daemon
-// would take the relative path from a directory of its own.
-bool make_absolute(std::string* path) {
-  if ((*path)[0] == '/') return true;
-  char* current = getcwd(nullptr, 0);
-  if (current == nullptr) return false;
-  *path = std::string(current) + "/" + *path;
-  free(current);
-  return true;
-}
+struct Command {
+  const char* name;
+  size_t least_words;
+  size_t most_words;    // SIZE_MAX: any number
+  const char* options;  // letters of its own options
+  int (*run)(const Options& options, const Words& words);
+};
 
-int run_update(const Options& options, std::string source, std::string destination) {
-  if ((!source.empty() && !make_absolute(&source)) || !make_absolute(&destination))
-    return usage_error(std::string("no current directory: ") + strerror(errno));
-  return request_update(options, source, destination);
-}
+constexpr Command kCommands[] = {
+    {"status", 0, 0, "", show_status},    {"fault", 0, 0, "", show_fault},
+    {"watch", 0, 0, "", watch_fault},     {"verify", 0, 0, "la", verify_trees},
+    {"put", 2, 2, "m", put_file},         {"edit", 1, 1, "m", edit_file},
+    {"update", 2, 2, "", request_update}, {"delete", 1, 1, "", request_deletion},
+    {"sync", 0, 0, "p", request_sync},    {"role", 1, 1, "", set_role},
+    {"diag", 1, 1, "", send_diagnostic},
+};
 
-int run_role(const Options& options, const std::string& role) {
-  if (role != "active" && role != "standby") return usage_error("no such role: " + role);
-  return set_role(options, role == "active");
-}
-
-int run_verify(const Options& options) {
-  if (options.list && !options.against.empty())
-    return usage_error("--list and --against exclude each other");
-  return verify_trees(options);
-}
-
-int run_command(const Options& options, const std::vector<std::string>& words) {
-  // An empty path would turn an update into a deletion and a deletion into an exchange.
+int run_command(const Options& options, const std::string& name, const Words& words) {
   for (const std::string& word : words) {
     if (word.empty()) return usage_error("an argument is empty");
     if (word.size() > kCmdMaxMessageSize / 4) return usage_error("an argument is too long");
   }
-  const std::string& command = words[0];
-  if (command == "verify" && words.size() == 1) return run_verify(options);
-  if (options.list || !options.against.empty())
-    return usage_error("--list and --against are for verify");
-  if (command == "update" && words.size() == 3) return run_update(options, words[1], words[2]);
-  if (command == "delete" && words.size() == 2) return run_update(options, "", words[1]);
-  if (command == "sync" && words.size() == 1) return request_update(options, "", "");
-  if (command == "diag" && words.size() == 2) return send_diagnostic(options, words[1]);
-  if (command == "status" && words.size() == 1) return show_status(options);
-  if (command == "fault" && words.size() == 1) return show_fault(options);
-  if (command == "watch" && words.size() == 1) return watch_fault(options);
-  if (command == "role" && words.size() == 2) return run_role(options, words[1]);
-  return usage_error("wrong command or wrong number of arguments: " + command);
+  for (const Command& command : kCommands) {
+    if (name != command.name) continue;
+    if (words.size() < command.least_words || words.size() > command.most_words)
+      return usage_error("wrong number of arguments: " + name);
+    const std::string known = std::string(kCommonOptions) + command.options;
+    if (options.given.find_first_not_of(known) != std::string::npos)
+      return usage_error("an option is not for this command: " + name);
+    return command.run(options, words);
+  }
+  return usage_error("no such command: " + name);
 }
 
 }  // namespace
@@ -182,7 +190,7 @@ int main(int argc, char** argv) {
     return kDone;
   }
   if (optind >= argc) return usage_error("no command given");
-  const int status = run_command(options, {argv + optind, argv + argc});
+  const int status = run_command(options, argv[optind], {argv + optind + 1, argv + argc});
   // An answer that could not be shown was not given.
   return fflush(stdout) == 0 ? status : kNoAnswer;
 }

@@ -2,6 +2,9 @@
 #define TOOLS_COMMANDS_H_
 
 #include <string>
+#include <vector>
+
+#include "client/cluster_sync.h"
 
 // The commands of cluster_sync_ctl. Each prints its answer to standard output, as one line of JSON
 // when asked, and returns the exit status.
@@ -9,29 +12,42 @@
 enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoAnswer = 3 };
 
 struct Options {
+  std::string given;  // the letters of the options on the command line
   bool json = false;
-  int socket_number = 2006;
-  int timeout_seconds = 60;
-  bool list = false;    // verify: every listing line too
-  std::string against;  // verify: a listing of the other EM, "-" for standard input
+  std::string socket = CLUSTER_SYNC_SOCKET;
+  int timeout_ms = 60 * 1000;
+  bool list = false;      // verify: every listing line too
+  bool progress = false;  // sync: show how long it takes
+  int mode = -1;          // put, edit: the mode of the file; negative when not given
+  std::string against;    // verify: a listing of the other EM, "-" for standard input
 };
 
-// Renames `source` onto `destination`; without a source deletes the destination, without both only
-// runs an exchange. Paths are absolute.
-int request_update(const Options& options, const std::string& source,
-                   const std::string& destination);
+// The arguments of a command, as many as it takes and none of them empty.
+using Words = std::vector<std::string>;
 
-int send_diagnostic(const Options& options, const std::string& command);
+// Renames the file words[0] onto the replicated file words[1], deletes the replicated file
+// words[0], only runs an exchange.
+int request_update(const Options& options, const Words& words);
+int request_deletion(const Options& options, const Words& words);
+int request_sync(const Options& options, const Words& words);
 
-int show_status(const Options& options);
+// Publishes the file words[0], "-" for standard input, as the replicated file words[1].
+int put_file(const Options& options, const Words& words);
 
-int show_fault(const Options& options);
+// Lets the user's editor change a copy of the replicated file words[0], and publishes it.
+int edit_file(const Options& options, const Words& words);
+
+int send_diagnostic(const Options& options, const Words& words);
+
+int show_status(const Options& options, const Words& words);
+
+int show_fault(const Options& options, const Words& words);
 
 // Prints the state of the fault and then every change of it. Returns only when that fails.
-int watch_fault(const Options& options);
+int watch_fault(const Options& options, const Words& words);
 
-int verify_trees(const Options& options);
+int verify_trees(const Options& options, const Words& words);
 
-int set_role(const Options& options, bool active);
+int set_role(const Options& options, const Words& words);
 
 #endif  // TOOLS_COMMANDS_H_

@@ -37,7 +37,7 @@ void wait_for_event(int inotify_fd) {
 
 }  // namespace
 
-int show_fault(const Options& options) {
+int show_fault(const Options& options, const Words& /*words*/) {
   const FaultState state = read_fault_state();
   if (!state.error.empty()) return report_error(options, state.error);
   if (options.json)
@@ -47,7 +47,7 @@ int show_fault(const Options& options) {
   return state.recorded && !state.healthy ? kFailed : kDone;
 }
 
-int watch_fault(const Options& options) {
+int watch_fault(const Options& options, const Words& /*words*/) {
   const int inotify_fd = inotify_init1(IN_CLOEXEC);
   if (inotify_fd < 0) return report_error(options, std::string("inotify: ") + strerror(errno));
   std::string shown;

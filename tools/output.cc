@@ -1,5 +1,6 @@
 #include "tools/output.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <time.h>
@@ -80,6 +81,32 @@ int report_error(const Options& options, const std::string& text, ExitStatus sta
   if (options.json) printf("{\"error\":%s}\n", json_string(text).c_str());
   fprintf(stderr, "cluster_sync_ctl: %s\n", printable(text).c_str());
   return status;
+}
+
+std::string client_error_text(const Options& options, int error) {
+  if (error == ETIMEDOUT)
+    return "no answer within " + std::to_string(options.timeout_ms / 1000) + " s";
+  return cluster_sync_strerror(error);
+}
+
+int report_client_error(const Options& options, int error, const std::string& path) {
+  const std::string text = client_error_text(options, error);
+  switch (error) {
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ETIMEDOUT:
+    case EPROTO:
+    case EACCES:  // the command socket is for root only
+      return report_error(options, text);
+    default:
+      return report_error(options, path.empty() ? text : path + ": " + text, kFailed);
+  }
+}
+
+int usage_error(const std::string& text) {
+  fprintf(stderr, "cluster_sync_ctl: %s\nTry 'cluster_sync_ctl --help'.\n",
+          printable(text).c_str());
+  return kUsage;
 }
 
 void show_progress(const std::string& text) {

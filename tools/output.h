@@ -16,6 +16,15 @@ const char* json_bool(bool value);
 // Tells why there is no answer, on standard error and in JSON. Returns `status`.
 int report_error(const Options& options, const std::string& text, ExitStatus status = kNoAnswer);
 
+// The same for an error number of the client library; `path` is what was asked for, or empty. The
+// status is kNoAnswer when it is the daemon that is missing, kFailed when the request is
+// impossible.
+int report_client_error(const Options& options, int error, const std::string& path);
+std::string client_error_text(const Options& options, int error);
+
+// Says what is wrong with the command line. Returns kUsage.
+int usage_error(const std::string& text);
+
 // Shows how far a long command is, when standard error is a terminal. Each text replaces the one
 // before, no more than a few times a second.
 void show_progress(const std::string& text);

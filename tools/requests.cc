@@ -1,13 +1,35 @@
-#include <endian.h>
+#include "tools/requests.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
+#include "client/cluster_sync.h"
 #include "platform/storage.h"
-#include "tools/ask_daemon.h"
-#include "tools/commands.h"
+#include "tools/diagnostic.h"
 #include "tools/output.h"
 
+// What the daemon sends is what the library hands out.
+static_assert(sizeof(cluster_sync_result) == sizeof(RpcResult));
+#define SAME_PLACE(field) \
+  static_assert(offsetof(cluster_sync_result, field) == offsetof(RpcResult, field))
+SAME_PLACE(success);
+SAME_PLACE(local_ok);
+SAME_PLACE(remote_ok);
+SAME_PLACE(benign);
+SAME_PLACE(canceled);
+SAME_PLACE(peer_present);
+SAME_PLACE(reason);
+
 namespace {
+
+constexpr int kProgressStepMs = 200;
 
 const char* yes_or_no(bool value) {
   return value ? "yes" : "no";
@@ -22,7 +44,7 @@ void print_status(const Options& options, uint32_t status) {
     printf("refused with status %u\n", status);
 }
 
-void print_result(const Options& options, const RpcResult& result) {
+void print_result(const Options& options, const cluster_sync_result& result) {
   const bool peer_present = result.peer_present == 'Y';
   if (options.json) {
     printf(
@@ -40,36 +62,100 @@ void print_result(const Options& options, const RpcResult& result) {
   if (result.reason[0] != '\0') printf("reason:       %s\n", printable(result.reason).c_str());
 }
 
-// Takes the record out of the payload. False when it is none.
-bool read_result(const std::vector<uint8_t>& payload, RpcResult* result) {
-  if (payload.size() != sizeof *result) return false;
-  memcpy(result, payload.data(), sizeof *result);
-  result->peer_present = le32toh(result->peer_present);
-  return memchr(result->reason, '\0', sizeof result->reason) != nullptr &&
-         (result->peer_present == 'Y' || result->peer_present == 'N');
+// Shows the answer, or why there is none. `error` is the client library's, `path` what was asked
+// for.
+int report(const Options& options, int error, const cluster_sync_result& result,
+           const std::string& path) {
+  if (error != 0 && error != ECANCELED) return report_client_error(options, error, path);
+  print_result(options, result);
+  return error == 0 ? kDone : kFailed;
+}
+
+int64_t monotonic_ms() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// The other EM's share cannot be seen from here; the time can.
+int sync_with_progress(const Options& options, cluster_sync_result* result) {
+  const int64_t start = monotonic_ms();
+  int connection = -1;
+  int error = cluster_sync_connect(options.socket.c_str(), options.timeout_ms, &connection);
+  if (error != 0) return error;
+  error = cluster_sync_send_update(connection, nullptr, nullptr, options.timeout_ms);
+  int64_t elapsed = 0;
+  if (error == 0) {
+    do {
+      elapsed = monotonic_ms() - start;
+      show_progress("exchange: " + std::to_string(elapsed / 1000) +
+                    " s (one without progress ends after 10 s)");
+      error = cluster_sync_receive(connection, kProgressStepMs, nullptr, result);
+    } while (error == ETIMEDOUT && elapsed < options.timeout_ms);
+  }
+  close(connection);
+  clear_progress();
+  return error;
 }
 
 }  // namespace
 
-int request_update(const Options& options, const std::string& source,
-                   const std::string& destination) {
-  const std::string message = source + '\0' + destination + '\0';
-  const Answer answer = ask_daemon(options, kRpcUpdate, message);
-  if (!answer.error.empty()) return report_error(options, answer.error);
-  if (answer.status != 0) {
-    print_status(options, answer.status);
-    return kFailed;
-  }
-  RpcResult result;
-  if (!read_result(answer.payload, &result))
-    return report_error(options, "the daemon's answer cannot be understood");
-  print_result(options, result);
-  return result.success != 0 ? kDone : kFailed;
+int request_update(const Options& options, const Words& words) {
+  cluster_sync_result result = {};
+  const int error = cluster_sync_update(options.socket.c_str(), words[0].c_str(), words[1].c_str(),
+                                        options.timeout_ms, &result);
+  return report(options, error, result, words[1]);
 }
 
-int send_diagnostic(const Options& options, const std::string& command) {
-  const Answer answer = ask_daemon(options, kDiagnostic, command);
-  if (!answer.error.empty()) return report_error(options, answer.error);
+int request_deletion(const Options& options, const Words& words) {
+  cluster_sync_result result = {};
+  const int error =
+      cluster_sync_delete(options.socket.c_str(), words[0].c_str(), options.timeout_ms, &result);
+  return report(options, error, result, words[0]);
+}
+
+int request_sync(const Options& options, const Words& /*words*/) {
+  cluster_sync_result result = {};
+  const int error = options.progress
+                        ? sync_with_progress(options, &result)
+                        : cluster_sync_sync(options.socket.c_str(), options.timeout_ms, &result);
+  return report(options, error, result, "");
+}
+
+int put_file(const Options& options, const Words& words) {
+  const std::string& name = words[0];
+  const int fd = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat status;
+  if (fd < 0 || fstat(fd, &status) != 0)
+    return report_error(options, name + ": " + strerror(errno), kFailed);
+  if (S_ISDIR(status.st_mode)) return report_error(options, name + " is a directory", kFailed);
+  const mode_t mode = S_ISREG(status.st_mode) ? status.st_mode : mode_of_new_file();
+  return publish(options, fd, words[1], wanted_mode(options, mode, words[1]));
+}
+
+int publish(const Options& options, int fd, const std::string& destination, mode_t mode) {
+  cluster_sync_result result = {};
+  const int error = cluster_sync_put_fd(options.socket.c_str(), fd, destination.c_str(), mode,
+                                        options.timeout_ms, &result);
+  return report(options, error, result, destination);
+}
+
+mode_t wanted_mode(const Options& options, mode_t mode, const std::string& destination) {
+  if (options.mode >= 0) return static_cast<mode_t>(options.mode);
+  struct stat status;
+  return stat(destination.c_str(), &status) == 0 ? mode & status.st_mode : mode;
+}
+
+mode_t mode_of_new_file() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+int send_diagnostic(const Options& options, const Words& words) {
+  const DiagnosticAnswer answer = ask_diagnostic(options, words[0]);
+  if (answer.error != 0 && answer.error != ECANCELED)
+    return report_client_error(options, answer.error, "");
   print_status(options, answer.status);
-  return answer.status == 0 ? kDone : kFailed;
+  return answer.error == 0 ? kDone : kFailed;
 }

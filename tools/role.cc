@@ -24,10 +24,11 @@ bool remove_mark() {
 
 }  // namespace
 
-int set_role(const Options& options, bool active) {
+int set_role(const Options& options, const Words& words) {
+  const bool active = words[0] == "active";
+  if (!active && words[0] != "standby") return usage_error("no such role: " + words[0]);
   if (!(active ? make_mark() : remove_mark()))
     return report_error(options, std::string(kActiveMark) + ": " + strerror(errno), kFailed);
-  const char* role = active ? "active" : "standby";
-  printf(options.json ? "{\"role\":\"%s\"}\n" : "this EM is %s\n", role);
+  printf(options.json ? "{\"role\":\"%s\"}\n" : "this EM is %s\n", words[0].c_str());
   return kDone;
 }

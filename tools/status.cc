@@ -1,16 +1,17 @@
+#include <errno.h>
 #include <stdio.h>
 
 #include <vector>
 
 #include "platform/em.h"
-#include "tools/ask_daemon.h"
 #include "tools/commands.h"
+#include "tools/diagnostic.h"
 #include "tools/fault_record.h"
 #include "tools/output.h"
 
 namespace {
 
-constexpr int kProbeSeconds = 5;
+constexpr int kProbeMs = 5000;
 
 // Without an argument the command changes nothing, logs nothing and is answered at once.
 constexpr char kHarmlessCommand[] = "stats";
@@ -65,19 +66,20 @@ std::string group_json(const Group& group) {
   return "[" + text + "]";
 }
 
-std::string daemon_text(const Answer& answer) {
-  if (!answer.error.empty()) return answer.error;
-  if (answer.status != 0) return "refuses with status " + std::to_string(answer.status);
+std::string daemon_text(const Options& options, const DiagnosticAnswer& answer) {
+  if (answer.error != 0 && answer.error != ECANCELED)
+    return client_error_text(options, answer.error);
+  if (answer.error != 0) return "refuses with status " + std::to_string(answer.status);
   return "answers, pid " + std::to_string(answer.daemon_pid);
 }
 
 }  // namespace
 
-int show_status(const Options& options) {
+int show_status(const Options& options, const Words& /*words*/) {
   Options probe = options;
-  if (probe.timeout_seconds > kProbeSeconds) probe.timeout_seconds = kProbeSeconds;
-  const Answer answer = ask_daemon(probe, kDiagnostic, kHarmlessCommand);
-  const bool answers = answer.error.empty() && answer.status == 0;
+  if (probe.timeout_ms > kProbeMs) probe.timeout_ms = kProbeMs;
+  const DiagnosticAnswer answer = ask_diagnostic(probe, kHarmlessCommand);
+  const bool answers = answer.error == 0;
   const FaultState fault = read_fault_state();
   const Group group = read_group();
   const unsigned em = 3 - get_my_mate_em_num();
@@ -93,9 +95,9 @@ int show_status(const Options& options) {
         json_bool(answers), static_cast<int>(answer.daemon_pid), em, json_bool(active),
         fault_json(fault).c_str(), group_json(group).c_str());
   } else {
-    printf("daemon: %s\nEM:     %u, %s\nfault:  %s%s\ngroup:  %s\n", daemon_text(answer).c_str(),
-           em, active ? "active" : "standby", printable(fault_text(fault)).c_str(), age,
-           group_text(group).c_str());
+    printf("daemon: %s\nEM:     %u, %s\nfault:  %s%s\ngroup:  %s\n",
+           daemon_text(probe, answer).c_str(), em, active ? "active" : "standby",
+           printable(fault_text(fault)).c_str(), age, group_text(group).c_str());
   }
   if (!answers || !fault.error.empty()) return kNoAnswer;
   const bool alone = group.known && group.members.size() < 2;

@@ -197,8 +197,9 @@ void print_differences(const std::vector<Difference>& differences) {
 
 }  // namespace
 
-int verify_trees(const Options& options) {
+int verify_trees(const Options& options, const Words& /*words*/) {
   const bool comparing = !options.against.empty();
+  if (options.list && comparing) return usage_error("--list and --against exclude each other");
   const unsigned em = 3 - get_my_mate_em_num();
   std::vector<std::string> failures;
   const std::vector<TreeListing> trees = list_trees(em, &failures);

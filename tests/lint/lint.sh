@@ -13,7 +13,7 @@ set -uo pipefail
 build=$(realpath "$1")
 cd "$(dirname "$(readlink -f "$0")")/../.." || exit
 
-PROGRAM=(platform redundancy_health tools bench)
+PROGRAM=(client platform redundancy_health tools bench)
 CPPCHECK_SUPPRESSIONS=(
   useStlAlgorithm       # plain loops are wanted
   usleepCalled          # there is nothing wrong with it on Linux
@@ -22,7 +22,8 @@ CPPCHECK_SUPPRESSIONS=(
 )
 
 # The rooms from the ground up; includes run down. Those that run up are named, with the file that
-# they are in ("*": any room): the roof, and where the protocol recurses.
+# they are in ("*": any room): the roof, and where the protocol recurses. The client library stands
+# beside: it knows none of them and they do not know it.
 ROOMS="platform frame catalog transport transfer exchange rpc"
 UPWARD='
   frame/daemon_main.cc:*
@@ -83,7 +84,7 @@ run_shellcheck() {
 }
 
 includes() {
-  grep -rn '^#include "' --include='*.h' --include='*.cc' platform redundancy_health |
+  grep -rn '^#include "' --include='*.h' --include='*.cc' client platform redundancy_health |
     sed -E 's|redundancy_health/||g; s|:[0-9]+:#include "(.*)"|:\1|' > "$build/includes.txt"
   awk -F '[/:]' -v rooms="$ROOMS" -v upward="$UPWARD" '
     BEGIN {
@@ -91,7 +92,8 @@ includes() {
       split(upward, lines, " ")
       for (i in lines) named[lines[i]]
     }
-    !($3 in height) || height[$3] > height[$1] {
+    !($3 in height) || !($1 in height) || height[$3] > height[$1] {
+      if ($1 == "client" && $3 == "client") next
       if ($0 in named || $1 "/" $2 ":*" in named) next
       print "runs up: " $0
       failed = 1

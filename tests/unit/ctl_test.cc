@@ -2,13 +2,15 @@
 #include <semaphore>
 #include <sstream>
 
+#include "client/cluster_sync.h"
 #include "platform/cmdsockserver.h"
 #include "platform/event.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
 
-// What the server saw, as type and message, and what it answers.
+// What the server saw, as type and message, and what it answers. It renames what it calls a
+// success.
 std::mutex g_mutex;
 std::string g_request, g_payload;
 uint32_t g_status;
@@ -18,6 +20,9 @@ uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, 
   g_turn.acquire();
   const std::lock_guard lock(g_mutex);
   g_request = std::to_string(type) + std::string(reinterpret_cast<const char*>(message), size);
+  const std::string source = g_request.substr(1, g_request.find('\0') - 1);
+  if (type == 0 && !source.empty() && g_payload[0] != 0)
+    rename(source.c_str(), &g_request[source.size() + 2]);
   cmd_rsp_attach_payload(g_payload.data(), static_cast<uint32_t>(g_payload.size()), rsp);
   return g_status;
 }
@@ -54,12 +59,15 @@ class CtlTest : public DaemonTest {
     pthread_join(server_->thread, nullptr);
   }
 
-  // Runs the client, which the build puts beside the tests, in /mnt. Returns its exit status.
+  // The client, which the build puts beside the tests.
+  static std::string program() {
+    return fs::read_symlink("/proc/self/exe").replace_filename("cluster_sync_ctl");
+  }
+
+  // Runs it in /mnt. Returns its exit status.
   int run(const std::string& line) {
-    const fs::path program =
-        fs::read_symlink("/proc/self/exe").replace_filename("cluster_sync_ctl");
     out_.clear();
-    FILE* client = popen(("cd /mnt && " + program.string() + " " + line).c_str(), "r");
+    FILE* client = popen(("cd /mnt && " + program() + " " + line).c_str(), "r");
     for (int c; (c = fgetc(client)) != EOF;)
       out_ += static_cast<char>(c);
     const int status = pclose(client);
@@ -84,14 +92,26 @@ class CtlTest : public DaemonTest {
 
 TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
   const std::string nul(1, '\0');
+  make_file(3, "d/e", "");
+  fs::create_symlink(tree_path(1, ""), "/mnt/way");
+  mkdir("/mnt/bound", 0755);
+  const Mount bound("/mnt/bound", nullptr, tree_path(0, "").c_str());
   for (const auto& [line, request] : std::vector<std::pair<const char*, std::string>>{
-           {"update x/y ../z", "0/mnt/x/y" + nul + "/mnt/../z" + nul},
-           {"delete /c", "0" + nul + "/c" + nul},
+           {"update x/y way/z", "0/mnt/x/y" + nul + tree_path(1, "z") + nul},
+           {"update way/TempUpdate_ bound/z",
+            "0" + tree_path(1, "TempUpdate_") + nul + tree_path(0, "z") + nul},
+           {"delete /run//replicated_by_active_em/d/../d/c", "0" + nul + tree_path(3, "d/c") + nul},
+           {"delete /mnt/part.persistent/replicated_by_this_em/no/such",
+            "0" + nul + tree_path(1, "no/such") + nul},
            {"diag fail-read=/a=b", "1fail-read=/a=b"},
            {"--timeout 9 --socket 2006 --json sync", "0" + nul + nul}}) {
     EXPECT_EQ(run_answered(line, 0, result_bytes(0, "", 'Y')), 0) << line;
     EXPECT_EQ(request_, request);
   }
+  EXPECT_EQ(run("delete part.persistent/replicated_by_this_em/../x 2>&1"), 1);
+  EXPECT_EQ(out_.find("cluster_sync_ctl: part.persistent/replicated_by_this_em/../x: the path lies "
+                      "in none of the replicated trees"),
+            0u);
   const std::string wrong =
       ";update /a;update /a '';delete '';delete;sync now;diag '';fault x;role master;verify x;"
       "--list sync;--against '' verify;--list --against /x verify;nonsense;--nonsense sync;"
@@ -125,10 +145,86 @@ TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
     EXPECT_EQ(run_answered("sync", 0, payload), 3) << "no answer of the daemon";
   EXPECT_EQ(run_answered("sync", 6, ""), 1);
   EXPECT_EQ(run_answered("diag nonsense", 6, ""), 1);
-  EXPECT_EQ(run("--socket 99 sync"), 3);
-  EXPECT_EQ(run("--timeout 1 sync 2>&1"), 3);
+}
+
+TEST_F(CtlTest, PutAndEditPublishAllOrLeaveEverythingAndNameWhatWasTyped) {
+  const std::string good = result_bytes(0, "", 'Y'), bad = result_bytes(34, "no", 'N');
+  const std::string file = make_file(3, "file", "old", 0644);
+  setenv("VISUAL", "sh '/mnt/the editor'", 1);
+  setenv("TMPDIR", "/mnt", 1);
+  write_file("/mnt/secret", "secret", 0600);
+  write_file("/mnt/shared", "shared", 0644);
+  write_file("/mnt/large", "");
+  EXPECT_EQ(truncate("/mnt/large", int64_t{1} << 32), 0);
+  for (const auto& [line, answer, editor, exit_status, content, mode, kept] :
+       std::vector<std::tuple<std::string, std::string, const char*, int, const char*, int, bool>>{
+           {"put shared", bad, "", 1, "old", 0644, false},
+           {"put secret", good, "", 0, "secret", 0600, false},
+           {"put shared", good, "", 0, "shared", 0600, false},
+           {"put --mode 644 - < secret", good, "", 0, "secret", 0644, false},
+           {"put large", "", "", 1, "secret", 0644, false},
+           {"put /mnt", "", "", 1, "secret", 0644, false},
+           {"edit", "", "touch \"$1\" \"$1~\"", 0, "secret", 0644, false},
+           {"edit", good, "echo edited > \"$1\"", 0, "edited\n", 0644, false},
+           {"edit", bad, "echo typed > \"$1\"", 1, "edited\n", 0644, true},
+           {"edit", "", "echo typed > \"$1\"; false", 1, "edited\n", 0644, true},
+           {"edit", "", "echo typed > \"$1\"; echo > /run/replicated_by_active_em/file", 1, "\n",
+            0644, true}}) {
+    write_file("/mnt/the editor", editor);
+    const std::string command = line + " /run/replicated_by_active_em/file 2>&1";
+    EXPECT_EQ(answer.empty() ? run(command) : run_answered(command, 0, answer), exit_status)
+        << out_;
+    EXPECT_EQ(request_.empty(), answer.empty()) << line;
+    EXPECT_EQ(read_file(file), content) << line << editor;
+    EXPECT_EQ(mode_of(file), mode) << line;
+    EXPECT_EQ(names_in(tree_path(3, "")), std::set<std::string>{"file"}) << line;
+    const size_t copy = out_.find("/mnt/cluster_sync_ctl.");
+    ASSERT_EQ(copy != std::string::npos, kept) << out_;
+    if (kept) {
+      EXPECT_EQ(read_file(out_.substr(copy, out_.find('\n', copy) - copy)), "typed\n");
+    }
+  }
+  EXPECT_EQ(names_in("/mnt").size(), 8u) << "one copy for each that was named";
+}
+
+TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {
+  const std::string ctl = program() + " --timeout 1 sync --progress";
+  EXPECT_EQ(run("--timeout 1 sync --progress 2>&1"), 3);
   EXPECT_EQ(out_, "cluster_sync_ctl: no answer within 1 s\n");
-  g_turn.release();
+  EXPECT_EQ(run("--help > /dev/null; script -qec '" + ctl + "' /dev/null < /dev/null"), 3);
+  EXPECT_NE(out_.find("0 s (one without progress ends after 10 s)"), std::string::npos) << out_;
+  g_turn.release(2);
+}
+
+TEST_F(CtlTest, TheLibraryTellsFailuresApartAndRaisesNoSignal) {
+  const auto sync = [this](uint32_t status, const std::string& payload) {
+    g_status = status;
+    g_payload = payload;
+    g_turn.release();
+    cluster_sync_result result;
+    return cluster_sync_sync(nullptr, -1, &result);
+  };
+  EXPECT_EQ(sync(0, result_bytes(0, "", 'Y')), 0);
+  EXPECT_EQ(sync(0, result_bytes(4, "", 'Y')), ECANCELED);
+  EXPECT_EQ(sync(6, ""), ECANCELED);
+  EXPECT_EQ(sync(0, "short"), EPROTO);
+  EXPECT_EQ(cluster_sync_sync("/mnt/none", 100, nullptr), ECONNREFUSED);
+  EXPECT_EQ(cluster_sync_sync(nullptr, 0, nullptr), ETIMEDOUT);
+  EXPECT_EQ(cluster_sync_update(nullptr, "/mnt/a", "", 100, nullptr), EINVAL);
+  EXPECT_EQ(cluster_sync_delete(nullptr, tree_path(1, "").c_str(), 100, nullptr), EISDIR);
+
+  sockaddr_un address = {AF_UNIX, "/mnt/deaf"};
+  const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  listen(listener, 1);
+  int connection = -1;
+  ASSERT_EQ(cluster_sync_connect("/mnt/deaf", 100, &connection), 0);
+  EXPECT_EQ(cluster_sync_receive(connection, 1, nullptr, nullptr), ETIMEDOUT);
+  close(accept(listener, nullptr, nullptr));
+  EXPECT_EQ(cluster_sync_send_diag(connection, "stats", 100), ECONNRESET);
+  EXPECT_EQ(cluster_sync_receive(connection, 100, nullptr, nullptr), ECONNRESET);
+  close(connection);
+  close(listener);
 }
 
 TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {

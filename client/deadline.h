@@ -1,0 +1,31 @@
+#ifndef CLIENT_DEADLINE_H_
+#define CLIENT_DEADLINE_H_
+
+#include <limits.h>
+#include <stdint.h>
+#include <time.h>
+
+// A time limit in milliseconds as the moment when it is over. None when it was negative.
+class Deadline {
+ public:
+  explicit Deadline(int timeout_ms) : limited_(timeout_ms >= 0), end_ms_(now_ms() + timeout_ms) {}
+
+  // What is left: 0 when the time is up, negative without a limit; as poll(2) takes it.
+  int left_ms() const {
+    if (!limited_) return -1;
+    const int64_t left = end_ms_ - now_ms();
+    return left > 0 ? static_cast<int>(left) : 0;
+  }
+
+ private:
+  static int64_t now_ms() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  }
+
+  bool limited_;
+  int64_t end_ms_;
+};
+
+#endif  // CLIENT_DEADLINE_H_

@@ -1,0 +1,136 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+
+#include "tools/commands.h"
+#include "tools/output.h"
+#include "tools/requests.h"
+
+namespace {
+
+// A file at one moment.
+struct Version {
+  bool exists = false;
+  struct stat status = {};
+  std::string content;
+};
+
+// Reads the regular file `path`, or notes that there is none. Returns 0 or an error number.
+int read_version(const std::string& path, Version* version) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return errno == ENOENT ? 0 : errno;
+  version->exists = true;
+  int error = fstat(fd, &version->status) == 0 ? 0 : errno;
+  if (error == 0 && !S_ISREG(version->status.st_mode)) error = EINVAL;
+  char buffer[16384];
+  ssize_t n = 1;
+  while (error == 0 && n > 0) {
+    n = read(fd, buffer, sizeof buffer);
+    if (n < 0) error = errno;
+    if (n > 0) version->content.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  return error;
+}
+
+bool is_same_version(const Version& version, const std::string& path) {
+  struct stat now;
+  if (lstat(path.c_str(), &now) != 0) return !version.exists && errno == ENOENT;
+  const struct stat& then = version.status;
+  return version.exists && now.st_dev == then.st_dev && now.st_ino == then.st_ino &&
+         now.st_size == then.st_size && now.st_mtim.tv_sec == then.st_mtim.tv_sec &&
+         now.st_mtim.tv_nsec == then.st_mtim.tv_nsec;
+}
+
+void remove_copy(const std::string& copy) {
+  std::error_code ignored;  // an editor may have left files of its own
+  std::filesystem::remove_all(std::filesystem::path(copy).parent_path(), ignored);
+}
+
+// Makes a file with the name of `destination` in a new directory that nobody else can look into.
+// Returns its path, or nothing with errno.
+std::string make_copy(const std::string& destination, const std::string& content) {
+  const char* parent = getenv("TMPDIR");
+  std::string path = parent != nullptr && *parent == '/' ? parent : "/tmp";
+  path += "/cluster_sync_ctl.XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) return "";
+  path += "/" + std::filesystem::path(destination).filename().string();
+  std::ofstream file(path, std::ios::binary);
+  file << content;
+  file.close();
+  if (file) return path;
+  const int error = errno;
+  remove_copy(path);
+  errno = error;
+  return "";
+}
+
+// A word for the shell.
+std::string quoted(const std::string& text) {
+  std::string word = "'";
+  for (const char c : text)
+    word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return word + "'";
+}
+
+// Whether the user's editor succeeded. Its name may have arguments.
+bool run_editor(const std::string& copy) {
+  const char* editor = getenv("VISUAL");
+  if (editor == nullptr || *editor == '\0') editor = getenv("EDITOR");
+  if (editor == nullptr || *editor == '\0') editor = "editor";
+  // NOLINTNEXTLINE(cert-env33-c): the user's own choice, for the user's own shell
+  return system((editor + (" " + quoted(copy))).c_str()) == 0;
+}
+
+// Publishes the copy unless that would be wrong. Nothing when there is nothing to publish.
+std::optional<int> publish_copy(const Options& options, const Version& original, bool succeeded,
+                                const std::string& copy, const std::string& destination) {
+  Version edited;
+  const int error = read_version(copy, &edited);
+  if (error != 0 || !edited.exists) return report_error(options, "the copy is gone", kFailed);
+  if (edited.content == original.content) return std::nullopt;
+  if (!succeeded) return report_error(options, "the editor failed; nothing is published", kFailed);
+  if (!is_same_version(original, destination))
+    return report_error(options, destination + " was changed meanwhile; nothing is published",
+                        kFailed);
+  const mode_t mode = original.exists ? original.status.st_mode : mode_of_new_file();
+  const int fd = open(copy.c_str(), O_RDONLY | O_CLOEXEC);
+  const int status = publish(options, fd, destination, wanted_mode(options, mode, destination));
+  if (fd >= 0) close(fd);
+  return status;
+}
+
+}  // namespace
+
+int edit_file(const Options& options, const Words& words) {
+  const std::string& destination = words[0];
+  Version original;
+  const int error = read_version(destination, &original);
+  if (error != 0) {
+    const char* reason = error == EINVAL ? "not a regular file" : strerror(error);
+    return report_error(options, destination + ": " + reason, kFailed);
+  }
+  const std::string copy = make_copy(destination, original.content);
+  if (copy.empty())
+    return report_error(options, std::string("no copy can be made: ") + strerror(errno), kFailed);
+
+  const bool succeeded = run_editor(copy);
+  const std::optional<int> status = publish_copy(options, original, succeeded, copy, destination);
+  if (status.value_or(kDone) != kDone) {
+    fprintf(stderr, "cluster_sync_ctl: what was typed is in %s\n", printable(copy).c_str());
+    return *status;
+  }
+  remove_copy(copy);
+  if (!status) printf(options.json ? "{\"changed\":false}\n" : "not changed\n");
+  return succeeded ? kDone : kFailed;
+}

@@ -1,0 +1,21 @@
+#ifndef TOOLS_REQUESTS_H_
+#define TOOLS_REQUESTS_H_
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "tools/commands.h"
+
+// Publishes what can be read from `fd` as the replicated file and shows the answer. Returns the
+// exit status.
+int publish(const Options& options, int fd, const std::string& destination, mode_t mode);
+
+// The mode that the user wants, or else one that gives nobody more than `mode` and the file that is
+// there already do.
+mode_t wanted_mode(const Options& options, mode_t mode, const std::string& destination);
+
+// The mode that a program would give a new file.
+mode_t mode_of_new_file();
+
+#endif  // TOOLS_REQUESTS_H_
