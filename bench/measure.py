@@ -15,6 +15,8 @@ from caller import SYNC, Caller  # noqa: E402
 from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, EmPair  # noqa: E402
 
 HEADER, UPDATE_HEADER, CHUNK, LINE_HEAD = 148, 32, 65536, 63
+# Only in the foreground does a daemon copy its log to standard output; on a machine it never does.
+SILENT = ["sh", "-c", 'exec "$0" "$@" > /dev/null 2>&1']
 DIGESTS = ".$SyncDigest$*"
 MESSAGES, WORK = "bare messages", "bare work"
 
@@ -57,7 +59,7 @@ class Bench:
         return quick if self.quick else full
 
     def pair(self) -> EmPair:
-        return EmPair(build_dir=self.build, transport=self.transport, log_level=6)
+        return EmPair(build_dir=self.build, transport=self.transport, log_level=6, wrapper=SILENT)
 
 
 def row(name: str, ours: list[float], theirs: list[float], unit: str, reach: float | None,

@@ -10,10 +10,9 @@ FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
 namespace {
 
 void append_line(const char* text, size_t length) {
-  auto* entry = static_cast<FlightRecorderEntry*>(malloc(sizeof(FlightRecorderEntry)));
+  auto* entry = static_cast<FlightRecorderEntry*>(malloc(sizeof(FlightRecorderEntry) + length + 1));
   CHECK_NOT_NULL(entry);
-  entry->text = static_cast<char*>(malloc(length + 1));
-  CHECK_NOT_NULL(entry->text);
+  entry->text = reinterpret_cast<char*>(entry + 1);
   memcpy(entry->text, text, length + 1);
   SIMPLEQ_INSERT_TAIL(&g_flight_recorder.entries, entry, next);
   ++g_flight_recorder.count;
@@ -22,7 +21,6 @@ void append_line(const char* text, size_t length) {
 void remove_oldest() {
   FlightRecorderEntry* entry = SIMPLEQ_FIRST(&g_flight_recorder.entries);
   SIMPLEQ_REMOVE_HEAD(&g_flight_recorder.entries, next);
-  free(entry->text);
   free(entry);
 }
 

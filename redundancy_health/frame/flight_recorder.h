@@ -9,7 +9,7 @@
 // The most recent log lines, kept in memory so that the first error can show what led up to it.
 
 struct FlightRecorderEntry {
-  char* text;  // prefix and message without a newline; owned
+  char* text;  // prefix and message without a newline; behind the entry
   SIMPLEQ_ENTRY(FlightRecorderEntry) next;
 };
 

@@ -49,15 +49,37 @@ void append_to_log_file(const char* text) {
   CHECK_CLOSE(fclose(f));
 }
 
+// The part of a prefix that is the same for all lines of a thread in one second.
+struct Stamp {
+  time_t second;
+  size_t length;
+  char text[100];
+};
+
+const Stamp& current_stamp() {
+  static thread_local Stamp stamp = {-1, 0, {}};
+  const time_t now = time(nullptr);
+  if (now != stamp.second) {
+    char thread_name[50];
+    GetThreadName(thread_name, sizeof(thread_name));
+    const int r = snprintf(stamp.text, sizeof(stamp.text), "%10lld (%5d-%s) ",
+                           static_cast<long long>(now), getpid(), thread_name);
+    CHECK_TRUE(r >= 0);
+    stamp.length = static_cast<size_t>(r);
+    stamp.second = now;
+  }
+  return stamp;
+}
+
 // A line in the making: prefix and message are formatted where they stay, on the stack unless they
 // are long. The trace is written many times for each file that is replicated.
 class Line {
  public:
   Line(const char* function, int line) {
-    char thread_name[50];
-    GetThreadName(thread_name, sizeof(thread_name));
-    add("%10lld (%5d-%s) %s:%d: ", static_cast<long long>(time(nullptr)), process_id(), thread_name,
-        function, line);
+    const Stamp& stamp = current_stamp();
+    memcpy(space_, stamp.text, stamp.length);
+    length_ = stamp.length;
+    add("%s:%d: ", function, line);
     prefix_length_ = length_;
   }
   Line(const Line&) = delete;
