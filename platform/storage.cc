@@ -34,7 +34,7 @@ int fail(int error) {
 
 // Makes a file with a fresh name in `directory` (which ends in '/'). Returns the descriptor and
 // sets `*name`, or returns -1 with errno set.
-int create_temporary(const std::string& directory, std::string* name) {
+int create_temporary(const std::string& directory, mode_t mode, std::string* name) {
   for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
     uint64_t number = 0;
     errno = EIO;  // of a short answer
@@ -42,7 +42,7 @@ int create_temporary(const std::string& directory, std::string* name) {
     char text[40];
     snprintf(text, sizeof text, "TempUpdate_%016" PRIx64, number);
     *name = directory + text;
-    const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   return fail(EEXIST);
@@ -105,15 +105,9 @@ int storage_open(int kind, const char* path, int flags, StorageHandle** handle) 
     return fail(EINVAL);
 
   std::string temporary;
-  const int fd = create_temporary(target.substr(0, slash + 1), &temporary);
+  const mode_t mode = (flags & kStorageOpenRestricted) != 0 ? 0600 : 0644;
+  const int fd = create_temporary(target.substr(0, slash + 1), mode, &temporary);
   if (fd < 0) return -1;
-  // Set rather than created with: the umask must not decide what the peer's copy looks like.
-  if (fchmod(fd, (flags & kStorageOpenRestricted) != 0 ? 0600 : 0644) != 0) {
-    const int error = errno;
-    close(fd);
-    unlink(temporary.c_str());
-    return fail(error);
-  }
   *handle = new StorageHandle{fd, 0, target, temporary};
   return 0;
 }

@@ -35,7 +35,8 @@ void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* form
 struct StorageHandle;
 
 constexpr int kStorageOpenWrite = 0x02;
-constexpr int kStorageOpenRestricted = 0x40;  // mode 0600 instead of 0644
+// Mode 0600 instead of 0644; the umask of the process must leave both alone.
+constexpr int kStorageOpenRestricted = 0x40;
 
 // Replaces the file at the absolute `path` as a whole: storage_open makes a temporary file
 // (TempUpdate_<random>) in its directory, storage_write_all writes to it, storage_close brings it

@@ -146,11 +146,6 @@ void GetThreadName(char* buffer, size_t size) {
   buffer[length] = '\0';
 }
 
-int process_id() {
-  static thread_local const pid_t pid = getpid();
-  return pid;
-}
-
 int _brel_cond_init(pthread_cond_t* cond) {
   pthread_condattr_t attributes;
   int rc = pthread_condattr_init(&attributes);

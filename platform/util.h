@@ -26,9 +26,6 @@ int Create_Thread(pthread_t* thread, const pthread_attr_t* attributes, void* (*f
 // Copies the calling thread's name, cut to fit and always terminated, into `buffer`.
 void GetThreadName(char* buffer, size_t size);
 
-// The id of this process, asked of the kernel once a thread. Not before the daemon has detached.
-int process_id();
-
 // Initialises `*cond` for timed waits on the monotonic clock. Returns 0 or an error number.
 int _brel_cond_init(pthread_cond_t* cond);
 

@@ -32,17 +32,21 @@ for dir in "$@"; do
   esac
 done
 
-# /etc and /usr/bin take additions without touching the machine's own.
-for dir in etc usr/bin; do
+# /etc, /usr/bin and /dev take additions without touching the machine's own.
+for dir in etc usr/bin dev; do
   mkdir -p $stage/upper/$dir $stage/work/$dir
 done
 mkdir -p $stage/upper/etc/em
 install -m 755 "$cleanup_script" $stage/upper/usr/bin/clean_up_temp_files.py
 if [ "$state" = own ]; then mkdir -p $stage/upper/etc/corosync; fi
-for dir in etc usr/bin; do
+mkdir -p $stage/below/shm $stage/below/pts
+for dir in shm pts; do mount -n --rbind /dev/$dir $stage/below/$dir; done
+for dir in etc usr/bin dev; do
   mount -n -t overlay -o "lowerdir=/$dir,upperdir=$stage/upper/$dir,workdir=$stage/work/$dir" \
     em"$number" /$dir
 done
+for dir in shm pts; do mount -n --move $stage/below/$dir /dev/$dir; done
+rm -f /dev/log  # the keeper makes one
 
 for top in tmp mnt run; do mount -n --move $stage/$top /$top; done
 [ -L /var/run ] || mount -n --rbind /run /var/run

@@ -1,5 +1,7 @@
 #include "redundancy_health/frame/flight_recorder.h"
 
+#include <string.h>
+
 #include "redundancy_health/frame/log.h"
 
 FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
@@ -7,11 +9,11 @@ FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
 
 namespace {
 
-void append_line(const char* prefix, const char* message) {
-  auto* entry = static_cast<FlightRecorderEntry*>(malloc(sizeof(FlightRecorderEntry)));
+void append_line(const char* text, size_t length) {
+  auto* entry = static_cast<FlightRecorderEntry*>(malloc(sizeof(FlightRecorderEntry) + length + 1));
   CHECK_NOT_NULL(entry);
-  const int r = asprintf(&entry->text, "%s%s", prefix, message);
-  CHECK_TRUE(r >= 0);
+  entry->text = reinterpret_cast<char*>(entry + 1);
+  memcpy(entry->text, text, length + 1);
   SIMPLEQ_INSERT_TAIL(&g_flight_recorder.entries, entry, next);
   ++g_flight_recorder.count;
 }
@@ -19,7 +21,6 @@ void append_line(const char* prefix, const char* message) {
 void remove_oldest() {
   FlightRecorderEntry* entry = SIMPLEQ_FIRST(&g_flight_recorder.entries);
   SIMPLEQ_REMOVE_HEAD(&g_flight_recorder.entries, next);
-  free(entry->text);
   free(entry);
 }
 
@@ -33,10 +34,10 @@ bool flight_recorder_records() {
   return records;
 }
 
-void record_line(int level, int dump, const char* prefix, const char* message) {
+void record_line(int level, int dump, const char* text, size_t length) {
   CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
   if (!g_flight_recorder.paused) {
-    if (g_flight_recorder.max_entries != 0) append_line(prefix, message);
+    if (g_flight_recorder.max_entries != 0) append_line(text, length);
     if (level <= 3 && (dump & 1) != 0) {
       LOG_PLATFORM_ONLY(3,
                         "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. "

@@ -2,13 +2,14 @@
 #define FRAME_FLIGHT_RECORDER_H_
 
 #include <pthread.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/queue.h>
 
 // The most recent log lines, kept in memory so that the first error can show what led up to it.
 
 struct FlightRecorderEntry {
-  char* text;  // prefix and message without a newline; owned
+  char* text;  // prefix and message without a newline; behind the entry
   SIMPLEQ_ENTRY(FlightRecorderEntry) next;
 };
 
@@ -25,8 +26,9 @@ extern FlightRecorder g_flight_recorder;
 // True unless the recorder is paused or holds no lines at all. Takes the mutex.
 bool flight_recorder_records();
 
-// Records one line, dumps and pauses when it is the first error, and trims. Takes the mutex.
-void record_line(int level, int dump, const char* prefix, const char* message);
+// Records one line (`length` bytes and a NUL), dumps and pauses when it is the first error, and
+// trims. Takes the mutex.
+void record_line(int level, int dump, const char* text, size_t length);
 
 // Writes every line to the platform log at level 3. The caller holds the mutex.
 void dump_flight_recorder();

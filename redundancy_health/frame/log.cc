@@ -33,7 +33,7 @@ bool make_room_in_log_file(uint32_t max_log_size) {
   return rename(kLogFile, kOldLogFile) == 0;
 }
 
-void append_to_log_file(const char* prefix, const char* message) {
+void append_to_log_file(const char* text) {
   // Anybody can plant a link or a FIFO in /tmp.
   const int fd =
       open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
@@ -45,8 +45,99 @@ void append_to_log_file(const char* prefix, const char* message) {
     close(fd);
     return;
   }
-  fprintf(f, "%s%s\n", prefix, message);
+  fprintf(f, "%s\n", text);
   CHECK_CLOSE(fclose(f));
+}
+
+// The part of a prefix that is the same for all lines of a thread in one second.
+struct Stamp {
+  time_t second;
+  size_t length;
+  char text[100];
+};
+
+const Stamp& current_stamp() {
+  static thread_local Stamp stamp = {-1, 0, {}};
+  const time_t now = time(nullptr);
+  if (now != stamp.second) {
+    char thread_name[50];
+    GetThreadName(thread_name, sizeof(thread_name));
+    const int r = snprintf(stamp.text, sizeof(stamp.text), "%10lld (%5d-%s) ",
+                           static_cast<long long>(now), getpid(), thread_name);
+    CHECK_TRUE(r >= 0);
+    stamp.length = static_cast<size_t>(r);
+    stamp.second = now;
+  }
+  return stamp;
+}
+
+// A line in the making: prefix and message are formatted where they stay, on the stack unless they
+// are long. The trace is written many times for each file that is replicated.
+class Line {
+ public:
+  Line(const char* function, int line) {
+    const Stamp& stamp = current_stamp();
+    memcpy(space_, stamp.text, stamp.length);
+    length_ = stamp.length;
+    add("%s:%d: ", function, line);
+    prefix_length_ = length_;
+  }
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+  ~Line() {
+    if (text_ != space_) free(text_);
+  }
+  __attribute__((format(printf, 2, 3))) void add(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    add_v(format, args);
+    va_end(args);
+  }
+  __attribute__((format(printf, 2, 0))) void add_v(const char* format, va_list args) {
+    va_list again;
+    va_copy(again, args);
+    const int r = vsnprintf(text_ + length_, sizeof(space_) - length_, format, args);
+    CHECK_TRUE(r >= 0);
+    const size_t length = length_ + static_cast<size_t>(r);
+    if (length >= sizeof(space_)) {
+      text_ = static_cast<char*>(malloc(length + 1));
+      CHECK_NOT_NULL(text_);
+      memcpy(text_, space_, length_);
+      vsnprintf(text_ + length_, length + 1 - length_, format, again);
+    }
+    va_end(again);
+    length_ = length;
+  }
+  const char* message() const {
+    return text_ + prefix_length_;
+  }
+  // Hands the line to the private log file and the flight recorder.
+  void keep(int level, int dump) const {
+    const uint32_t max_log_size = read_max_log_size();
+    if (max_log_size != 0) {
+      if (!make_room_in_log_file(max_log_size)) return;
+      append_to_log_file(text_);
+    }
+    record_line(level, dump, text_, length_);
+  }
+
+ private:
+  char space_[512];
+  char* text_ = space_;
+  size_t length_ = 0;
+  size_t prefix_length_ = 0;
+};
+
+// `file` is null for a line that the platform log is not to have.
+__attribute__((format(printf, 6, 0))) void write_line(const char* file, int line,
+                                                      const char* function, int level, int dump,
+                                                      const char* format, va_list args) {
+  const int saved_errno = errno;
+  Line text(function, line);
+  text.add_v(format, args);
+  if (file != nullptr) DbgOutput(file, line, function, level, "%s", text.message());
+  text.keep(level, dump);
+  errno = saved_errno;
 }
 
 }  // namespace
@@ -55,32 +146,19 @@ bool log_wanted(int level) {
   return DbgOutputEnabled(level) || read_max_log_size() != 0 || flight_recorder_records();
 }
 
-void private_log(int level, const char* function, int line, int dump, const char* format, ...) {
-  const int saved_errno = errno;
-  const uint32_t max_log_size = read_max_log_size();
-  if (max_log_size != 0 && !make_room_in_log_file(max_log_size)) {
-    errno = saved_errno;
-    return;
-  }
-
-  char thread_name[50];
-  GetThreadName(thread_name, sizeof(thread_name));
-  char* prefix = nullptr;
-  int r = asprintf(&prefix, "%10lld (%5d-%s) %s:%d: ", static_cast<long long>(time(nullptr)),
-                   process_id(), thread_name, function, line);
-  CHECK_TRUE(r >= 0);
-  char* message = nullptr;
+void log_line(const char* file, int line, const char* function, int level, int dump,
+              const char* format, ...) {
   va_list args;
   va_start(args, format);
-  r = vasprintf(&message, format, args);
+  write_line(file, line, function, level, dump, format, args);
   va_end(args);
-  CHECK_TRUE(r >= 0);
+}
 
-  if (max_log_size != 0) append_to_log_file(prefix, message);
-  record_line(level, dump, prefix, message);
-  free(prefix);
-  free(message);
-  errno = saved_errno;
+void private_log(int level, const char* function, int line, int dump, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  write_line(nullptr, line, function, level, dump, format, args);
+  va_end(args);
 }
 
 void on_severe_error() {

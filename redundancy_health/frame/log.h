@@ -21,21 +21,18 @@
 #define LOG_PLATFORM_ONLY(level, ...) DbgOutput(__FILE__, __LINE__, __func__, level, __VA_ARGS__)
 
 // The full form: under the name `function`, with the dump flag given. errno is kept.
-#define LOG_AS(function, level, dump, ...)                          \
-  do {                                                              \
-    if (!log_wanted(level)) break;                                  \
-    const int _log_errno = errno;                                   \
-    char* _log_str = nullptr;                                       \
-    CHECK_NOT_NEGATIVE(asprintf(&_log_str, __VA_ARGS__));           \
-    DbgOutput(__FILE__, __LINE__, function, level, "%s", _log_str); \
-    private_log(level, function, __LINE__, dump, "%s", _log_str);   \
-    free(_log_str);                                                 \
-    errno = _log_errno;                                             \
+#define LOG_AS(function, level, dump, ...)                                                   \
+  do {                                                                                       \
+    if (log_wanted(level)) log_line(__FILE__, __LINE__, function, level, dump, __VA_ARGS__); \
   } while (0)
 
 // False when the platform log drops lines of this level, no log file is written and the flight
 // recorder records nothing. Any thread.
 bool log_wanted(int level);
+
+// One line for the platform log and for private_log. Any thread; leaves errno as it was.
+void log_line(const char* file, int line, const char* function, int level, int dump,
+              const char* format, ...) __attribute__((format(printf, 6, 7)));
 
 // Appends the line to /tmp/cluster_sync_daemon.log (when a size limit is set) and to the flight
 // recorder; the first line of level 3 or less with bit 0 of `dump` set dumps the recorder and

@@ -12,14 +12,14 @@
 
 namespace {
 
-// Sees to one directory above the file. `*missing` when nothing stands there (any more).
-int clear_parent(const char* parent, bool* missing) {
+// Sees to one directory above the file. `*stands` unless nothing is there (any more).
+int clear_parent(const char* parent, bool* stands) {
   struct stat status;
-  *missing = true;
+  *stands = false;
   if (lstat(parent, &status) != 0) return errno == ENOENT ? 0 : errno;
   if (S_ISLNK(status.st_mode)) return ELOOP;
   if (S_ISREG(status.st_mode)) return unlink(parent) == 0 ? 0 : errno;
-  *missing = false;
+  *stands = true;
   return 0;  // what is neither a file nor a directory fails the write
 }
 
@@ -40,14 +40,14 @@ int clear_target(const std::string& path, bool in_place) {
 
 }  // namespace
 
-int clear_way(uint32_t root_index, const char* path, bool in_place) {
+int clear_way(uint32_t root_index, const char* path, bool in_place, bool* parent_stands) {
+  *parent_stands = false;
   std::string above(path);
   size_t slash = above.find('/', strlen(root_paths[root_index]));
   for (; slash != std::string::npos; slash = above.find('/', slash + 1)) {
     above[slash] = '\0';
-    bool missing;
-    const int error = clear_parent(above.c_str(), &missing);
-    if (error != 0 || missing) return error;
+    const int error = clear_parent(above.c_str(), parent_stands);
+    if (error != 0 || !*parent_stands) return error;
     above[slash] = '/';
   }
   return clear_target(path, in_place);

@@ -8,7 +8,8 @@
 // directory, with all in it, that stands where the sender has a file. So does a link, a FIFO, a
 // socket or a device there when the file is written `in_place` and not replaced as a whole. Returns
 // 0, ELOOP when a symbolic link stands above (nothing is written through it), or the error of what
-// failed. `path` begins with the root `root_index` and has no ".." behind it.
-int clear_way(uint32_t root_index, const char* path, bool in_place);
+// failed. `*parent_stands` when a directory below the root holds the file and need not be made.
+// `path` begins with the root `root_index` and has no ".." behind it.
+int clear_way(uint32_t root_index, const char* path, bool in_place, bool* parent_stands);
 
 #endif  // TRANSFER_CLEAR_WAY_H_

@@ -162,8 +162,9 @@ int write_chunk(const FileEntry* local, const Update& update) {
 
 // Writes received data. Returns 0 or an error number.
 int write_update(const FileEntry* local, const Update& update, bool atomic) {
-  int error = clear_way(local->root_index, local->path, !atomic);
-  if (error == 0) error = ensure_parent_directory(local->path);
+  bool parent_stands;
+  int error = clear_way(local->root_index, local->path, !atomic, &parent_stands);
+  if (error == 0 && !parent_stands) error = ensure_parent_directory(local->path);
   if (error != 0) return error;
   const bool had_digests = remove_digest_file(local->path);
   if (atomic) return replace_file(local, update);

