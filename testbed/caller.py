@@ -1,66 +1,61 @@
-"""A local program that asks the daemon of an EM through its command socket."""
+"""A local program that asks the daemon of an EM through its command socket, from outside."""
 
+import ctypes
 import os
 import select
-import socket
-import struct
-from typing import NamedTuple
+import sys
+from pathlib import Path
 
-from em_pair import COMMAND_SOCKET, EmPair
+from em_pair import COMMAND_SOCKET, REPO, EmPair
 
-UPDATE, DIAGNOSTIC = 0, 1
-SYNC = b"\0\0"
+# The library of the build, which the module then finds under its name.
+ctypes.CDLL(str(Path(os.environ.get("EM_PAIR_BUILD", REPO / "build")) / "libcluster-sync.so.0"))
+sys.path.insert(0, str(REPO / "client"))
+
+from cluster_sync import Connection, Refused, Result  # noqa: E402
+
+Update = tuple[str, str]  # source and destination; empty without
+SYNC = ("", "")
 PATIENCE = 120  # seconds for an answer
 
 
-class Result(NamedTuple):
-    """The record that answers an update."""
-
-    success: bool
-    local_ok: bool
-    remote_ok: bool
-    benign: bool
-    canceled: bool
-    peer_present: str
-    reason: str
+def socket_path(pair: EmPair, n: int) -> str:
+    return str(pair.path(n, f"/run/em/cmd.{COMMAND_SOCKET}"))
 
 
-def request(source: str, destination: str) -> bytes:
-    return b"".join(os.fsencode(path) + b"\0" for path in (source, destination))
+class Caller(Connection):
+    """A connection to an EM's daemon. What is `asked`, an update or a diagnostic command, is sent at
+    once; the answer can be had later."""
 
+    def __init__(self, pair: EmPair, n: int, asked: Update | str | None = SYNC):
+        super().__init__(socket_path(pair, n), PATIENCE)
+        if asked is not None:
+            self.send(asked)
 
-class Caller:
-    """A connection to an EM's daemon. `message` is sent at once, the answer can be had later."""
-
-    def __init__(self, pair: EmPair, n: int, message: bytes | None = SYNC, kind: int = UPDATE):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.socket.connect(str(pair.path(n, f"/run/em/cmd.{COMMAND_SOCKET}")))
-        self.socket.settimeout(PATIENCE)
-        if message is not None:
-            self.send(message, kind)
-
-    def send(self, message: bytes = SYNC, kind: int = UPDATE) -> None:
-        self.socket.send(struct.pack("<I", kind) + message)
+    def send(self, asked: Update | str = SYNC) -> None:
+        if isinstance(asked, str):
+            self.send_diag(asked)
+        else:
+            self.send_update(*(path or None for path in asked))
 
     def answered(self) -> bool:
-        return bool(select.select([self.socket], [], [], 0)[0])
-
-    def packet(self) -> bytes:
-        """The answer; empty when the daemon hung up."""
-        try:
-            return self.socket.recv(4096)
-        except ConnectionResetError:
-            return b""
-
-    def status(self) -> int | None:
-        """The status that answers anything but an update; None when the daemon hung up."""
-        packet = self.packet()
-        return struct.unpack("<I", packet)[0] if packet else None
+        return bool(select.select([self], [], [], 0)[0])
 
     def result(self) -> Result | None:
-        packet = self.packet()
-        if not packet:
+        """The answer to an update; None when the daemon hung up."""
+        try:
+            return self.receive()
+        except Refused as refusal:
+            return refusal.result
+        except ConnectionResetError:
             return None
-        status, *flags, peer, reason = struct.unpack("<I5?3xI116s", packet)
-        assert status == 0, packet
-        return Result(*flags, chr(peer), os.fsdecode(reason.split(b"\0")[0]))
+
+    def accepted(self) -> bool | None:
+        """Whether the daemon took a diagnostic command; None when it hung up."""
+        try:
+            self.receive_diag()
+            return True
+        except Refused:
+            return False
+        except ConnectionResetError:
+            return None

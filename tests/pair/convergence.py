@@ -14,7 +14,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, VOLATILE
-from support import DIAGNOSTIC, EDOM, ROOTS, Caller, flows, request
+from support import EDOM, ROOTS, Caller, Update, flows
 from trees import OPEN_TO_ALL, UNREPLICATED
 
 CHUNK = 65536
@@ -143,8 +143,8 @@ class Driver:
     Everything that depends on chance comes from the seed, so that a run can be repeated.
     """
 
-    def __init__(self, pair, callers: dict[tuple[int, int], Caller], seed: int):
-        """`callers` are lasting connections, by EM and kind."""
+    def __init__(self, pair, callers: dict[int, Caller], seed: int):
+        """`callers` are lasting connections, by EM."""
         self.callers = callers
         self.pair, self._at, self.random = pair, pair.path, random.Random(seed)
         self.names = self.random.sample(NAMES, NAMES_AT_A_TIME)
@@ -168,14 +168,13 @@ class Driver:
 
     # Requests and what must come of them.
 
-    def call(self, n: int, message: bytes, kind: int = 0) -> Caller:
-        caller = self.callers[n, kind]
-        caller.send(message, kind)
-        return caller
+    def call(self, n: int, asked: Update | str) -> Caller:
+        self.callers[n].send(asked)
+        return self.callers[n]
 
     def _diag(self, n: int, command: str) -> None:
         self.history.append(f"EM {n}: {command}")
-        expect(self.call(n, os.fsencode(command), DIAGNOSTIC).status() == 0, "it is refused")
+        expect(self.call(n, command).accepted(), "it is refused")
 
     def _ask(self, n: int, source: str, destination: str, injected: str = "") -> bool:
         """A request and its consequences on both EMs. Returns whether it succeeded."""
@@ -185,7 +184,7 @@ class Driver:
         wanted = trees | {(3 - m, copy): {name: copied(node, trees[3 - m, copy].get(name))
                                           for name, node in trees[m, root].items()}
                           for m, root, copy in flows(self.active, n)}
-        result = self.call(n, request(source, destination)).result()
+        result = self.call(n, (source, destination)).result()
         self.history.append(f"EM {n}: '{source}' -> '{destination}': {result}")
         as_injected = injected and os.fsencode(result.reason) == os.fsencode(injected)[:115]
         if as_injected:
@@ -194,7 +193,7 @@ class Driver:
             expect(not result.success and not result.local_ok, "what cannot be carried out was")
             wanted = trees
         elif result.success:
-            expect(result.peer_present == "Y" and not result.reason, "success without the peer")
+            expect(result.peer_present and not result.reason, "success without the peer")
         else:
             expect(as_injected and not result.remote_ok, "a failure without a cause")
             wanted = {(m, root): wanted[m, root]

@@ -10,7 +10,7 @@ from collections.abc import Callable
 from multiprocessing.util import Finalize
 from pathlib import Path
 
-from caller import DIAGNOSTIC, SYNC, UPDATE, Caller, Result, request
+from caller import SYNC, Caller, Result, Update
 from em_pair import ACTIVE, EMS, OWN, PEERS, REPO, VOLATILE, EmPair, wait_for
 from trees import differences, files
 
@@ -82,11 +82,11 @@ class PairTest(unittest.TestCase):
         target.write_bytes(content.encode() if isinstance(content, str) else content)
         target.chmod(mode)
 
-    def prepared(self, n: int, path: str, content: bytes | str) -> bytes:
+    def prepared(self, n: int, path: str, content: bytes | str) -> Update:
         """Puts a finished file beside `path`; returns the request that moves it there."""
         folder, name = os.path.split(path)
         self.write(n, f"{folder}/TempUpdate_{name}", content)
-        return request(f"{folder}/TempUpdate_{name}", path)
+        return (f"{folder}/TempUpdate_{name}", path)
 
     def read(self, n: int, path: str) -> bytes:
         return self.pair.path(n, path).read_bytes()
@@ -117,22 +117,20 @@ class PairTest(unittest.TestCase):
 
     # The daemons.
 
-    def call(self, n: int, message: bytes | None = SYNC, kind: int = UPDATE) -> Caller:
-        caller = Caller(self.pair, n, message, kind)
-        self.addCleanup(caller.socket.close)
+    def call(self, n: int, asked: Update | str | None = SYNC) -> Caller:
+        caller = Caller(self.pair, n, asked)
+        self.addCleanup(caller.close)
         return caller
 
-    def ask(self, n: int, message: bytes = SYNC) -> Result | None:
+    def ask(self, n: int, asked: Update = SYNC) -> Result | None:
         """A request on a connection of its own, and its answer."""
-        caller = Caller(self.pair, n, message)
-        with caller.socket:
+        with Caller(self.pair, n, asked) as caller:
             return caller.result()
 
     def diag(self, n: int, command: str) -> None:
         """A diagnostic command, which succeeds."""
-        caller = Caller(self.pair, n, command.encode(), DIAGNOSTIC)
-        with caller.socket:
-            self.assertEqual(0, caller.status(), command)
+        with Caller(self.pair, n, command) as caller:
+            self.assertTrue(caller.accepted(), command)
 
     def synced(self, n: int) -> Result:
         result = self.ask(n)
@@ -141,7 +139,7 @@ class PairTest(unittest.TestCase):
 
     def settle(self) -> None:
         """The next exchanges make everything identical and clear the fault."""
-        self.wait(lambda: self.ask(1)[::5] == (True, "Y"), "a clean exchange")
+        self.wait(lambda: self.ask(1)[::5] == (True, True), "a clean exchange")
         self.assert_identical()
         self.assertEqual(HEALTHY, self.fault())
 

@@ -3,7 +3,7 @@
 import os
 
 from em_pair import ACTIVE, EMS, OWN, VOLATILE
-from support import SYNC, PairTest, request
+from support import SYNC, PairTest
 
 EXCHANGES = int(os.environ.get("EXCHANGES", 2000))
 WARM_UP = 200
@@ -33,8 +33,8 @@ class EnduranceTest(PairTest):
             message = (
                 lambda: self.prepared(n, f"{OWN}/{name}", os.urandom(100 + turn % 11)),
                 lambda: self.write(n, f"{OWN}/large", os.urandom(70_000 + turn % 11)),
-                lambda: self.write(n, f"{OWN}/deleted", "") or request("", f"{OWN}/deleted"),
-                lambda: request(f"{OWN}/missing", f"{OWN}/{name}"),  # is refused
+                lambda: self.write(n, f"{OWN}/deleted", "") or ("", f"{OWN}/deleted"),
+                lambda: (f"{OWN}/missing", f"{OWN}/{name}"),  # is refused
                 lambda: self.write(1, f"{(ACTIVE, VOLATILE)[turn // 12 % 2]}/{name}", str(turn)),
                 lambda: None)[kind]() or SYNC
             self.callers[n].send(message)

@@ -14,7 +14,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 from convergence import Machine
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
-from support import DIAGNOSTIC, FAILING, SYNC, Caller, PairTest, Result, request
+from support import FAILING, SYNC, Caller, PairTest, Result
 
 LARGE = 32 << 20
 KILLS = int(os.environ.get("KILLS", 20))
@@ -49,7 +49,7 @@ class FaultTest(PairTest):
         """What EM `n` said of a file of its own tree is so."""
         if result.local_ok:
             self.assertTrue(content == self.read(n, f"{OWN}/{name}"), f"not on EM {n}: {result}")
-        if result.success and result.peer_present == "Y":
+        if result.success and result.peer_present:
             self.assertTrue(content == self.read(3 - n, f"{PEERS}/{name}"), f"not there: {result}")
 
     def wait_repaired(self) -> None:
@@ -58,12 +58,12 @@ class FaultTest(PairTest):
         self.wait_identical()
 
     def assert_done_alone(self, n: int, result: Result) -> None:
-        self.assertEqual((True, "N"), (result.local_ok, result.peer_present), result)
+        self.assertEqual((True, False), (result.local_ok, result.peer_present), result)
         self.assertTrue(result.success or result.reason.startswith(LATE), result)
 
     def wait_alone(self, n: int) -> None:
         # An answer of the exchange that broke off may still end the next one.
-        self.wait(lambda: self.ask(n)[::5] == (True, "N"), "an exchange alone")
+        self.wait(lambda: self.ask(n)[::5] == (True, False), "an exchange alone")
 
     def mount(self, n: int, folder: str, options: str) -> None:
         self.pair.run(n, ["mount", "-n", "-t", "tmpfs", "-o", options, "small", folder], check=True)
@@ -193,14 +193,14 @@ class HardFaultTest(FaultTest):
         self.mount(2, ACTIVE, "remount,ro")
         self.settle()
         self.assert_not_at_peer(self.prepared(1, f"{ACTIVE}/file", b"new"), READ_ONLY)
-        self.assert_not_at_peer(request("", f"{ACTIVE}/file"), READ_ONLY, "delete")
+        self.assert_not_at_peer(("", f"{ACTIVE}/file"), READ_ONLY, "delete")
         self.assertEqual(b"short", self.read(2, f"{ACTIVE}/file"))
         self.mount(2, ACTIVE, "remount,rw")
         self.settle()
 
     def assert_not_at_peer(self, asked: bytes, error: str, what: str = "update") -> None:
         result = self.ask(1, asked)
-        self.assertEqual((False, True, False, "Y", f"Unable to {what} file ({error}): "
+        self.assertEqual((False, True, False, True, f"Unable to {what} file ({error}): "
                           f"{ACTIVE}/file"), (*result[:3], *result[5:]))
 
     def test_files_change_while_they_are_scanned_and_sent(self):
@@ -262,7 +262,7 @@ class HardFaultTest(FaultTest):
         self.stop(2)
 
     def stop(self, n: int) -> None:
-        self.assertEqual(0, self.call(n, b"exit=now", DIAGNOSTIC).status())
+        self.assertTrue(self.call(n, "exit=now").accepted())
         self.assertEqual(0, self.pair.process(n, "daemon").wait(60))
         self.assertFalse(self.exists(n, "/run/em/cmd.2006"))
         self.assertIn("Exiting cluster_sync_daemon", self.log(n).splitlines()[-1])
@@ -270,7 +270,7 @@ class HardFaultTest(FaultTest):
     # Faults that only the time limit of 10 s ends.
 
     def assert_timed_out(self, result: Result) -> None:
-        self.assertEqual((False, True, False, "Y"), (*result[:3], result.peer_present))
+        self.assertEqual((False, True, False, True), (*result[:3], result.peer_present))
         self.assertTrue(result.reason.startswith((TIMED_OUT, LATE)), result)
 
     def test_peer_stopped(self):

@@ -9,7 +9,7 @@ import subprocess
 import time
 
 from em_pair import EMS, OWN
-from support import BUILD, DEADLINE, ROOTS, SYNC, PairTest, request
+from support import BUILD, DEADLINE, ROOTS, SYNC, PairTest
 
 SECRET = "bytes that no message may carry"  # hostile_member looks for it
 OUTSIDE = "/tmp/outside"
@@ -50,7 +50,7 @@ class HostileMemberTest(PairTest):
         while time.monotonic() < end:
             self.assertIsNone(hostile.poll(), "the hostile member has ended")
             for n in EMS:
-                self.callers[n].send((SYNC, request("", f"{OWN}/asked"), self.prepared(
+                self.callers[n].send((SYNC, ("", f"{OWN}/asked"), self.prepared(
                     n, f"{OWN}/asked", str(turn)))[turn % 3])
             for n in EMS:
                 self.assertIsNotNone(self.callers[n].result(), "a daemon has ended")
