@@ -148,7 +148,7 @@ class PowerCutTest(PairTest):
         """What local programs write without syncing it: files in place, and many new ones."""
         for name in self.random.sample("ABCD", 2):
             target = self.pair.path(n, f"{root}/{name}")
-            if not target.exists():
+            if not target.exists() or not target.stat().st_size:
                 target.write_bytes(self.random.randbytes(self.random.randint(1, 12) * CHUNK + 7))
             with open(target, "r+b") as file:
                 for _ in range(3):
