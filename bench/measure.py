@@ -11,7 +11,7 @@ REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "testbed"))
 sys.dont_write_bytecode = True
 
-from caller import SYNC, Caller  # noqa: E402
+from caller import SYNC, Caller, Update  # noqa: E402
 from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, EmPair  # noqa: E402
 
 HEADER, UPDATE_HEADER, CHUNK, LINE_HEAD = 148, 32, 65536, 63
@@ -125,13 +125,13 @@ def put_on_disk(pair: EmPair, mebibytes: int) -> None:
 
 # The daemons.
 
-def ask(caller: Caller, message: bytes = SYNC) -> float:
+def ask(caller: Caller, asked: Update = SYNC) -> float:
     """Seconds until the answer; a failure is an error."""
     begin = time.monotonic()
-    caller.send(message)
+    caller.send(asked)
     result = caller.result()
     seconds = time.monotonic() - begin
-    if result is None or not result.success or result.peer_present != "Y":
+    if result is None or not result.success or not result.peer_present:
         raise RuntimeError(f"exchange failed: {result}")
     return seconds
 
@@ -163,9 +163,9 @@ class Timed:
         self.seconds: list[float] = []
         self._cpu = 0.0
 
-    def ask(self, message: bytes = SYNC) -> float:
+    def ask(self, asked: Update = SYNC) -> float:
         before = cpu_seconds(self.pair)
-        self.seconds.append(ask(self.caller, message))
+        self.seconds.append(ask(self.caller, asked))
         self._cpu += cpu_seconds(self.pair) - before
         return self.seconds[-1]
 

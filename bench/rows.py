@@ -5,7 +5,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from caller import Caller, request
+from caller import Caller
 from em_pair import ACTIVE, EMS, OWN, PEERS, EmPair, wait_for
 from keeper import LINK
 from measure import (CHUNK, HEADER, MESSAGES, UPDATE_HEADER, WORK, Bench, Row, Timed,
@@ -241,7 +241,7 @@ def measure_renames(bench: Bench, on_disk: bool, kinds: tuple[str, ...], count: 
         for _ in range(bench.runs(6, 2)):
             for _ in range(count):
                 pair.path(1, source).write_bytes(os.urandom(size))
-                timed.ask(request(source, target))
+                timed.ask((source, target))
             for kind in kinds:
                 bare[kind] += floor(pair, bench, script, kind, count)
     milliseconds = {kind: [1000 * s for s in seconds]
