@@ -4,9 +4,10 @@
 #   packaging/package.sh [--arm] [DIRECTORY]
 #
 # They go to DIRECTORY, build/ by default; their paths are the last lines of the output, that of the
-# daemon the first of them. With --arm they are those for armhf, built with the libraries that cmake/arm_sysroot.sh has put in
-# build-arm/. What is missing for the build is an error: install debhelper, cmake, ninja-build, g++
-# (or g++-arm-linux-gnueabihf), libcpg-dev, libdaemon-dev and libssl-dev.
+# daemon the first of them. With --arm they are those for armhf, built with the libraries that
+# cmake/arm_sysroot.sh has put in build-arm/. What is missing for the build is an error: install
+# debhelper, dh-python, cmake, ninja-build, g++ (or g++-arm-linux-gnueabihf), libcpg-dev,
+# libdaemon-dev and libssl-dev.
 set -euo pipefail
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 architecture=$(dpkg --print-architecture)

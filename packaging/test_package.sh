@@ -73,6 +73,7 @@ expected_content="/etc/default/cluster_sync_daemon
 /usr/bin/clean_up_temp_files.py*
 /usr/bin/cluster_sync_ctl*
 /usr/include/cluster_sync.h
+/usr/lib/python3/dist-packages/cluster_sync.py
 /usr/lib/tmpfiles.d/cluster-sync-daemon.conf
 $library lrwxrwxrwx
 $library.0 lrwxrwxrwx
@@ -204,11 +205,14 @@ test_machine() {
     echo own > TempUpdate_own
     cluster_sync_ctl update $PWD/TempUpdate_own $PWD/replicated_by_active_em/own
     test -s replicated_by_active_em/own -a ! -e TempUpdate_own'
-  check_inside "a program in C builds on the library and publishes" 'cd /mnt/part.persistent
+  check_inside "programs in C and Python publish through the library" 'cd /mnt/part.persistent
     cc -std=c99 -Wall -Wextra -Wpedantic -Werror -o /root/example \
       /usr/share/doc/libcluster-sync-dev/examples/example.c $(pkg-config --cflags --libs cluster-sync)
     echo data | /root/example replicated_by_active_em/new | grep "published here"
-    rm /root/example replicated_by_active_em/new'
+    rm /root/example replicated_by_active_em/new
+    /usr/bin/python3 -c "import cluster_sync as c; print(c.put(b\"text\", \"replicated_by_active_em/own\"))" |
+      grep "success=True, local_ok=True"
+    grep -qx text replicated_by_active_em/own'
   # With the file system as the running service sees it.
   check "nothing but trees, /run and /tmp can be written" \
     inside nsenter -t "$(daemon_pid)" -m -- sh -e -c '
