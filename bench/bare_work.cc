@@ -177,9 +177,9 @@ void write_whole(const char* path, const void* data, size_t size) {
 void write_part(const char* path, uint32_t file_size, uint32_t offset, const void* data,
                 size_t size) {
   if (unlink(digest_of(path).c_str()) == 0) sync_directory_of(path);
-  int fd = open(path, O_WRONLY);
-  const bool created = fd < 0;
-  if (created) fd = create(path);
+  const bool created = access(path, F_OK) != 0;
+  const int fd = created ? create(path) : open(path, O_WRONLY);
+  if (fd < 0) fail(path);
   if (ftruncate(fd, file_size) != 0 || lseek(fd, offset, SEEK_SET) < 0) fail(path);
   write_all(fd, data, size);
   if (fsync(fd) != 0) fail(path);

@@ -84,14 +84,12 @@ int sync_with_progress(const Options& options, cluster_sync_result* result) {
   int error = cluster_sync_connect(options.socket.c_str(), options.timeout_ms, &connection);
   if (error != 0) return error;
   error = cluster_sync_send_update(connection, nullptr, nullptr, options.timeout_ms);
-  int64_t elapsed = 0;
-  if (error == 0) {
-    do {
-      elapsed = monotonic_ms() - start;
-      show_progress("exchange: " + std::to_string(elapsed / 1000) +
-                    " s (one without progress ends after 10 s)");
-      error = cluster_sync_receive(connection, kProgressStepMs, nullptr, result);
-    } while (error == ETIMEDOUT && elapsed < options.timeout_ms);
+  bool waiting = error == 0;
+  for (int64_t elapsed = 0; waiting; elapsed = monotonic_ms() - start) {
+    show_progress("exchange: " + std::to_string(elapsed / 1000) +
+                  " s (one without progress ends after 10 s)");
+    error = cluster_sync_receive(connection, kProgressStepMs, nullptr, result);
+    waiting = error == ETIMEDOUT && elapsed < options.timeout_ms;
   }
   close(connection);
   clear_progress();
