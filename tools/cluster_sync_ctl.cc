@@ -41,6 +41,15 @@ Do both EMs hold the same files?
                         ssh OTHER cluster_sync_ctl verify --list |
                           cluster_sync_ctl verify --against -
 
+What happened?
+  explain [LOG [LOG]]   the exchanges that are in the daemon's log, or in those of
+                        both EMs (the journal, the private log, a dump of the
+                        flight recorder; none or "-": standard input), one row
+                        each
+  explain --exchange N  draw the exchange of row N, message by message
+  explain --exchange N --svg FILE
+                        the same as a picture
+
 Change files, on this EM and the other:
   put FILE DEST         publish FILE ("-": standard input) as the replicated file
                         DEST, from any file system
@@ -103,6 +112,8 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
                                         {"against", required_argument, nullptr, 'a'},
                                         {"mode", required_argument, nullptr, 'm'},
                                         {"progress", no_argument, nullptr, 'p'},
+                                        {"exchange", required_argument, nullptr, 'e'},
+                                        {"svg", required_argument, nullptr, 'g'},
                                         {"help", no_argument, nullptr, 'h'},
                                         {nullptr, 0, nullptr, 0}};
   bool valid = true;
@@ -136,6 +147,13 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
       case 'p':
         options->progress = true;
         break;
+      case 'e':
+        valid = valid && parse_number(optarg, 10, 1, INT32_MAX, &options->exchange);
+        break;
+      case 'g':
+        options->svg = optarg;
+        valid = valid && *optarg != '\0';
+        break;
       case 'h':
         *help = true;
         break;
@@ -159,7 +177,7 @@ constexpr Command kCommands[] = {
     {"put", 2, 2, "m", put_file},         {"edit", 1, 1, "m", edit_file},
     {"update", 2, 2, "", request_update}, {"delete", 1, 1, "", request_deletion},
     {"sync", 0, 0, "p", request_sync},    {"role", 1, 1, "", set_role},
-    {"diag", 1, 1, "", send_diagnostic},
+    {"diag", 1, 1, "", send_diagnostic},  {"explain", 0, 2, "eg", explain_trace},
 };
 
 int run_command(const Options& options, const std::string& name, const Words& words) {

@@ -20,6 +20,8 @@ struct Options {
   bool progress = false;  // sync: show how long it takes
   int mode = -1;          // put, edit: the mode of the file; negative when not given
   std::string against;    // verify: a listing of the other EM, "-" for standard input
+  int exchange = 0;       // explain: the row of the exchange to draw, 0 for the table
+  std::string svg;        // explain: the file for its picture
 };
 
 // The arguments of a command, as many as it takes and none of them empty.
@@ -47,6 +49,10 @@ int show_fault(const Options& options, const Words& words);
 int watch_fault(const Options& options, const Words& words);
 
 int verify_trees(const Options& options, const Words& words);
+
+// Tells of the exchanges that are in the logs `words`, of one EM or of both, "-" or none for
+// standard input.
+int explain_trace(const Options& options, const Words& words);
 
 int set_role(const Options& options, const Words& words);
 
