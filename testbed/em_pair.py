@@ -73,7 +73,6 @@ class EmPair:
     transport  "udpu" or "knet" (encrypted, as shipped)
     log_level  highest syslog level that the daemons log (BREL_LOG_LEVEL)
     wrapper    command in front of the daemon, for example ["valgrind", "--error-exitcode=99"]
-    environment  further variables of the daemons
     on_disk    /mnt/part.persistent is a directory beneath the work directory instead of memory
     visible    further directories that the EMs must see, if they are beneath /tmp, /mnt or /run
     work_dir   directory to make; a new one beneath the temporary directory by default
@@ -81,14 +80,14 @@ class EmPair:
 
     def __init__(self, build_dir: Path | str = REPO / "build", form: str = "two-node",
                  transport: str = "udpu", log_level: int = 6, wrapper: Sequence[str] = (),
-                 environment: dict[str, str] | None = None, on_disk: bool = False,
-                 visible: Sequence[str] = (), work_dir: Path | str | None = None):
+                 on_disk: bool = False, visible: Sequence[str] = (),
+                 work_dir: Path | str | None = None):
         if form not in ("two-node", "one-node") or transport not in OVERRIDES:
             raise ValueError(f"no such form or transport: {form}, {transport}")
         self.build_dir = Path(build_dir).resolve()
         self.form, self.transport = form, transport
         self.wrapper = list(wrapper)
-        self.environment = {"BREL_LOG_LEVEL": str(log_level)} | (environment or {})
+        self.environment = {"BREL_LOG_LEVEL": str(log_level)}
         self._on_disk, self._visible = on_disk, list(visible)
         self._wanted_work_dir = work_dir
         self._keeper: subprocess.Popen | None = None

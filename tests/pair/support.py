@@ -29,9 +29,6 @@ def flows(active: int, requester: int) -> list[tuple[int, str, str]]:
     return shared + [(n, OWN, PEERS) for n in EMS]
 
 
-FLOWS = flows(1, 1)
-
-
 class PairTest(unittest.TestCase):
     """A test starts with two joined, idle daemons, EM 1 active, empty trees and no fault injected,
     whatever the test before left behind. Tests with the same `options`, further arguments of
@@ -143,11 +140,6 @@ class PairTest(unittest.TestCase):
         self.assert_identical()
         self.assertEqual(HEALTHY, self.fault())
 
-    def assert_failed(self, result: Result, reason: str) -> None:
-        """Failed in the exchange."""
-        self.assertEqual((False, False, reason[:115]),
-                         (result.success, result.remote_ok, result.reason))
-
     def fault(self) -> int:
         """The last event of the replication fault of EM 1."""
         return struct.unpack_from("<3I", self.read(1, FAULT_EVENT))[2]
@@ -172,11 +164,6 @@ class PairTest(unittest.TestCase):
             time.sleep(0.2)
             return first if first[0] == look()[0] else None
         return self.wait(at_rest, "the number of threads comes to rest")
-
-    def wait_unlocked(self, n: int) -> None:
-        """Waits until EM `n`'s daemon, which logs at level 7, has left its last exchange."""
-        self.wait(lambda: re.findall(r"Exit  state change: (\w+)", self.pair.log(n))[-1] ==
-                  "ST_UNLOCKED", f"the daemon of EM {n} is free")
 
     # Their logs.
 

@@ -3,7 +3,6 @@
 A success with the peer present says that the peer has the change; one without, that this EM has.
 """
 
-import glob
 import itertools
 import os
 import random
@@ -18,15 +17,12 @@ from support import FAILING, SYNC, Caller, PairTest, Result
 
 LARGE = 32 << 20
 KILLS = int(os.environ.get("KILLS", 20))
-ROUNDS = 25
 REQUESTS = 40
 TIMED_OUT = "Operation timed out"
 # The peer's time limit was faster, or its late release ended the next exchange.
 LATE = "Received early LOCK_REL message in state "
 MISSING, NO_SPACE = "No such file or directory", "No space left on device"
 READ_ONLY = "Read-only file system"
-PRIVATE_LOG = "/tmp/cluster_sync_daemon.log"
-CLOCK = "/run/em/clock"
 
 
 class FaultTest(PairTest):
@@ -164,22 +160,6 @@ class HardFaultTest(FaultTest):
         self.wait_repaired()
         self.settle()
 
-    def test_daemons_start_together_or_one_late(self):
-        for turn, late in enumerate((None, None, None, 1, 2)):
-            for n in EMS:
-                self.pair.kill(n, "daemon")
-                self.write(n, f"{OWN}/file", f"{n} {turn}")
-                self.write(n, f"{ACTIVE}/file{n}", f"{n} {turn}")
-            self.mark_logs()
-            for n in EMS:
-                if n != late:
-                    self.pair.start_daemon(n)
-            if late:
-                self.wait_log(3 - late, "CPG config change")
-                self.pair.start_daemon(late)
-            self.wait_repaired()
-        self.settle()
-
     def test_trees_that_cannot_be_written(self):
         self.mount(2, ACTIVE, "size=256k,mode=755")
         self.settle()
@@ -237,20 +217,6 @@ class HardFaultTest(FaultTest):
             list(changing)
         self.settle()
 
-    def test_both_sides_ask_at_once(self):
-        def work(n: int, worker: int) -> None:
-            caller = self.call(n, None)
-            for turn in range(ROUNDS):
-                name, content = f"{worker}.{turn % 7}", os.urandom(1 + turn)
-                for message in (SYNC, self.prepared(n, f"{OWN}/{name}", content)):
-                    caller.send(message)
-                    self.assertEqual((True, ""), caller.result()[::6])
-                self.assertEqual(content, self.read(3 - n, f"{PEERS}/{name}"))
-
-        with ThreadPoolExecutor(6) as threads:
-            list(threads.map(work, EMS * 3, range(6)))
-        self.assert_identical()
-
     def test_stop_while_callers_wait(self):
         self.hold(2)
         callers = [self.call(1) for _ in range(10)] + [self.call(1, None)]
@@ -292,52 +258,3 @@ class HardFaultTest(FaultTest):
         self.assert_logged(2, f"could not open directory ({MISSING}): {OWN}/")
         self.doCleanups()
         self.settle()
-
-    def test_pull_without_space(self):
-        self.mount(1, PEERS, "size=128k,mode=755")
-        self.write(2, f"{OWN}/file", os.urandom(1 << 20))
-        self.assert_timed_out(self.ask(1))
-        self.assert_logged(1, f"Unable to update file ({NO_SPACE}): {PEERS}/file")
-        self.mount(1, PEERS, "remount,size=64m")
-        self.settle()
-
-    def test_file_vanishes(self):
-        self.write(1, f"{VOLATILE}/victim", b"listed after the large one")
-        caller, _ = self.transfer(1)
-        self.pair.path(1, f"{VOLATILE}/victim").unlink()
-        self.assert_timed_out(caller.result())
-        self.assert_logged(1, f"Could not read file ({MISSING}): {VOLATILE}/victim")
-        self.assertFalse(self.exists(2, f"{VOLATILE}/victim"))
-        self.settle()
-
-
-class ClockTest(FaultTest):
-    # The daemons, and nobody else, have the clock of a file.
-    options = {"environment": {
-        "LD_PRELOAD": ":".join(glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")),
-        "FAKETIME_TIMESTAMP_FILE": CLOCK, "FAKETIME_NO_CACHE": "1", "NO_FAKE_STAT": "1",
-        "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}}
-
-    def set_clock(self, n: int, offset: str) -> None:
-        new = self.pair.path(n, f"{CLOCK}.new")
-        new.write_text(offset)
-        new.rename(self.pair.path(n, CLOCK))  # a half-written file ends whoever reads the clock
-
-    def test_clock_jumps(self):
-        for n in EMS:
-            self.set_clock(n, "+0")
-            self.diag(n, "log-size=100000000")
-        for jumps in (("+1h", "-1h"), ("-2h", "+3d"), ("+0", "+0")):
-            caller, _ = self.transfer(1)
-            self.pair.signal(2, "daemon", signal.SIGSTOP)  # so that the jump meets a wait
-            for n in EMS:
-                self.set_clock(n, jumps[n - 1])
-            time.sleep(2)
-            self.pair.signal(2, "daemon", signal.SIGCONT)
-            self.assertTrue(caller.result().success)
-            self.assertTrue(self.ask(2, self.prepared(2, f"{OWN}/file", b"content")).success)
-            self.settle()
-        for n in EMS:
-            self.assert_logged(n, "timeout", "Sync Error", never=True)
-            seconds = [int(line.split()[0]) for line in self.read(n, PRIVATE_LOG).splitlines()]
-            self.assertGreater(max(seconds) - min(seconds), 7000, "the clock did not jump")

@@ -73,35 +73,6 @@ TEST_F(DigestFileTest, ServesUntilSizeOrSecondChange) {
   EXPECT_TRUE(read_file(digest_).starts_with("Digest-V1 200001 5000000001\n"));
 }
 
-// Only digest cache files let a scan of such sizes be quick.
-TEST_F(DigestFileTest, SizesHave32BitsAndTimesMore) {
-  constexpr uint64_t kGiB = 1 << 30;
-  for (const uint64_t data_size : {3 * kGiB, 4 * kGiB - 1, 4 * kGiB, 5 * kGiB}) {
-    write_data(data_size, '\0', kMtime);
-    const auto size = static_cast<uint32_t>(data_size);
-    std::string digests = "Digest-V1 " + std::to_string(size) + " 5000000000\n", last;
-    for (uint64_t offset = 0; offset <= size; offset += kChunkSize) {
-      char offsets[32];
-      snprintf(offsets, sizeof offsets, " %08x %08x", static_cast<unsigned>(offset),
-               static_cast<unsigned>(std::min(offset + kChunkSize, uint64_t{size})));
-      last = std::string(40, 'a') + offsets;
-      digests += last + "\n";
-    }
-    write_file(digest_, digests);
-    reset_cpg_result(ctx);
-    FileEntry* list = nullptr;
-    scan_replicated_roots(ctx, &list, true);
-    EXPECT_EQ(list != nullptr, data_size == size) << "not one that only fits the lower bits";
-    if (list != nullptr) {
-      EXPECT_EQ(list->xmit_line, "A " + last + " G d/data");
-      EXPECT_EQ(list->file_size, size);
-    }
-    EXPECT_EQ(ctx->cpg_result.reason,
-              list != nullptr ? "" : "could not read file (File too large): " + data_);
-    free_file_list(&list);
-  }
-}
-
 TEST_F(DigestFileTest, WhatIsNoneIsRecordedOnceAndReplacedOrLeft) {
   const std::string line(40, 'a'), quoted = "'" + digest_ + "'";
   const std::string bad_header = "Invalid digest file header in " + quoted;
@@ -156,26 +127,6 @@ TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
     EXPECT_EQ(fresh_scan(), Lines{"A " SHA_EMPTY " 00000000 00000000 G d/data"});
     EXPECT_TRUE(ctx->cpg_result.success) << torn;
   }
-}
-
-TEST_F(DigestFileTest, OrphansAreDeleted) {
-  const auto scan_keeps = [this] {
-    write_file(digest_, "x");
-    fresh_scan();
-    return exists(digest_);
-  };
-  unlink(data_.c_str());
-  EXPECT_FALSE(scan_keeps());
-  // Anything by the data file's name keeps it; the bare prefix has the directory as its data file.
-  const std::string bare = make_file(0, "d/.$SyncDigest$", "x");
-  mkdir(data_.c_str(), 0755);
-  EXPECT_TRUE(scan_keeps() && exists(bare));
-  rmdir(data_.c_str());
-  const Mount busy(digest_, nullptr, digest_.c_str());
-  EXPECT_TRUE(scan_keeps());
-  EXPECT_TRUE(
-      has_logged("Could not delete orphaned digest file (Device or resource busy): " + digest_));
-  EXPECT_EQ(g_flight_recorder.paused, 0) << "an expected error";
 }
 
 TEST_F(DigestFileTest, AFailedWriteRemovesItOrEndsTheExchange) {
@@ -234,20 +185,6 @@ TEST_F(TreeScanTest, CutsFilesIntoChunks) {
   EXPECT_EQ(stats.n_filesys_files_scanned, 5u);
   EXPECT_EQ(stats.n_filesys_chunks_scanned, 7u);
   EXPECT_EQ(stats.n_filesys_bytes_scanned, 1 + 65535 + 65536 + 65537);
-}
-
-TEST_F(TreeScanTest, RootsInOrderWithTheTagsOfTheRoleAndTheLettersOfTheModes) {
-  for (const mode_t mode : {0644u, 0755u, 0640u, 0604u, 0444u, 0000u}) {
-    for (uint32_t root = 0; root < 4; ++root)
-      make_file(root, std::to_string(root), "abc", mode);
-    for (const bool requester : {true, false}) {
-      Lines expected = {"A0", "V3", requester ? "Q1" : "P1", requester ? "P2" : "Q2"};
-      for (std::string& line : expected)
-        line = line.substr(0, 1) + " " SHA_ABC " 00000000 00000003 " +
-               (mode == 0644 || mode == 0755 ? "G " : "P ") + line.substr(1);
-      EXPECT_EQ(scan_lines(ctx, requester), expected) << std::oct << mode;
-    }
-  }
 }
 
 TEST_F(TreeScanTest, ListsEveryRegularFileButTemporariesToDepth16) {

@@ -210,6 +210,14 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApartAndRaisesNoSignal) {
   EXPECT_EQ(sync(0, "short"), EPROTO);
   EXPECT_EQ(cluster_sync_sync("/mnt/none", 100, nullptr), ECONNREFUSED);
   EXPECT_EQ(cluster_sync_sync(nullptr, 0, nullptr), ETIMEDOUT);
+  chmod("/var/run/em/cmd.2006", 0666);  // only root is served all the same
+  EXPECT_EQ(
+      run_forked([] { return setuid(65534) == 0 ? cluster_sync_sync(nullptr, 9000, nullptr) : 0; }),
+      ECONNRESET);
+  write_file("/var/run/em/cmd.78", "precious");
+  EXPECT_EQ(cmd_server_create(2006, scripted_handler), nullptr) << "another one answers there";
+  EXPECT_EQ(cmd_server_create(78, scripted_handler), nullptr);
+  EXPECT_EQ(read_file("/var/run/em/cmd.78"), "precious");
   EXPECT_EQ(cluster_sync_update(nullptr, "/mnt/a", "", 100, nullptr), EINVAL);
   EXPECT_EQ(cluster_sync_delete(nullptr, tree_path(1, "").c_str(), 100, nullptr), EISDIR);
 

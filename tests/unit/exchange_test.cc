@@ -199,51 +199,6 @@ TEST_F(ExchangeTest, AResponderSurvivesAFaultAtEveryMessage) {
              });
 }
 
-TEST_F(ExchangeTest, AFullQueueIsWaitedForUpToAHundredCalls) {
-  for (const size_t refusals : {99u, 100u}) {
-    g_cpg.mcast_calls = 0;
-    g_cpg.mcast_results.assign(refusals, CS_ERR_TRY_AGAIN);
-    reset_cpg_result(ctx);
-    send_cpg_command(ctx, MSG_LOCK_REQ, 0, nullptr, nullptr, 0);
-    EXPECT_EQ(g_cpg.mcast_calls, refusals == 99 ? 100 : 101) << "and the release";
-    EXPECT_STREQ(ctx->cpg_result.reason,
-                 refusals == 99 ? "" : "Call to cpg_mcast_joined failed with code 6");
-  }
-}
-
-TEST_F(ExchangeTest, AFailedSendNeverHidesAnEarlierErrorNorFailsTheReleaseTwice) {
-  for (const bool injected : {false, true}) {
-    g_cpg.mcast_calls = 0;
-    g_cpg.mcast_results = {CS_ERR_LIBRARY};
-    g_diag_params.cpg_send_fail = injected;
-    ctx->rpc_stage = RPC_PENDING;
-    storage_cfg_set_result(&ctx->cpg_result, injected ? 0 : 20, "first");
-    send_cpg_command(ctx, MSG_UPDATE_REQ, 0, nullptr, nullptr, 0);
-    EXPECT_STREQ(ctx->rpc_result.reason,
-                 injected ? "Call to cpg_mcast_joined failed with code 21" : "first");
-    EXPECT_EQ(g_cpg.mcast_calls, injected ? 0 : 2);
-    EXPECT_EQ(ctx->cur_state, ST_DONE);
-  }
-  g_diag_params.cpg_send_fail = 0;
-  set_active(true);
-  reset_cpg_result(ctx);
-  end_exchange_full(ctx, 0, nullptr);
-  EXPECT_EQ(fault_status(), 1u) << "the failed release is no failure";
-}
-
-TEST_F(ExchangeTest, AcceptsOnlyMessagesOfTheProtocol) {
-  const std::string good = message_bytes(MSG_LOCK_REQ, 8, 2);
-  for (const std::string& bytes :
-       {std::string(), good.substr(0, 147), "x" + good.substr(1), message_bytes(6, 8, 2),
-        message_bytes(9, 8, 2), message_bytes(0xFFFFFFFF, 8, 2)}) {
-    g_cpg.sent.clear();
-    ctx->cur_state = ST_PEERLOCK;
-    deliver_from_peer(bytes);
-    EXPECT_STREQ(ctx->cpg_result.reason, "Invalid CPG message received");
-    EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REL 0.0"});
-  }
-}
-
 TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
   const struct {
     bool active, peer;

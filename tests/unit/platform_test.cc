@@ -82,34 +82,6 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
     EXPECT_EQ(exists(path), !removed) << path;
 }
 
-TEST(Em, IsNumberOneUnlessItSaysTwo) {
-  const Mount em("/var/run/em");
-  EXPECT_EQ(get_my_mate_em_num(), 2u);
-  for (const auto& [content, mate] : {std::pair("1\n", 2u), {"2\n", 1u}, {"two", 2u}}) {
-    write_file("/var/run/em/number", content);
-    EXPECT_EQ(get_my_mate_em_num(), mate) << content;
-  }
-}
-
-TEST(UseReplicatedData, RunsDetachedWithTheIdAndWithoutOurDescriptors) {
-  const Mount etc("/etc"), em("/etc/em");
-  const std::string program = "/etc/em/use_replicated_data";
-  EXPECT_EQ(use_replicated_data(5, 0), 0) << "no program is no failure";
-  ASSERT_EQ(mkfifo("/etc/report", 0600), 0);
-  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
-  // It cannot end before the report is read, so the call returns only if it does not wait.
-  write_file(program,
-             "#!/bin/sh\nread pid comm state ppid group session rest < /proc/self/stat\n"
-             "[ -e /proc/$$/fd/99 ] && open=yes || open=no\n"
-             "echo \"$#:$1:$open:$session\" > /etc/report\n",
-             0755);
-  ASSERT_EQ(use_replicated_data(4000000000u, 1), 0);
-  close(99);
-  const std::string report = read_file("/etc/report");
-  EXPECT_TRUE(report.starts_with("1:4000000000:no:")) << report;
-  EXPECT_FALSE(report.ends_with(":" + std::to_string(getsid(0)) + "\n")) << report;
-}
-
 TEST(SetResult, EveryByteFollowsFromCodeAndReason) {
   RpcResult result;
   for (const auto& [code, flags] :
@@ -179,43 +151,4 @@ TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
               return errno == EDOM ? 7 : 2;
             }),
             7);
-}
-
-TEST(Log, GoesToSyslogAsTheDaemon) {
-  const Mount dev("/dev");
-  const sockaddr_un address = {AF_UNIX, "/dev/log"};
-  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-  ASSERT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  DbgOutput("file.cc", 9, "f", 3, "two\nlines");
-  char packet[500] = "";
-  EXPECT_GT(recv(log, packet, sizeof packet - 1, 0), 0);
-  close(log);
-  // <facility daemon (3) * 8 + level 3>, the time, the ident with the process id, the line.
-  EXPECT_TRUE(std::string(packet).starts_with("<27>")) << packet;
-  EXPECT_NE(strstr(packet, " CLUS_SYNC["), nullptr) << packet;
-  EXPECT_TRUE(std::string(packet).ends_with("]: f:9: two\\x0alines")) << packet;
-}
-
-TEST(Thread, HasItsNameWithinTheBuffer) {
-  const auto check = [](void*) -> void* {
-    char name[] = "########";
-    GetThreadName(name, 5);
-    EXPECT_EQ(std::string(name, sizeof name), std::string("sync\0###", sizeof name));
-    return nullptr;
-  };
-  pthread_t thread;
-  ASSERT_EQ(Create_Thread(&thread, nullptr, check, nullptr, "sync_thread"), 0);
-  pthread_join(thread, nullptr);
-}
-
-TEST(ExecuteNormal, ReportsHowTheProgramEnded) {
-  ASSERT_EQ(dup2(STDERR_FILENO, 99), 99);
-  const std::pair<std::vector<const char*>, int> cases[] = {
-      {{"/bin/sh", "-c", "test ! -e /proc/self/fd/99; exit $?", nullptr}, 0},
-      {{"/bin/sh", "-c", "exit 3", nullptr}, 3},
-      {{"/bin/sh", "-c", "kill -TERM $$", nullptr}, 128 + 15},
-      {{"/run", nullptr}, 127}};
-  for (const auto& [argv, status] : cases)
-    EXPECT_EQ(execute_normal(argv.data()), status);
-  close(99);
 }

@@ -131,18 +131,6 @@ TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
   EXPECT_EQ(ctx->rpc_result.local_ok, 1);
 }
 
-TEST_F(RpcServiceTest, RefusesAMessageThatIsNoneAndShowsItPrintable) {
-  const std::string many(94, 'a');
-  for (const auto& [message, shown] : std::vector<std::pair<std::string, std::string>>{
-           {std::string("/a\0/b\n", 6), "size=6 [/a\\x00/b\\x0a]"},
-           {many + "\x01z", "size=96 [" + many + "\\x01]"}}) {
-    publish(message);
-    on_sync_rpc_update(ctx);
-    EXPECT_STREQ(ctx->rpc_result.reason, "Received unparseable RPC message");
-    EXPECT_TRUE(has_logged("Bad RPC message data: " + shown)) << shown;
-  }
-}
-
 TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   ctx->rpc_stage = RPC_LOCAL_BUSY;
   const std::string message(2, '\0');

@@ -193,35 +193,6 @@ TEST_F(StateMachineTest, WhatWaitedIsServedOnceTheStateIsUnlocked) {
   }
 }
 
-TEST_F(StateMachineTest, AWrongIdSkipsTheRest) {
-  make_file(0, "gone", "x");
-  const struct {
-    uint32_t command, state, update_type, exchange_id, sequence_id;
-    const char* error;
-  } rows[] = {
-      {MSG_LOCK_REQ, ST_LOCKREQ, PUSH_NOP, 9, 3, "exchange ID in message: expected 7, got 9"},
-      {MSG_LISTING_REQ, ST_PEERLOCK, PUSH_NOP, 7, 3, "exchange ID in message: expected 9, got 7"},
-      {MSG_LISTING_ACK, ST_LISTREQ, PUSH_NOP, 9, 3, "exchange ID in message: expected 7, got 9"},
-      {MSG_UPDATE_REQ, ST_PEERLOCK, PUSH_DEL_REQ, 7, 3,
-       "exchange ID in message: expected 9, got 7"},
-      {MSG_UPDATE_ACK, ST_UPDATE, PULL_ACK, 9, 3, "exchange ID in message: expected 7, got 9"},
-      {MSG_UPDATE_ACK, ST_UPDATE, PULL_ACK, 7, 2, "sequence_id ID in message: expected 3, got 2"},
-  };
-  for (const auto& row : rows) {
-    enter(row.state);
-    message(row.command, row.command == MSG_LOCK_REQ, row.exchange_id, row.sequence_id,
-            row.update_type);
-    EXPECT_EQ(outcome(), std::string("fails: Mismatched ") + row.error);
-  }
-  EXPECT_EQ(read_file(tree_path(0, "gone")), "x");
-  EXPECT_EQ(stats.n_syncs_from_peer + stats.n_filesys_files_scanned, 0u);
-
-  enter(ST_LOCKREQ);  // with the right one, but alone in the group
-  ctx->cpg_membership_flags = kSelfMember;
-  message(MSG_LOCK_REQ, true, 7, 0);
-  EXPECT_EQ(outcome(), "ST_DONE, MSG_LOCK_REL 7.3");
-}
-
 TEST_F(StateMachineTest, ThePeersFailureBecomesTheOutcomeAndOnesOwnWaitsForTheTimeout) {
   enter(ST_UPDATE, RPC_PENDING);
   ctx->update_queue = new_file_entry(1, root_paths[1], "next");

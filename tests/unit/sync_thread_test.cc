@@ -162,31 +162,3 @@ TEST_F(SyncThreadTest, ResyncsFourPassesAfterAFailureAndThenEveryHundred) {
   EXPECT_EQ(ctx->resync_countdown, -1) << "it is not the standby's";
   EXPECT_EQ(g_cpg.sent.size(), 1u);
 }
-
-TEST_F(SyncThreadTest, TellsThisProcessFromEveryOther) {
-  const auto self = static_cast<uint32_t>(getpid());
-  std::string message = message_bytes(MSG_LOCK_REQ, 1, 0);
-  for (const auto& [local_nodeid, sender, pid, state] : {std::tuple(1u, 1u, self, ST_DONE),
-                                                         {1u, 1u, self + 1, ST_PEERLOCK},
-                                                         {1u, 2u, self, ST_PEERLOCK},
-                                                         {2u, 2u, self + 1, ST_PEERLOCK}}) {
-    ctx->cur_state = ST_UNLOCKED;
-    ctx->cpg_local_nodeid = local_nodeid;
-    // A lock request from itself is out of place, the peer's locks.
-    on_cpg_message(77, nullptr, sender, pid, message.data(), message.size());
-    EXPECT_EQ(ctx->cur_state, state) << sender << " of " << local_nodeid;
-  }
-}
-
-TEST_F(SyncThreadTest, AConfigurationChangeReportsDeparturesBeforeJoins) {
-  const auto pid = static_cast<uint32_t>(getpid());  // the peer may have the same
-  const cpg_address both[] = {{1, pid, 0}, {2, pid, 0}};
-  cpg_name group = {7, ""};
-  memset(group.value, 'g', sizeof(group.value));  // not terminated
-  ctx->cur_state = ST_UPDATE;
-  on_cpg_config(77, &group, both, 2, both + 1, 1, both + 1, 1);
-  EXPECT_EQ(ctx->cpg_membership_flags, 0x2Bu);
-  EXPECT_EQ(ctx->cpg_result.success, 1) << "a join first would fail the exchange";
-  on_cpg_config(77, &group, both, 1, both, 1, both, 2);
-  EXPECT_EQ(ctx->cpg_membership_flags, 0x1Du);
-}
