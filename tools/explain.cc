@@ -48,7 +48,7 @@ std::string cause(const TracedExchange& exchange) {
 std::string moved_text(const TracedExchange& exchange) {
   static const char* const kNames[kMoveKinds] = {"pushed", "pulled", "deleted"};
   std::string text;
-  for (int kind = 0; kind < kMoveKinds; ++kind) {
+  for (size_t kind = 0; kind < kMoveKinds; ++kind) {
     const Moved& moved = exchange.moved[kind];
     if (moved.paths.empty()) continue;
     if (!text.empty()) text += ", ";

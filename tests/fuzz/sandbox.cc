@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/em.h"
 #include "platform/util.h"
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/tree_scan.h"
@@ -24,10 +25,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr unsigned kRunsPerLook = 1000;  // trees are planted anew, too
 const fs::path kCanary = "/mnt/canary";
 constexpr char kActiveFile[] = "/run/em/active";
 
 std::string g_planted;  // the world outside the roots
+unsigned g_runs;
+bool g_plants_trees;
 
 void require(bool done, const char* what) {
   if (done) return;
@@ -87,7 +91,8 @@ void plant_trees() {
 
 }  // namespace
 
-void enter_sandbox() {
+void enter_sandbox(bool plants_trees) {
+  g_plants_trees = plants_trees;
   const fs::path directory = fs::current_path();
   require(unshare(CLONE_NEWNS) == 0, "unshare");
   require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
@@ -116,13 +121,14 @@ void enter_sandbox() {
     fs::create_directories(root);
   fs::create_directories("/run/em/events");
   g_planted = world_outside();
+  atexit(look_at_world);
   // Lines are formatted for the flight recorder in any case; printing them only costs time.
   setenv("BREL_LOG_LEVEL", "0", 0);
   debug_log_to_stdout(1);
 }
 
 void start_run(bool active) {
-  plant_trees();
+  if (g_runs++ % kRunsPerLook == 0 && g_plants_trees) plant_trees();
   g_cpg = ScriptedCpg();
   g_cpg.context = &g_context;
   empty_flight_recorder();
@@ -130,12 +136,17 @@ void start_run(bool active) {
   init_context(&g_context);
   cpg_local_get(0, &g_context.cpg_local_nodeid);
   g_context.cpg_membership_flags = kSelfMember | kPeerMember;
-  unlink(kActiveFile);
-  if (active) write_text(kActiveFile, "");
+  if (active != this_em_is_active()) {
+    active ? write_text(kActiveFile, "") : static_cast<void>(unlink(kActiveFile));
+  }
 }
 
 void end_run() {
   free_file_list(&g_context.update_queue);
+  if (g_runs % kRunsPerLook == 0) look_at_world();
+}
+
+void look_at_world() {
   const std::string world = world_outside();
   if (world == g_planted) return;
   fprintf(stderr, "Something outside the roots was touched. Before:\n%sAfter:\n%s",

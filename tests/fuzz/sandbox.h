@@ -3,12 +3,16 @@
 
 // A private mount namespace, where only the working directory stays writable beside empty file
 // systems on /mnt, /run and /tmp. A canary directory lies outside the roots, and links to it lie in
-// every root.
-void enter_sandbox();
+// every root when it `plants_trees`.
+void enter_sandbox(bool plants_trees);
 
-// Starts an input: the planted trees, the daemon at its start as node 1 with the peer in the group.
+// Starts an input: the daemon at its start as node 1 with the peer in the group, on trees that were
+// planted some inputs ago.
 void start_run(bool active);
-// Ends it: aborts when anything outside the roots was changed, or a file there was read.
 void end_run();
+
+// Aborts when anything outside the roots was changed, or a file there was read. Called after every
+// thousand inputs and at the end of the program.
+void look_at_world();
 
 #endif  // TESTS_FUZZ_SANDBOX_H_

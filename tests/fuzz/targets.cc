@@ -225,13 +225,13 @@ bool moves_from_outside(const char* source) {
 // The message of a local request, and the same bytes as the peer repeats them.
 void fuzz_rpc(Input* in) {
   start_run(in->ConsumeBool());
-  const bool from_peer = in->ConsumeBool();
+  const int way = in->ConsumeIntegralInRange(0, 15);  // most without the scan of an exchange
   const std::string message = in->ConsumeRemainingBytesAsString();
-  if (from_peer) {
+  if (way == 0) {
     serve_peer(MSG_LISTING_REQ, message);
   } else if (!moves_from_outside(message.c_str())) {
     request(message);
-    if (ctx->cur_state != ST_LOCKREQ) return;
+    if (way != 1 || ctx->cur_state != ST_LOCKREQ) return;
     deliver_own(SentMessage(g_cpg.sent.back()));
     deliver_answer(MSG_LISTING_ACK, {});
   }
@@ -243,7 +243,7 @@ void run_command(const std::string& command) {
   run_diagnostic(message.get(), static_cast<uint32_t>(command.size()));
 }
 
-// Diagnostic commands, each followed by work under the settings that it left.
+// Diagnostic commands, each followed by a line under the settings that it left.
 void fuzz_diagnostic(Input* in) {
   start_run(true);
   for (int i = 0; i < 8 && in->remaining_bytes() > 0; ++i) {
@@ -252,7 +252,6 @@ void fuzz_diagnostic(Input* in) {
     if (command.substr(0, command.find_first_of(std::string("=\0", 2))) == "sync") continue;
     run_command(command);
     LOG(3, "after '%s'", command.c_str());
-    serve_peer(MSG_LISTING_REQ, {});
   }
   for (const char* command :
        {"fail-none", "log-size=0", "flight-rec=500", "flight-rec=resume", "stats=reset"})
@@ -290,12 +289,18 @@ void fuzz_command(Input* in) {
   close(fd);
 }
 
-const std::map<std::string, void (*)(Input*)> kTargets = {
-    {"group", fuzz_group},     {"listing", fuzz_listing}, {"update", fuzz_update},
-    {"digest", fuzz_digest},   {"rpc", fuzz_rpc},         {"diagnostic", fuzz_diagnostic},
-    {"command", fuzz_command},
+struct Target {
+  void (*run)(Input*);
+  bool plants_trees;  // else they are empty, and it is only about bytes
 };
-void (*g_target)(Input*);
+
+const std::map<std::string, Target> kTargets = {
+    {"group", {fuzz_group, true}},      {"listing", {fuzz_listing, false}},
+    {"update", {fuzz_update, true}},    {"digest", {fuzz_digest, true}},
+    {"rpc", {fuzz_rpc, true}},          {"diagnostic", {fuzz_diagnostic, false}},
+    {"command", {fuzz_command, false}},
+};
+void (*g_run)(Input*);
 
 // Lines with digests of the planted files, and headers of a valid update.
 void write_seeds(const std::string& target) {
@@ -333,15 +338,15 @@ void write_seeds(const std::string& target) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const std::string target = getenv("FUZZ_TARGET");
-  enter_sandbox();
+  enter_sandbox(kTargets.at(target).plants_trees);
   write_seeds(target);
-  g_target = kTargets.at(target);
+  g_run = kTargets.at(target).run;
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Input in(data, size);
-  g_target(&in);
+  g_run(&in);
   end_run();
   return 0;
 }
