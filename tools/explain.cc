@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 
@@ -15,17 +16,24 @@
 namespace {
 
 constexpr char kTooLow[] =
-    "no exchange in it. The log shows every message from level 7 on: BREL_LOG_LEVEL=7 in "
+    ". The log shows every message from level 7 on: BREL_LOG_LEVEL=7 in "
     "/etc/default/cluster_sync_daemon and a restart, or without one 'cluster_sync_ctl diag "
     "log-size=10000000' and then the file /tmp/cluster_sync_daemon.log";
 
-// Reads one log, "-" for standard input.
-bool read_log(const std::string& path, int log, std::vector<TracedExchange>* exchanges) {
+// Reads one log, "-" for standard input. `*traced` becomes false when it holds dumps only.
+bool read_log(const std::string& path, int log, std::vector<TracedExchange>* exchanges,
+              bool* traced) {
   std::ifstream file;
   errno = 0;
   if (path != "-") file.open(path);
   std::istream* stream = path == "-" ? &std::cin : &file;
-  if (!stream->fail()) *exchanges = find_exchanges(read_trace(stream), log);
+  if (!stream->fail()) {
+    const Trace trace = read_trace(stream);
+    *exchanges = find_exchanges(trace.recorded, log);
+    const std::vector<TracedExchange> logged = find_exchanges(trace.logged, log);
+    exchanges->insert(exchanges->end(), logged.begin(), logged.end());
+    *traced = *traced && !trace.logged.empty();
+  }
   return !stream->bad() && (path == "-" || file.is_open()) && errno != EISDIR;
 }
 
@@ -34,15 +42,23 @@ std::string em_name(int em, bool both_logs) {
   return em == 0 ? "this EM" : "other EM";
 }
 
+bool has_step(const TracedExchange& exchange, const char* message) {
+  return std::any_of(exchange.steps.begin(), exchange.steps.end(),
+                     [&](const TraceStep& step) { return step.message == message; });
+}
+
 std::string outcome(const TracedExchange& exchange) {
   if (!exchange.failure.empty()) return "FAILED: " + exchange.failure;
-  if (exchange.ended) return "success";
-  return exchange.gave_way ? "gave way to the other EM" : "the log ends in it";
+  if (exchange.gave_way) return "gave way to the other EM";
+  if (has_step(exchange, "ON_CPG_LEFT")) return "broken off: an EM left the group";
+  if (!exchange.ended) return "its end is not in the log";
+  const bool alone = exchange.complete && !has_step(exchange, "MSG_LISTING_REQ");
+  return alone ? "success here, the other EM is away" : "success";
 }
 
 std::string cause(const TracedExchange& exchange) {
   if (!exchange.why.empty()) return exchange.why;
-  return exchange.complete ? "asked there" : "begun before the log";
+  return exchange.complete ? "asked there" : "its beginning is not in the log";
 }
 
 std::string moved_text(const TracedExchange& exchange) {
@@ -110,13 +126,17 @@ int explain_trace(const Options& options, const Words& words) {
     return usage_error("--svg draws the exchange that --exchange names");
   std::vector<TracedExchange> logs[2];
   const bool both_logs = words.size() == 2;
+  bool traced = true;
   for (size_t i = 0; i < 1 + size_t{both_logs}; ++i) {
     const std::string path = words.empty() ? "-" : words[i];
-    if (!read_log(path, static_cast<int>(i), &logs[i]))
+    if (!read_log(path, static_cast<int>(i), &logs[i], &traced))
       return report_error(options, path + ": " + strerror(errno));
   }
   const std::vector<TracedExchange> exchanges = join_exchanges(logs[0], logs[1]);
-  if (exchanges.empty()) return report_error(options, kTooLow, kFailed);
+  if (exchanges.empty())
+    return report_error(options, std::string("no exchange") + kTooLow, kFailed);
+  if (!traced)
+    fprintf(stderr, "cluster_sync_ctl: what the flight recorder dumped, nothing else%s\n", kTooLow);
   if (options.exchange != 0) {
     const size_t index = static_cast<size_t>(options.exchange) - 1;
     if (index >= exchanges.size()) return report_error(options, "no such exchange", kFailed);

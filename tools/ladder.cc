@@ -10,7 +10,8 @@
 namespace {
 
 constexpr size_t kShownUpdates = 3;  // at either end of a run
-constexpr size_t kStateWidth = 12;   // the longest name of a state
+constexpr size_t kTimeWidth = 13;
+constexpr size_t kStateWidth = 12;  // the longest name of a state
 constexpr size_t kArrowWidth = 60;
 
 // Pixels of the picture.
@@ -31,7 +32,7 @@ std::string describe(const TraceStep& step) {
   if (step.message.rfind("MSG_UPDATE_", 0) == 0) text += " " + std::to_string(step.sequence_id);
   if (!step.what.empty()) text += " " + step.what;
   if (step.bytes > 0) text += ", " + std::to_string(step.bytes) + " B";
-  if (!step.delivered) text += ", sent and never delivered";
+  if (!step.delivered) text += ", not delivered";
   return text;
 }
 
@@ -114,7 +115,9 @@ std::string clock_text(double time, bool date) {
   localtime_r(&seconds, &parts);
   char text[32];
   strftime(text, sizeof text, date ? "%Y-%m-%d %H:%M:%S" : "%H:%M:%S", &parts);
-  return text;
+  const int milliseconds = static_cast<int>((time - static_cast<double>(seconds)) * 1000);
+  if (date || milliseconds == 0) return text;
+  return std::string(text) + "." + std::to_string(1000 + milliseconds).substr(1);
 }
 
 std::vector<Rung> make_rungs(const TracedExchange& exchange) {
@@ -140,7 +143,7 @@ std::vector<Rung> make_rungs(const TracedExchange& exchange) {
 
 std::string draw_text(const std::vector<Rung>& rungs, const std::string& left,
                       const std::string& right) {
-  const std::string indent(9, ' ');
+  const std::string indent(kTimeWidth, ' ');
   std::ostringstream drawing;
   drawing << indent << padded(left, kStateWidth + kArrowWidth + 4) << right << "\n";
   for (const Rung& rung : rungs) {
@@ -148,7 +151,7 @@ std::string draw_text(const std::vector<Rung>& rungs, const std::string& left,
     if (rung.kind == Rung::kFailure) {
       drawing << indent << ">>> " << text << "\n";
     } else {
-      drawing << padded(rung.time, 9) << padded(rung.requester_state, kStateWidth) << "|"
+      drawing << padded(rung.time, kTimeWidth) << padded(rung.requester_state, kStateWidth) << "|"
               << draw_arrow(rung, text) << "| " << rung.responder_state << "\n";
     }
   }

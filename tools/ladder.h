@@ -9,7 +9,7 @@
 // One line of a drawing of an exchange between its two EMs.
 struct Rung {
   enum Kind { kMessage, kEvent, kFailure, kLeftOut } kind;
-  std::string time;                              // of a message or event, "hh:mm:ss"
+  std::string time;                              // of a message or event
   std::string text;                              // what was sent, what happened
   bool to_right = true;                          // from the requester, who stands on the left
   bool delivered = true;                         // false: it never came back from the group
@@ -27,7 +27,8 @@ std::string draw_text(const std::vector<Rung>& rungs, const std::string& left,
 std::string draw_svg(const std::vector<Rung>& rungs, const std::string& title,
                      const std::string& left, const std::string& right);
 
-// The time of day, "hh:mm:ss"; with `date` behind the date.
+// The time of day, "hh:mm:ss" or, where it is known, "hh:mm:ss.mmm"; with `date` behind the date
+// and in whole seconds.
 std::string clock_text(double time, bool date);
 
 #endif  // TOOLS_LADDER_H_

@@ -4,12 +4,17 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
 #include <istream>
-#include <set>
+#include <iterator>
+#include <utility>
 
 namespace {
 
-constexpr double kFirstTime = 1e8;  // a smaller number at the head of a line is no time
+// Other numbers at the head of a line are no time.
+constexpr double kFirstTime = 1e8;
+constexpr double kLastTime = 1e11;
+
 constexpr time_t kDay = time_t{24} * 60 * 60;
 
 bool is_name(char c) {
@@ -44,7 +49,7 @@ size_t find_text(const std::string& line, size_t* name, size_t* name_end) {
 double parse_time(const std::string& line) {
   char* end = nullptr;
   const double number = strtod(line.c_str(), &end);
-  if (number >= kFirstTime) return number;
+  if (number >= kFirstTime && number < kLastTime) return number;
   const time_t now = time(nullptr);
   tm date = {};
   localtime_r(&now, &date);
@@ -73,31 +78,45 @@ bool parse_line(const std::string& line, TraceLine* parsed) {
   return true;
 }
 
+bool is_same_line(const TraceLine& a, const TraceLine& b) {
+  return a.time == b.time && a.function == b.function && a.text == b.text;
+}
+
+// Takes a dump over. It begins with what the recorder still held of the dump before.
+void add_dump(std::vector<TraceLine>* dump, std::vector<TraceLine>* recorded) {
+  size_t known = std::min(dump->size(), recorded->size());
+  while (!std::equal(dump->begin(), dump->begin() + static_cast<ptrdiff_t>(known),
+                     recorded->end() - static_cast<ptrdiff_t>(known), is_same_line))
+    --known;
+  std::move(dump->begin() + static_cast<ptrdiff_t>(known), dump->end(),
+            std::back_inserter(*recorded));
+  dump->clear();
+}
+
+// Whether a line is the first of a dump that follows another without a line between.
+bool begins_dump(const TraceLine& line, const std::vector<TraceLine>& dump) {
+  return !dump.empty() && (is_same_line(line, dump.front()) || line.time < dump.back().time);
+}
+
 }  // namespace
 
-std::vector<TraceLine> read_trace(std::istream* log) {
-  std::vector<TraceLine> direct;
-  std::vector<TraceLine> dumped;
-  std::set<std::string> earlier;  // lines of the dumps before
-  std::set<std::string> current;  // of this one
+Trace read_trace(std::istream* log) {
+  Trace trace;
+  std::vector<TraceLine> dump;
   bool traced = false;
-  bool dumping = false;
   for (std::string line; std::getline(*log, line);) {
     TraceLine parsed;
     if (!parse_line(line, &parsed)) continue;
-    if (parsed.function == "dump_flight_recorder") {
-      if (!dumping) earlier.merge(current);
-      dumping = true;
-      TraceLine inner;
-      const bool seen = earlier.contains(parsed.text) || !parse_line(parsed.text, &inner);
-      current.insert(parsed.text);
-      if (!seen) dumped.push_back(inner);
-    } else {
-      dumping = false;
-      traced = traced || parsed.function == "on_sync_state_change";
-      direct.push_back(parsed);
-      dumped.push_back(parsed);
-    }
+    TraceLine inner;
+    const bool dumped = parsed.function == "dump_flight_recorder";
+    const bool recorded = dumped && !traced && parse_line(parsed.text, &inner);
+    if (!dumped || begins_dump(inner, dump)) add_dump(&dump, &trace.recorded);
+    if (recorded) dump.push_back(inner);
+    if (dumped) continue;
+    traced = traced || parsed.function == "on_sync_state_change";
+    trace.logged.push_back(parsed);
   }
-  return traced ? direct : dumped;
+  add_dump(&dump, &trace.recorded);
+  if (!traced) trace.logged.clear();
+  return trace;
 }

@@ -12,9 +12,15 @@ struct TraceLine {
   std::string text;
 };
 
-// Reads a log of the daemon to its end: the journal or syslog, the private log, standard output, or
-// a dump of the flight recorder in one of them. What the daemon did not write is passed over, and
-// so are dumped lines that the log has already.
-std::vector<TraceLine> read_trace(std::istream* log);
+// A log as its lines in order.
+struct Trace {
+  std::vector<TraceLine> recorded;  // by the flight recorder, dumped before `logged` begins
+  std::vector<TraceLine> logged;    // none when the log's level was too low for the messages
+};
+
+// Reads a log of the daemon to its end: the journal or syslog, the private log, standard output,
+// with dumps of the flight recorder in it or nothing else. What the daemon did not write is passed
+// over, and so is what several dumps hold, but for the first time.
+Trace read_trace(std::istream* log);
 
 #endif  // TOOLS_TRACE_LINE_H_

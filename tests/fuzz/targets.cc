@@ -15,6 +15,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "platform/cmdsockserver.h"
@@ -30,6 +31,8 @@
 #include "redundancy_health/transport/sync_thread.h"
 #include "tests/fuzz/sandbox.h"
 #include "tests/unit/scripted_cpg.h"
+#include "tools/exchange_trace.h"
+#include "tools/ladder.h"
 
 namespace {
 
@@ -289,6 +292,22 @@ void fuzz_command(Input* in) {
   close(fd);
 }
 
+// The logs of two EMs, as the client explains them.
+void fuzz_trace(Input* in) {
+  std::istringstream logs[] = {std::istringstream(in->ConsumeRandomLengthString()),
+                               std::istringstream(in->ConsumeRemainingBytesAsString())};
+  std::vector<TracedExchange> found[2];
+  for (int log : {0, 1}) {
+    const Trace trace = read_trace(&logs[log]);
+    found[log] = find_exchanges(trace.logged.empty() ? trace.recorded : trace.logged, log);
+  }
+  for (const TracedExchange& exchange : join_exchanges(found[0], found[1])) {
+    clock_text(exchange.begin, true);
+    draw_text(make_rungs(exchange), "1", "2");
+    draw_svg(make_rungs(exchange), exchange.why + exchange.failure, "1", "2");
+  }
+}
+
 struct Target {
   void (*run)(Input*);
   bool plants_trees;  // else they are empty, and it is only about bytes
@@ -298,7 +317,7 @@ const std::map<std::string, Target> kTargets = {
     {"group", {fuzz_group, true}},      {"listing", {fuzz_listing, false}},
     {"update", {fuzz_update, true}},    {"digest", {fuzz_digest, true}},
     {"rpc", {fuzz_rpc, true}},          {"diagnostic", {fuzz_diagnostic, false}},
-    {"command", {fuzz_command, false}},
+    {"command", {fuzz_command, false}}, {"trace", {fuzz_trace, false}},
 };
 void (*g_run)(Input*);
 
@@ -327,6 +346,15 @@ void write_seeds(const std::string& target) {
     seeds = {"exit\\;cpg-send-fail\\;statemachine-stuck\\;log-size=900\\;stats=dump\\;sync",
              "flight-rec=dump\\;flight-rec=3\\;flight-rec=pause\\;fail-rename=x\\;fail-write=x",
              "fail-scan=" + path, "fail-read=" + path};
+  }
+  if (target == "trace") {
+    run_command("log-size=-1");
+    start_comparison({});
+    while (ctx->cur_state == ST_UPDATE)
+      accept_update();
+    std::ifstream log("/tmp/cluster_sync_daemon.log");
+    std::getline(log, seeds.emplace_back(), '\0');
+    run_command("log-size=0");
   }
   int number = 0;
   for (const std::string& seed : seeds)

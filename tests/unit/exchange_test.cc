@@ -60,10 +60,10 @@ class ExchangeTest : public DaemonTest {
     if (fault == kSendFails) g_cpg.mcast_results.push_back(CS_ERR_LIBRARY);
   }
 
-  // A local sync request up to its answer. Returns the number of turns.
-  size_t request_sync(Fault fault, size_t turn) {
+  // A local request, of a sync by default, up to its answer. Returns the number of turns.
+  size_t request_sync(Fault fault, size_t turn, const std::string& message = {0, 0}) {
     begin(fault, turn);
-    publish();
+    publish(message);
     on_sync_rpc_update(ctx);
     settle();
     time_out_if_stuck();
@@ -197,6 +197,62 @@ TEST_F(ExchangeTest, AResponderSurvivesAFaultAtEveryMessage) {
                                      "A " SHA_CONTENT " 00000000 00000007 G pushed",
                                      144));
              });
+}
+
+// What a shell prints in /mnt: no year, each run of blanks a bar and of dashes one; and its status.
+static std::string print(const std::string& command) {
+  const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
+  write_file("/mnt/do", "cd /mnt; export TZ=UTC PATH=" + programs.string() + ":$PATH; (" + command +
+                            ") > out 2>&1; echo $? >> out\n"
+                            "sed -i 's/--\\+/-/g; s/  \\+/|/g; s/20[0-9][0-9]-/Y-/g' out");
+  return system("sh /mnt/do") == 0 ? read_file("/mnt/out") : "";
+}
+
+// Of an exchange without a peer and one whose second message is lost, from this EM's log and
+// another.
+TEST_F(ExchangeTest, IsExplainedFromItsTrace) {
+  unlink("/tmp/cluster_sync_daemon.log");
+  set_active(true);
+  g_diag_params.max_log_size = -1;
+  ctx->cpg_membership_flags = kSelfMember;
+  request_sync(kNone, 0);
+  ctx->cpg_membership_flags |= kPeerMember;
+  const std::string source = make_file(0, "TempUpdate_", "abc");
+  request_sync(kDropped, 3, source + '\0' + tree_path(0, "\x1b<a>") + '\0');
+  const std::string to_fixed = "sed 's/^ *[0-9]*/1700000000/' /tmp/cluster_sync_daemon.log > ";
+  print(to_fixed + "log; rm /tmp/cluster_sync_daemon.log");
+  serve(kNone, 0);
+  g_diag_params.max_log_size = 0;
+  print(to_fixed + "peer; rm /tmp/cluster_sync_daemon.log; sed -i s/=41/=2/g peer");
+
+  const std::string at = "|Y-11-14 22:13:20|", explain = "cluster_sync_ctl explain ";
+  const std::string alone = " EM|0 s|nothing|sync: success here, the other EM is away\n|2" + at;
+  const std::string failure = "Operation timed out\n";
+  const std::string row = " EM|0 s|1 pushed (3 B)|update " + source + " -> " +
+                          tree_path(0, "\\x1b<a>: FAILED: ") + failure + "0\n";
+  const std::string table = "it ended\n|1" + at + "this" + alone + "this" + row;
+  for (const auto& [command, printed] : std::vector<std::pair<std::string, std::string>>{
+           {explain + "log", table},
+           {"sed 's/^.*) /Nov 14 22:13:20 em CLUS_SYNC[1]: /; s/\x1b/\\\\x1b/' log | " + explain,
+            table},
+           {"sed 's/^/<3> dump_flight_recorder:7: /' log log | " + explain + "-", table},
+           {explain + "peer log", "|1" + at + "second" + alone + "second" + row},
+           // The end of one exchange and the beginning of the next are lost.
+           {"(sed '/LISTING_ACK/,$d' log; sed '1,/LISTING_REQ/d; s/=2/=3/g' log) | " + explain,
+            ": its end is not in the log\n|3" + at +
+                "this EM|0 s|1 pushed (3 B)|its beginning is not in the log: FAILED: " + failure +
+                "0\n"},
+           {explain + "peer log --exchange 2",
+            "\n22:13:20|ST_UPDATE||<- MSG_LISTING_ACK, 68 B -| ST_PEERLOCK\n22:13:20||- "
+            "MSG_UPDATE_REQ 1 PUSH_REQ \\x1b<a>, 40 B, not delivered|X| ST_PEERLOCK\n|>>> " +
+                failure + "22:13:20|ST_UNLOCKED |- MSG_LOCK_REL ->| \n0\n"},
+           {explain + "log --exchange 2 --svg svg && grep -o 'PUSH_REQ.*<' svg",
+            "PUSH_REQ \\x1b&#60;a&#62;, 40 B, not delivered<\n0\n"},
+           {explain + "log --exchange 3", "no such exchange\n1\n"},
+           {"grep Exit log | " + explain, "/tmp/cluster_sync_daemon.log\n1\n"}}) {
+    const std::string output = print(command);
+    EXPECT_TRUE(output.ends_with(printed)) << command << "\n" << output;
+  }
 }
 
 TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
