@@ -10,7 +10,7 @@ mkdir -p "$1"
 destination=$(realpath "$1")
 [ ! -e "$destination/sysroot" ] || exit 0
 
-PACKAGES=(libcpg-dev libdaemon-dev libgtest-dev libssl-dev libstdc++6)
+PACKAGES=(corosync libcpg-dev libdaemon-dev libgtest-dev libssl-dev libstdc++6)
 
 work=$(mktemp -d "$destination/sysroot.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -38,6 +38,7 @@ for deb in "$work"/archives/*.deb; do
   dpkg-deb --fsys-tarfile "$deb" | tar -t | sed "s|^\.|$destination/sysroot|; s|/$||" > "$work/dpkg/info/$name.list"
   { dpkg-deb -f "$deb" && printf 'Status: install ok installed\n\n'; } >> "$work/dpkg/status"
 done
+rm -rf "$work"/sysroot/{etc,run,var}  # a program in the emulator is to see this machine's
 echo 1 > "$work/dpkg/info/format"  # file names with the architecture
 echo armhf > "$work/dpkg/arch"
 

@@ -129,7 +129,7 @@ boot() {
   chmod 1777 tmp
   mkdir root/packages
   cp "$work"/*.deb root/packages
-  cp "$work/corosync.conf" etc/corosync/corosync.conf
+  cp "$work"/{corosync.conf,authkey} etc/corosync/
   printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' > etc/systemd/system/package-test.target
   rm -f usr/sbin/policy-rc.d  # which may forbid services on this machine
   ip link set lo up
@@ -144,9 +144,9 @@ check_inside() { check "$1" inside sh -e -c "$2"; }
 
 boot_machine() {
   mkdir "$work/top"
-  # The shipped template, with both addresses here and no key.
-  { sed -e 's/transport: knet/transport: udpu/; s/crypto_\(.*\): .*/crypto_\1: none/' \
-    -e 's/169.254.77.1/127.0.0.1/; s/169.254.77.2/127.0.0.2/' "$repo/packaging/corosync.conf"
+  # The shipped template, with both addresses here.
+  head -c 256 /dev/urandom > "$work/authkey"
+  { sed 's/169.254.77.1/127.0.0.1/; s/169.254.77.2/127.0.0.2/' "$repo/packaging/corosync.conf"
     printf 'system {\n  sched_rr: no\n  move_to_root_cgroup: no\n}\n'; } > "$work/corosync.conf"
   cp "${debs[@]}" "$work"
   export -f boot

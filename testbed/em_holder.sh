@@ -52,6 +52,7 @@ for top in tmp mnt run; do mount -n --move $stage/$top /$top; done
 [ -L /var/run ] || mount -n --rbind /run /var/run
 if [ "$state" = own ]; then
   fresh /dev/shm 1777
+  fresh /etc/corosync 755
   fresh /var/lib/corosync 755
   hostname em"$number"
   ip link set lo up

@@ -29,6 +29,9 @@ PEERS = f"{PERSISTENT}/replicated_by_other_em"
 VOLATILE = "/var/run/replicated_by_active_em"
 COMMAND_SOCKET = 2006
 EMS = (1, 2)
+ARM_BUILD = REPO / "build-arm"
+ARM_SYSROOT = ARM_BUILD / "sysroot"
+EMULATOR = ("qemu-arm", "-L", ARM_SYSROOT, "-E", f"LD_LIBRARY_PATH={ARM_BUILD}")
 
 # The shipped corosync.conf, changed only where a testbed must differ.
 OVERRIDES = {
@@ -70,23 +73,28 @@ class EmPair:
     build_dir  where cluster_sync_daemon and cluster_sync_ctl are
     form       "two-node", or "one-node": two daemons on one node of one Corosync, which have their
                trees to themselves and share network, IPC and /dev/shm
-    transport  "udpu" or "knet" (encrypted, as shipped)
+    transport  "udpu" or "knet" (encrypted, as shipped); None: the one that EM_PAIR_TRANSPORT names,
+               or udpu
     log_level  highest syslog level that the daemons log (BREL_LOG_LEVEL)
     wrapper    command in front of the daemon, for example ["valgrind", "--error-exitcode=99"]
+    arm        EMs that are 32-bit ARM throughout, Corosync and all, in an emulator, from the build
+               and the sysroot in build-arm/; None: those that EM_PAIR_ARM names ("2", "1 2")
     on_disk    /mnt/part.persistent is a directory beneath the work directory instead of memory
     visible    further directories that the EMs must see, if they are beneath /tmp, /mnt or /run
     work_dir   directory to make; a new one beneath the temporary directory by default
     """
 
     def __init__(self, build_dir: Path | str = REPO / "build", form: str = "two-node",
-                 transport: str = "udpu", log_level: int = 6, wrapper: Sequence[str] = (),
-                 on_disk: bool = False, visible: Sequence[str] = (),
+                 transport: str | None = None, log_level: int = 6, wrapper: Sequence[str] = (),
+                 arm: Sequence[int] | None = None, on_disk: bool = False, visible: Sequence[str] = (),
                  work_dir: Path | str | None = None):
+        transport = transport or os.environ.get("EM_PAIR_TRANSPORT", "udpu")
         if form not in ("two-node", "one-node") or transport not in OVERRIDES:
             raise ValueError(f"no such form or transport: {form}, {transport}")
         self.build_dir = Path(build_dir).resolve()
         self.form, self.transport = form, transport
         self.wrapper = list(wrapper)
+        self.arm = list(map(int, os.environ.get("EM_PAIR_ARM", "").split()) if arm is None else arm)
         self.environment = {"BREL_LOG_LEVEL": str(log_level)}
         self._on_disk, self._visible = on_disk, list(visible)
         self._wanted_work_dir = work_dir
@@ -141,7 +149,7 @@ class EmPair:
             "persistent": persistent,
             "cleanup_script": str(REPO / "platform/clean_up_temp_files.py"),
             "visible": [str(path) for path in
-                        {REPO, self.build_dir, self.work_dir, *map(Path, self._visible)}
+                        {REPO, self.build_dir, ARM_BUILD, self.work_dir, *map(Path, self._visible)}
                         if path.is_dir()],
         }
         self._keeper = subprocess.Popen(
@@ -194,7 +202,15 @@ class EmPair:
 
     def ctl(self, n: int, *arguments: str, timeout: float = 60) -> subprocess.CompletedProcess:
         """Runs cluster_sync_ctl with `arguments` on EM `n`."""
-        return self.run(n, [self.build_dir / "cluster_sync_ctl", *arguments], timeout=timeout)
+        return self.run(n, [*self._program(n, "cluster_sync_ctl"), *arguments], timeout=timeout)
+
+    def _program(self, n: int, name: str, build_dir: Path | str | None = None) -> list:
+        """The command that is program `name` of the build, or of Corosync, on EM `n`."""
+        if n in self.arm:
+            corosync = ARM_SYSROOT / "usr/sbin" / name
+            return [*EMULATOR, corosync if corosync.exists() else ARM_BUILD / name]
+        ours = name.startswith("cluster_sync_")
+        return [Path(build_dir or self.build_dir).resolve() / name if ours else name]
 
     def log_path(self, n: int, what: str = "daemon") -> Path:
         """Where the output of all runs of EM `n`'s "daemon" or "corosync" goes."""
@@ -218,11 +234,11 @@ class EmPair:
         (etc / "corosync.conf").write_text(
             (REPO / "packaging/corosync.conf").read_text() + OVERRIDES[self.transport] +
             COMMON_OVERRIDES)
-        self._start(n, "corosync", ["corosync", "-f"], {})
+        self._start(n, "corosync", [*self._program(n, "corosync"), "-f"], {})
 
     def start_daemon(self, n: int, build_dir: Path | str | None = None) -> None:
-        daemon = Path(build_dir or self.build_dir).resolve() / "cluster_sync_daemon"
-        self._start(n, "daemon", [*self.wrapper, daemon, "-x", str(COMMAND_SOCKET)],
+        daemon = self._program(n, "cluster_sync_daemon", build_dir)
+        self._start(n, "daemon", [*self.wrapper, *daemon, "-x", str(COMMAND_SOCKET)],
                     self.environment)
 
     def _start(self, n: int, what: str, argv: Sequence[str], environment: dict[str, str]) -> None:
@@ -289,7 +305,7 @@ class EmPair:
 
     def _group(self, n: int) -> set[tuple[int, int]] | None:
         """Members (node, process id) of em-sync as EM `n` sees them; None without a Corosync."""
-        output = self.run(n, ["corosync-cpgtool", "-d", " "])
+        output = self.run(n, [*self._program(n, "corosync-cpgtool"), "-d", " "])
         if output.returncode != 0:
             return None
         rows = [line.split() for line in output.stdout.splitlines()]
@@ -321,7 +337,7 @@ class EmPair:
 
     def node_members(self, n: int) -> set[int]:
         """Node ids in the membership of EM `n`'s Corosync."""
-        output = self.run(n, ["corosync-quorumtool", "-l", "-p"]).stdout
+        output = self.run(n, [*self._program(n, "corosync-quorumtool"), "-l", "-p"]).stdout
         return {int(line.split()[0]) for line in output.splitlines()
                 if re.match(r"\s*\d+\s", line)}
 
