@@ -349,7 +349,7 @@ void write_seeds(const std::string& target) {
   }
   if (target == "trace") {
     run_command("log-size=-1");
-    start_comparison({});
+    start_comparison("P " + std::string(40, 'a') + " 00000000 00000003 G theirs");
     while (ctx->cur_state == ST_UPDATE)
       accept_update();
     std::ifstream log("/tmp/cluster_sync_daemon.log");

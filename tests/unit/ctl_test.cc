@@ -1,6 +1,7 @@
 #include <mutex>
 #include <semaphore>
 #include <sstream>
+#include <thread>
 
 #include "client/cluster_sync.h"
 #include "platform/cmdsockserver.h"
@@ -196,7 +197,7 @@ TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {
   g_turn.release(2);
 }
 
-TEST_F(CtlTest, TheLibraryTellsFailuresApartAndRaisesNoSignal) {
+TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   const auto sync = [this](uint32_t status, const std::string& payload) {
     g_status = status;
     g_payload = payload;
@@ -232,7 +233,32 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApartAndRaisesNoSignal) {
   EXPECT_EQ(cluster_sync_send_diag(connection, "stats", 100), ECONNRESET);
   EXPECT_EQ(cluster_sync_receive(connection, 100, nullptr, nullptr), ECONNRESET);
   close(connection);
+  std::vector<int> waiting;  // until no more fit
+  int error = 0;
+  while ((error = cluster_sync_connect("/mnt/deaf", 50, &connection)) == 0)
+    waiting.push_back(connection);
+  EXPECT_EQ(error, ETIMEDOUT);
+  std::for_each(waiting.begin(), waiting.end(), close);
   close(listener);
+}
+
+TEST_F(CtlTest, TheLibraryServesSeveralThreadsAtOnce) {
+  constexpr int kThreads = 4;
+  g_status = 0;
+  g_payload = result_bytes(0, "", 'Y');
+  g_turn.release(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i)
+    threads.emplace_back([name = "/run/replicated_by_active_em/" + std::to_string(i)] {
+      EXPECT_EQ(
+          cluster_sync_put(nullptr, name.data(), name.size(), name.c_str(), 0600, 9000, nullptr),
+          0);
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  for (int i = 0; i < kThreads; ++i)
+    EXPECT_EQ(read_file(tree_path(3, std::to_string(i))),
+              "/run/replicated_by_active_em/" + std::to_string(i));
 }
 
 TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
