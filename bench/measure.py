@@ -156,22 +156,21 @@ def memory(pair: EmPair, n: int, what: str) -> int:
 
 
 class Timed:
-    """Exchanges of one caller: seconds of each, and the daemons' processor time of all."""
+    """Exchanges of one caller: seconds of each; all that the daemons do meanwhile is theirs."""
 
     def __init__(self, pair: EmPair):
         self.pair, self.caller = pair, Caller(pair, 1, None)
         self.seconds: list[float] = []
-        self._cpu = 0.0
+        self._cpu_before = cpu_seconds(pair)
 
     def ask(self, asked: Update = SYNC) -> float:
-        before = cpu_seconds(self.pair)
         self.seconds.append(ask(self.caller, asked))
-        self._cpu += cpu_seconds(self.pair) - before
         return self.seconds[-1]
 
     @property
     def cpu(self) -> float:
-        return self._cpu / len(self.seconds)
+        """Processor time of both daemons for one exchange."""
+        return (cpu_seconds(self.pair) - self._cpu_before) / len(self.seconds)
 
 
 # The floors.

@@ -7,17 +7,14 @@ import itertools
 import os
 import random
 import signal
-import threading
 import time
-from concurrent.futures import ThreadPoolExecutor
 
 from convergence import Machine
-from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
-from support import FAILING, SYNC, Caller, PairTest, Result
+from em_pair import ACTIVE, EMS, OWN, PEERS
+from support import FAILING, Caller, PairTest, Result
 
 LARGE = 32 << 20
 KILLS = int(os.environ.get("KILLS", 20))
-REQUESTS = 40
 TIMED_OUT = "Operation timed out"
 # The peer's time limit was faster, or its late release ended the next exchange.
 LATE = "Received early LOCK_REL message in state "
@@ -25,7 +22,7 @@ MISSING, NO_SPACE = "No such file or directory", "No space left on device"
 READ_ONLY = "Read-only file system"
 
 
-class FaultTest(PairTest):
+class HardFaultTest(PairTest):
     serial = itertools.count()
 
     def settle(self) -> None:
@@ -66,8 +63,6 @@ class FaultTest(PairTest):
         if "remount" not in options:
             self.addCleanup(self.pair.run, n, ["umount", "-l", folder])
 
-
-class HardFaultTest(FaultTest):
     def test_daemons_killed_at_random_moments(self):
         chance = random.Random(int(os.environ.get("SEED", KILLS)))
         told = []
@@ -182,40 +177,6 @@ class HardFaultTest(FaultTest):
         result = self.ask(1, asked)
         self.assertEqual((False, True, False, True, f"Unable to {what} file ({error}): "
                           f"{ACTIVE}/file"), (*result[:3], *result[5:]))
-
-    def test_files_change_while_they_are_scanned_and_sent(self):
-        stop = threading.Event()
-
-        def keep_changing(n: int, root: str) -> None:
-            chance = random.Random(n)
-            for serial in itertools.count(1):  # no two sizes are the same: a change must show
-                content = bytes(chance.choice((0, 65_536, 400_000)) + serial)
-                path = f"{root}/{chance.randrange(8)}"
-                if serial % 2:
-                    self.write(n, path, content)
-                else:
-                    self.prepared(n, path, content)
-                    self.pair.path(n, f"{root}/TempUpdate_{path[-1]}").rename(
-                        self.pair.path(n, path))
-                if stop.wait(0.02):
-                    return
-
-        with ThreadPoolExecutor(3) as threads:
-            changing = threads.map(keep_changing, (1, 1, 2), (ACTIVE, OWN, OWN))
-            try:
-                failures = 0
-                for n in EMS * REQUESTS:
-                    content = os.urandom(5000)
-                    result = self.ask(n, self.prepared(n, f"{OWN}/asked", content))
-                    self.assert_true(result, n, "asked", content)
-                    self.assertTrue(result.success or result.reason, result)
-                    failures += not result.success
-                    if failures == 2:  # each has cost 10 s
-                        break
-            finally:
-                stop.set()
-            list(changing)
-        self.settle()
 
     def test_stop_while_callers_wait(self):
         self.hold(2)

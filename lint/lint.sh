@@ -3,7 +3,7 @@
 # command lines, clang-format-14, clang-tidy-14, cppcheck and shellcheck. The first check, of our
 # own, is that includes run down.
 #
-#   tests/lint/lint.sh BUILD_DIRECTORY
+#   lint/lint.sh BUILD_DIRECTORY
 #
 # One check per tool; prints "N passed, N failed" at the end, and the status is 0 when nothing
 # failed. clang-tidy and cppcheck leave tests/ out: half of the time would be GoogleTest's headers,
@@ -11,7 +11,7 @@
 set -uo pipefail
 [ $# = 1 ] || { echo "Usage: lint.sh BUILD_DIRECTORY" >&2; exit 2; }
 build=$(realpath "$1")
-cd "$(dirname "$(readlink -f "$0")")/../.." || exit
+cd "$(dirname "$(readlink -f "$0")")/.." || exit
 
 PROGRAM=(client platform redundancy_health tools bench)
 CPPCHECK_SUPPRESSIONS=(
