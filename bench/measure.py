@@ -161,16 +161,13 @@ class Timed:
     def __init__(self, pair: EmPair):
         self.pair, self.caller = pair, Caller(pair, 1, None)
         self.seconds: list[float] = []
+        self.cpu = 0.0  # seconds of both daemons for one exchange; they may end before it is read
         self._cpu_before = cpu_seconds(pair)
 
     def ask(self, asked: Update = SYNC) -> float:
         self.seconds.append(ask(self.caller, asked))
+        self.cpu = (cpu_seconds(self.pair) - self._cpu_before) / len(self.seconds)
         return self.seconds[-1]
-
-    @property
-    def cpu(self) -> float:
-        """Processor time of both daemons for one exchange."""
-        return (cpu_seconds(self.pair) - self._cpu_before) / len(self.seconds)
 
 
 # The floors.
