@@ -31,6 +31,8 @@ def main() -> None:
     parser.add_argument("--transport", choices=("udpu", "knet"), default="udpu")
     parser.add_argument("--build", type=Path, default=REPO / "build")
     parser.add_argument("--out", type=Path, help="directory of results.json")
+    parser.add_argument("--document", action="store_true",
+                        help="write the results of this run into docs/performance.md")
     options = parser.parse_args()
     unknown = set(options.rows) - set(ROWS)
     if unknown:
@@ -51,6 +53,9 @@ def main() -> None:
          "findings": bench.findings,
          "rows": [asdict(r) | {"ratio": r.ratio, "reached": r.reached} for r in rows]}, indent=1))
     print(f"also in {out}")
+    if options.document:
+        from document import document  # plots want a library that nothing else here needs
+        document(out / "results.json", REPO / "docs/performance.md")
 
 
 if __name__ == "__main__":

@@ -1,7 +1,6 @@
 """Draws the plots of a run of the benchmarks, as SVG files beside its results.json."""
 
 import json
-import sys
 from pathlib import Path
 
 import matplotlib
@@ -12,7 +11,13 @@ matplotlib.use("svg")
 matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "bench",
                             "figure.figsize": (6, 3.6), "axes.grid": True, "grid.alpha": 0.3,
                             "axes.spines.top": False, "axes.spines.right": False})
-STYLES = {"daemon": "C0-", "bare messages": "C7--", "rsync -ac": "C1-"}
+STYLES = {"daemon": "C0-", "bare messages": "C7--", "bare work": "C2--", "rsync -ac": "C1-"}
+
+
+def style(name: str) -> str:
+    """Of a curve; on disk it is the dotted one of the same colour."""
+    kind, on_disk, _ = name.partition(", on disk")
+    return STYLES[kind][:2] + ":" if on_disk else STYLES[kind]
 
 
 def draw(results: Path) -> None:
@@ -30,7 +35,7 @@ def draw(results: Path) -> None:
 
 def plot_files(axes, curves: dict) -> None:
     for name, points in curves.items():
-        axes.plot(*zip(*points), STYLES[name], marker="o", label=name)
+        axes.plot(*zip(*points), style(name), marker="o", label=name)
     axes.axhline(10, color="C3", linewidth=1, linestyle=":", label="time limit")
     axes.set(xlabel="files a side", ylabel="seconds", ylim=(0, None),
              title="An exchange with nothing to do")
@@ -39,7 +44,7 @@ def plot_files(axes, curves: dict) -> None:
 
 def plot_bytes(axes, curves: dict) -> None:
     for name, points in curves.items():
-        axes.plot(*zip(*points), STYLES[name], marker="o", label=name)
+        axes.plot(*zip(*points), style(name), marker="o", label=name)
     axes.set(xlabel="MiB in files of 64 MiB", ylabel="seconds", xscale="log", yscale="log",
              title="Every chunk of large files changed")
     axes.xaxis.set_major_formatter("{x:,.0f}")
@@ -48,11 +53,7 @@ def plot_bytes(axes, curves: dict) -> None:
 def plot_rename(axes, curves: dict) -> None:
     for name, values in curves.items():
         shares = [(i + 1) / len(values) for i in range(len(values))]
-        axes.step(values, shares, STYLES[name], where="post", label=name)
+        axes.step(values, shares, style(name), where="post", label=name)
     axes.set(xlabel="milliseconds", ylabel="share of the calls", ylim=(0, 1),
              xlim=(0, 3 * max(values[len(values) // 2] for values in curves.values())),
              title="Publishing a file of 4 KiB")
-
-
-if __name__ == "__main__":
-    draw(Path(sys.argv[1]))

@@ -167,18 +167,10 @@ void on_severe_error() {
 }
 
 int32_t get_uptime() {
-  // sysinfo(2) rounds CLOCK_BOOTTIME up to full seconds. That clock is read without entering the
-  // kernel: as long as its second lasts, so does the last answer.
-  static thread_local time_t asked_at = -1;
-  static thread_local int32_t uptime = -1;
-  struct timespec now = {};
-  if (clock_gettime(CLOCK_BOOTTIME, &now) == 0 && now.tv_sec == asked_at) return uptime;
   struct sysinfo info;
   if (sysinfo(&info) != 0) {
     LOG(3, "Call to sysinfo() failed: %s", strerror(errno));
     return -1;
   }
-  asked_at = now.tv_sec;
-  uptime = static_cast<int32_t>(info.uptime);
-  return uptime;
+  return static_cast<int32_t>(info.uptime);
 }
