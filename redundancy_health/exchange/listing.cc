@@ -42,9 +42,9 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
   std::string source;
   std::string destination;
   if (!find_copy(request.source, &source) || !find_copy(request.destination, &destination)) return;
-  if (rename(source.c_str(), destination.c_str()) != 0) return;
-  // The digests of what was replaced would fit a file of the same size and second.
+  // The digests of what is replaced would fit a file of the same size and second.
   remove_digest_file(destination.c_str());
+  if (rename(source.c_str(), destination.c_str()) != 0) return;
   // What is found to be the same is never sent again, so it has to stay.
   if (storage_sync_name(destination.c_str()) != 0 || storage_sync_name(source.c_str()) != 0) {
     storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",

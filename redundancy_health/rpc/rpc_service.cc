@@ -78,10 +78,12 @@ bool delete_destination(SyncContext* ctx, const char* destination) {
 }
 
 // Returns 0 or an error number. What takes the destination's place is on the disk before it does;
-// the digest cache file of the old destination goes in any case.
+// the digest cache file of the old destination goes in any case, and first: whoever ends the daemon
+// between the two would leave digests that fit a file of the same size and second.
 int rename_onto(const char* source, const char* destination) {
   int error = check_destination(destination);
   if (error != 0) return error;
+  remove_digest_file(destination);
   if (have_error_injection(g_diag_params.fail_rename_path, destination)) {
     error = EDOM;
   } else if (storage_sync_content(source) != 0) {
@@ -90,7 +92,6 @@ int rename_onto(const char* source, const char* destination) {
     if (rename(source, destination) != 0) error = errno;
     stats.n_atomic_updates_from_self += 1;
   }
-  remove_digest_file(destination);
   return error;
 }
 
