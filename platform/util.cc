@@ -45,6 +45,11 @@ int read_log_level() {
   return level;
 }
 
+bool level_is_logged(int level) {
+  const int threshold = g_log_level.load(std::memory_order_relaxed);
+  return level <= (threshold == kLogLevelUnread ? read_log_level() : threshold);
+}
+
 // A file name may hold any byte; a control byte in the text would break the line or the terminal.
 std::string escape_control_bytes(const char* text) {
   std::string escaped;
@@ -81,15 +86,10 @@ void* run_thread(void* argument) {
 
 }  // namespace
 
-bool DbgOutputEnabled(int level) {
-  const int threshold = g_log_level.load(std::memory_order_relaxed);
-  return level <= (threshold == kLogLevelUnread ? read_log_level() : threshold);
-}
-
 void DbgOutput(const char* file, int line, const char* function, int level, const char* format,
                ...) {
   (void)file;  // the function and the line name the place
-  if (!DbgOutputEnabled(level)) return;
+  if (!level_is_logged(level)) return;
   const int saved_errno = errno;
   static pthread_once_t once = PTHREAD_ONCE_INIT;
   pthread_once(&once, [] { openlog("CLUS_SYNC", LOG_PID, LOG_DAEMON); });

@@ -11,9 +11,6 @@
 void DbgOutput(const char* file, int line, const char* function, int level, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
-// True when DbgOutput would write a line of this level. Any thread.
-bool DbgOutputEnabled(int level);
-
 // Non-zero copies the log to standard output from now on, 0 stops that.
 void debug_log_to_stdout(int enable);
 

@@ -26,14 +26,6 @@ void remove_oldest() {
 
 }  // namespace
 
-bool flight_recorder_records() {
-  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
-  const bool records = !g_flight_recorder.paused &&
-                       (g_flight_recorder.max_entries != 0 || g_flight_recorder.count != 0);
-  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
-  return records;
-}
-
 void record_line(int level, int dump, const char* text, size_t length) {
   CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
   if (!g_flight_recorder.paused) {

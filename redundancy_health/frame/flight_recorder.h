@@ -23,9 +23,6 @@ struct FlightRecorder {
 
 extern FlightRecorder g_flight_recorder;
 
-// True unless the recorder is paused or holds no lines at all. Takes the mutex.
-bool flight_recorder_records();
-
 // Records one line (`length` bytes and a NUL), dumps and pauses when it is the first error, and
 // trims. Takes the mutex.
 void record_line(int level, int dump, const char* text, size_t length);

@@ -4,9 +4,10 @@
 #include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/sysinfo.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <charconv>
 
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/flight_recorder.h"
@@ -77,10 +78,12 @@ class Line {
  public:
   Line(const char* function, int line) {
     const Stamp& stamp = current_stamp();
-    memcpy(space_, stamp.text, stamp.length);
-    length_ = stamp.length;
-    add("%s:%d: ", function, line);
-    prefix_length_ = length_;
+    char* end = static_cast<char*>(mempcpy(space_, stamp.text, stamp.length));
+    end = static_cast<char*>(mempcpy(end, function, strnlen(function, kNameSize)));
+    *end++ = ':';
+    end = std::to_chars(end, end + 12, line).ptr;
+    end = stpcpy(end, ": ");
+    length_ = prefix_length_ = static_cast<size_t>(end - space_);
   }
   Line(const Line&) = delete;
   Line& operator=(const Line&) = delete;
@@ -122,6 +125,7 @@ class Line {
   }
 
  private:
+  static constexpr size_t kNameSize = 200;
   char space_[512];
   char* text_ = space_;
   size_t length_ = 0;
@@ -141,10 +145,6 @@ __attribute__((format(printf, 6, 0))) void write_line(const char* file, int line
 }
 
 }  // namespace
-
-bool log_wanted(int level) {
-  return DbgOutputEnabled(level) || read_max_log_size() != 0 || flight_recorder_records();
-}
 
 void log_line(const char* file, int line, const char* function, int level, int dump,
               const char* format, ...) {
@@ -167,10 +167,12 @@ void on_severe_error() {
 }
 
 int32_t get_uptime() {
-  struct sysinfo info;
-  if (sysinfo(&info) != 0) {
+  // What sysinfo(2) tells, started seconds counted in, without the count of the memory that it makes
+  // each time: this is asked for at every message.
+  struct timespec uptime;
+  if (clock_gettime(CLOCK_BOOTTIME, &uptime) != 0) {
     LOG(3, "Call to sysinfo() failed: %s", strerror(errno));
     return -1;
   }
-  return static_cast<int32_t>(info.uptime);
+  return static_cast<int32_t>(uptime.tv_sec + (uptime.tv_nsec != 0));
 }

@@ -10,7 +10,7 @@
 #include "redundancy_health/frame/check.h"
 
 // Levels are syslog priorities: 3 errors, 4 operator actions and notable events, 6 milestones,
-// 7 debug trace. Arguments are not evaluated when nobody would take the line.
+// 7 debug trace.
 
 #define LOG(level, ...) LOG_AS(__func__, level, 1, __VA_ARGS__)
 
@@ -21,14 +21,8 @@
 #define LOG_PLATFORM_ONLY(level, ...) DbgOutput(__FILE__, __LINE__, __func__, level, __VA_ARGS__)
 
 // The full form: under the name `function`, with the dump flag given. errno is kept.
-#define LOG_AS(function, level, dump, ...)                                                   \
-  do {                                                                                       \
-    if (log_wanted(level)) log_line(__FILE__, __LINE__, function, level, dump, __VA_ARGS__); \
-  } while (0)
-
-// False when the platform log drops lines of this level, no log file is written and the flight
-// recorder records nothing. Any thread.
-bool log_wanted(int level);
+#define LOG_AS(function, level, dump, ...) \
+  log_line(__FILE__, __LINE__, function, level, dump, __VA_ARGS__)
 
 // One line for the platform log and for private_log. Any thread; leaves errno as it was.
 void log_line(const char* file, int line, const char* function, int level, int dump,
