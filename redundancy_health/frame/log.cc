@@ -167,8 +167,8 @@ void on_severe_error() {
 }
 
 int32_t get_uptime() {
-  // What sysinfo(2) tells, started seconds counted in, without the count of the memory that it makes
-  // each time: this is asked for at every message.
+  // What sysinfo(2) tells, a started second counted in, without the count of the memory that it
+  // makes each time: this is asked for at every message.
   struct timespec uptime;
   if (clock_gettime(CLOCK_BOOTTIME, &uptime) != 0) {
     LOG(3, "Call to sysinfo() failed: %s", strerror(errno));
