@@ -149,7 +149,8 @@ SyncContext* context_of(cpg_handle_t handle) {
 }
 
 bool is_this_process(uint32_t local_nodeid, uint32_t nodeid, uint32_t pid) {
-  return nodeid == local_nodeid && pid == static_cast<uint32_t>(getpid());
+  static thread_local const auto own_pid = static_cast<uint32_t>(getpid());
+  return nodeid == local_nodeid && pid == own_pid;
 }
 
 }  // namespace

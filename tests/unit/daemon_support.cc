@@ -80,11 +80,6 @@ Lines DaemonTest::logged(int level) const {
   return texts;
 }
 
-bool DaemonTest::has_logged(const std::string& text) const {
-  const Lines lines = logged();
-  return std::find(lines.begin(), lines.end(), text) != lines.end();
-}
-
 void DaemonTest::change_membership(bool joined) {
   const cpg_name group = {7, "em-sync"};
   const cpg_address members[] = {{1, static_cast<uint32_t>(getpid()), 0}, {2, 4711, 0}};

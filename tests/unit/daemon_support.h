@@ -32,7 +32,6 @@ class DaemonTest : public testing::Test {
 
   // Texts of the lines logged at `level`, in order; level -1 for all.
   Lines logged(int level = -1) const;
-  bool has_logged(const std::string& text) const;
 
   // The peer joins (`joined`) or leaves the group.
   void change_membership(bool joined);

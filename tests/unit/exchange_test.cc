@@ -303,32 +303,3 @@ TEST_F(ExchangeTest, TheEventIsItsBytes) {
   EXPECT_EQ(read_file("/var/run/em/events/0x80000702"),
             std::string("\x01\0\0\0\x18\0\x0F\0\x04\0\0\0", 12) + std::string(1024, '\0'));
 }
-
-// A request that was not applied, announced or not, gets no success of another exchange.
-TEST_F(ExchangeTest, HandsTheOutcomeToWhoeverWaitsForIt) {
-  const struct {
-    uint32_t flags, before;
-    bool deferred;
-    uint32_t after;
-    const char* reason;
-    int local_ok;
-  } rows[] = {{4, RPC_IDLE, false, RPC_IDLE, "preset", 0},
-              {4, RPC_REQUESTING, false, RPC_COMPLETE, "outcome", 0},
-              {4, RPC_REQUESTING, true, RPC_REQUESTING, "preset", 0},
-              {0, RPC_REQUESTING, false, RPC_REQUESTING, "preset", 0},
-              {4, RPC_PENDING, false, RPC_COMPLETE, "outcome", 1},
-              {0, RPC_PENDING, false, RPC_COMPLETE, "", 1},
-              {4, RPC_COMPLETE, false, RPC_COMPLETE, "preset", 0},
-              {4, RPC_LOCAL_BUSY, false, RPC_IDLE, "preset", 0}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    ctx->rpc_stage = row.before;
-    ctx->rpc_deferred = row.deferred;
-    reset_cpg_result(ctx);
-    storage_cfg_set_result(&ctx->rpc_result, 2, "preset");
-    end_exchange_full(ctx, row.flags, "outcome");
-    EXPECT_EQ(+ctx->rpc_stage, row.after);
-    EXPECT_STREQ(ctx->rpc_result.reason, row.reason);
-    EXPECT_EQ(ctx->rpc_result.local_ok, row.local_ok);
-  }
-}

@@ -82,26 +82,6 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
     EXPECT_EQ(exists(path), !removed) << path;
 }
 
-TEST(SetResult, EveryByteFollowsFromCodeAndReason) {
-  RpcResult result;
-  for (const auto& [code, flags] :
-       std::vector<std::pair<uint32_t, std::string>>{{0, {1, 1, 1, 0, 0}},
-                                                     {2, {0, 0, 0, 0, 1}},
-                                                     {20, {0, 1, 0, 0, 1}},
-                                                     {34, {0, 0, 0, 0, 1}},
-                                                     {44, {0, 0, 0, 1, 1}}}) {
-    std::string expected = flags + std::string("\0\0\0N\0\0\0", 7);
-    if (code != 0) expected += std::string(115, 'r');
-    expected.resize(128, '\0');
-    memset(&result, 0xA5, sizeof result);
-    storage_cfg_set_result(&result, code, "%s", std::string(116, 'r').c_str());
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&result), sizeof result), expected);
-  }
-  storage_cfg_set_result(&result, 4, "first");
-  storage_cfg_set_result(&result, 4, "then: %s", result.reason);
-  EXPECT_STREQ(result.reason, "then: first");
-}
-
 TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   const Mount disk("/mnt/disk", "size=64k");
   // A link at first: it is replaced, not followed.

@@ -173,26 +173,6 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
   }
 }
 
-// The end of an exchange serves what waited for it: a request that lost the lock or was deferred.
-TEST_F(StateMachineTest, WhatWaitedIsServedOnceTheStateIsUnlocked) {
-  for (const uint32_t stage : {RPC_PENDING, RPC_LOCAL_BUSY, RPC_REQUESTING, RPC_IDLE}) {
-    for (const uint32_t state : {ST_PEERLOCK, ST_DONE, ST_UNLOCKED}) {
-      publish(std::string("\0\0rides along", 13));
-      enter(state, stage);
-      ctx->rpc_deferred = stage == RPC_REQUESTING;
-      storage_cfg_set_result(&ctx->cpg_result, 20, "of the exchange before");
-      message(MSG_LOCK_REL, state == ST_DONE, 9, 0);
-      const bool served = state != ST_UNLOCKED && stage != RPC_IDLE;
-      EXPECT_EQ(outcome(), served ? "ST_LOCKREQ, MSG_LOCK_REQ 8.0" : "ST_UNLOCKED");
-      EXPECT_EQ(ctx->rpc_deferred, stage == RPC_REQUESTING && !served);
-      EXPECT_EQ(ctx->cpg_result.success, state != ST_UNLOCKED);
-      if (!served) continue;
-      message(MSG_LOCK_REQ, true, 8, 0);
-      EXPECT_EQ(g_cpg.sent.back().payload, std::string("\0\0rides along", 13));
-    }
-  }
-}
-
 TEST_F(StateMachineTest, ThePeersFailureBecomesTheOutcomeAndOnesOwnWaitsForTheTimeout) {
   enter(ST_UPDATE, RPC_PENDING);
   ctx->update_queue = new_file_entry(1, root_paths[1], "next");

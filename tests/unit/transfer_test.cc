@@ -273,15 +273,4 @@ TEST_F(TransferTest, WhatCannotBeReadIsSentWithoutData) {
   }
 }
 
-TEST_F(TransferTest, OnStandbyTheQueueGoesOutWithoutTheSharedTrees) {
-  make_file(1, "b", "xy");
-  ctx->update_queue = new_entry(PUSH_DEL_REQ, 0, "a", 0, 0);
-  ctx->update_queue->next = new_entry(PUSH_REQ, 1, "b", 0, 2);
-  ctx->update_queue->next->next = new_entry(PUSH_DEL_REQ, 3, "d", 0, 0);
-  update_next_chunk(ctx);
-  update_next_chunk(ctx);
-  EXPECT_EQ(sent_messages(), (Lines{"MSG_UPDATE_REQ 17.1", "MSG_LOCK_REL 17.1"}));
-  EXPECT_EQ(g_cpg.sent[0].payload, update(PUSH_REQ, 1, "b", 0, 2, 0x12345678, "xy"));
-}
-
 }  // namespace
