@@ -35,8 +35,8 @@ double now() {
 bool make_roots() {
   if (unshare(CLONE_NEWNS) != 0 ||
       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/mnt", "tmpfs", 0, "") != 0 ||
-      mkdir("/mnt/part.persistent", 0755) != 0 || mount("tmpfs", "/run", "tmpfs", 0, "") != 0) {
+      mount("tmpfs", "/mnt", "tmpfs", 0, "") != 0 || mkdir("/mnt/part.persistent", 0755) != 0 ||
+      mount("tmpfs", "/run", "tmpfs", 0, "") != 0) {
     return false;
   }
   return std::all_of(std::begin(root_paths), std::end(root_paths),

@@ -154,10 +154,12 @@ class PairTest(unittest.TestCase):
         """Descriptors and threads of EM `n`'s daemon once the workers of closed connections have
         ended, and its resident memory in kB."""
         folder = Path(f"/proc/{self.pair.process(n, 'daemon').pid}")
+        end = 1 << (32 if n in self.pair.arm else 64)  # the emulator's own memory is above
 
         def look() -> tuple[tuple[int, int], int]:
-            status = dict(re.findall(r"(\w+):\s+(\d+)", (folder / "status").read_text()))
-            return ((len(os.listdir(folder / "fd")), int(status["Threads"])), int(status["VmRSS"]))
+            areas = re.findall(r"(?ms)^([0-9a-f]+)-\S+ .*?^Rss: +(\d+)", (folder / "smaps").read_text())
+            resident = sum(int(kb) for start, kb in areas if int(start, 16) < end)
+            return ((len(os.listdir(folder / "fd")), len(os.listdir(folder / "task"))), resident)
 
         def at_rest():
             first = look()

@@ -65,25 +65,6 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
 }
 
-TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
-  for (const auto& [level, dump, dumps] :
-       {std::tuple(4, 1, false), {3, 2, false}, {2, 1, true}, {3, 3, true}}) {
-    g_flight_recorder.paused = 0;
-    const size_t lines_before = logged().size();
-    private_log(7, "f", 1, 1, "|before");
-    private_log(level, "f", 2, dump, "|the line");
-    EXPECT_EQ(g_flight_recorder.paused, dumps) << level << "/" << dump;
-    private_log(3, "f", 3, 1, "|another error");
-    private_log(3, "f", 4, 1, "|one more");
-    EXPECT_EQ(recorded().back(), dumps ? "|the line" : "|another error");
-    const Lines errors = logged(3);
-    ASSERT_EQ(errors.size(), lines_before + 1 + recorded().size()) << "one dump";
-    EXPECT_TRUE(errors[lines_before].starts_with("===== CLUSTER SYNC DAEMON ERROR DETECTED."));
-    EXPECT_EQ(errors[lines_before + 1], SIMPLEQ_FIRST(&g_flight_recorder.entries)->text);
-  }
-  EXPECT_FALSE(exists(kLogFile)) << "by default there is none";
-}
-
 TEST_F(LogTest, KeepsTheNewestLines) {
   for (int i = 0; i < 501; ++i)
     LOG(7, "|%d", i);

@@ -148,7 +148,6 @@ TEST_F(StateMachineTest, AJoinByStateAndMembership) {
       {ST_UNLOCKED, 0x0B, "ST_DONE, MSG_LOCK_REL 7.3", true},
       {ST_UNLOCKED, 0x07, "ST_PEERLOCK", true},
       {ST_UNLOCKED, 0x05, "ST_UNLOCKED", false},
-      {ST_LOCKREQ, 0x0B, "ST_LOCKREQ", false},
       {ST_DONE, 0x0B, "ST_DONE", true},
       {ST_DONE, 0x0B, "ST_DONE", false, true, RPC_IDLE, true},  // not after a failure
       {ST_DONE, 0x0B, "ST_DONE", false, false, RPC_PENDING, true},
