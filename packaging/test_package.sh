@@ -149,7 +149,7 @@ boot() {
     mount -n -t overlay -o "lowerdir=$root,upperdir=$top/upper,workdir=$top/work" root "$top/root" &&
     cd "$top/root" || exit 1
   mount -n -t proc proc proc
-  [ "$root" = / ] || emulate_arm proc/sys/fs/binfmt_misc
+  [ "$root" = / ] || emulate_arm srv  # systemd has its own ways with the usual place
   mount -n -t sysfs sys sys
   mount -n -t cgroup2 cgroup2 sys/fs/cgroup
   mount -n --rbind /dev dev
