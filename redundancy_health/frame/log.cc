@@ -125,7 +125,7 @@ class Line {
   }
 
  private:
-  static constexpr size_t kNameSize = 200;
+  static constexpr size_t kNameSize = 200;  // above that of any function; what is longer is cut
   char space_[512];
   char* text_ = space_;
   size_t length_ = 0;
