@@ -7,7 +7,8 @@ Each is an object with `clear()`, which empties the peer's tree and what the pro
 import subprocess
 import time
 
-from measure import ACTIVE, DIGESTS, EMS, PERSISTENT, EmPair, clear
+from measure import ACTIVE, DIGESTS, EMS, PERSISTENT, EmPair, clear  # first: sets the path
+from em_pair import wait_for
 from keeper import ADDRESSES
 
 
@@ -20,6 +21,13 @@ def timed(pair: EmPair, argv: list, **options) -> float:
     return (time.monotonic() - start) - (start - begin)
 
 
+def serve(pair: EmPair, port: int, argv: list) -> None:
+    """Starts a server on EM 2; returns when it listens."""
+    pair.popen(2, argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_for(lambda: pair.run(2, ["ss", "-Hltn", f"sport = :{port}"], check=True,
+                              capture_output=True).stdout, 10, f"{argv} on port {port}")
+
+
 class Rsync:
     COPY = f"{PERSISTENT}/rsync"
 
@@ -30,7 +38,7 @@ class Rsync:
         config.write_text("use chroot = no\nuid = root\ngid = root\n[tree]\n"
                           f"path = {self.COPY}\nread only = no\n")
         pair.run(2, ["mkdir", "-p", self.COPY])
-        pair.popen(2, ["rsync", "--daemon", "--no-detach", "--config=/run/rsyncd.conf"])
+        serve(pair, 873, ["rsync", "--daemon", "--no-detach", "--config=/run/rsyncd.conf"])
 
     def clear(self) -> None:
         clear(self.pair, 2, self.COPY)
@@ -57,8 +65,7 @@ class Csync2:
             for ours, theirs in (("/run/csync2.cfg", "/etc/csync2.cfg"), ("/run/hosts", "/etc/hosts")):
                 pair.run(n, ["mount", "--bind", ours, theirs], check=True)
             pair.run(n, ["mkdir", "-p", "/run/csync2.db"], check=True)
-        pair.popen(2, ["csync2", "-ii", "-N", "em2", "-D", "/run/csync2.db"],
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        serve(pair, 30865, ["csync2", "-ii", "-N", "em2", "-D", "/run/csync2.db"])
 
     def clear(self) -> None:
         clear(self.pair, 2)
@@ -77,9 +84,7 @@ class Unison:
         self.pair = pair
         for n in EMS:
             pair.run(n, ["mkdir", "-p", "/run/unison", self.COPY], check=True)
-        pair.popen(2, ["env", "UNISON=/run/unison", "unison", "-socket", "5000"],
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(1)
+        serve(pair, 5000, ["env", "UNISON=/run/unison", "unison", "-socket", "5000"])
 
     def clear(self) -> None:
         clear(self.pair, 2, self.COPY)
