@@ -225,19 +225,17 @@ bool moves_from_outside(const char* source) {
   return root == nullptr || strchr(root + 1, '/') == nullptr;
 }
 
-// The message of a local request, and the same bytes as the peer repeats them.
+// The message of a local request.
 void fuzz_rpc(Input* in) {
   start_run(in->ConsumeBool());
-  const int way = in->ConsumeIntegralInRange(0, 15);  // most without the scan of an exchange
   const std::string message = in->ConsumeRemainingBytesAsString();
-  if (way == 0) {
-    serve_peer(MSG_LISTING_REQ, message);
-  } else if (!moves_from_outside(message.c_str())) {
-    request(message);
-    if (way != 1 || ctx->cur_state != ST_LOCKREQ) return;
-    deliver_own(SentMessage(g_cpg.sent.back()));
-    deliver_answer(MSG_LISTING_ACK, {});
-  }
+  if (!moves_from_outside(message.c_str())) request(message);
+}
+
+// The same bytes as the peer repeats them before it lists its trees.
+void fuzz_repeat(Input* in) {
+  start_run(in->ConsumeBool());
+  serve_peer(MSG_LISTING_REQ, in->ConsumeRemainingBytesAsString());
 }
 
 void run_command(const std::string& command) {
@@ -316,8 +314,9 @@ struct Target {
 const std::map<std::string, Target> kTargets = {
     {"group", {fuzz_group, true}},      {"listing", {fuzz_listing, false}},
     {"update", {fuzz_update, true}},    {"digest", {fuzz_digest, true}},
-    {"rpc", {fuzz_rpc, true}},          {"diagnostic", {fuzz_diagnostic, false}},
-    {"command", {fuzz_command, false}}, {"trace", {fuzz_trace, false}},
+    {"rpc", {fuzz_rpc, true}},          {"repeat", {fuzz_repeat, true}},
+    {"command", {fuzz_command, false}}, {"diagnostic", {fuzz_diagnostic, false}},
+    {"trace", {fuzz_trace, false}},
 };
 void (*g_run)(Input*);
 
@@ -336,7 +335,7 @@ void write_seeds(const std::string& target) {
     for (uint32_t type = PULL_REQ; type < PUSH_NOP; ++type)
       for (const char* path : {"small", "dir/new", "file_link"})
         seeds.push_back(make_update(type, path, 10));
-  } else if (target == "rpc") {
+  } else if (target == "rpc" || target == "repeat") {
     const std::string root = root_paths[kThisEmRoot];
     const std::string nul(1, '\0');
     seeds = {nul + nul, nul + root + "small" + nul, root + "small" + nul + root + "dir/new" + nul,
