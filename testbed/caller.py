@@ -1,15 +1,13 @@
 """A local program that asks the daemon of an EM through its command socket, from outside."""
 
 import ctypes
-import os
 import select
 import sys
-from pathlib import Path
 
 from em_pair import COMMAND_SOCKET, REPO, EmPair
 
 # The library of the build, which the module then finds under its name.
-ctypes.CDLL(str(Path(os.environ.get("EM_PAIR_BUILD", REPO / "build")) / "libcluster-sync.so.0"))
+ctypes.CDLL(str(REPO / "build/libcluster-sync.so.0"))
 sys.path.insert(0, str(REPO / "client"))
 
 from cluster_sync import Connection, Refused, Result  # noqa: E402

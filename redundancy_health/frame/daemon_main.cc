@@ -19,7 +19,9 @@ int32_t g_cmd_socket_num = 2006;
 int daemon_main(int, char**) {
   LOG(6, "Starting cluster_sync_daemon");
   init_context(&g_context);
-  CmdServer* cmd_server = cmd_server_create(g_cmd_socket_num, on_rpc_notification);
+  // A worker may outlive this function, so its server stays, known to the end.
+  static CmdServer* cmd_server;
+  cmd_server = cmd_server_create(g_cmd_socket_num, on_rpc_notification);
   CHECK_NOT_NULL(cmd_server);
   g_context.rpc_fd = eventfd(0, 0);
   CHECK_NOT_NEGATIVE(g_context.rpc_fd);
