@@ -352,7 +352,8 @@ void write_seeds(const std::string& target) {
     while (ctx->cur_state == ST_UPDATE)
       accept_update();
     std::ifstream log("/tmp/cluster_sync_daemon.log");
-    std::getline(log, seeds.emplace_back(), '\0');
+    while (std::getline(log, seeds.emplace_back()))
+      seeds.back() += '\n';
     run_command("log-size=0");
   }
   int number = 0;
