@@ -232,7 +232,7 @@ void fuzz_rpc(Input* in) {
   if (!moves_from_outside(message.c_str())) request(message);
 }
 
-// The same bytes as the peer repeats them before it lists its trees.
+// A request that the peer has carried out and that is repeated here before the listing.
 void fuzz_repeat(Input* in) {
   start_run(in->ConsumeBool());
   serve_peer(MSG_LISTING_REQ, in->ConsumeRemainingBytesAsString());
