@@ -65,6 +65,20 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
 }
 
+TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
+  LOG_NO_DUMP(3, "|expected");
+  LOG(4, "|no error");
+  LOG(3, "|error");
+  LOG(3, "|another");
+  EXPECT_EQ(recorded(), (Lines{"|expected", "|no error", "|error"}));
+  const Lines errors = logged(3);
+  ASSERT_EQ(errors.size(), 7u) << "three errors and one dump";
+  EXPECT_EQ(errors[2],
+            "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. =====");
+  EXPECT_EQ(errors[3], SIMPLEQ_FIRST(&g_flight_recorder.entries)->text);
+  EXPECT_EQ(errors[6], "|another");
+}
+
 TEST_F(LogTest, KeepsTheNewestLines) {
   for (int i = 0; i < 501; ++i)
     LOG(7, "|%d", i);
