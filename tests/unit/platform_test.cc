@@ -106,7 +106,7 @@ TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   EXPECT_EQ(names_in("/mnt/disk"), std::set<std::string>{"file"});
 }
 
-TEST(Log, CallIsOneLineAtOrBelowTheThreshold) {
+TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
   for (const auto& [value, threshold] : {std::pair("3", 3), {"99", 7}, {"-4", 0}, {"7x", 6}}) {
     setenv("BREL_LOG_LEVEL", value, 1);
     debug_log_to_stdout(1);
@@ -118,4 +118,14 @@ TEST(Log, CallIsOneLineAtOrBelowTheThreshold) {
               "<" + std::to_string(threshold) + "> f:42: a\\x0a\\x1b[2J\\x7f\xc3\xa9" + "7\n");
   }
   debug_log_to_stdout(0);
+  EXPECT_EQ(run_forked([] {
+              int ends[2];
+              if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
+              close(ends[0]);
+              debug_log_to_stdout(1);
+              errno = EDOM;
+              DbgOutput("file.cc", 1, "f", 3, "text");
+              return errno == EDOM ? 7 : 2;
+            }),
+            7);
 }
