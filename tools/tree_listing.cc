@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -21,15 +22,15 @@ namespace {
 // The walk of one tree.
 struct Walk {
   TreeListing* tree;
-  std::vector<FileEntry*> chunks;  // owned
+  time_t since;
   std::vector<std::string>* failures;
   std::vector<uint8_t> buffer;
 };
 
-std::string sha1(const void* data, size_t size) {
+std::string sha256(const void* data, size_t size) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned md_size = 0;
-  if (EVP_Digest(data, size, md, &md_size, EVP_sha1(), nullptr) != 1) abort();
+  if (EVP_Digest(data, size, md, &md_size, EVP_sha256(), nullptr) != 1) abort();
   std::string text;
   for (unsigned i = 0; i < md_size; ++i) {
     constexpr char kDigits[] = "0123456789abcdef";
@@ -56,15 +57,18 @@ ssize_t read_chunk(int fd, std::vector<uint8_t>* buffer) {
   return static_cast<ssize_t>(size);
 }
 
+std::string relative_path(const Walk& walk, const std::string& path) {
+  return path.substr(strlen(root_paths[walk.tree->root_index]));
+}
+
 void add_chunk(Walk* walk, const std::string& path, const struct stat& status, uint64_t offset,
                size_t size) {
-  FileEntry* chunk = new_file_entry(walk->tree->root_index, nullptr, path.c_str());
-  chunk->begin_offs = static_cast<uint32_t>(offset);
-  chunk->end_offs = static_cast<uint32_t>(offset + size);
-  chunk->restricted = mode_is_restricted(status.st_mode);
-  strcpy(chunk->digest, sha1(walk->buffer.data(), size).c_str());
-  compute_xmit_line(chunk, walk->tree->tag);
-  walk->chunks.push_back(chunk);
+  char span[20];
+  snprintf(span, sizeof span, " %08x %08x ", static_cast<unsigned>(offset),
+           static_cast<unsigned>(offset + size));
+  walk->tree->lines.push_back(
+      std::string{walk->tree->tag, ' '} + sha256(walk->buffer.data(), size) + span +
+      (mode_is_restricted(status.st_mode) ? "P " : "G ") + relative_path(*walk, path));
 }
 
 // Lists the chunks of an open file; as in the daemon's listing a last chunk that is full is
@@ -72,6 +76,7 @@ void add_chunk(Walk* walk, const std::string& path, const struct stat& status, u
 int list_chunks(Walk* walk, int fd, const std::string& path) {
   struct stat status;
   if (fstat(fd, &status) != 0) return errno;
+  if (status.st_ctime >= walk->since) walk->tree->fresh.insert(relative_path(*walk, path));
   if (status.st_size > static_cast<off_t>(UINT32_MAX)) return EFBIG;  // the daemon refuses it too
   uint64_t offset = 0;
   size_t size = kChunkSize;
@@ -136,40 +141,38 @@ void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& pa
   closedir(dir);
 }
 
-// Turns the chunks into sorted lines and their digest.
-void finish_tree(Walk* walk) {
-  std::sort(walk->chunks.begin(), walk->chunks.end(), [](const FileEntry* a, const FileEntry* b) {
-    return compare_file_entries(&a, &b) < 0;
+// Sorts the lines and computes the digest of all.
+void finish_tree(TreeListing* tree) {
+  std::sort(tree->lines.begin(), tree->lines.end(), [](const auto& a, const auto& b) {
+    const int order = a.compare(kListPathColumn, a.npos, b, kListPathColumn, b.npos);
+    return order != 0 ? order < 0 : a < b;
   });
   std::string all;
-  for (FileEntry* chunk : walk->chunks) {
-    walk->tree->lines.emplace_back(chunk->xmit_line);
-    all.append(chunk->xmit_line, strlen(chunk->xmit_line) + 1);
-    free_file_entry(chunk);
-  }
-  walk->tree->digest = sha1(all.data(), all.size());
+  for (const std::string& line : tree->lines)
+    all.append(line.c_str(), line.size() + 1);
+  tree->digest = sha256(all.data(), all.size());
 }
 
-void list_tree(TreeListing* tree, std::vector<std::string>* failures) {
-  Walk walk = {tree, {}, failures, std::vector<uint8_t>(kChunkSize)};
+void list_tree(TreeListing* tree, time_t since, std::vector<std::string>* failures) {
+  Walk walk = {tree, since, failures, std::vector<uint8_t>(kChunkSize)};
   std::string path = root_paths[tree->root_index];
   path.pop_back();
   list_dir(&walk, AT_FDCWD, path.c_str(), path, 0);
-  finish_tree(&walk);
+  finish_tree(tree);
 }
 
 }  // namespace
 
-std::vector<TreeListing> list_trees(unsigned em, std::vector<std::string>* failures) {
+std::vector<TreeListing> list_trees(unsigned em, time_t since, std::vector<std::string>* failures) {
   std::vector<TreeListing> trees(4);
   const uint32_t em1_root = em == 1 ? kThisEmRoot : kOtherEmRoot;
   const uint32_t em2_root = em == 1 ? kOtherEmRoot : kThisEmRoot;
-  trees[0] = {"active", kActivePersistentRoot, 'A', 0, 0, {}, ""};
-  trees[1] = {"volatile", kActiveVolatileRoot, 'V', 0, 0, {}, ""};
-  trees[2] = {"em1", em1_root, '1', 0, 0, {}, ""};
-  trees[3] = {"em2", em2_root, '2', 0, 0, {}, ""};
+  trees[0] = {"active", kActivePersistentRoot, 'A', 0, 0, {}, {}, ""};
+  trees[1] = {"volatile", kActiveVolatileRoot, 'V', 0, 0, {}, {}, ""};
+  trees[2] = {"em1", em1_root, '1', 0, 0, {}, {}, ""};
+  trees[3] = {"em2", em2_root, '2', 0, 0, {}, {}, ""};
   for (TreeListing& tree : trees)
-    list_tree(&tree, failures);
+    list_tree(&tree, since, failures);
   clear_progress();
   return trees;
 }

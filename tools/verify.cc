@@ -1,13 +1,14 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
-#include <tuple>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -19,27 +20,30 @@
 namespace {
 
 // First and last line of a listing; what is between is whole only when both are there.
-constexpr char kFirstLine[] = "cluster_sync trees of EM ";
+constexpr char kFirstLine[] = "cluster_sync trees of EM %u, SHA-256, begun at %lld";
 constexpr char kLastLine[] = "end of trees, lines: ";
 
-// A line is "tag digest begin end permission path" with fixed widths before the path.
-constexpr size_t kPermissionColumn = 61;
-constexpr size_t kPathColumn = 63;
+constexpr unsigned kPause = 1;   // s before the second look
+constexpr time_t kOnItsWay = 2;  // s that a change may take from one EM to the other
+
+// Tag of the tree and path of a file.
+using FileKey = std::pair<char, std::string>;
 
 // Trees of one EM as text lines; control bytes and backslashes in paths are escaped.
 struct Listing {
-  std::string em;
+  unsigned em;
+  time_t begun;  // by the clock of that EM
   std::vector<std::string> lines;
+  std::set<FileKey> fresh;  // of this EM only
 };
 
-// Chunks of each file, keyed by tag and path: the lines up to the path.
-using Files = std::map<std::pair<char, std::string>, std::vector<std::string>>;
+// Chunks of each file: the lines up to the path.
+using Files = std::map<FileKey, std::vector<std::string>>;
 
-struct Difference {
-  std::string tree;
-  std::string path;
-  const char* what;
-};
+// What the two EMs differ in, and where.
+using Differences = std::map<FileKey, const char*>;
+
+constexpr char kChangedMeanwhile[] = "changed meanwhile";
 
 // One line whatever the path, and no two paths alike.
 std::string escaped(const std::string& line) {
@@ -49,17 +53,29 @@ std::string escaped(const std::string& line) {
   return text;
 }
 
-Listing make_listing(unsigned em, const std::vector<TreeListing>& trees) {
-  Listing listing = {std::to_string(em), {}};
+// Reads the trees. False, and told on standard error, when not all of them can be read.
+bool read_trees(unsigned em, time_t since, std::vector<TreeListing>* trees) {
+  std::vector<std::string> failures;
+  *trees = list_trees(em, since, &failures);
+  for (const std::string& failure : failures)
+    fprintf(stderr, "cluster_sync_ctl: %s\n", printable(failure).c_str());
+  return failures.empty();
+}
+
+Listing make_listing(unsigned em, time_t begun, const std::vector<TreeListing>& trees) {
+  Listing listing = {em, begun, {}, {}};
   for (const TreeListing& tree : trees) {
     for (const std::string& line : tree.lines)
       listing.lines.push_back(escaped(line));
+    for (const std::string& path : tree.fresh)
+      listing.fresh.insert({tree.tag, escaped(path)});
   }
   return listing;
 }
 
 void print_listing(const Listing& listing) {
-  printf("%s%s\n", kFirstLine, listing.em.c_str());
+  printf(kFirstLine, listing.em, static_cast<long long>(listing.begun));
+  printf("\n");
   for (const std::string& line : listing.lines)
     printf("%s\n", line.c_str());
   printf("%s%zu\n", kLastLine, listing.lines.size());
@@ -71,16 +87,22 @@ bool starts_with(const std::string& line, const char* text) {
 
 // Reads a listing that print_listing made; nothing when it is none or not whole.
 std::optional<Listing> read_listing(std::istream& in) {
-  Listing listing;
+  Listing listing = {};
   std::string line;
-  if (!std::getline(in, line) || !starts_with(line, kFirstLine)) return std::nullopt;
-  listing.em = line.substr(strlen(kFirstLine));
+  long long begun = 0;
+  int end = 0;
+  if (!std::getline(in, line) ||
+      sscanf(line.c_str(), "cluster_sync trees of EM %u, SHA-256, begun at %lld%n", &listing.em,
+             &begun, &end) != 2 ||
+      static_cast<size_t>(end) != line.size())
+    return std::nullopt;
+  listing.begun = begun;
   while (std::getline(in, line)) {
     if (starts_with(line, kLastLine)) {
       const bool whole = line.substr(strlen(kLastLine)) == std::to_string(listing.lines.size());
       return whole ? std::optional(listing) : std::nullopt;
     }
-    if (line.size() <= kPathColumn || strchr("AV12", line[0]) == nullptr) return std::nullopt;
+    if (line.size() <= kListPathColumn || strchr("AV12", line[0]) == nullptr) return std::nullopt;
     listing.lines.push_back(line);
   }
   return std::nullopt;
@@ -89,7 +111,7 @@ std::optional<Listing> read_listing(std::istream& in) {
 Files group_by_file(const Listing& listing) {
   Files files;
   for (const std::string& line : listing.lines)
-    files[{line[0], line.substr(kPathColumn)}].push_back(line.substr(0, kPathColumn));
+    files[{line[0], line.substr(kListPathColumn)}].push_back(line.substr(0, kListPathColumn));
   return files;
 }
 
@@ -97,7 +119,7 @@ Files group_by_file(const Listing& listing) {
 const char* compare_chunks(std::vector<std::string> here, std::vector<std::string> there) {
   for (auto* chunks : {&here, &there}) {
     for (std::string& chunk : *chunks)
-      chunk[kPermissionColumn] = ' ';
+      chunk[kListPermissionColumn] = ' ';
   }
   return here == there ? "the mode differs" : "the content differs";
 }
@@ -108,27 +130,49 @@ std::string tree_name(char tag) {
   return std::string("em") + tag;
 }
 
-std::vector<Difference> compare(const Listing& here, const Listing& there) {
+Differences compare(const Listing& here, const Listing& there) {
   const Files ours = group_by_file(here);
   const Files theirs = group_by_file(there);
-  std::vector<Difference> differences;
-  const auto add = [&](const Files::key_type& key, const char* what) {
-    differences.push_back({tree_name(key.first), key.second, what});
-  };
+  Differences differences;
   for (const auto& [key, chunks] : ours) {
     const auto other = theirs.find(key);
     if (other == theirs.end())
-      add(key, "only here");
+      differences[key] = "only here";
     else if (other->second != chunks)
-      add(key, compare_chunks(chunks, other->second));
+      differences[key] = compare_chunks(chunks, other->second);
   }
   for (const auto& [key, chunks] : theirs) {
-    if (!ours.contains(key)) add(key, "only there");
+    if (!ours.contains(key)) differences[key] = "only there";
   }
-  std::sort(differences.begin(), differences.end(), [](const auto& a, const auto& b) {
-    return std::tie(a.tree, a.path) < std::tie(b.tree, b.path);
-  });
   return differences;
+}
+
+// Takes a second look at what differs. What has arrived meanwhile is no difference, and a file
+// that changed here when the other list was being made, or later, was another one then. False when
+// the trees can no longer be read.
+bool look_again(unsigned em, const Listing& there, Differences* differences) {
+  sleep(kPause);
+  std::vector<TreeListing> trees;
+  if (!read_trees(em, there.begun - kOnItsWay, &trees)) return false;
+  const Listing here = make_listing(em, 0, trees);
+  const Differences now = compare(here, there);
+  for (auto difference = differences->begin(); difference != differences->end();) {
+    const auto found = now.find(difference->first);
+    if (found == now.end()) {
+      difference = differences->erase(difference);
+      continue;
+    }
+    difference->second = here.fresh.contains(found->first) ? kChangedMeanwhile : found->second;
+    ++difference;
+  }
+  return true;
+}
+
+size_t count_lasting(const Differences& differences) {
+  size_t lasting = 0;
+  for (const auto& [key, what] : differences)
+    lasting += what != kChangedMeanwhile;
+  return lasting;
 }
 
 // The listing that the option names. Fills `error` when there is none.
@@ -147,7 +191,7 @@ std::optional<Listing> open_listing(const std::string& name, std::string* error)
 }
 
 void print_json(const std::vector<TreeListing>& trees, const Listing* listing,
-                const std::vector<Difference>* differences) {
+                const Differences* differences) {
   const char* separator = "";
   printf("{\"trees\":[");
   for (const TreeListing& tree : trees) {
@@ -169,9 +213,9 @@ void print_json(const std::vector<TreeListing>& trees, const Listing* listing,
   if (differences != nullptr) {
     separator = "";
     printf(",\"differences\":[");
-    for (const Difference& difference : *differences) {
-      printf("%s{\"tree\":\"%s\",\"path\":%s,\"what\":\"%s\"}", separator, difference.tree.c_str(),
-             json_string(difference.path).c_str(), difference.what);
+    for (const auto& [key, what] : *differences) {
+      printf("%s{\"tree\":\"%s\",\"path\":%s,\"what\":\"%s\"}", separator,
+             tree_name(key.first).c_str(), json_string(key.second).c_str(), what);
       separator = ",";
     }
     printf("]");
@@ -186,13 +230,22 @@ void print_trees(const std::vector<TreeListing>& trees) {
            tree.digest.c_str());
 }
 
-void print_differences(const std::vector<Difference>& differences) {
-  for (const Difference& difference : differences)
-    printf("%s/%s: %s\n", difference.tree.c_str(), difference.path.c_str(), difference.what);
-  if (differences.empty())
+void print_differences(const Differences& differences) {
+  for (const auto& [key, what] : differences)
+    printf("%s/%s: %s\n", tree_name(key.first).c_str(), key.second.c_str(), what);
+  const size_t lasting = count_lasting(differences);
+  if (lasting == 0)
     printf("no difference\n");
   else
-    printf("%zu files differ\n", differences.size());
+    printf("%zu files differ\n", lasting);
+}
+
+void warn_of_equal_numbers(const Listing& here, const Listing& there) {
+  if (here.em != there.em) return;
+  fprintf(stderr,
+          "cluster_sync_ctl: both listings are of EM %u: the other one is this EM's own, or both "
+          "EMs have the same number in /var/run/em/number\n",
+          here.em);
 }
 
 }  // namespace
@@ -200,22 +253,22 @@ void print_differences(const std::vector<Difference>& differences) {
 int verify_trees(const Options& options, const Words& /*words*/) {
   const bool comparing = !options.against.empty();
   if (options.list && comparing) return usage_error("--list and --against exclude each other");
+  constexpr char kUnread[] = "the trees could not be read in full";
   const unsigned em = 3 - get_my_mate_em_num();
-  std::vector<std::string> failures;
-  const std::vector<TreeListing> trees = list_trees(em, &failures);
-  for (const std::string& failure : failures)
-    fprintf(stderr, "cluster_sync_ctl: %s\n", printable(failure).c_str());
-  if (!failures.empty()) return report_error(options, "the trees could not be read in full");
+  const time_t begun = time(nullptr);
+  std::vector<TreeListing> trees;
+  if (!read_trees(em, begun, &trees)) return report_error(options, kUnread);
 
-  const Listing here = make_listing(em, trees);
-  std::vector<Difference> differences;
+  const Listing here = make_listing(em, begun, trees);
+  Differences differences;
   if (comparing) {
     std::string error;
     const std::optional<Listing> there = open_listing(options.against, &error);
     if (!there) return report_error(options, error);
-    if (there->em == here.em)
-      fprintf(stderr, "cluster_sync_ctl: both listings are of EM %s\n", here.em.c_str());
+    warn_of_equal_numbers(here, *there);
     differences = compare(here, *there);
+    if (!differences.empty() && !look_again(em, *there, &differences))
+      return report_error(options, kUnread);
   }
   if (options.json)
     print_json(trees, options.list ? &here : nullptr, comparing ? &differences : nullptr);
@@ -225,5 +278,5 @@ int verify_trees(const Options& options, const Words& /*words*/) {
     print_differences(differences);
   else
     print_trees(trees);
-  return differences.empty() ? kDone : kFailed;
+  return count_lasting(differences) == 0 ? kDone : kFailed;
 }

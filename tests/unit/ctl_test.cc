@@ -28,6 +28,8 @@ uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, 
   return g_status;
 }
 
+#define SHA256_S "043a718774c572bd8a25adbeb1bfcd5c0256ae11cecf9f9c3f925d0e52beaf89"
+
 std::string result_bytes(uint32_t code, const char* reason, char peer_present) {
   RpcResult result;
   storage_cfg_set_result(&result, code, "%s", reason);
@@ -307,17 +309,27 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
   fs::create_symlink("secret", tree_path(1, "link"));
   ASSERT_EQ(run("verify --list > list"), 0);
   EXPECT_TRUE(exists(tree_path(1, ".$SyncDigest$gone")));
-  Lines scanned = scan_lines(ctx);
-  for (std::string& line : scanned)
-    line[0] = line[0] == 'Q' ? '1' : line[0] == 'P' ? '2' : line[0];
-  scanned.push_back("cluster_sync trees of EM 1");
-  scanned.push_back("end of trees, lines: " + std::to_string(scanned.size() - 1));
   const std::string list = read_file("/mnt/list");
-  const Lines lines = split(list, '\n');
+  EXPECT_NE(list.find("1 " SHA256_S " 00000000 00000001 P secret\n"), std::string::npos) << list;
+  Lines lines = split(list, '\n');
+  EXPECT_EQ(lines[0].find("cluster_sync trees of EM 1, SHA-256, begun at "), 0u) << lines[0];
+  EXPECT_EQ(lines.back(), "end of trees, lines: " + std::to_string(lines.size() - 2));
+  lines.erase(lines.begin());
+  lines.pop_back();
+  for (std::string& line : lines)
+    line.erase(2, 64);
+  Lines scanned = scan_lines(ctx);
+  for (std::string& line : scanned) {
+    line[0] = line[0] == 'Q' ? '1' : line[0] == 'P' ? '2' : line[0];
+    line.erase(2, 40);
+  }
   EXPECT_EQ(std::multiset(lines.begin(), lines.end()),
-            std::multiset(scanned.begin(), scanned.end()));
+            std::multiset(scanned.begin(), scanned.end()))
+      << "all but the digests is as in the daemon's listing";
 
-  EXPECT_EQ(run("verify --against list"), 0);
+  EXPECT_EQ(run("verify --against list 2>&1"), 0);
+  EXPECT_NE(out_.find("both EMs have the same number"), std::string::npos) << out_;
+  rename(tree_path(0, "a/full").c_str(), "/mnt/full");
   make_file(0, "a/full", pattern(kChunkSize, 1));
   chmod(tree_path(1, "secret").c_str(), 0644);
   unlink(tree_path(3, "with blanks ").c_str());
@@ -325,9 +337,22 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
   make_file(2, "new\\x0aline", "");
   EXPECT_EQ(run("verify --against - < list"), 1);
   EXPECT_EQ(out_,
-            "active/a/full: the content differs\nem1/secret: the mode differs\n"
-            "em2/new\\x0aline: only here\nem2/new\\x5cx0aline: only here\n"
-            "volatile/with blanks : only there\n5 files differ\n");
+            "em1/secret: changed meanwhile\nem2/new\\x0aline: changed meanwhile\n"
+            "em2/new\\x5cx0aline: changed meanwhile\nactive/a/full: changed meanwhile\n"
+            "volatile/with blanks : only there\n1 files differ\n");
+  make_file(3, "with blanks ", "v");
+  EXPECT_EQ(run("verify --against list"), 0) << "what was made after the list is no difference";
+  // A list of later, which comes only when the trees here were read. One file is mended at the
+  // second look.
+  const size_t begun = list.find("begun at ") + strlen("begun at ");
+  write_file("/mnt/later", list.substr(0, begun) + "9" + list.substr(begun));
+  mkfifo("/mnt/fifo", 0600);
+  EXPECT_EQ(run("--help > /dev/null; (cat later > fifo; mv full " + tree_path(0, "a/full") +
+                ") & " + program() + " verify --against fifo"),
+            1);
+  EXPECT_EQ(out_,
+            "em1/secret: the mode differs\n"
+            "em2/new\\x0aline: only here\nem2/new\\x5cx0aline: only here\n3 files differ\n");
   write_file("/mnt/list", list.substr(0, list.rfind(' ')) + " 1\n");
   EXPECT_EQ(run("verify --against list"), 3) << "not the whole list";
   fs::create_directories(tree_path(1, "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/too deep"));
