@@ -8,9 +8,27 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string>
+
+#include "platform/util.h"
+
 namespace {
 
+constexpr char kNumberFile[] = "/var/run/em/number";
 constexpr char kUseReplicatedData[] = "/etc/em/use_replicated_data";
+
+// The first bytes of the number file without the blanks around them. False when there is no file.
+bool read_number_file(std::string* text) {
+  FILE* file = fopen(kNumberFile, "re");
+  if (file == nullptr) return errno != ENOENT;
+  char bytes[64];
+  text->assign(bytes, fread(bytes, 1, sizeof bytes, file));
+  fclose(file);
+  constexpr char blanks[] = " \t\n\v\f\r";
+  text->erase(text->find_last_not_of(blanks) + 1);
+  text->erase(0, text->find_first_not_of(blanks));
+  return true;
+}
 
 bool is_executable_file(const char* path) {
   struct stat info;
@@ -42,13 +60,15 @@ bool this_em_is_active() {
 }
 
 uint32_t get_my_mate_em_num() {
-  int own = 1;
-  FILE* file = fopen("/var/run/em/number", "re");
-  if (file != nullptr) {
-    if (fscanf(file, "%1d", &own) != 1) own = 1;
-    fclose(file);
-  }
-  return own == 2 ? 1 : 2;
+  std::string text;
+  return read_number_file(&text) && text == "2" ? 1 : 2;
+}
+
+void check_em_number() {
+  std::string text;
+  if (!read_number_file(&text) || text == "1" || text == "2") return;
+  DbgOutput(__FILE__, __LINE__, __func__, 3, "'%s' in %s is neither 1 nor 2: this EM counts as 1",
+            text.c_str(), kNumberFile);
 }
 
 int use_replicated_data(uint32_t id, int argument) {

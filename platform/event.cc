@@ -1,13 +1,15 @@
 #include "platform/event.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/storage.h"
 
-int event_send(uint32_t event, const void* record, uint32_t size) {
-  char path[64];
-  snprintf(path, sizeof path, kEventFileFormat, event);
+namespace {
+
+int replace_record(const char* path, const void* record, uint32_t size) {
   StorageHandle* file = nullptr;
   if (storage_open(0, path, kStorageOpenWrite, &file) != 0) {
     // Directories that are missing are made; any other failure shows again.
@@ -18,4 +20,22 @@ int event_send(uint32_t event, const void* record, uint32_t size) {
   // After a failed write the close reports that failure.
   storage_write_all(file, record, size);
   return storage_close(file);
+}
+
+// Writes over a record of the same size, which needs no room on a full file system.
+int overwrite_record(const char* path, const void* record, uint32_t size) {
+  const int fd = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return -1;
+  struct stat status;
+  const bool fits = fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size == size;
+  const bool written = fits && pwrite(fd, record, size, 0) == static_cast<ssize_t>(size);
+  return close(fd) == 0 && written ? 0 : -1;
+}
+
+}  // namespace
+
+int event_send(uint32_t event, const void* record, uint32_t size) {
+  char path[64];
+  snprintf(path, sizeof path, kEventFileFormat, event);
+  return replace_record(path, record, size) == 0 ? 0 : overwrite_record(path, record, size);
 }

@@ -5,6 +5,7 @@
 
 #include "platform/cmdsockserver.h"
 #include "platform/daemon.h"
+#include "platform/em.h"
 #include "redundancy_health/frame/cleanup_thread.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/flight_recorder.h"
@@ -18,6 +19,7 @@ int32_t g_cmd_socket_num = 2006;
 
 int daemon_main(int, char**) {
   LOG(6, "Starting cluster_sync_daemon");
+  check_em_number();
   init_context(&g_context);
   // A worker may outlive this function, so its server stays, known to the end.
   static CmdServer* cmd_server;

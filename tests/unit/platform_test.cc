@@ -2,6 +2,7 @@
 
 #include "platform/daemon.h"
 #include "platform/em.h"
+#include "platform/event.h"
 #include "platform/storage.h"
 #include "platform/util.h"
 #include "tests/unit/platform_support.h"
@@ -104,6 +105,38 @@ TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   EXPECT_EQ(errno, ENOSPC);
   EXPECT_EQ(read_file("/mnt/disk/file"), "new text");
   EXPECT_EQ(names_in("/mnt/disk"), std::set<std::string>{"file"});
+}
+
+// The alarm must be told on a full file system, too: what fills it may be what the alarm is about.
+TEST(Event, IsReplacedWithoutRoomForATemporary) {
+  const Mount full("/var/run/em", "size=16k");
+  const std::string record = "/var/run/em/events/0x80000702", healthy(1036, 'h'), ill(1036, 'i');
+  ASSERT_EQ(event_send(0x80000702, healthy.data(), 1036), 0);
+  write_file("/var/run/em/filler", std::string(65536, 'x'));
+  EXPECT_EQ(event_send(0x80000702, ill.data(), 1036), 0);
+  EXPECT_EQ(read_file(record), ill);
+  EXPECT_NE(event_send(0x80000702, ill.data(), 1035), 0) << "a record of another size stays whole";
+  EXPECT_EQ(read_file(record), ill);
+  EXPECT_EQ(names_in("/var/run/em/events").size(), 1u);
+}
+
+TEST(Em, ANumberThatIsNoneIsQuoted) {
+  mkdir("/var/run/em", 0755);
+  const std::tuple<const char*, uint32_t, const char*> rows[] = {
+      {nullptr, 2, ""},          {"1\n", 2, ""},    {" 2 \n", 1, ""},        {"", 2, "''"},
+      {"banana", 2, "'banana'"}, {"12", 2, "'12'"}, {"2\n2", 2, "'2\\x0a2'"}};
+  for (const auto& [text, mate, quoted] : rows) {
+    SCOPED_TRACE(text != nullptr ? text : "missing");
+    if (text != nullptr) write_file("/var/run/em/number", text);
+    EXPECT_EQ(get_my_mate_em_num(), mate);
+    debug_log_to_stdout(1);
+    testing::internal::CaptureStdout();
+    check_em_number();
+    debug_log_to_stdout(0);
+    const std::string line = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(line.starts_with("<3> "), *quoted != '\0');
+    EXPECT_NE(line.find(quoted), std::string::npos) << line;
+  }
 }
 
 TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
