@@ -48,6 +48,15 @@ int create_temporary(const std::string& directory, mode_t mode, std::string* nam
   return fail(EEXIST);
 }
 
+// The directory that holds the name `path`, with its slash.
+std::string directory_of(const char* path) {
+  std::string directory = path;
+  while (directory.size() > 1 && directory.back() == '/')
+    directory.pop_back();
+  directory.resize(directory.rfind('/') + 1);
+  return directory.empty() ? "./" : directory;
+}
+
 int open_to_sync(const char* path) {
   return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
@@ -144,9 +153,15 @@ int storage_sync_content(const char* path) {
 }
 
 int storage_sync_name(const char* path) {
-  std::string directory = path;
-  while (directory.size() > 1 && directory.back() == '/')
-    directory.pop_back();
-  directory.resize(directory.rfind('/') + 1);
-  return sync_and_close(open_to_sync(directory.empty() ? "." : directory.c_str()), fsync);
+  return sync_and_close(open_to_sync(directory_of(path).c_str()), fsync);
+}
+
+bool storage_can_rename(const char* source, const char* destination) {
+  struct statx from, to;
+  if (statx(AT_FDCWD, directory_of(source).c_str(), 0, STATX_MNT_ID, &from) != 0 ||
+      statx(AT_FDCWD, directory_of(destination).c_str(), 0, STATX_MNT_ID, &to) != 0) {
+    return true;
+  }
+  return from.stx_dev_major == to.stx_dev_major && from.stx_dev_minor == to.stx_dev_minor &&
+         from.stx_mnt_id == to.stx_mnt_id;
 }

@@ -48,6 +48,10 @@ int storage_open(int kind, const char* path, int flags, StorageHandle** handle);
 int storage_write_all(StorageHandle* handle, const void* data, size_t size);
 int storage_close(StorageHandle* handle);
 
+// False when a rename from `source` to `destination` must fail with EXDEV: another file system, or
+// another mount of the same one. True when that cannot be told.
+bool storage_can_rename(const char* source, const char* destination);
+
 // What the next two return for is on the disk afterwards and survives a loss of power. 0, or
 // non-zero with errno set. On file systems in memory they cost next to nothing.
 

@@ -77,22 +77,23 @@ bool delete_destination(SyncContext* ctx, const char* destination) {
   return false;
 }
 
-// Returns 0 or an error number. What takes the destination's place is on the disk before it does;
-// the digest cache file of the old destination goes in any case, and first: whoever ends the daemon
-// between the two would leave digests that fit a file of the same size and second.
+// Returns 0 or an error number. What takes the destination's place is on the disk before it does. A
+// source that cannot get there is not synced first: that takes as long as the medium wants.
+int sync_and_rename(const char* source, const char* destination) {
+  stats.n_atomic_updates_from_self += 1;
+  if (!storage_can_rename(source, destination)) return EXDEV;
+  return storage_sync_content(source) == 0 && rename(source, destination) == 0 ? 0 : errno;
+}
+
+// Returns 0 or an error number. The digest cache file of the old destination goes in any case, and
+// first: whoever ends the daemon between the two would leave digests that fit a file of the same
+// size and second.
 int rename_onto(const char* source, const char* destination) {
-  int error = check_destination(destination);
+  const int error = check_destination(destination);
   if (error != 0) return error;
   remove_digest_file(destination);
-  if (have_error_injection(g_diag_params.fail_rename_path, destination)) {
-    error = EDOM;
-  } else if (storage_sync_content(source) != 0) {
-    error = errno;
-  } else {
-    if (rename(source, destination) != 0) error = errno;
-    stats.n_atomic_updates_from_self += 1;
-  }
-  return error;
+  if (have_error_injection(g_diag_params.fail_rename_path, destination)) return EDOM;
+  return sync_and_rename(source, destination);
 }
 
 // The new name first: a file that is lost under both would be gone.

@@ -65,6 +65,8 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
        own + "e/f",
        {"d: ", "replicated_: old"},
        1},
+      // What cannot get there is not brought to the disk first. /mnt is another file system.
+      {[&] { request("/run/d/f" + nul + own + "d/f" + nul); }, own + "d/f", {}},
       {[&] { request(nul + own + "d/f" + nul); }, own + "d/f", {"d: "}, 0},
       {[&] { receive(MSG_UPDATE_REQ, update(PUSH_REQ, 0, "n/f", 0, 3, 3, "new")); },
        tree_path(0, "n/f"),
@@ -90,6 +92,8 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
         make_file(root, "d/f", "old");
       for (const uint32_t root : {0u, 1u})
         make_file(root, "d/.$SyncDigest$f", "");
+      mkdir("/run/d", 0755);
+      write_file("/run/d/f", "elsewhere");
       ctx->cur_state = ST_UNLOCKED;
       reset_cpg_result(ctx);
       ctx->rpc_result = ctx->cpg_result;
