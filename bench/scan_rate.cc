@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/tree_scan.h"
 
 namespace {

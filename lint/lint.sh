@@ -1,7 +1,7 @@
 #!/bin/bash
 # Static checks of the whole repository. Needs a configured build directory with the compiler's
 # command lines, clang-format-14, clang-tidy-14, cppcheck and shellcheck. The first check, of our
-# own, is that includes run down.
+# own, is that includes run down and in no circle.
 #
 #   lint/lint.sh BUILD_DIRECTORY
 #
@@ -28,9 +28,14 @@ ROOMS="platform frame catalog transport transfer exchange rpc"
 UPWARD='
   frame/daemon_main.cc:*
   transport/sync_thread.cc:*
-  exchange/state_machine.cc:rpc/rpc_service.h
   catalog/digest_file.cc:transport/exchange_outcome.h
 '
+# Within a room no module includes itself by way of others, but where the protocol recurses.
+CIRCLES='
+  transport/cpg_message.cc:transport/exchange_outcome.h
+'
+# What runs on the callers' threads knows nothing of what runs on the replicating one.
+RPC_INCLUDES='^rpc/[^:]*:(redundancy_health/)?(rpc|frame|platform)/'
 # Nobody includes the roof but who starts it.
 ROOF='(daemon_main|sync_thread)\.h'
 STARTERS='frame/main.cc:|daemon_main.cc:|sync_thread.cc:'
@@ -99,7 +104,30 @@ includes() {
       failed = 1
     }
     END { exit failed }' "$build/includes.txt" &&
-    ! grep -E ":.*$ROOF" "$build/includes.txt" | grep -vE "$STARTERS"
+    ! grep -E ":.*$ROOF" "$build/includes.txt" | grep -vE "$STARTERS" &&
+    ! grep '^rpc/' "$build/includes.txt" | grep -vE "$RPC_INCLUDES" &&
+    circles
+}
+
+# Takes away, again and again, the modules that include none of those that are left, or are included
+# by none: what stays is a circle.
+circles() {
+  awk -F : -v named="$UPWARD $CIRCLES" '
+    function module(file) { sub(/\.(h|cc)$/, "", file); return file }
+    function room(file) { sub(/\/.*/, "", file); return file }
+    BEGIN { split(named, lines, " "); for (i in lines) except[lines[i]] }
+    !($0 in except) && room($1) == room($2) && module($1) != module($2) {
+      from[NR] = module($1); to[NR] = module($2); left[module($1)]; line[NR] = $0
+    }
+    END {
+      do {
+        delete includes; delete included; gone = 0
+        for (i in from) if (from[i] in left && to[i] in left) { includes[from[i]]; included[to[i]] }
+        for (m in left) if (!(m in includes && m in included)) { delete left[m]; gone = 1 }
+      } while (gone)
+      for (i in from) if (from[i] in left && to[i] in left) { print "in a circle: " line[i]; failed = 1 }
+      exit failed
+    }' "$build/includes.txt"
 }
 
 check includes

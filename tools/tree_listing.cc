@@ -12,9 +12,8 @@
 
 #include <algorithm>
 
-#include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
-#include "redundancy_health/catalog/tree_scan.h"
+#include "redundancy_health/catalog/roots.h"
 #include "tools/output.h"
 
 namespace {

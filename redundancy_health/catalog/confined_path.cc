@@ -9,9 +9,7 @@
 
 #include <string>
 
-#include "redundancy_health/catalog/digest_file.h"
-#include "redundancy_health/catalog/file_entry.h"
-#include "redundancy_health/catalog/tree_scan.h"
+#include "redundancy_health/catalog/roots.h"
 
 namespace {
 
@@ -35,14 +33,6 @@ bool leaves_room_for_prefix(size_t name_length) {
 }
 
 }  // namespace
-
-uint32_t root_of_path(const char* path) {
-  uint32_t root_index = 0;
-  while (root_index < kRootCount &&
-         strncmp(path, root_paths[root_index], strlen(root_paths[root_index])) != 0)
-    ++root_index;
-  return root_index;
-}
 
 bool split_tree_path(const char* path, TreePath* place) {
   place->root_index = root_of_path(path);

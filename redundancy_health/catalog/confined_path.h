@@ -15,9 +15,6 @@ struct TreePath {
   const char* relative_path;  // points into the path it was made from
 };
 
-// The root that an absolute path begins with, as text, or kRootCount.
-uint32_t root_of_path(const char* path);
-
 // Takes an absolute path apart. False when it lies below no root, is a root itself or has a ".."
 // component.
 bool split_tree_path(const char* path, TreePath* place);

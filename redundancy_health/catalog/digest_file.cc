@@ -10,6 +10,7 @@
 #include <string>
 
 #include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/scan_failure.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/statistics.h"
@@ -182,10 +183,6 @@ FILE* create_digest_file(const ScannedFile& data, int data_fd) {
 }
 
 }  // namespace
-
-bool is_digest_name(const char* name) {
-  return strncmp(name, kDigestPrefix, kPrefixLength) == 0;
-}
 
 char* compute_digest_path(const char* path) {
   const char* slash = strrchr(path, '/');

@@ -10,14 +10,9 @@
 // with its size, its modification second and one line per chunk, which stands in for the data file
 // as long as size and second are the same. Everything here runs on sync_thread.
 
-constexpr char kDigestPrefix[] = ".$SyncDigest$";
-
 // The path of the digest cache file of `path` (a bare name gives a bare name), or null when the
 // last component already is one. The caller frees it.
 extern "C" __attribute__((visibility("default"))) char* compute_digest_path(const char* path);
-
-// Whether a name (no path) is that of a digest cache file.
-bool is_digest_name(const char* name);
 
 // Removes the digest cache file of a data file that is about to change, or has changed; a failure
 // other than ENOENT is only logged. True when it has removed one.

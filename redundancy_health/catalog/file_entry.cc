@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/frame/check.h"
 
 namespace {
@@ -15,43 +16,6 @@ char* put_hex8(char* out, uint32_t value) {
 }
 
 }  // namespace
-
-const char* const root_paths[kRootCount] = {
-    "/mnt/part.persistent/replicated_by_active_em/",
-    "/mnt/part.persistent/replicated_by_this_em/",
-    "/mnt/part.persistent/replicated_by_other_em/",
-    "/var/run/replicated_by_active_em/",
-};
-
-bool is_shared_root(uint32_t root_index) {
-  return root_index == kActivePersistentRoot || root_index == kActiveVolatileRoot;
-}
-
-uint32_t peer_root_index(uint32_t root_index) {
-  switch (root_index) {
-    case kThisEmRoot:
-      return kOtherEmRoot;
-    case kOtherEmRoot:
-      return kThisEmRoot;
-    default:
-      return root_index;
-  }
-}
-
-uint32_t tag_root_index(char tag) {
-  switch (tag) {
-    case 'A':
-      return kActivePersistentRoot;
-    case 'Q':
-      return kThisEmRoot;
-    case 'P':
-      return kOtherEmRoot;
-    case 'V':
-      return kActiveVolatileRoot;
-    default:
-      return kRootCount;
-  }
-}
 
 const char* update_type_name(uint32_t update_type) {
   static const char* const names[] = {"PULL_REQ",     "PULL_ACK",     "PUSH_REQ", "PUSH_ACK",

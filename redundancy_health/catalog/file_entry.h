@@ -6,25 +6,6 @@
 
 #include "redundancy_health/frame/sync_context.h"
 
-// The replicated roots, indexed by root_index. Every path ends in "/".
-constexpr uint32_t kActivePersistentRoot = 0;  // written by the active EM
-constexpr uint32_t kThisEmRoot = 1;            // this EM's own tree
-constexpr uint32_t kOtherEmRoot = 2;           // the copy of the peer's own tree
-constexpr uint32_t kActiveVolatileRoot = 3;    // written by the active EM
-constexpr uint32_t kRootCount = 4;
-extern const char* const root_paths[kRootCount];
-
-// True for the trees that the active EM writes.
-bool is_shared_root(uint32_t root_index);
-
-// The other EM's index of the tree that is `root_index` here, and the other way round: its own tree
-// is this EM's copy of it.
-uint32_t peer_root_index(uint32_t root_index);
-
-// The requester's root of a listing line's tag letter, or kRootCount for every other letter. The
-// responder's own tree ('P') is the requester's copy, and the other way round ('Q').
-uint32_t tag_root_index(char tag);
-
 // What is to be done with an entry, and the type of an update message.
 enum UpdateType : uint32_t {
   PULL_REQ = 0,  // fetch this chunk from the peer

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/scan_failure.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"

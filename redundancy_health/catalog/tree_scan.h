@@ -3,9 +3,6 @@
 
 #include "redundancy_health/catalog/file_entry.h"
 
-constexpr int kMaxScanDepth = 16;              // of directories; a root has depth 0
-constexpr char kTempPrefix[] = "TempUpdate_";  // of names that are never replicated
-
 // Lists every regular file of the four replicated roots, chunk by chunk with SHA-1 (FIPS 180-4),
 // and pushes each chunk's entry, listing line made, at the head of `list` (empty at first). Above
 // kMaxScanDepth levels, names that begin with kTempPrefix and everything but regular files and

@@ -10,6 +10,7 @@
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/rpc_request.h"

@@ -1,17 +1,16 @@
 #include "redundancy_health/exchange/state_machine.h"
 
 #include "platform/em.h"
-#include "redundancy_health/catalog/confined_path.h"
-#include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/listing.h"
+#include "redundancy_health/exchange/local_request.h"
 #include "redundancy_health/exchange/reconcile.h"
 #include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/statistics.h"
-#include "redundancy_health/rpc/rpc_service.h"
 #include "redundancy_health/transfer/incoming.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -88,7 +87,7 @@ void on_lock_granted(SyncContext* ctx, const Event& event) {
   fail_change_without_rights(ctx);
   CHECKPOINT(ctx);
   if ((ctx->cpg_membership_flags & kPeerMember) == 0) {
-    end_exchange_full(ctx, RESULT_OK, nullptr);  // nobody to synchronise with
+    end_exchange(ctx);  // nobody to synchronise with
     return;
   }
   ctx->cur_state = ST_LISTREQ;
@@ -191,7 +190,7 @@ void take_peer_failure(SyncContext* ctx, const RpcResult& result) {
   ctx->cpg_result.local_ok = 1;
   ctx->cpg_result.reason[sizeof(result.reason) - 1] = '\0';  // the peer's bytes
   LOG(3, "%s", ctx->cpg_result.reason);
-  end_exchange_full(ctx, RESULT_OK, nullptr);
+  end_exchange(ctx);
 }
 
 void on_update_ack(SyncContext* ctx, const Event& event) {
@@ -240,7 +239,7 @@ void on_join_while_unlocked(SyncContext* ctx) {
   if (self_joined && peer_joined) {
     request_initial_sync(ctx);
   } else if (peer_joined) {
-    end_exchange_full(ctx, RESULT_OK, nullptr);  // the release frees the newcomer
+    end_exchange(ctx);  // the release frees the newcomer
     request_initial_sync(ctx);
   } else if (self_joined && (ctx->cpg_membership_flags & kPeerMember) != 0) {
     ctx->cur_state = ST_PEERLOCK;  // until the peer, seeing the join, releases
@@ -268,7 +267,7 @@ void on_cpg_joined(SyncContext* ctx) {
 // Whatever ran is abandoned; what was recorded so far stands.
 void on_cpg_left(SyncContext* ctx) {
   ctx->state_time = get_uptime();
-  end_exchange_full(ctx, RESULT_OK, nullptr);
+  end_exchange(ctx);
 }
 
 void handle_command(SyncContext* ctx, const Event& event) {
@@ -338,6 +337,13 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
   LOG(7, "Exit  state change: %-12s %s:%-16s %-16s id=%u.%u", sync_state_name(ctx->cur_state),
       origin, sync_command_name(command), rpc_stage_name(ctx->rpc_stage), ctx->cur_exchange_id,
       ctx->cur_sequence_id);
+}
+
+void on_sync_rpc_update(SyncContext* ctx) {
+  if (!apply_local_request(ctx)) return;
+  // The event makes the request pending, unless the state machine is frozen and drops it.
+  on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
+  if (ctx->cur_state == ST_UNLOCKED) mark_applied(ctx);
 }
 
 const char* sync_state_name(uint32_t state) {

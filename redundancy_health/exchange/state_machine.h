@@ -17,6 +17,10 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
                           const CpgHeader* cpg_header, const uint8_t* payload,
                           uint32_t payload_size);
 
+// Serves the request of rpc_msg: applies it locally and starts the exchange that takes it to the
+// peer, or completes it with an error. In ST_UNLOCKED, on sync_thread.
+void on_sync_rpc_update(SyncContext* ctx);
+
 // "ST_UNLOCKED" to "ST_DONE", "ST_???" above.
 const char* sync_state_name(uint32_t state);
 

@@ -1,11 +1,16 @@
 #include "redundancy_health/frame/flight_recorder.h"
 
+#include <stdlib.h>
 #include <string.h>
 
-#include "redundancy_health/frame/log.h"
+#include "platform/util.h"
+#include "redundancy_health/frame/check.h"
 
 FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
                                     SIMPLEQ_HEAD_INITIALIZER(g_flight_recorder.entries), 500, 0, 0};
+
+// The recorder is below the log, which fills it.
+#define PLATFORM_LINE(...) DbgOutput(__FILE__, __LINE__, __func__, 3, __VA_ARGS__)
 
 namespace {
 
@@ -31,9 +36,8 @@ void record_line(int level, int dump, const char* text, size_t length) {
   if (!g_flight_recorder.paused) {
     if (g_flight_recorder.max_entries != 0) append_line(text, length);
     if (level <= 3 && (dump & 1) != 0) {
-      LOG_PLATFORM_ONLY(3,
-                        "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. "
-                        "=====");
+      PLATFORM_LINE(
+          "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. =====");
       dump_flight_recorder();
       g_flight_recorder.paused = 1;
     }
@@ -49,7 +53,7 @@ void record_line(int level, int dump, const char* text, size_t length) {
 void dump_flight_recorder() {
   FlightRecorderEntry* entry;
   SIMPLEQ_FOREACH(entry, &g_flight_recorder.entries, next) {
-    LOG_PLATFORM_ONLY(3, "%s", entry->text);
+    PLATFORM_LINE("%s", entry->text);
   }
 }
 

@@ -11,8 +11,4 @@
 // number at once.
 void on_rpc_update(RpcResult* result, const uint8_t* message, uint32_t size);
 
-// The sync side: applies the request of rpc_msg locally and starts the exchange that takes it to
-// the peer, or completes it with an error. In ST_UNLOCKED, on sync_thread.
-void on_sync_rpc_update(SyncContext* ctx);
-
 #endif  // RPC_RPC_SERVICE_H_

@@ -1,6 +1,7 @@
 #include "redundancy_health/transfer/clear_way.h"
 
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,7 +9,9 @@
 #include <filesystem>
 #include <string>
 
-#include "redundancy_health/catalog/file_entry.h"
+#include "platform/storage.h"
+#include "redundancy_health/catalog/roots.h"
+#include "redundancy_health/frame/check.h"
 
 namespace {
 
@@ -38,6 +41,11 @@ int clear_target(const std::string& path, bool in_place) {
   return error.value();
 }
 
+// Returns 0 when the directory is new, and on the disk, else an error number.
+int make_directory(const char* path) {
+  return mkdir(path, 0755) == 0 && storage_sync_name(path) == 0 ? 0 : errno;
+}
+
 }  // namespace
 
 int clear_way(uint32_t root_index, const char* path, bool in_place, bool* parent_stands) {
@@ -51,4 +59,24 @@ int clear_way(uint32_t root_index, const char* path, bool in_place, bool* parent
     above[slash] = '/';
   }
   return clear_target(path, in_place);
+}
+
+int ensure_parent_directory(const char* path) {
+  CHECK_NOT_NULL(path);
+  if (path[0] != '/') return ENOENT;
+  char* mpath = strdup(path);
+  CHECK_NOT_NULL(mpath);
+  char* end = strrchr(mpath, '/');
+  while (end > mpath && end[-1] == '/')
+    --end;
+  *end = '\0';
+  int error = *mpath == '\0' ? 0 : make_directory(mpath);
+  if (error == EEXIST) {
+    error = 0;
+  } else if (error == ENOENT) {
+    error = ensure_parent_directory(mpath);
+    if (error == 0) error = make_directory(mpath);
+  }
+  free(mpath);
+  return error;
 }

@@ -12,4 +12,7 @@
 // `path` begins with the root `root_index` and has no ".." behind it.
 int clear_way(uint32_t root_index, const char* path, bool in_place, bool* parent_stands);
 
+// Creates the missing directories above an absolute path, mode 0755. Returns 0 or an error number.
+int ensure_parent_directory(const char* path);
+
 #endif  // TRANSFER_CLEAR_WAY_H_

@@ -10,6 +10,8 @@
 #include "platform/em.h"
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -202,11 +204,6 @@ void delete_file(const FileEntry* local, RpcResult* result) {
   }
 }
 
-// Returns 0 when the directory is new, and on the disk, else an error number.
-int make_directory(const char* path) {
-  return mkdir(path, 0755) == 0 && storage_sync_name(path) == 0 ? 0 : errno;
-}
-
 // Carries an update out and answers a request. `local` names the file in this EM's numbering,
 // `remote` in the sender's.
 void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, FileEntry* remote) {
@@ -261,24 +258,4 @@ void on_update_chunk(SyncContext* ctx, const uint8_t* payload, uint32_t payload_
   apply_update(ctx, update, local, remote);
   free_file_entry(local);
   free_file_entry(remote);
-}
-
-int ensure_parent_directory(const char* path) {
-  CHECK_NOT_NULL(path);
-  if (path[0] != '/') return ENOENT;
-  char* mpath = strdup(path);
-  CHECK_NOT_NULL(mpath);
-  char* end = strrchr(mpath, '/');
-  while (end > mpath && end[-1] == '/')
-    --end;
-  *end = '\0';
-  int error = *mpath == '\0' ? 0 : make_directory(mpath);
-  if (error == EEXIST) {
-    error = 0;
-  } else if (error == ENOENT) {
-    error = ensure_parent_directory(mpath);
-    if (error == 0) error = make_directory(mpath);
-  }
-  free(mpath);
-  return error;
 }

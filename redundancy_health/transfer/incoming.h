@@ -11,7 +11,4 @@
 // On sync_thread.
 void on_update_chunk(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size);
 
-// Creates the missing directories above an absolute path, mode 0755. Returns 0 or an error number.
-int ensure_parent_directory(const char* path);
-
 #endif  // TRANSFER_INCOMING_H_

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -147,5 +148,5 @@ void update_next_chunk(SyncContext* ctx) {
     free_file_entry(entry);
     return;
   }
-  end_exchange_full(ctx, RESULT_OK, nullptr);
+  end_exchange(ctx);
 }

@@ -65,7 +65,7 @@ void send_cpg_command(SyncContext* ctx, uint32_t command, uint32_t flags, const 
                            "Call to cpg_mcast_joined failed with code %d", rc);
     LOG(3, "%s", ctx->cpg_result.reason);
   }
-  if ((flags & FLAG_NO_END) == 0) end_exchange_full(ctx, RESULT_OK, nullptr);
+  if ((flags & FLAG_NO_END) == 0) end_exchange(ctx);
 }
 
 void check_header_ids(SyncContext* ctx, uint32_t exchange_id, const uint32_t* sequence_id,

@@ -105,6 +105,10 @@ void end_exchange_full(SyncContext* ctx, uint32_t flags, const char* format, ...
   va_end(args);
 }
 
+void end_exchange(SyncContext* ctx) {
+  end_exchange_full(ctx, RESULT_OK, nullptr);
+}
+
 void end_exchange_error(SyncContext* ctx, const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -38,6 +38,8 @@ void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, v
     __attribute__((format(printf, 3, 0)));
 void end_exchange_full(SyncContext* ctx, uint32_t flags, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+// The form for an outcome that is recorded already, a success or a failure.
+void end_exchange(SyncContext* ctx);
 // The form for errors inside an exchange.
 void end_exchange_error(SyncContext* ctx, const char* format, ...)
     __attribute__((format(printf, 2, 3)));

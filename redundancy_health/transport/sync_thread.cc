@@ -11,7 +11,6 @@
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/sync_context.h"
-#include "redundancy_health/rpc/rpc_service.h"
 #include "redundancy_health/transport/cpg_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 

@@ -16,6 +16,7 @@
 #include "platform/em.h"
 #include "platform/util.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/sync_context.h"

@@ -20,11 +20,11 @@
 
 #include "platform/cmdsockserver.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/reconcile.h"
 #include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/rpc/diagnostics.h"
-#include "redundancy_health/rpc/rpc_service.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"

@@ -5,6 +5,7 @@
 
 #include "platform/util.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/flight_recorder.h"

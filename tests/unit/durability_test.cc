@@ -1,7 +1,7 @@
 // What is brought to the disk, when, and what is told when that fails.
 
 #include "redundancy_health/exchange/reconcile.h"
-#include "redundancy_health/rpc/rpc_service.h"
+#include "redundancy_health/exchange/state_machine.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // A whole exchange message by message, in both roles. Then one fault at every message: the caller's
 // answer stays true, nothing is stuck beyond the short timeout, and the next exchange succeeds.
 
-#include "redundancy_health/rpc/rpc_service.h"
+#include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "tests/unit/daemon_support.h"
 

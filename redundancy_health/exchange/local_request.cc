@@ -1,0 +1,157 @@
+#include "redundancy_health/exchange/local_request.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "platform/em.h"
+#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/roots.h"
+#include "redundancy_health/exchange/rpc_request.h"
+#include "redundancy_health/frame/diag_params.h"
+#include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transport/exchange_outcome.h"
+
+namespace {
+
+// A printable form of the first bytes of a message, for the log.
+void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) {
+  size_t length = 0;
+  text[0] = '\0';
+  for (uint32_t i = 0; i < size && length <= 94; ++i) {
+    const bool printable = message[i] >= 0x20 && message[i] <= 0x7E;
+    length += static_cast<size_t>(
+        snprintf(text + length, sizeof(text) - length, printable ? "%c" : "\\x%02x", message[i]));
+  }
+}
+
+// Completes the waiting request with an error; no exchange runs, and no later one hears of it. The
+// caller wakes: its bytes are not to be touched afterwards.
+#define REFUSE(ctx, code, ...)                                                      \
+  do {                                                                              \
+    end_exchange_full(ctx, code, __VA_ARGS__);                                      \
+    LOG_AS(__func__, 3, !(ctx)->cpg_result.benign, "%s", (ctx)->cpg_result.reason); \
+    reset_cpg_result(ctx);                                                          \
+  } while (0)
+
+// The reason why a destination is none that is replicated to the peer: an error number, or 0.
+int check_destination(const char* destination) {
+  TreePath place;
+  const int error = check_tree_path(destination, &place);
+  return error == 0 && place.root_index == kOtherEmRoot ? EPERM : error;
+}
+
+// Completes a request whose change stands, but may not outlive a loss of power. It is a failed
+// exchange: the next one takes the change to the peer.
+#define FAIL_APPLIED(ctx, ...)            \
+  do {                                    \
+    mark_applied(ctx);                    \
+    end_exchange_error(ctx, __VA_ARGS__); \
+  } while (0)
+
+bool delete_destination(SyncContext* ctx, const char* destination) {
+  static constexpr char kFailed[] = "Could not delete file (%s): %s";
+  LOG(7, "SYNC RPC delete: dest=%s", destination);
+  int error = check_destination(destination);
+  if (error == 0 && unlink(destination) != 0) error = errno;
+  if (error != 0) {
+    REFUSE(ctx, error == ENOENT ? RESULT_REFUSED_BENIGN : RESULT_REFUSED, kFailed, strerror(error),
+           destination);
+    return false;
+  }
+  if (storage_sync_name(destination) == 0) return true;
+  FAIL_APPLIED(ctx, kFailed, strerror(errno), destination);
+  return false;
+}
+
+// Returns 0 or an error number. What takes the destination's place is on the disk before it does. A
+// source that cannot get there is not synced first: that takes as long as the medium wants.
+int sync_and_rename(const char* source, const char* destination) {
+  stats.n_atomic_updates_from_self += 1;
+  if (!storage_can_rename(source, destination)) return EXDEV;
+  return storage_sync_content(source) == 0 && rename(source, destination) == 0 ? 0 : errno;
+}
+
+// Returns 0 or an error number. The digest cache file of the old destination goes in any case, and
+// first: whoever ends the daemon between the two would leave digests that fit a file of the same
+// size and second.
+int rename_onto(const char* source, const char* destination) {
+  const int error = check_destination(destination);
+  if (error != 0) return error;
+  remove_digest_file(destination);
+  if (have_error_injection(g_diag_params.fail_rename_path, destination)) return EDOM;
+  return sync_and_rename(source, destination);
+}
+
+// The new name first: a file that is lost under both would be gone.
+bool sync_names(const char* source, const char* destination) {
+  if (storage_sync_name(destination) != 0) return false;
+  const size_t length = static_cast<size_t>(strrchr(destination, '/') + 1 - destination);
+  const bool same_directory =
+      strncmp(source, destination, length) == 0 && strchr(source + length, '/') == nullptr;
+  return same_directory || storage_sync_name(source) == 0;
+}
+
+bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
+  static constexpr char kFailed[] = "Could not update file (%s): %s";
+  LOG(7, "SYNC RPC rename: src=%s dest=%s", request.source, request.destination);
+  const int error = rename_onto(request.source, request.destination);
+  if (error != 0) {
+    REFUSE(ctx, RESULT_REFUSED, kFailed, strerror(error), request.destination);
+    return false;
+  }
+  if (sync_names(request.source, request.destination)) return true;
+  FAIL_APPLIED(ctx, kFailed, strerror(errno), request.destination);
+  return false;
+}
+
+// Applies a request to the local trees. False when it was completed with an error.
+bool apply_request(SyncContext* ctx, const RpcRequest& request) {
+  const char* destination = request.destination;
+  if (strstr(destination, kDigestPrefix) != nullptr) {
+    REFUSE(ctx, RESULT_REFUSED_BENIGN,
+           "Could not update file '%s': Paths cannot contain digest prefix", destination);
+    return false;
+  }
+  ctx->cur_exchange_em_is_active = this_em_is_active();
+  if (!ctx->cur_exchange_em_is_active && is_shared_root(root_of_path(destination))) {
+    REFUSE(ctx, RESULT_REFUSED_NOT_ACTIVE, kNotActiveFormat, destination);
+    return false;
+  }
+  if (*request.source != '\0') return rename_to_destination(ctx, request);
+  if (*destination != '\0') return delete_destination(ctx, destination);
+  LOG(7, "SYNC running explicit sync request");
+  return true;
+}
+
+}  // namespace
+
+void mark_applied(SyncContext* ctx) {
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  if (ctx->rpc_stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+}
+
+bool apply_local_request(SyncContext* ctx) {
+  ctx->state_time = get_uptime();
+  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  const bool requested = ctx->rpc_stage == RPC_REQUESTING;
+  const uint8_t* message = ctx->rpc_msg;
+  const uint32_t size = ctx->current_rpc_size;
+  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  // A wake-up can outlive its request, whose bytes then are gone with its caller.
+  if (!requested) return false;
+  RpcRequest request;
+  if (!parse_rpc_request(message, size, &request)) {
+    char text[100];
+    format_printable(message, size, text);
+    LOG(3, "Bad RPC message data: size=%u [%s]", size, text);
+    REFUSE(ctx, RESULT_REFUSED, "Received unparseable RPC message");
+    return false;
+  }
+  return apply_request(ctx, request);
+}
