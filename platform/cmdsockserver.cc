@@ -14,6 +14,7 @@
 
 #include <vector>
 
+#include "platform/descriptor.h"
 #include "platform/util.h"
 
 struct CmdRsp {
@@ -57,6 +58,10 @@ sockaddr_un socket_address(int number) {
   return address;
 }
 
+Descriptor open_socket() {
+  return Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
 // Removes a socket file that nobody listens on. Returns false with errno set when the path is
 // taken by something else.
 bool remove_stale_socket(const sockaddr_un& address) {
@@ -66,12 +71,10 @@ bool remove_stale_socket(const sockaddr_un& address) {
     errno = EEXIST;
     return false;
   }
-  const int probe = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (probe < 0) return false;
-  const int rc = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  const bool stale = rc != 0 && errno == ECONNREFUSED;
-  close(probe);
-  if (!stale) {
+  const Descriptor probe = open_socket();
+  if (!probe.is_open()) return false;
+  const int rc = connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  if (rc == 0 || errno != ECONNREFUSED) {
     errno = EADDRINUSE;
     return false;
   }
@@ -82,17 +85,14 @@ int listen_on(int number) {
   const sockaddr_un address = socket_address(number);
   mkdir("/var/run/em", 0755);
   if (!remove_stale_socket(address)) return -1;
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
+  Descriptor listener = open_socket();
+  if (!listener.is_open()) return -1;
   // bind(2) gives the file the mode of the descriptor, so it is never open to others; the chmod
   // only undoes a umask that would take the owner's bits away.
-  if (fchmod(fd, 0600) == 0 &&
-      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-      chmod(address.sun_path, 0600) == 0 && listen(fd, kListenBacklog) == 0)
-    return fd;
-  const int error = errno;
-  close(fd);
-  errno = error;
+  if (fchmod(listener.get(), 0600) == 0 &&
+      bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+      chmod(address.sun_path, 0600) == 0 && listen(listener.get(), kListenBacklog) == 0)
+    return listener.release();
   return -1;
 }
 
@@ -194,8 +194,8 @@ bool start_worker(Connection* connection) {
 
 void accept_connection(CmdServer* server) {
   // cppcheck-suppress nullPointer; nobody asks for the address
-  const int fd = accept4(server->listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd < 0) {
+  Descriptor accepted(accept4(server->listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
+  if (!accepted.is_open()) {
     // Without descriptors the listener stays readable: wait instead of spinning.
     pollfd stop = {server->stop_fd, POLLIN, 0};
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
@@ -203,15 +203,14 @@ void accept_connection(CmdServer* server) {
     return;
   }
   const timeval limit = {kSendSeconds, 0};
-  if (!peer_is_allowed(fd) || setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
-    close(fd);
+  if (!peer_is_allowed(accepted.get()) ||
+      setsockopt(accepted.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
     return;
   }
-  Connection* connection = take_slot(server, fd);
-  if (connection == nullptr)
-    close(fd);
-  else if (!start_worker(connection))
-    free_slot(connection);
+  Connection* connection = take_slot(server, accepted.get());
+  if (connection == nullptr) return;
+  accepted.release();
+  if (!start_worker(connection)) free_slot(connection);
 }
 
 void accept_until_stopped(CmdServer* server) {
@@ -260,16 +259,15 @@ CmdConnections* make_connections() {
 }  // namespace
 
 CmdServer* cmd_server_create(int number, CmdHandler handler) {
-  const int stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  const int listen_fd = stop_fd < 0 ? -1 : listen_on(number);
+  Descriptor stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  const int listen_fd = stop.is_open() ? listen_on(number) : -1;
   if (listen_fd < 0) {
     DbgOutput(__FILE__, __LINE__, __func__, 3, "Could not create command socket '%s': %s",
               socket_address(number).sun_path, strerror(errno));
-    if (stop_fd >= 0) close(stop_fd);
     return nullptr;
   }
   // Never freed: a worker whose handler does not return may outlive the accepting thread.
-  return new CmdServer{pthread_t{}, number, listen_fd, stop_fd, handler, make_connections()};
+  return new CmdServer{pthread_t{}, number, listen_fd, stop.release(), handler, make_connections()};
 }
 
 int cmd_server_start(CmdServer* server) {

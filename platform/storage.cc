@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "platform/descriptor.h"
+
 // A replacement under way. After a failure `error` holds its errno and the temporary is gone.
 struct StorageHandle {
   int fd;
@@ -22,10 +24,6 @@ struct StorageHandle {
 namespace {
 
 constexpr int kNameAttempts = 100;
-
-constexpr uint32_t kCodeInExchange = 0x04 | 0x10;  // which begins after the local part
-constexpr uint32_t kCodeNoExchange = 0x20;
-constexpr uint32_t kCodeBenign = 0x08;
 
 int fail(int error) {
   errno = error;
@@ -62,12 +60,8 @@ int open_to_sync(const char* path) {
 }
 
 int sync_and_close(int fd, int (*sync)(int)) {
-  if (fd < 0) return -1;
-  const int rc = sync(fd);
-  const int error = errno;
-  close(fd);
-  errno = error;
-  return rc;
+  const Descriptor owned(fd);
+  return owned.is_open() ? sync(owned.get()) : -1;
 }
 
 // Gives the replacement up; the first failure's errno is the one that counts.
@@ -123,15 +117,8 @@ int storage_open(int kind, const char* path, int flags, StorageHandle** handle) 
 
 int storage_write_all(StorageHandle* handle, const void* data, size_t size) {
   if (handle->error != 0) return fail(handle->error);
-  const char* position = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t written = write(handle->fd, position, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return give_up(handle, written < 0 ? errno : EIO);
-    position += written;
-    size -= static_cast<size_t>(written);
-  }
-  return 0;
+  const int error = write_fully(handle->fd, data, size);
+  return error == 0 ? 0 : give_up(handle, error);
 }
 
 int storage_close(StorageHandle* handle) {
@@ -157,7 +144,8 @@ int storage_sync_name(const char* path) {
 }
 
 bool storage_can_rename(const char* source, const char* destination) {
-  struct statx from, to;
+  struct statx from;
+  struct statx to;
   if (statx(AT_FDCWD, directory_of(source).c_str(), 0, STATX_MNT_ID, &from) != 0 ||
       statx(AT_FDCWD, directory_of(destination).c_str(), 0, STATX_MNT_ID, &to) != 0) {
     return true;

@@ -22,11 +22,16 @@ static_assert(offsetof(RpcResult, remote_ok) == 2 && offsetof(RpcResult, benign)
 static_assert(offsetof(RpcResult, canceled) == 4 && offsetof(RpcResult, peer_present) == 8);
 static_assert(offsetof(RpcResult, reason) == 12);
 
+// Bits of the code from which a record is made.
+constexpr uint32_t kCodeInExchange = 0x04 | 0x10;  // either bit: found while an exchange runs
+constexpr uint32_t kCodeNoExchange = 0x20;         // found with no exchange running
+constexpr uint32_t kCodeBenign = 0x08;
+
 // Fills all 128 bytes of `*result`. Code 0 makes a success: success, local_ok and remote_ok are 1.
 // Any other code makes a failure: success and remote_ok are 0, canceled is 1, local_ok is 1 for a
-// failure inside an exchange, which begins after the local part was done (0x04 or 0x10 without
-// 0x20), benign is 1 when the code has 0x08, and `reason` is the formatted text cut to 115 bytes.
-// peer_present is 'N'. `format` may be null. Leaves errno as it was.
+// failure inside an exchange, which begins after the local part was done (kCodeInExchange without
+// kCodeNoExchange), benign is 1 with kCodeBenign, and `reason` is the formatted text cut to 115
+// bytes. peer_present is 'N'. `format` may be null. Leaves errno as it was.
 void storage_cfg_set_result(RpcResult* result, uint32_t code, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* format, va_list args)

@@ -15,6 +15,8 @@
 #include <atomic>
 #include <string>
 
+#include "platform/escape.h"
+
 namespace {
 
 constexpr int kDefaultLogLevel = 6;
@@ -48,22 +50,6 @@ int read_log_level() {
 bool level_is_logged(int level) {
   const int threshold = g_log_level.load(std::memory_order_relaxed);
   return level <= (threshold == kLogLevelUnread ? read_log_level() : threshold);
-}
-
-// A file name may hold any byte; a control byte in the text would break the line or the terminal.
-std::string escape_control_bytes(const char* text) {
-  std::string escaped;
-  for (; *text != '\0'; ++text) {
-    const unsigned char byte = static_cast<unsigned char>(*text);
-    if (byte >= 0x20 && byte != 0x7F) {
-      escaped += *text;
-    } else {
-      char code[5];
-      snprintf(code, sizeof code, "\\x%02x", byte);
-      escaped += code;
-    }
-  }
-  return escaped;
 }
 
 void write_to_stdout(int level, const char* function, int line, const std::string& text) {

@@ -6,6 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "platform/escape.h"
+
 namespace {
 
 constexpr int64_t kProgressIntervalMs = 200;
@@ -62,14 +64,7 @@ std::string json_string(const std::string& text) {
 }
 
 std::string printable(const std::string& text) {
-  std::string shown;
-  for (const char c : text) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    char code[5] = {c, '\0'};
-    if (byte < 0x20 || byte == 0x7F) snprintf(code, sizeof code, "\\x%02x", byte);
-    shown += code;
-  }
-  return shown;
+  return escape_control_bytes(text);
 }
 
 const char* json_bool(bool value) {

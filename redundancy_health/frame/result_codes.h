@@ -3,10 +3,11 @@
 
 #include <stdint.h>
 
+#include "platform/storage.h"
+
 // The number from which a result record is made is also the flags argument of the end of an
-// exchange, which reads some of its bits.
-constexpr uint32_t kCodeError = 0x02 | 0x04;  // either bit: an error is reported
-constexpr uint32_t kCodeNoExchange = 0x20;    // found with no exchange running: nothing to release
+// exchange, which reads some of its bits: with kCodeNoExchange there is nothing to release.
+constexpr uint32_t kCodeError = 0x02 | 0x04;                 // either bit: an error is reported
 constexpr uint32_t kCodeUncounted = 0x02 | kCodeNoExchange;  // both: not a replication fault
 
 constexpr uint32_t RESULT_OK = 0;

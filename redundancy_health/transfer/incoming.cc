@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/descriptor.h"
 #include "platform/em.h"
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
@@ -100,17 +101,6 @@ int replace_file(const FileEntry* local, const Update& update) {
   }
   if (storage_close(handle) != 0) return errno;
   process_updated_file(local);
-  return 0;
-}
-
-// Writes all bytes. Returns 0 or an error number.
-int write_fully(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t written = write(fd, data, size);
-    if (written < 0) return errno;
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
   return 0;
 }
 
