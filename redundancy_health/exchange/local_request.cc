@@ -153,5 +153,8 @@ bool apply_local_request(SyncContext* ctx) {
     REFUSE(ctx, RESULT_REFUSED, "Received unparseable RPC message");
     return false;
   }
-  return apply_request(ctx, request);
+  const bool applied = apply_request(ctx, request);
+  // The syncs of a slow medium are no lack of progress of an exchange.
+  ctx->state_time = get_uptime();
+  return applied;
 }
