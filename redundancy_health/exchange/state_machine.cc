@@ -302,15 +302,9 @@ void handle_command(SyncContext* ctx, const Event& event) {
 // After an exchange, this daemon's or the peer's: takes up what waited for its end.
 void serve_what_waited(SyncContext* ctx) {
   reset_cpg_result(ctx);
+  serve_deferred_request(ctx);
   const uint32_t stage = read_rpc_stage(ctx);
-  if (ctx->rpc_deferred) {
-    ctx->rpc_deferred = 0;
-    if (stage == RPC_REQUESTING) {
-      on_sync_rpc_update(ctx);
-      return;
-    }
-  }
-  if (stage == RPC_PENDING || stage == RPC_LOCAL_BUSY) {
+  if (ctx->cur_state == ST_UNLOCKED && (stage == RPC_PENDING || stage == RPC_LOCAL_BUSY)) {
     on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
   }
 }
@@ -344,6 +338,12 @@ void on_sync_rpc_update(SyncContext* ctx) {
   // The event makes the request pending, unless the state machine is frozen and drops it.
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
   if (ctx->cur_state == ST_UNLOCKED) mark_applied(ctx);
+}
+
+void serve_deferred_request(SyncContext* ctx) {
+  if (!ctx->rpc_deferred || pause_before_exchange(ctx) > 0) return;
+  ctx->rpc_deferred = 0;
+  if (read_rpc_stage(ctx) == RPC_REQUESTING) on_sync_rpc_update(ctx);
 }
 
 const char* sync_state_name(uint32_t state) {

@@ -21,6 +21,10 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
 // peer, or completes it with an error. In ST_UNLOCKED, on sync_thread.
 void on_sync_rpc_update(SyncContext* ctx);
 
+// Serves the request that was announced during an exchange, if any, unless the pause after a failed
+// one still runs. In ST_UNLOCKED.
+void serve_deferred_request(SyncContext* ctx);
+
 // "ST_UNLOCKED" to "ST_DONE", "ST_???" above.
 const char* sync_state_name(uint32_t state);
 

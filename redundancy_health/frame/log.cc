@@ -176,3 +176,9 @@ int32_t get_uptime() {
   }
   return static_cast<int32_t>(uptime.tv_sec + (uptime.tv_nsec != 0));
 }
+
+int64_t get_uptime_ms() {
+  struct timespec uptime;
+  if (clock_gettime(CLOCK_BOOTTIME, &uptime) != 0) return -1;
+  return int64_t{uptime.tv_sec} * 1000 + uptime.tv_nsec / 1000000;
+}

@@ -42,4 +42,7 @@ extern "C" [[noreturn]] __attribute__((visibility("default"))) void on_severe_er
 // does not.
 int32_t get_uptime();
 
+// The same clock in milliseconds, -1 when it cannot be read.
+int64_t get_uptime_ms();
+
 #endif  // FRAME_LOG_H_

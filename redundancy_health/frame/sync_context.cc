@@ -26,6 +26,8 @@ void init_context(SyncContext* ctx) {
   reset_cpg_result(ctx);
   ctx->resync_countdown = -1;
   ctx->consecutive_errors = 0;
+  ctx->exchange_pause = 0;
+  ctx->no_exchange_before = 0;
   ctx->update_queue = nullptr;
   ctx->rpc_stage = RPC_IDLE;
   ctx->rpc_msg = nullptr;

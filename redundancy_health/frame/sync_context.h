@@ -59,6 +59,8 @@ struct SyncContext {
   RpcResult cpg_result;               // outcome of the current exchange so far
   int32_t resync_countdown;           // loop passes to the next resync, -1 = none
   int32_t consecutive_errors;         // failed exchanges in a row, on the active EM
+  int32_t exchange_pause;             // ms, after the last failed exchange; 0 after a success
+  int64_t no_exchange_before;         // uptime in ms when that pause is over
   FileEntry* update_queue;            // entries still to send; owned
   alignas(4096) uint8_t data_chunk_buf[kChunkSize];
 

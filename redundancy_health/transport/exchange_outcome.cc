@@ -1,6 +1,9 @@
 #include "redundancy_health/transport/exchange_outcome.h"
 
 #include <string.h>
+#include <sys/random.h>
+
+#include <algorithm>
 
 #include "platform/em.h"
 #include "platform/event.h"
@@ -12,6 +15,8 @@
 namespace {
 
 constexpr int32_t kFirstResyncDelay = 5;  // passes of the sync loop
+constexpr int32_t kFirstPause = 20;       // ms, and a random part of up to the same length
+constexpr int32_t kLongestPause = 1000;   // ms, the same
 
 void send_fault_event(uint32_t status) {
   ReplicationFaultEvent event;
@@ -50,6 +55,16 @@ void account_for_faults(SyncContext* ctx, uint32_t flags) {
   send_fault_event(status);
 }
 
+// Begins the pause after a failed exchange. Its random part keeps the two EMs from meeting again.
+void begin_pause(SyncContext* ctx) {
+  ctx->exchange_pause =
+      ctx->exchange_pause == 0 ? kFirstPause : std::min(ctx->exchange_pause * 2, kLongestPause);
+  uint32_t random = 0;
+  (void)!getrandom(&random, sizeof(random), GRND_NONBLOCK);
+  const uint32_t length = static_cast<uint32_t>(ctx->exchange_pause);
+  ctx->no_exchange_before = get_uptime_ms() + length + random % length;
+}
+
 // Moves rpc_stage on and wakes whoever waits for it.
 void hand_back_to_rpc(SyncContext* ctx) {
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
@@ -82,6 +97,12 @@ void arm_resync(SyncContext* ctx) {
   if (ctx->resync_countdown == -1) ctx->resync_countdown = kFirstResyncDelay;
 }
 
+int pause_before_exchange(const SyncContext* ctx) {
+  if (ctx->exchange_pause == 0) return 0;
+  const int64_t rest = ctx->no_exchange_before - get_uptime_ms();
+  return static_cast<int>(std::clamp<int64_t>(rest, 0, 2 * kLongestPause));
+}
+
 void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, va_list args) {
   if ((flags & kCodeError) != 0) {
     storage_cfg_set_result_v(&ctx->cpg_result, flags, format, args);
@@ -90,6 +111,8 @@ void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, v
   ctx->cpg_result.peer_present =
       (ctx->cpg_membership_flags & kPeerMember) != 0 ? uint32_t{'Y'} : 'N';
   account_for_faults(ctx, flags);
+  if ((flags & kCodeError) != 0 && (flags & kCodeNoExchange) == 0) begin_pause(ctx);
+  if (ctx->cpg_result.success) ctx->exchange_pause = 0;
   free_file_list(&ctx->update_queue);
   if ((flags & kCodeNoExchange) == 0) {
     ctx->cur_state = ST_DONE;

@@ -29,6 +29,12 @@ static_assert(offsetof(ReplicationFaultEvent, data) == 12);
 // is on its way already.
 void arm_resync(SyncContext* ctx);
 
+// Milliseconds until this EM may begin an exchange of its own, 0 when it may now. The release of an
+// exchange that a message or a time limit has failed may meet, and fail, the next exchange of the
+// other EM, whose release then does the same here, as long as both have callers who do not wait. So
+// each such failure is followed by a pause of random length, twice as long as the one before.
+int pause_before_exchange(const SyncContext* ctx);
+
 // Ends the exchange, successful or not: with an error in `flags` (frame/result_codes.h) the
 // formatted reason becomes cpg_result, without one `format` is null and what was recorded stands.
 // Then it counts failures and tells the event service, drops update_queue, releases the peer

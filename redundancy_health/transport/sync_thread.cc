@@ -5,6 +5,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/em.h"
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/exchange/state_machine.h"
@@ -84,15 +86,21 @@ void take_rpc_wakeup(SyncContext* ctx) {
   if (eventfd_read(ctx->rpc_fd, &count) != 0) {
     FATAL("Read from eventfd failed: %s", strerror(errno));
   }
-  if (ctx->cur_state != ST_UNLOCKED) {
+  if (ctx->cur_state != ST_UNLOCKED || pause_before_exchange(ctx) > 0) {
     ctx->rpc_deferred = 1;
   } else {
     on_sync_rpc_update(ctx);
   }
 }
 
+// A request that came in the pause after a failed exchange.
+bool request_is_put_off(const SyncContext* ctx) {
+  return ctx->rpc_deferred && ctx->cur_state == ST_UNLOCKED;
+}
+
 void watch_timeouts(SyncContext* ctx) {
-  if (read_rpc_stage(ctx) == RPC_IDLE && ctx->cur_state == ST_UNLOCKED) {
+  if (request_is_put_off(ctx) ||
+      (read_rpc_stage(ctx) == RPC_IDLE && ctx->cur_state == ST_UNLOCKED)) {
     ctx->state_time = get_uptime();
     return;
   }
@@ -115,7 +123,7 @@ void count_down_to_resync(SyncContext* ctx) {
   if (--ctx->resync_countdown != 0) return;
   if (!this_em_is_active()) return;
   CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  const bool idle = ctx->rpc_stage == RPC_IDLE;
+  const bool idle = ctx->rpc_stage == RPC_IDLE && pause_before_exchange(ctx) == 0;
   if (idle) {
     ctx->resync_countdown = kResyncDelay;
     ctx->rpc_stage = RPC_LOCAL_BUSY;
@@ -129,12 +137,19 @@ void count_down_to_resync(SyncContext* ctx) {
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
 }
 
+// The end of a pause is not slept through.
+int poll_timeout(const SyncContext* ctx) {
+  const int pause = pause_before_exchange(ctx);
+  return pause > 0 ? std::min(pause, kPollTimeout) : kPollTimeout;
+}
+
 void run_loop(SyncContext* ctx, int cpg_fd) {
   while (!get_exit_daemon()) {
     struct pollfd fds[2] = {{cpg_fd, POLLIN, 0}, {ctx->rpc_fd, POLLIN, 0}};
-    if (poll(fds, 2, kPollTimeout) < 0) FATAL("Call to poll failed: %s", strerror(errno));
+    if (poll(fds, 2, poll_timeout(ctx)) < 0) FATAL("Call to poll failed: %s", strerror(errno));
     dispatch_cpg(ctx, fds[0].revents);
     if ((fds[1].revents & POLLIN) != 0) take_rpc_wakeup(ctx);
+    if (request_is_put_off(ctx)) serve_deferred_request(ctx);
     watch_timeouts(ctx);
     count_down_to_resync(ctx);
   }

@@ -7,7 +7,9 @@ import itertools
 import os
 import random
 import signal
+import threading
 import time
+from collections import Counter
 
 from convergence import Machine
 from em_pair import ACTIVE, EMS, OWN, PEERS
@@ -153,6 +155,35 @@ class HardFaultTest(PairTest):
         self.assertNotEqual([], self.different())
         self.pair.heal()
         self.wait_repaired()
+        self.settle()
+
+    def test_the_failures_after_a_healed_cut_come_to_an_end(self):
+        """Each failed exchange sends a release, which must not fail the next one of the other EM."""
+        told = {n: [] for n in EMS}
+        over = threading.Event()
+
+        def ask(n: int) -> None:
+            with Caller(self.pair, n, None) as caller:
+                while not over.is_set():
+                    caller.send()
+                    told[n].append(caller.result())
+        callers = [threading.Thread(target=ask, args=(n,)) for n in EMS * 12]
+        self.addCleanup(lambda: (over.set(), [caller.join() for caller in callers]))
+        for caller in callers:
+            caller.start()
+        for _ in range(2):
+            time.sleep(1)
+            self.pair.cut()
+            self.wait(lambda: all(self.pair.node_members(n) == {n} for n in EMS), "two halves")
+            time.sleep(1)
+            self.pair.heal()
+            self.pair.wait_joined()
+            time.sleep(2)
+        self.doCleanups()
+        for n in EMS:
+            failed = [result.reason for result in told[n] if not result.success]
+            self.assertLessEqual(len(failed), 8, f"of {len(told[n])}: {Counter(failed)}")
+            self.assertLess(100, len(told[n]))
         self.settle()
 
     def test_trees_that_cannot_be_written(self):

@@ -131,6 +131,36 @@ TEST_F(SyncThreadTest, TimeIsMeasuredOnlyWhileSomethingIsInProgress) {
   EXPECT_EQ(sent_messages(), Lines(2, "MSG_LOCK_REL 0.0"));
 }
 
+// Two EMs that fail each other's exchanges must not go on doing so.
+TEST_F(SyncThreadTest, EachFailureInARowDoublesThePauseBeforeTheNextExchange) {
+  for (const int64_t least : {20, 40, 80, 160, 320, 640, 1000, 1000}) {
+    const int64_t before = get_uptime_ms();
+    end_exchange_error(ctx, "failed");
+    EXPECT_GE(ctx->no_exchange_before - before, least);
+    EXPECT_LE(pause_before_exchange(ctx), 2 * least);
+  }
+  reset_cpg_result(ctx);
+  end_exchange_full(ctx, 0, nullptr);
+  EXPECT_EQ(pause_before_exchange(ctx), 0) << "a success ends it";
+
+  end_exchange_error(ctx, "failed");
+  const int64_t end = ctx->no_exchange_before = get_uptime_ms() + 300;
+  set_active(true);
+  ctx->resync_countdown = 1;
+  ctx->cur_state = ST_UNLOCKED;
+  g_cpg.sent.clear();
+  publish();
+  eventfd_write(ctx->rpc_fd, 1);
+  for (int32_t pass = 0; g_cpg.sent.empty(); ++pass) {
+    // Neither the request nor the resync begins, and waiting is no lack of progress.
+    run(1, [&](int) { ctx->state_time = get_uptime() - 12; });
+    ASSERT_TRUE(!g_cpg.sent.empty() || ctx->state_time > get_uptime() - 3);
+  }
+  EXPECT_GE(get_uptime_ms(), end);
+  EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"});
+  EXPECT_EQ(+ctx->rpc_stage, RPC_PENDING) << "the request is served before a resync";
+}
+
 TEST_F(SyncThreadTest, ResyncsFourPassesAfterAFailureAndThenEveryHundred) {
   set_active(true);
   Lines attempts;  // the message, after the pass before whose dispatch a resync was attempted
@@ -140,6 +170,7 @@ TEST_F(SyncThreadTest, ResyncsFourPassesAfterAFailureAndThenEveryHundred) {
     if (pass > 1 && g_cpg.sent.empty()) return;
     EXPECT_EQ(ctx->cur_exchange_em_is_active, pass > 1);
     end_exchange_error(ctx, "failed");
+    ctx->exchange_pause = 0;
     deliver_own(SentMessage(g_cpg.sent.back()));
     g_cpg.sent.clear();
   });
