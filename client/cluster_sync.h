@@ -2,48 +2,65 @@
 #define CLUSTER_SYNC_H_
 
 /* Asks cluster_sync_daemon to change replicated files, on this enclosure manager and the other one.
- * C99 and C++.
+ * C99 and C++. cluster_sync(3) says more.
  *
- * Every function returns 0 or an error number:
+ * Every function that returns an int returns 0 or an error number:
  *   ECONNREFUSED  no daemon answers on the command socket (EACCES, EPERM: not for this user)
  *   ECONNRESET    the daemon ended or hung up before it answered
- *   ETIMEDOUT     no answer within the time limit; the request may still be served
+ *   EINPROGRESS   the time is up; the daemon has the change, and its exchange goes on
+ *   ETIMEDOUT     the time is up; nothing has been changed. A put never will be published
  *   ECANCELED     the daemon refuses the request or reports a failure; the result says which
  *   EPROTO        what came back cannot be understood
+ *   EBUSY         the connection has a request whose answer was not received
  *   EXDEV         the destination lies in none of the replicated trees; nothing was asked
- *   EINVAL        a path or a command is empty
- *   EISDIR        the destination ends with "/", "." or ".."
+ *   EPERM         the destination lies in the copy of the other one's tree; nothing was asked
+ *   EINVAL        a path or a command is null or empty, or a file of this name is not replicated
+ *   EISDIR        the destination is a directory, or ends with "/", "." or ".."
+ *   ELOOP         the destination is a symbolic link, or a directory above it is one
  * or that of the system call that failed (ENAMETOOLONG, ENOENT for a missing directory, ENOSPC,
  * ...).
  *
- * Any thread may call any function at any time: there is no state outside the arguments. No signal
- * is raised, and no descriptor survives an exec. An interrupted call goes on.
+ * Any thread may call any function at any time; one connection serves one thread at a time. There
+ * is no state outside the arguments. No signal is raised, and no descriptor survives an exec. An
+ * interrupted call goes on.
  *
  * `socket` is the path of the command socket, null for CLUSTER_SYNC_SOCKET. `timeout_ms` limits the
- * wait for the answer in milliseconds; a negative one sets no limit. An exchange that makes no
- * progress is ended by the daemon after 10 seconds, but a request also waits for those before it.
+ * time that a call waits, in milliseconds: 0 does not wait, a negative one sets no limit. An
+ * exchange that makes no progress is ended by the daemon after 10 seconds, but a request also waits
+ * for those before it.
  *
  * Paths may be relative or lead through links: the tree is recognised by device and inode of the
- * directories above, and the daemon gets its own spelling. One that is spelled its way already is
- * sent as it stands, and the daemon judges it. */
+ * directories above, and the daemon gets its own spelling. */
 
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
 
+/* The functions before 1.1 gave out a descriptor, on which a late answer could be taken for that of
+ * another request. Use cluster_sync_open. */
+#pragma GCC poison cluster_sync_connect
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
+#define CLUSTER_SYNC_VERSION_MAJOR 1
+#define CLUSTER_SYNC_VERSION_MINOR 1
+#define CLUSTER_SYNC_VERSION_PATCH 0
+#define CLUSTER_SYNC_VERSION "1.1.0"
+
+/* CLUSTER_SYNC_VERSION of the library that is loaded. */
+const char* cluster_sync_version(void);
+
 #define CLUSTER_SYNC_SOCKET "/var/run/em/cmd.2006"
 
-/* What became of a request. */
+/* What became of a request. These 128 bytes are what the daemon sends, and never change. */
 struct cluster_sync_result {
   uint8_t success;
   uint8_t local_ok;  /* the change stands on this enclosure manager */
   uint8_t remote_ok; /* and on the other one, unless that is away */
-  uint8_t benign;    /* the failure left everything as it was wanted */
-  uint8_t canceled;
+  uint8_t benign;    /* refused for a reason that is no fault of replication */
+  uint8_t canceled;  /* set in every failure */
   uint8_t padding[3];
   uint32_t peer_present; /* 'Y' or 'N': whether the other one is in the group */
   char reason[116];      /* of a failure; NUL-terminated, bytes as the daemon wrote them */
@@ -52,8 +69,9 @@ struct cluster_sync_result {
 /* One request and its answer. `result` may be null; it is written when 0 or ECANCELED is returned.
  *
  * update renames `source` onto the replicated file `destination`; both are on one file system, and
- * `source` is best called TempUpdate_something. delete removes the replicated file. sync only runs
- * an exchange. */
+ * `source` is best called TempUpdate_something. After ETIMEDOUT it is still there: whoever does not
+ * want it published any more removes it. delete removes the replicated file. sync only runs an
+ * exchange. */
 int cluster_sync_update(const char* socket, const char* source, const char* destination,
                         int timeout_ms, struct cluster_sync_result* result);
 int cluster_sync_delete(const char* socket, const char* destination, int timeout_ms,
@@ -62,10 +80,10 @@ int cluster_sync_sync(const char* socket, int timeout_ms, struct cluster_sync_re
 
 /* Publishes `size` bytes, or what can be read from `fd` up to its end, as the replicated file
  * `destination`, which is made or replaced as a whole and belongs to the caller. The mode becomes
- * 0644 when `mode` has all of these bits, else 0600. The bytes go to a file TempUpdate_<random>
- * beside the destination first and to the disk; the time limit counts from then. After an error
- * that file is gone, so that a request which is served late publishes nothing. EFBIG above 4 GiB -
- * 1, which no tree can hold. */
+ * 0644 when `mode` has all of these bits, else 0600. The bytes are written beside the destination,
+ * to a file without a name where the file system can make one, and synced; just before the request
+ * it is called TempUpdate_<random>. After an error it is gone. The time limit covers waiting for
+ * input, but not writing. EFBIG above 4 GiB - 1, which no tree can hold. */
 int cluster_sync_put(const char* socket, const void* data, size_t size, const char* destination,
                      mode_t mode, int timeout_ms, struct cluster_sync_result* result);
 int cluster_sync_put_fd(const char* socket, int fd, const char* destination, mode_t mode,
@@ -74,17 +92,65 @@ int cluster_sync_put_fd(const char* socket, int fd, const char* destination, mod
 /* Sends a diagnostic command, "name" or "name=argument". */
 int cluster_sync_diag(const char* socket, const char* command, int timeout_ms);
 
-/* The same in steps, for a caller that does something else meanwhile. A connection is a descriptor,
- * closed with close(2), that becomes readable when the answer is there; it carries any number of
- * requests, one after the other. Without `source` send_update asks for a deletion, without both
- * for an exchange. receive takes the answer of an update into `*result`, or with null that of a
- * diagnostic command; `status`, unless null, gets the daemon's number for a refusal, else 0. */
-int cluster_sync_connect(const char* socket, int timeout_ms, int* connection);
-int cluster_sync_send_update(int connection, const char* source, const char* destination,
-                             int timeout_ms);
-int cluster_sync_send_diag(int connection, const char* command, int timeout_ms);
-int cluster_sync_receive(int connection, int timeout_ms, uint32_t* status,
-                         struct cluster_sync_result* result);
+/* The same in steps, for a caller that does something else meanwhile. A connection carries any
+ * number of requests, one after the other. */
+struct cluster_sync_connection;
+
+int cluster_sync_open(const char* socket, int timeout_ms,
+                      struct cluster_sync_connection** connection);
+
+/* Closes it, and withdraws a put that was not answered. Null does nothing. */
+void cluster_sync_close(struct cluster_sync_connection* connection);
+
+/* The descriptor, for poll(2) alone: it becomes readable when the answer is there. */
+int cluster_sync_fd(const struct cluster_sync_connection* connection);
+
+/* Sends a request. EBUSY while another one's answer has not been received. Without `source`
+ * send_update asks for a deletion, without both for an exchange. */
+int cluster_sync_send_update(struct cluster_sync_connection* connection, const char* source,
+                             const char* destination, int timeout_ms);
+int cluster_sync_send_diag(struct cluster_sync_connection* connection, const char* command,
+                           int timeout_ms);
+
+/* A put: begin checks the destination, any number of writes append to the file, and send syncs it
+ * and sends the request. After an error of write or send the put is withdrawn. */
+int cluster_sync_put_begin(struct cluster_sync_connection* connection, const char* destination,
+                           mode_t mode);
+int cluster_sync_put_write(struct cluster_sync_connection* connection, const void* data,
+                           size_t size);
+int cluster_sync_put_send(struct cluster_sync_connection* connection, int timeout_ms);
+
+/* Takes the answer. EAGAIN when it is not there in time: call again, or withdraw. ENOMSG when
+ * nothing was asked. `status`, unless null, gets the daemon's number for a refusal, else 0. For a
+ * diagnostic command `result` is written only when it is refused. */
+int cluster_sync_receive(struct cluster_sync_connection* connection, int timeout_ms,
+                         uint32_t* status, struct cluster_sync_result* result);
+
+/* Gives up what was asked, or a put that was begun, and says what became of it: ETIMEDOUT when
+ * nothing has been changed, EINPROGRESS when the daemon has it. An answer that is outstanding
+ * stays so. */
+int cluster_sync_withdraw(struct cluster_sync_connection* connection);
+
+/* Why something failed, for a program to decide what to do. */
+enum cluster_sync_reason_code {
+  CLUSTER_SYNC_NO_REASON = 0,         /* it did not fail */
+  CLUSTER_SYNC_NOT_ACTIVE = 1,        /* ask the other enclosure manager, the active one */
+  CLUSTER_SYNC_BUSY = 2,              /* try again */
+  CLUSTER_SYNC_NOT_REPLICATED = 3,    /* no file can be replicated under this name */
+  CLUSTER_SYNC_OTHER_FILE_SYSTEM = 4, /* source and destination are on different ones */
+  CLUSTER_SYNC_NO_SUCH_FILE = 5,
+  CLUSTER_SYNC_ERROR_HERE = 6,  /* no room, or a failure of the medium or the system, here */
+  CLUSTER_SYNC_ERROR_THERE = 7, /* the same on the other enclosure manager */
+  CLUSTER_SYNC_TIMED_OUT = 8,
+  CLUSTER_SYNC_PROTOCOL = 9,   /* the exchange was disturbed, or versions do not fit */
+  CLUSTER_SYNC_NO_DAEMON = 10, /* none answers, or not this user */
+  CLUSTER_SYNC_OTHER = 11
+};
+
+/* The reason for an error number of this library; `result` (null without one) is that of an
+ * ECANCELED. Later versions may know more reasons: treat an unknown one as CLUSTER_SYNC_OTHER. */
+enum cluster_sync_reason_code cluster_sync_reason(int error,
+                                                  const struct cluster_sync_result* result);
 
 /* Says what an error number of this library means. A constant text. */
 const char* cluster_sync_strerror(int error);

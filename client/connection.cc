@@ -1,27 +1,22 @@
-// A connection to the command socket: requests as packets, answers as records.
+// A connection to the command socket: requests and answers as packets.
+
+#include "client/connection.h"
 
 #include <endian.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "client/cluster_sync.h"
-#include "client/deadline.h"
-#include "client/spelling.h"
-
 namespace {
 
-// A request packet is the type, as a little-endian number, and the message.
-constexpr uint32_t kUpdate = 0;
-constexpr uint32_t kDiagnostic = 1;
-constexpr size_t kMaxMessageSize = 65536;
-
-// Makes the next call on the socket end with EAGAIN when the time is up.
-int limit_next_call(int fd, const Deadline& deadline) {
+// Lets connect(2) wait, and end with EAGAIN when the time is up.
+int let_connect_wait(int fd, const Deadline& deadline) {
   const int left = deadline.left_ms();
   if (left == 0) return ETIMEDOUT;
   timeval limit = {};  // all zero: no limit
@@ -29,58 +24,47 @@ int limit_next_call(int fd, const Deadline& deadline) {
     limit.tv_sec = left / 1000;
     limit.tv_usec = left % 1000 * 1000L;
   }
-  return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 ? 0 : errno;
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) return errno;
+  return fcntl(fd, F_SETFL, 0) == 0 ? 0 : errno;
 }
 
+// The descriptor does not block at first.
 int connect_within(int fd, const sockaddr_un& address, const Deadline& deadline) {
-  for (;;) {
-    const int error = limit_next_call(fd, deadline);
-    if (error != 0) return error;
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return 0;
+  while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     if (errno == ENOENT) return ECONNREFUSED;
     if (errno != EINTR && errno != EAGAIN) return errno;
-  }
-}
-
-// Sends the type and the two parts of the message as one packet.
-int send_packet(int fd, uint32_t type, iovec message[2], const Deadline& deadline) {
-  uint32_t wire_type = htole32(type);
-  iovec parts[] = {{&wire_type, sizeof wire_type}, message[0], message[1]};
-  msghdr packet = {};
-  packet.msg_iov = parts;
-  packet.msg_iovlen = 3;
-  for (;;) {
-    const int error = limit_next_call(fd, deadline);
+    const int error = let_connect_wait(fd, deadline);
     if (error != 0) return error;
-    if (sendmsg(fd, &packet, MSG_NOSIGNAL) >= 0) return 0;
-    if (errno == EPIPE) return ECONNRESET;
-    if (errno != EINTR && errno != EAGAIN) return errno;
   }
+  return 0;
 }
 
-int wait_readable(int fd, const Deadline& deadline) {
+int wait_ready(int fd, short events, const Deadline& deadline) {
   for (;;) {
-    pollfd readable = {fd, POLLIN, 0};
-    const int ready = poll(&readable, 1, deadline.left_ms());
-    if (ready > 0) return 0;
-    if (ready == 0) return ETIMEDOUT;
+    pollfd ready = {fd, events, 0};
+    const int count = poll(&ready, 1, deadline.left_ms());
+    if (count > 0) return 0;
+    if (count == 0) return ETIMEDOUT;
     if (errno != EINTR) return errno;
   }
 }
 
-// An answer as it comes: a number, and the record when an update was served.
-struct AnswerPacket {
-  uint32_t status;
-  cluster_sync_result result;
-};
-static_assert(sizeof(AnswerPacket) == 4 + 128);
+int send_packet(int fd, const msghdr& packet, const Deadline& deadline) {
+  while (sendmsg(fd, &packet, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+    if (errno == EPIPE) return ECONNRESET;
+    if (errno != EINTR && errno != EAGAIN) return errno;
+    const int error = errno == EAGAIN ? wait_ready(fd, POLLOUT, deadline) : 0;
+    if (error != 0) return error;
+  }
+  return 0;
+}
 
-// Receives the next packet into `*packet`, its whole size into `*size`.
-int receive_packet(int fd, const Deadline& deadline, AnswerPacket* packet, size_t* size) {
+// Receives the next packet, its whole size into `*size`.
+int receive_packet(int fd, msghdr* packet, const Deadline& deadline, size_t* size) {
   for (;;) {
     const int error = wait_readable(fd, deadline);
-    if (error != 0) return error;
-    const ssize_t n = recv(fd, packet, sizeof *packet, MSG_DONTWAIT | MSG_TRUNC);
+    if (error != 0) return error == ETIMEDOUT ? EAGAIN : error;
+    const ssize_t n = recvmsg(fd, packet, MSG_DONTWAIT | MSG_TRUNC);
     if (n == 0) return ECONNRESET;
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (n < 0) return errno;
@@ -89,71 +73,81 @@ int receive_packet(int fd, const Deadline& deadline, AnswerPacket* packet, size_
   }
 }
 
-bool is_record(const cluster_sync_result& result) {
-  return memchr(result.reason, '\0', sizeof result.reason) != nullptr &&
-         (result.peer_present == 'Y' || result.peer_present == 'N');
-}
-
 }  // namespace
 
-int cluster_sync_connect(const char* socket_path, int timeout_ms, int* connection) {
+int wait_readable(int fd, const Deadline& deadline) {
+  return wait_ready(fd, POLLIN, deadline);
+}
+
+int cluster_sync_open(const char* socket_path, int timeout_ms,
+                      cluster_sync_connection** connection) {
   const Deadline deadline(timeout_ms);
+  if (connection == nullptr) return EINVAL;
   if (socket_path == nullptr) socket_path = CLUSTER_SYNC_SOCKET;
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (strlen(socket_path) >= sizeof address.sun_path) return ENAMETOOLONG;
   strcpy(address.sun_path, socket_path);
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (fd < 0) return errno;
-  const int error = connect_within(fd, address, deadline);
+  auto* made = static_cast<cluster_sync_connection*>(calloc(1, sizeof **connection));
+  if (made == nullptr) return ENOMEM;
+  made->put = kNoPut;
+  made->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int error = made->fd < 0 ? errno : connect_within(made->fd, address, deadline);
   if (error != 0) {
-    close(fd);
+    cluster_sync_close(made);
     return error;
   }
-  *connection = fd;
+  *connection = made;
   return 0;
 }
 
-int cluster_sync_send_update(int connection, const char* source, const char* destination,
-                             int timeout_ms) {
-  const Deadline deadline(timeout_ms);
-  char from[PATH_MAX] = "";
-  char to[PATH_MAX] = "";
-  if (source != nullptr && destination == nullptr) return EINVAL;
-  int error = source != nullptr ? spell_source(source, from) : 0;
-  if (error == 0 && destination != nullptr) error = spell_destination(destination, to);
+void cluster_sync_close(cluster_sync_connection* connection) {
+  if (connection == nullptr) return;
+  discard_put(&connection->put);
+  if (connection->fd >= 0) close(connection->fd);
+  free(connection);
+}
+
+int cluster_sync_fd(const cluster_sync_connection* connection) {
+  return connection->fd;
+}
+
+int send_request(cluster_sync_connection* connection, RequestType type, const iovec* message,
+                 size_t count, const Deadline& deadline) {
+  if (connection->is_asked || connection->put.fd >= 0) return EBUSY;
+  uint32_t wire_type = htole32(type);
+  iovec parts[3] = {{&wire_type, sizeof wire_type}, {}, {}};
+  for (size_t i = 0; i < count; ++i)
+    parts[1 + i] = message[i];
+  msghdr packet = {};
+  packet.msg_iov = parts;
+  packet.msg_iovlen = 1 + count;
+  const int error = send_packet(connection->fd, packet, deadline);
+  connection->is_lost = error == ECONNRESET;
   if (error != 0) return error;
-  iovec paths[] = {{from, strlen(from) + 1}, {to, strlen(to) + 1}};
-  return send_packet(connection, kUpdate, paths, deadline);
+  connection->is_asked = true;
+  connection->request = type;
+  connection->source[0] = '\0';
+  return 0;
 }
 
-int cluster_sync_send_diag(int connection, const char* command, int timeout_ms) {
-  const Deadline deadline(timeout_ms);
-  const size_t size = strlen(command);
-  if (size == 0) return EINVAL;
-  if (size > kMaxMessageSize) return ENAMETOOLONG;
-  iovec message[] = {{const_cast<char*>(command), size}, {}};
-  return send_packet(connection, kDiagnostic, message, deadline);
-}
-
-int cluster_sync_receive(int connection, int timeout_ms, uint32_t* status,
-                         cluster_sync_result* result) {
-  AnswerPacket answer;
+int receive_answer(cluster_sync_connection* connection, RequestType type, const Deadline& deadline,
+                   Answer* answer) {
+  if (connection->is_lost) return ECONNRESET;
+  if (!connection->is_asked || connection->request != type) return ENOMSG;
+  uint32_t status = 0;
+  iovec parts[] = {{&status, sizeof status}, {answer->payload, answer->room}};
+  msghdr packet = {};
+  packet.msg_iov = parts;
+  packet.msg_iovlen = 2;
   size_t size = 0;
-  const int error = receive_packet(connection, Deadline(timeout_ms), &answer, &size);
+  const int error = receive_packet(connection->fd, &packet, deadline, &size);
+  if (error == EAGAIN) return error;
+  connection->is_asked = false;
+  connection->is_lost = error == ECONNRESET;
   if (error != 0) return error;
-  if (size < sizeof answer.status) return EPROTO;
-  answer.status = le32toh(answer.status);
-  if (status != nullptr) *status = answer.status;
-  if (answer.status != 0 && result != nullptr) {
-    *result = {};
-    result->peer_present = 'N';
-    strcpy(result->reason, "the daemon does not know this request");
-  }
-  if (answer.status != 0) return ECANCELED;
-  if (result == nullptr) return 0;
-  answer.result.peer_present = le32toh(answer.result.peer_present);
-  if (size != sizeof answer || !is_record(answer.result)) return EPROTO;
-  *result = answer.result;
-  return result->success != 0 ? 0 : ECANCELED;
+  if (size < sizeof status) return EPROTO;
+  answer->status = le32toh(status);
+  answer->size = size - sizeof status;
+  return answer->status == 0 ? 0 : ECANCELED;
 }

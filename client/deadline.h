@@ -14,16 +14,21 @@ class Deadline {
   int left_ms() const {
     if (!limited_) return -1;
     const int64_t left = end_ms_ - now_ms();
-    return left > 0 ? static_cast<int>(left) : 0;
+    return left <= 0 ? 0 : left < INT_MAX ? static_cast<int>(left) : INT_MAX;
   }
 
- private:
+  // Leaves out the time since `start_ms`, which was not spent waiting.
+  void exclude_since(int64_t start_ms) {
+    end_ms_ += now_ms() - start_ms;
+  }
+
   static int64_t now_ms() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
   }
 
+ private:
   bool limited_;
   int64_t end_ms_;
 };

@@ -10,6 +10,8 @@ int main(int argc, char** argv) {
   error = cluster_sync_put_fd(NULL, 0, argv[1], 0644, 60000, &result);
   if (error == ECANCELED)
     fprintf(stderr, "%s: %s\n", argv[1], result.reason);
+  else if (error == EINPROGRESS)
+    fprintf(stderr, "%s: published here; the other enclosure manager will follow\n", argv[1]);
   else if (error != 0)
     fprintf(stderr, "%s: %s\n", argv[1], cluster_sync_strerror(error));
   else if (result.peer_present == 'N')

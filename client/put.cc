@@ -1,46 +1,87 @@
 // Publishing: a temporary file beside the destination, and the request to rename it.
 
+#include "client/put.h"
+
 #include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "client/connection.h"
 #include "client/request.h"
-#include "client/spelling.h"
 
 namespace {
 
 constexpr mode_t kPublicMode = 0644;
 constexpr mode_t kRestrictedMode = 0600;
+constexpr char kPrefix[] = "TempUpdate_";
+constexpr int kNameTries = 100;
 
-// A file under construction, which nobody replicates.
-struct TempFile {
-  char path[PATH_MAX];
-  int fd;
-};
+void make_name(char name[sizeof Put::name]) {
+  constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz012345";
+  unsigned char random[6] = {};
+  [[maybe_unused]] const ssize_t size = getrandom(random, sizeof random, 0);
+  char* end = stpcpy(name, kPrefix);
+  for (const unsigned char byte : random)
+    *end++ = kLetters[byte % 32];
+  *end = '\0';
+}
 
-// Makes it in the directory of `destination`. Returns 0 or an error number.
-int make_temp_file(const char* destination, mode_t mode, TempFile* file) {
-  constexpr char kName[] = "TempUpdate_XXXXXX";
-  const size_t length = static_cast<size_t>(strrchr(destination, '/') + 1 - destination);
-  if (length + sizeof kName > sizeof file->path) return ENAMETOOLONG;
-  memcpy(file->path, destination, length);
-  strcpy(file->path + length, kName);
-  file->fd = mkostemp(file->path, O_CLOEXEC);
-  if (file->fd < 0) return errno;
-  const bool is_public = (mode & kPublicMode) == kPublicMode;
-  if (fchmod(file->fd, is_public ? kPublicMode : kRestrictedMode) == 0) return 0;
-  const int error = errno;
-  close(file->fd);
-  unlink(file->path);
+// Calls `try_name`, which returns 0 or -1 with errno, with new names until one is free. Afterwards
+// put->name is that name, or empty.
+template <typename TryName>
+int with_free_name(Put* put, TryName try_name) {
+  int error = EEXIST;
+  for (int i = 0; i < kNameTries && error == EEXIST; ++i) {
+    make_name(put->name);
+    error = try_name() == 0 ? 0 : errno;
+  }
+  if (error != 0) put->name[0] = '\0';
   return error;
 }
 
-int write_all(int fd, const char* data, size_t size) {
+// Makes the file, without a name where the file system can.
+int make_file(Put* put) {
+  const int directory = put->place.directory;
+  put->fd = openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kRestrictedMode);
+  if (put->fd >= 0) return 0;
+  // EISDIR: a kernel that does not know O_TMPFILE.
+  if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) return errno;
+  return with_free_name(put, [put, directory] {
+    put->fd =
+        openat(directory, put->name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kRestrictedMode);
+    return put->fd < 0 ? -1 : 0;
+  });
+}
+
+int name_file(Put* put) {
+  if (put->name[0] != '\0') return 0;
+  char link[32];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", put->fd);
+  return with_free_name(put, [put, &link] {
+    const int rc = linkat(AT_FDCWD, link, put->place.directory, put->name, AT_SYMLINK_FOLLOW);
+    if (rc == 0 || errno != ENOENT) return rc;
+    return linkat(put->fd, "", put->place.directory, put->name, AT_EMPTY_PATH);  // without /proc
+  });
+}
+
+int begin_put(Put* put, const char* destination, mode_t mode) {
+  int error = find_place(destination, &put->place);
+  if (error == 0) error = make_file(put);
+  if (error != 0) return error;
+  const bool is_public = (mode & kPublicMode) == kPublicMode;
+  return fchmod(put->fd, is_public ? kPublicMode : kRestrictedMode) == 0 ? 0 : errno;
+}
+
+int append(Put* put, const char* data, size_t size) {
+  // A larger file would fail every exchange from then on.
+  if (uint64_t{size} > UINT32_MAX - put->size) return EFBIG;
+  put->size += size;
   while (size > 0) {
-    const ssize_t n = write(fd, data, size);
+    const ssize_t n = write(put->fd, data, size);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return errno;
     data += n;
@@ -49,73 +90,117 @@ int write_all(int fd, const char* data, size_t size) {
   return 0;
 }
 
-// What the file is to hold: a descriptor to read, or else bytes.
-struct Content {
-  int fd;
-  const char* data;
-  size_t size;
-};
-
-// A larger file would fail every exchange from then on.
-bool is_too_large(uint64_t size) {
-  return size > UINT32_MAX;
+// Brings the file to the disk and gives it its name.
+int finish_file(Put* put) {
+  if (fsync(put->fd) != 0) return errno;
+  const int error = name_file(put);
+  if (error != 0) return error;
+  const int fd = put->fd;
+  put->fd = -1;
+  return close(fd) == 0 ? 0 : errno;
 }
 
-int copy_all(int from, int to) {
-  struct stat status;
-  if (fstat(from, &status) != 0) return errno;
-  if (S_ISREG(status.st_mode) && is_too_large(static_cast<uint64_t>(status.st_size))) return EFBIG;
-  char buffer[16384];
-  uint64_t total = 0;
+int send_put(cluster_sync_connection* connection, const Deadline& deadline) {
+  const Put& put = connection->put;
+  char source[PATH_MAX];
+  const int length = static_cast<int>(put.place.name - put.place.spelling);
+  if (snprintf(source, sizeof source, "%.*s%s", length, put.place.spelling, put.name) >= PATH_MAX)
+    return ENAMETOOLONG;
+  return send_paths(connection, source, put.place.spelling, deadline);
+}
+
+// Appends what can be read from `fd`. The time limit is for input that does not come.
+int append_input(cluster_sync_connection* connection, int fd, Deadline* deadline) {
+  char buffer[65536];
   for (;;) {
-    const ssize_t n = read(from, buffer, sizeof buffer);
-    if (n == 0) return 0;
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno;
-    total += static_cast<size_t>(n);
-    if (is_too_large(total)) return EFBIG;
-    const int error = write_all(to, buffer, static_cast<size_t>(n));
+    int error = wait_readable(fd, *deadline);
     if (error != 0) return error;
+    const int64_t start = Deadline::now_ms();
+    const ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n == 0) return 0;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n < 0) return errno;
+    error = cluster_sync_put_write(connection, buffer, static_cast<size_t>(n));
+    if (error != 0) return error;
+    deadline->exclude_since(start);
   }
 }
 
-// Writes the content and brings it to the disk; closes the file.
-int fill(const Content& content, int fd) {
-  int error = 0;
-  if (content.fd >= 0)
-    error = copy_all(content.fd, fd);
-  else
-    error = is_too_large(content.size) ? EFBIG : write_all(fd, content.data, content.size);
-  if (error == 0 && fsync(fd) != 0) error = errno;
-  if (close(fd) != 0 && error == 0) error = errno;
-  return error;
+// Refuses a file that is too large before it is copied.
+int check_size(int fd) {
+  struct stat status;
+  if (fstat(fd, &status) != 0) return errno;
+  return S_ISREG(status.st_mode) && status.st_size > int64_t{UINT32_MAX} ? EFBIG : 0;
 }
 
-int publish(const char* socket, const Content& content, const char* destination, mode_t mode,
-            int timeout_ms, cluster_sync_result* result) {
-  char spelling[PATH_MAX];
-  TempFile file;
-  int error = spell_destination(destination, spelling);
-  if (error == 0) error = make_temp_file(spelling, mode, &file);
-  if (error != 0) return error;
-  error = fill(content, file.fd);
-  if (error == 0) error = request_update(socket, file.path, spelling, timeout_ms, result);
-  // Also when nobody knows what becomes of the request: a late rename must not undo what the caller
-  // publishes next. A file that was renamed is not there any more.
-  if (error != 0) unlink(file.path);
+// Publishes what `add_content` appends to the put that was begun on a connection.
+template <typename AddContent>
+int publish(const char* socket, const char* destination, mode_t mode, int timeout_ms,
+            cluster_sync_result* result, AddContent add_content) {
+  Deadline deadline(timeout_ms);
+  cluster_sync_connection* connection = nullptr;
+  int error = cluster_sync_open(socket, timeout_ms, &connection);
+  if (error == 0) error = cluster_sync_put_begin(connection, destination, mode);
+  if (error == 0) error = add_content(connection, &deadline);
+  const int64_t start = Deadline::now_ms();
+  if (error == 0) error = cluster_sync_put_send(connection, deadline.left_ms());
+  if (error == 0) {
+    deadline.exclude_since(start);
+    error = receive_or_withdraw(connection, deadline, result);
+  }
+  cluster_sync_close(connection);
   return error;
 }
 
 }  // namespace
 
+bool discard_put(Put* put) {
+  bool taken = false;
+  if (put->fd >= 0) close(put->fd);
+  if (put->name[0] != '\0')
+    taken = unlinkat(put->place.directory, put->name, 0) != 0 && errno == ENOENT;
+  if (put->place.directory >= 0) close(put->place.directory);
+  *put = kNoPut;
+  return taken;
+}
+
+int cluster_sync_put_begin(cluster_sync_connection* connection, const char* destination,
+                           mode_t mode) {
+  if (connection->is_asked || connection->put.fd >= 0) return EBUSY;
+  const int error = begin_put(&connection->put, destination, mode);
+  if (error != 0) discard_put(&connection->put);
+  return error;
+}
+
+int cluster_sync_put_write(cluster_sync_connection* connection, const void* data, size_t size) {
+  if (connection->put.fd < 0) return ENOMSG;
+  const int error = append(&connection->put, static_cast<const char*>(data), size);
+  if (error != 0) discard_put(&connection->put);
+  return error;
+}
+
+int cluster_sync_put_send(cluster_sync_connection* connection, int timeout_ms) {
+  if (connection->put.fd < 0) return ENOMSG;
+  int error = finish_file(&connection->put);
+  if (error == 0) error = send_put(connection, Deadline(timeout_ms));
+  if (error != 0) discard_put(&connection->put);
+  return error;
+}
+
 int cluster_sync_put(const char* socket, const void* data, size_t size, const char* destination,
                      mode_t mode, int timeout_ms, cluster_sync_result* result) {
-  const Content content = {-1, static_cast<const char*>(data), size};
-  return publish(socket, content, destination, mode, timeout_ms, result);
+  return publish(socket, destination, mode, timeout_ms, result,
+                 [data, size](cluster_sync_connection* connection, const Deadline* /*deadline*/) {
+                   return cluster_sync_put_write(connection, data, size);
+                 });
 }
 
 int cluster_sync_put_fd(const char* socket, int fd, const char* destination, mode_t mode,
                         int timeout_ms, cluster_sync_result* result) {
-  if (fd < 0) return EBADF;
-  return publish(socket, {fd, nullptr, 0}, destination, mode, timeout_ms, result);
+  const int error = check_size(fd);
+  if (error != 0) return error;
+  return publish(socket, destination, mode, timeout_ms, result,
+                 [fd](cluster_sync_connection* connection, Deadline* deadline) {
+                   return append_input(connection, fd, deadline);
+                 });
 }

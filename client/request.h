@@ -1,11 +1,14 @@
 #ifndef CLIENT_REQUEST_H_
 #define CLIENT_REQUEST_H_
 
-#include "client/cluster_sync.h"
+#include "client/connection.h"
 
-// Connects, sends an update request and waits for its answer, all within the time limit. Paths and
-// `result` as for cluster_sync_send_update and cluster_sync_update.
-int request_update(const char* socket, const char* source, const char* destination, int timeout_ms,
-                   cluster_sync_result* result);
+// Sends an update request with paths as the daemon spells them; null for none.
+int send_paths(cluster_sync_connection* connection, const char* source, const char* destination,
+               const Deadline& deadline);
+
+// Waits for the answer. When the time is up withdraws the request and returns what became of it.
+int receive_or_withdraw(cluster_sync_connection* connection, const Deadline& deadline,
+                        cluster_sync_result* result);
 
 #endif  // CLIENT_REQUEST_H_

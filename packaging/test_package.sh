@@ -81,11 +81,12 @@ expected_content="/etc/default/cluster_sync_daemon
 /usr/bin/clean_up_temp_files.py*
 /usr/bin/cluster_sync_ctl*
 /usr/include/cluster_sync.h
-/usr/lib/python3/dist-packages/cluster_sync.py
+/usr/lib/python3/dist-packages/cluster_sync/__init__.py
+/usr/lib/python3/dist-packages/cluster_sync/py.typed
 /usr/lib/tmpfiles.d/cluster-sync-daemon.conf
 $library lrwxrwxrwx
-$library.0 lrwxrwxrwx
-$library.0.1.0
+$library.1 lrwxrwxrwx
+$library.1.1.0
 ${library%/*}/pkgconfig/cluster-sync.pc
 /usr/sbin/cluster_sync_daemon*"
 

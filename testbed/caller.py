@@ -7,8 +7,8 @@ import sys
 from em_pair import COMMAND_SOCKET, REPO, EmPair
 
 # The library of the build, which the module then finds under its name.
-ctypes.CDLL(str(REPO / "build/libcluster-sync.so.0"))
-sys.path.insert(0, str(REPO / "client"))
+ctypes.CDLL(str(REPO / "build/libcluster-sync.so.1"))
+sys.path.insert(0, str(REPO / "client/python"))
 
 from cluster_sync import Connection, Refused, Result  # noqa: E402
 

@@ -79,8 +79,9 @@ int report_error(const Options& options, const std::string& text, ExitStatus sta
 }
 
 std::string client_error_text(const Options& options, int error) {
-  if (error == ETIMEDOUT)
-    return "no answer within " + std::to_string(options.timeout_ms / 1000) + " s";
+  const std::string limit = "no answer within " + std::to_string(options.timeout_ms / 1000) + " s";
+  if (error == ETIMEDOUT || error == EAGAIN) return limit + "; nothing was changed";
+  if (error == EINPROGRESS) return limit + "; the daemon has the request, and its exchange goes on";
   return cluster_sync_strerror(error);
 }
 
@@ -89,7 +90,9 @@ int report_client_error(const Options& options, int error, const std::string& pa
   switch (error) {
     case ECONNREFUSED:
     case ECONNRESET:
+    case EINPROGRESS:
     case ETIMEDOUT:
+    case EAGAIN:
     case EPROTO:
     case EACCES:  // the command socket is for root only
       return report_error(options, text);

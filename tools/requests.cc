@@ -80,8 +80,8 @@ int64_t monotonic_ms() {
 // The other EM's share cannot be seen from here; the time can.
 int sync_with_progress(const Options& options, cluster_sync_result* result) {
   const int64_t start = monotonic_ms();
-  int connection = -1;
-  int error = cluster_sync_connect(options.socket.c_str(), options.timeout_ms, &connection);
+  cluster_sync_connection* connection = nullptr;
+  int error = cluster_sync_open(options.socket.c_str(), options.timeout_ms, &connection);
   if (error != 0) return error;
   error = cluster_sync_send_update(connection, nullptr, nullptr, options.timeout_ms);
   bool waiting = error == 0;
@@ -89,9 +89,10 @@ int sync_with_progress(const Options& options, cluster_sync_result* result) {
     show_progress("exchange: " + std::to_string(elapsed / 1000) +
                   " s (one without progress ends after 10 s)");
     error = cluster_sync_receive(connection, kProgressStepMs, nullptr, result);
-    waiting = error == ETIMEDOUT && elapsed < options.timeout_ms;
+    waiting = error == EAGAIN && elapsed < options.timeout_ms;
   }
-  close(connection);
+  if (error == EAGAIN) error = EINPROGRESS;
+  cluster_sync_close(connection);
   clear_progress();
   return error;
 }

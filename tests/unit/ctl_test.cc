@@ -187,13 +187,15 @@ TEST_F(CtlTest, PutAndEditPublishAllOrLeaveEverythingAndNameWhatWasTyped) {
       EXPECT_EQ(read_file(out_.substr(copy, out_.find('\n', copy) - copy)), "typed\n");
     }
   }
-  EXPECT_EQ(names_in("/mnt").size(), 8u) << "one copy for each that was named";
+  EXPECT_EQ(names_in("/mnt").size(), 8u) << testing::PrintToString(names_in("/mnt"));
 }
 
 TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {
   const std::string ctl = program() + " --timeout 1 sync --progress";
   EXPECT_EQ(run("--timeout 1 sync --progress 2>&1"), 3);
-  EXPECT_EQ(out_, "cluster_sync_ctl: no answer within 1 s\n");
+  EXPECT_EQ(out_,
+            "cluster_sync_ctl: no answer within 1 s; the daemon has the request, and its "
+            "exchange goes on\n");
   EXPECT_EQ(run("--help > /dev/null; script -qec '" + ctl + "' /dev/null < /dev/null"), 3);
   EXPECT_NE(out_.find("0 s (one without progress ends after 10 s)"), std::string::npos) << out_;
   g_turn.release(2);
@@ -212,7 +214,8 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   EXPECT_EQ(sync(6, ""), ECANCELED);
   EXPECT_EQ(sync(0, "short"), EPROTO);
   EXPECT_EQ(cluster_sync_sync("/mnt/none", 100, nullptr), ECONNREFUSED);
-  EXPECT_EQ(cluster_sync_sync(nullptr, 0, nullptr), ETIMEDOUT);
+  EXPECT_EQ(cluster_sync_sync(nullptr, 0, nullptr), EINPROGRESS);
+  g_turn.release();
   chmod("/var/run/em/cmd.2006", 0666);  // only root is served all the same
   EXPECT_EQ(
       run_forked([] { return setuid(65534) == 0 ? cluster_sync_sync(nullptr, 9000, nullptr) : 0; }),
@@ -228,20 +231,135 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address);
   listen(listener, 1);
-  int connection = -1;
-  ASSERT_EQ(cluster_sync_connect("/mnt/deaf", 100, &connection), 0);
-  EXPECT_EQ(cluster_sync_receive(connection, 1, nullptr, nullptr), ETIMEDOUT);
+  cluster_sync_connection* connection = nullptr;
+  ASSERT_EQ(cluster_sync_open("/mnt/deaf", 100, &connection), 0);
   close(accept(listener, nullptr, nullptr));
   EXPECT_EQ(cluster_sync_send_diag(connection, "stats", 100), ECONNRESET);
-  EXPECT_EQ(cluster_sync_receive(connection, 100, nullptr, nullptr), ECONNRESET);
-  close(connection);
-  std::vector<int> waiting;  // until no more fit
-  int error = 0;
-  while ((error = cluster_sync_connect("/mnt/deaf", 50, &connection)) == 0)
+  cluster_sync_close(connection);
+  std::vector<cluster_sync_connection*> waiting;  // until no more fit
+  while (cluster_sync_open("/mnt/deaf", 0, &connection) == 0)
     waiting.push_back(connection);
-  EXPECT_EQ(error, ETIMEDOUT);
-  std::for_each(waiting.begin(), waiting.end(), close);
+  ASSERT_GT(waiting.size(), 0u);
+  EXPECT_EQ(cluster_sync_open("/mnt/deaf", 50, &connection), ETIMEDOUT);
+  ASSERT_EQ(cluster_sync_send_diag(waiting[0], "stats", 0), 0);
   close(listener);
+  EXPECT_EQ(cluster_sync_receive(waiting[0], 100, nullptr, nullptr), ECONNRESET);
+  std::for_each(waiting.begin(), waiting.end(), cluster_sync_close);
+}
+
+// What is told when the time is up is what becomes of the file, and no answer is taken for that of
+// another request.
+TEST_F(CtlTest, TheLibraryTellsTheTruthWhenTheTimeIsUp) {
+  const std::string name = tree_path(1, "name"), folder = tree_path(1, "");
+  const auto put = [&] {
+    return cluster_sync_put(nullptr, "new", 3, name.c_str(), 0600, 50, nullptr);
+  };
+  g_status = 0;
+  g_payload = std::string(100, 'x');  // renamed, but not answered in time
+  EXPECT_EQ(put(), ETIMEDOUT);
+  g_turn.release();
+  cluster_sync_connection* connection = nullptr;
+  ASSERT_EQ(cluster_sync_open(nullptr, 1000, &connection), 0);
+  EXPECT_EQ(cluster_sync_receive(connection, 0, nullptr, nullptr), ENOMSG);
+  EXPECT_EQ(cluster_sync_withdraw(connection), ENOMSG);
+
+  ASSERT_EQ(cluster_sync_put_begin(connection, name.c_str(), 0600), 0);
+  EXPECT_EQ(cluster_sync_send_diag(connection, "stats", 0), EBUSY);
+  ASSERT_EQ(cluster_sync_put_write(connection, "new", 3), 0);
+  EXPECT_EQ(names_in(folder).size(), 0u) << "no name as long as it is written";
+  ASSERT_EQ(cluster_sync_put_send(connection, 0), 0);
+  EXPECT_EQ(cluster_sync_receive(connection, 1, nullptr, nullptr), EAGAIN);
+  EXPECT_EQ(cluster_sync_send_update(connection, nullptr, nullptr, 0), EBUSY);
+  EXPECT_EQ(cluster_sync_put_begin(connection, name.c_str(), 0600), EBUSY);
+  EXPECT_EQ(cluster_sync_withdraw(connection), ETIMEDOUT);
+  EXPECT_EQ(names_in(folder).size(), 0u) << "nothing that a late rename could find";
+  g_turn.release();
+  EXPECT_EQ(cluster_sync_receive(connection, -1, nullptr, nullptr), EPROTO);
+
+  write_file(folder + "TempUpdate_own", "new");
+  const auto update = [&](int timeout_ms) {
+    return cluster_sync_update(nullptr, (folder + "TempUpdate_own").c_str(), name.c_str(),
+                               timeout_ms, nullptr);
+  };
+  EXPECT_EQ(update(20), ETIMEDOUT) << "the source is still there";
+  g_turn.release();
+  while (exists(folder + "TempUpdate_own"))
+    usleep(1000);
+  EXPECT_EQ(cluster_sync_delete(nullptr, name.c_str(), 20, nullptr), EINPROGRESS);
+  g_turn.release();
+  for (const auto& [path, error] : {std::pair(name + "/", EISDIR),
+                                    {folder + "TempUpdate_x", EINVAL},
+                                    {folder + ".$SyncDigest$x", EINVAL},
+                                    {folder + " x", EINVAL},
+                                    {tree_path(2, "x"), EPERM},
+                                    {folder + std::string(243, 'x'), EINVAL},
+                                    {folder + "none/x", ENOENT},
+                                    {"/mnt/x", EXDEV},
+                                    {folder + "1/2/3/4/5/6/7/8/9/0/1/2/3/4/5/6/7/8", EINVAL},
+                                    {folder + "link", ELOOP},
+                                    {folder + "way/x", ELOOP},
+                                    {folder + "dir", EISDIR},
+                                    {name + "/x", ENOTDIR}}) {
+    symlink("name", (folder + "link").c_str());
+    symlink("dir", (folder + "way").c_str());
+    mkdir((folder + "dir").c_str(), 0755);
+    EXPECT_EQ(cluster_sync_put_begin(connection, path.c_str(), 0600), error) << path;
+  }
+  EXPECT_EQ(cluster_sync_put_begin(connection, nullptr, 0600), EINVAL);
+  EXPECT_EQ(cluster_sync_send_diag(connection, nullptr, 0), EINVAL);
+  cluster_sync_close(connection);
+}
+
+// A directory that is swapped for a link in the middle leads nowhere, and nothing stays behind.
+TEST_F(CtlTest, APutWritesNothingOutsideItsTree) {
+  make_file(1, "dir/name", "old");
+  mkdir("/mnt/outside", 0755);
+  write_file("/mnt/outside/name", "precious");
+  const std::string folder = tree_path(1, "dir"), aside = tree_path(1, "aside");
+  cluster_sync_connection* connection = nullptr;
+  ASSERT_EQ(cluster_sync_open(nullptr, 1000, &connection), 0);
+  ASSERT_EQ(cluster_sync_put_begin(connection, (folder + "/name").c_str(), 0644), 0);
+  rename(folder.c_str(), aside.c_str());
+  fs::create_symlink("/mnt/outside", folder);
+  EXPECT_EQ(cluster_sync_put_write(connection, "new", 3), 0);
+  EXPECT_EQ(cluster_sync_put_send(connection, 0), 0);
+  EXPECT_EQ(names_in("/mnt/outside"), std::set<std::string>{"name"});
+  EXPECT_EQ(names_in(aside).size(), 2u) << "beside the file that it was begun for";
+  cluster_sync_close(connection);
+  EXPECT_EQ(names_in(aside), std::set<std::string>{"name"});
+  g_turn.release();
+}
+
+TEST_F(CtlTest, TheLibraryGivesReasonsThatProgramsCanActOn) {
+  cluster_sync_result result = {};
+  for (const auto& [applied, text, reason] : std::vector<std::tuple<int, const char*, int>>{
+           {0, "Attempt to update shared replicated area while not active '/x'",
+            CLUSTER_SYNC_NOT_ACTIVE},
+           {0, "Too many RPC calls are already waiting", CLUSTER_SYNC_BUSY},
+           {0, "Could not update file (Invalid argument): /x", CLUSTER_SYNC_NOT_REPLICATED},
+           {0, "Could not update file '/x': Paths cannot contain digest prefix",
+            CLUSTER_SYNC_NOT_REPLICATED},
+           {0, "Could not update file (Invalid cross-device link): /x",
+            CLUSTER_SYNC_OTHER_FILE_SYSTEM},
+           {0, "Could not delete file (No such file or directory): /x", CLUSTER_SYNC_NO_SUCH_FILE},
+           {0, "Could not update file (No space left on device): /x", CLUSTER_SYNC_ERROR_HERE},
+           {1, "Could not update file (Input/output error): /x", CLUSTER_SYNC_ERROR_HERE},
+           {1, "Unable to update file (No space left on device): /x", CLUSTER_SYNC_ERROR_THERE},
+           {1, "Operation timed out", CLUSTER_SYNC_TIMED_OUT},
+           {1, "Received early LOCK_REL message in state ST_UPDATE", CLUSTER_SYNC_PROTOCOL},
+           {1, "", CLUSTER_SYNC_OTHER}}) {
+    result.local_ok = static_cast<uint8_t>(applied);
+    snprintf(result.reason, sizeof result.reason, "%s", text);
+    EXPECT_EQ(cluster_sync_reason(ECANCELED, &result), reason) << text;
+  }
+  for (const auto& [error, reason] : {std::pair(0, CLUSTER_SYNC_NO_REASON),
+                                      {EXDEV, CLUSTER_SYNC_NOT_REPLICATED},
+                                      {ENOSPC, CLUSTER_SYNC_ERROR_HERE},
+                                      {ECONNREFUSED, CLUSTER_SYNC_NO_DAEMON},
+                                      {EINPROGRESS, CLUSTER_SYNC_TIMED_OUT},
+                                      {ECANCELED, CLUSTER_SYNC_OTHER}})
+    EXPECT_EQ(cluster_sync_reason(error, nullptr), reason) << error;
+  EXPECT_STREQ(cluster_sync_version(), CLUSTER_SYNC_VERSION);
 }
 
 TEST_F(CtlTest, TheLibraryServesSeveralThreadsAtOnce) {
