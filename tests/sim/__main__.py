@@ -1,0 +1,134 @@
+"""python3 tests/sim: two real daemons on a simulated group, in every order of events that it allows.
+
+Each seed is one run of 250 events. A run that fails is shrunk to few events, which are shown with
+what the pair did and the last exchange drawn.
+"""
+
+import argparse
+import multiprocessing
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "testbed"))
+
+import simulation  # noqa: E402
+from machine import BUILD, EMS, Machine  # noqa: E402
+from shrink import shrink  # noqa: E402
+
+EVENTS = 250
+WORKERS = 2
+SHRINKING = 60  # seconds
+
+
+def run(machines: dict[int, Machine], events: list, trace=None) -> str:
+    return simulation.run(machines, events, trace)
+
+
+def show(machines: dict[int, Machine], events: list, what: str) -> str:
+    """Repeats a run with a trace and the daemons' logs, and draws the last exchange."""
+    lines = [str(event) for event in events] if what == "events" else []
+    with tempfile.TemporaryDirectory(prefix="sim.") as folder:
+        for n, machine in machines.items():
+            machine.log, machine.log_level = f"{folder}/em{n}", 7
+        lines.append(run(machines, events, lines.append))
+        logs = [machine.log for machine in machines.values()]
+        explain = [str(BUILD / "cluster_sync_ctl"), "explain", *logs]
+        rows = subprocess.run(explain, capture_output=True, text=True).stdout.splitlines()
+        if len(rows) > 1:
+            drawn = subprocess.run([*explain, "--exchange", str(len(rows) - 1)],
+                                   capture_output=True, text=True)
+            lines += [*rows[-5:], drawn.stdout]
+        for machine in machines.values():
+            machine.log, machine.log_level = None, 0
+    return "\n".join(lines)
+
+
+def examine(machines: dict[int, Machine], seed: int, count: int) -> str:
+    """A report on the run of a seed that fails; nothing when it passes."""
+    events = simulation.draw(seed, count)
+    wrong = run(machines, events)
+    if not wrong:
+        return ""
+    few = shrink(events, lambda part: run(machines, part), SHRINKING)
+    return (f"seed {seed}: {wrong}\n{len(few)} of {len(events)} events are enough:\n" +
+            show(machines, few, "trace") + f"\nrepeat with: ./run simulate --seed {seed}\n")
+
+
+def work(seeds, end: float, count: int, reports) -> None:
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    machines = {n: Machine(n) for n in EMS}
+    try:
+        for seed in seeds:
+            if time.monotonic() > end or os.getppid() == 1:
+                break
+            reports.put(examine(machines, seed, count))
+    finally:
+        for machine in machines.values():
+            machine.close()
+        reports.put(None)
+
+
+def simulate(options: argparse.Namespace) -> int:
+    """Runs seeds on all workers until the time or the seeds are over."""
+    end = time.monotonic() + (options.seconds or 1e9)
+    last = options.seed + options.runs if options.runs else 1 << 31
+    reports = multiprocessing.Queue()
+    workers = [multiprocessing.Process(
+        target=work, args=(range(options.seed + i, last, WORKERS), end, options.events, reports))
+        for i in range(WORKERS)]
+    for worker in workers:
+        worker.start()
+    passed = failed = ended = 0
+    try:
+        while ended < WORKERS:
+            report = reports.get()
+            ended += report is None
+            passed += report == ""
+            failed += bool(report)
+            print(report or "", end="", flush=True)
+    finally:
+        for worker in workers:
+            worker.terminate()
+    print(f"{passed} passed, {failed} failed")
+    return 0 if passed and not failed else 1
+
+
+def repeat(options: argparse.Namespace) -> int:
+    machines = {n: Machine(n) for n in EMS}
+    try:
+        if options.trace:
+            print(show(machines, simulation.draw(options.seed, options.events), "trace"))
+            return 0
+        report = examine(machines, options.seed, options.events)
+    finally:
+        for machine in machines.values():
+            machine.close()
+    print(report or f"seed {options.seed}: nothing is wrong")
+    return 1 if report else 0
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(prog="./run simulate", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--seed", type=int, help="the run of this seed alone, or the first one")
+    parser.add_argument("--trace", action="store_true", help="show all that the run of --seed does")
+    parser.add_argument("--runs", type=int, help="so many seeds")
+    parser.add_argument("--seconds", type=float, help="for so long")
+    parser.add_argument("--events", type=int, default=EVENTS, help="of a run (%(default)s)")
+    options = parser.parse_args()
+    if options.seed is not None and not options.runs and not options.seconds:
+        return repeat(options)
+    options.seed = int(time.time()) if options.seed is None else options.seed
+    if not options.runs and not options.seconds:
+        options.seconds = 60
+    print(f"Simulated pairs from seed {options.seed} on", flush=True)
+    return simulate(options)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,228 @@
+"""What is asked of the pair at every step, and at the end."""
+
+import os
+import struct
+from dataclasses import dataclass, field
+
+from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
+from machine import ROOTS
+
+CHUNK = 65536
+SHARED = (ACTIVE, VOLATILE)
+LOCK_REQ, LOCK_REL, LISTING_REQ, LISTING_ACK, UPDATE_REQ, UPDATE_ACK = range(6)
+NAMES = ("LOCK_REQ", "LOCK_REL", "LISTING_REQ", "LISTING_ACK", "UPDATE_REQ", "UPDATE_ACK")
+
+
+class Wrong(Exception):
+    """The pair has done what it must not."""
+
+
+@dataclass(frozen=True)
+class Answer:
+    success: bool
+    local_ok: bool
+    peer_present: bool
+    reason: str
+
+    @staticmethod
+    def parse(packet: bytes) -> "Answer":
+        success, local_ok, *_, present, reason = struct.unpack("<I5B3xI116s", packet)[1:]
+        return Answer(bool(success), bool(local_ok), present == ord("Y"),
+                      reason.split(b"\0")[0].decode(errors="replace"))
+
+
+@dataclass(eq=False)
+class Request:
+    """`effects` says what the paths hold once it is carried out: bytes, or None for nothing."""
+
+    em: int
+    source: str
+    destination: str
+    effects: dict[str, bytes | None]
+    moves: int  # of the role before it
+    others: list["Request"] = field(default_factory=list)  # for the same path at the same time
+    refused: bool = False
+    first: bool = False  # to make the path hold that
+
+    def __str__(self) -> str:
+        return f"EM {self.em}: '{self.source}' -> '{self.destination}'"
+
+
+def root_of(path: str) -> str:
+    return next(root for root in ROOTS if path.startswith(root + "/"))
+
+
+class Questions:
+    """Keeps for each path of a source tree the contents that it may have. `pair` has machines."""
+
+    def __init__(self, pair):
+        self.pair = pair
+        self.moves = 0  # of the role
+        self.two_active = False  # at some time
+        self.may_hold: dict[tuple[int, str], set[bytes | None]] = {}
+        self.in_one_copy = self.may_hold.copy()  # the same if the role moves: what had no success on
+        #                                          both EMs may be lost then
+        self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # of the lock, as an EM knows it
+        self.in_flight: list[Request] = []
+        self.abandoned: list[Request] = []  # whose caller has gone, but which may still be served
+
+    # Who holds the lock.
+
+    def on_sent(self, n: int, message: bytes) -> None:
+        command = message[4]
+        if command in (LISTING_REQ, UPDATE_REQ) and self.holder[n] != n:
+            raise Wrong(f"EM {n} sends {NAMES[command]}, but the lock is "
+                        f"{self.holder[n] and f'of EM {self.holder[n]}' or 'free'}")
+
+    def on_taken(self, n: int, event: bytes) -> None:
+        if event[0] == ord("c") or event[12 + 4] == LOCK_REL:
+            self.holder[n] = None
+        elif event[12 + 4] == LOCK_REQ and self.holder[n] is None:
+            self.holder[n] = event[4]
+
+    # Whether answers are true.
+
+    def key(self, em: int, path: str) -> tuple[int, str]:
+        return (0 if root_of(path) in SHARED else em), path
+
+    def put(self, em: int, path: str, content: bytes) -> None:
+        """A file that was there before the daemons."""
+        self.may_hold[self.key(em, path)] = {content}
+        self.in_one_copy[self.key(em, path)] = {None, content}
+
+    def on_role(self) -> None:
+        self.moves += 1
+        for key, contents in self.in_one_copy.items():
+            if key[0] == 0:
+                self.may_hold[key] = set(contents)
+
+    def unsettled(self) -> list[Request]:
+        return self.in_flight + self.abandoned
+
+    def on_asked(self, request: Request) -> None:
+        for other in self.unsettled():
+            same_tree = request.em == other.em or root_of(request.destination or OWN + "/") in SHARED
+            if same_tree and request.effects.keys() & other.effects.keys():
+                request.others.append(other)
+                other.others.append(request)
+        self.in_flight.append(request)
+        for path, content in request.effects.items():
+            key = self.key(request.em, path)
+            request.first = content not in self.may_hold.get(key, {None})
+            for held in (self.may_hold, self.in_one_copy):
+                held.setdefault(key, {None}).add(content)
+
+    def on_hang_up(self, request: Request) -> None:
+        self.in_flight.remove(request)
+        self.abandoned.append(request)
+
+    def on_daemon_end(self, n: int) -> None:
+        self.holder[n] = None
+        self.in_flight = [request for request in self.in_flight if request.em != n]
+        self.abandoned = [request for request in self.abandoned if request.em != n]
+
+    def on_answer(self, request: Request, answer: Answer) -> None:
+        self.in_flight.remove(request)
+        if not answer.success and not answer.local_ok:
+            return self._on_refusal(request)
+        shared = any(root_of(path) in SHARED for path in request.effects)
+        moved = self.moves > request.moves
+        for path, content in request.effects.items():
+            allowed = {content} | {other.effects[path] for other in request.others
+                                   if path in other.effects and not other.refused}
+            if answer.success or not (shared and moved):
+                self._expect(request, answer, request.em, path, allowed)
+            if answer.success and answer.peer_present:
+                copy = PEERS + path[len(OWN):] if path.startswith(OWN + "/") else path
+                self._expect(request, answer, 3 - request.em, copy, allowed)
+            both = answer.success and answer.peer_present
+            if not shared or not self.moves or both:
+                self.may_hold[self.key(request.em, path)] = set(allowed)
+            if both:
+                self.in_one_copy[self.key(request.em, path)] = set(allowed)
+        self.check_sources()
+
+    def _on_refusal(self, request: Request) -> None:
+        request.refused = True
+        if request.source and "TempUpdate_" in request.source:
+            if not os.path.exists(self.pair.machines[request.em].path(request.source)):
+                raise Wrong(f"{request}: refused with local_ok 0, but the source is gone")
+            os.unlink(self.pair.machines[request.em].path(request.source))
+            if request.first and not request.others:
+                self.may_hold[self.key(request.em, request.destination)].discard(
+                    request.effects[request.destination])
+
+    def _expect(self, request: Request, answer: Answer, em: int, path: str, allowed: set) -> None:
+        if self.two_active and root_of(path) in SHARED:
+            return
+        found = content_of(self.pair.machines[em].path(path))
+        if found not in allowed:
+            raise Wrong(f"{request}: {answer}, but EM {em} has {describe(found)} at {path} instead of "
+                        f"{' or '.join(map(describe, allowed))}")
+
+    # What else has changed.
+
+    def check_sources(self) -> None:
+        """The trees from which others are copied hold what was asked for and nothing else."""
+        for n in EMS:
+            self._check_tree(n, OWN, n)
+        active = [n for n in EMS if self.pair.machines[n].active]
+        if self.moves == 0 and len(active) == 1:
+            for root in SHARED:
+                self._check_tree(active[0], root, 0)
+
+    def _check_tree(self, n: int, root: str, owner: int) -> None:
+        found = self.pair.machines[n].read(root)
+        names = {path[len(root) + 1:] for tree, path in self.may_hold
+                 if tree == owner and path.startswith(root + "/")}
+        for name in names | found.keys():
+            allowed = self.may_hold.get((owner, f"{root}/{name}"), {None})
+            if found.get(name) not in allowed:
+                raise Wrong(f"EM {n} has {describe(found.get(name))} at {root}/{name} instead of "
+                            f"{' or '.join(map(describe, allowed))}")
+
+    # At the end.
+
+    def differences(self) -> str:
+        """What keeps the pair from being at rest, or nothing."""
+        machines = self.pair.machines
+        active = next(n for n in EMS if machines[n].active)
+        for n, root, copy in ((1, OWN, PEERS), (2, OWN, PEERS), (active, ACTIVE, ACTIVE),
+                              (active, VOLATILE, VOLATILE)):
+            source, other = machines[n].read(root), machines[3 - n].read(copy)
+            for name in source.keys() | other.keys():
+                if source.get(name) != other.get(name):
+                    return (f"EM {n} has {describe(source.get(name))} at {root}/{name}, "
+                            f"EM {3 - n} {describe(other.get(name))} in its copy")
+        if self.in_flight:
+            return f"no answer: {self.in_flight[0]}"
+        if machines[active].fault != 1:
+            return "the fault event says failing"
+        return ""
+
+    def check_end(self) -> None:
+        self.check_sources()
+        if self.two_active:
+            return
+        active = next(n for n in EMS if self.pair.machines[n].active)
+        for (owner, path), allowed in self.may_hold.items():
+            found = content_of(self.pair.machines[active].path(path)) if owner == 0 else None
+            # A role that moves in the middle of an exchange makes a file of two versions the source.
+            mixed = self.moves and found and len(found) > CHUNK
+            if owner == 0 and found not in allowed and not mixed:
+                raise Wrong(f"EM {active} has {describe(found)} at {path} instead of "
+                            f"{' or '.join(map(describe, allowed))}")
+
+
+def content_of(path: str) -> bytes | None:
+    try:
+        with open(path, "rb") as file:
+            return file.read()
+    except OSError:
+        return None
+
+
+def describe(content: bytes | None) -> str:
+    if content is None:
+        return "nothing"
+    return f"{len(content)} bytes beginning with {content[:8]!r}"
