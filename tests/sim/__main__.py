@@ -12,6 +12,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import traceback
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "testbed"))
@@ -67,6 +68,8 @@ def work(seeds, end: float, count: int, reports) -> None:
             if time.monotonic() > end or os.getppid() == 1:
                 break
             reports.put(examine(machines, seed, count))
+    except Exception:
+        reports.put(traceback.format_exc())
     finally:
         for machine in machines.values():
             machine.close()

@@ -14,7 +14,7 @@ from typing import NamedTuple
 
 from em_pair import ACTIVE, COMMAND_SOCKET, EMS, OWN, VOLATILE
 from group import REASON_LEAVE, Group
-from machine import HOLD, NEVER, PASS, TICK, Machine
+from machine import NEVER, PASS, TICK, Hang, Machine
 from questions import CHUNK, NAMES, Answer, Questions, Request, Wrong, describe
 
 SECOND = 1_000_000_000
@@ -402,7 +402,7 @@ def run(machines: dict[int, Machine], events: list[Event], trace=None) -> str:
         for event in events:
             simulation.execute(event)
         simulation.come_to_rest()
-    except Wrong as wrong:
+    except (Wrong, Hang) as wrong:
         return str(wrong)
     finally:
         simulation.close()
