@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include "platform/descriptor.h"
 
@@ -17,8 +18,10 @@
 struct StorageHandle {
   int fd;
   int error;
-  std::string path;
-  std::string temporary;
+  int dir_fd;
+  std::string name;
+  std::string temporary;     // in the same directory
+  Descriptor own_directory;  // unless it is the caller's
 };
 
 namespace {
@@ -30,33 +33,32 @@ int fail(int error) {
   return -1;
 }
 
-// Makes a file with a fresh name in `directory` (which ends in '/'). Returns the descriptor and
-// sets `*name`, or returns -1 with errno set.
-int create_temporary(const std::string& directory, mode_t mode, std::string* name) {
-  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
-    uint64_t number = 0;
+// A number that nobody can foresee, or 0 with errno. One system call gives many.
+uint64_t next_random() {
+  constexpr size_t kNumbers = 32;
+  static thread_local uint64_t numbers[kNumbers];
+  static thread_local size_t left = 0;
+  if (left == 0) {
     errno = EIO;  // of a short answer
-    if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) return -1;
+    if (getrandom(numbers, sizeof numbers, 0) != static_cast<ssize_t>(sizeof numbers)) return 0;
+    left = kNumbers;
+  }
+  return numbers[--left] | 1;
+}
+
+// Makes a file with a fresh name in a directory. Returns the descriptor and sets `*name`, or
+// returns -1 with errno set.
+int create_temporary(int dir_fd, mode_t mode, std::string* name) {
+  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+    const uint64_t number = next_random();
+    if (number == 0) return -1;
     char text[40];
     snprintf(text, sizeof text, "TempUpdate_%016" PRIx64, number);
-    *name = directory + text;
-    const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    *name = text;
+    const int fd = openat(dir_fd, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   return fail(EEXIST);
-}
-
-// The directory that holds the name `path`, with its slash.
-std::string directory_of(const char* path) {
-  std::string directory = path;
-  while (directory.size() > 1 && directory.back() == '/')
-    directory.pop_back();
-  directory.resize(directory.rfind('/') + 1);
-  return directory.empty() ? "./" : directory;
-}
-
-int open_to_sync(const char* path) {
-  return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
 int sync_and_close(int fd, int (*sync)(int)) {
@@ -68,7 +70,7 @@ int sync_and_close(int fd, int (*sync)(int)) {
 int give_up(StorageHandle* handle, int error) {
   if (handle->error == 0) {
     handle->error = error;
-    unlink(handle->temporary.c_str());
+    unlinkat(handle->dir_fd, handle->temporary.c_str(), 0);
   }
   return fail(handle->error);
 }
@@ -100,19 +102,27 @@ void storage_cfg_set_result(RpcResult* result, uint32_t code, const char* format
   va_end(args);
 }
 
-int storage_open(int kind, const char* path, int flags, StorageHandle** handle) {
+int storage_open_at(int kind, int dir_fd, const char* name, int flags, StorageHandle** handle) {
   (void)kind;
-  const std::string target = path;
-  const size_t slash = target.rfind('/');
-  if (target[0] != '/' || slash + 1 == target.size() || (flags & kStorageOpenWrite) == 0)
+  if (*name == '\0' || strchr(name, '/') != nullptr || (flags & kStorageOpenWrite) == 0)
     return fail(EINVAL);
-
   std::string temporary;
   const mode_t mode = (flags & kStorageOpenRestricted) != 0 ? 0600 : 0644;
-  const int fd = create_temporary(target.substr(0, slash + 1), mode, &temporary);
+  const int fd = create_temporary(dir_fd, mode, &temporary);
   if (fd < 0) return -1;
-  *handle = new StorageHandle{fd, 0, target, temporary};
+  *handle = new StorageHandle{fd, 0, dir_fd, name, temporary, Descriptor()};
   return 0;
+}
+
+int storage_open(int kind, const char* path, int flags, StorageHandle** handle) {
+  if (path[0] != '/') return fail(EINVAL);
+  const char* name = strrchr(path, '/') + 1;
+  Descriptor directory(
+      open(std::string(path, name).c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
+  if (!directory.is_open()) return -1;
+  const int rc = storage_open_at(kind, directory.get(), name, flags, handle);
+  if (rc == 0) (*handle)->own_directory = std::move(directory);
+  return rc;
 }
 
 int storage_write_all(StorageHandle* handle, const void* data, size_t size) {
@@ -124,30 +134,30 @@ int storage_write_all(StorageHandle* handle, const void* data, size_t size) {
 int storage_close(StorageHandle* handle) {
   if (handle->error == 0 && fdatasync(handle->fd) != 0) give_up(handle, errno);
   if (close(handle->fd) != 0) give_up(handle, errno);
-  if (handle->error == 0 && rename(handle->temporary.c_str(), handle->path.c_str()) != 0)
+  const int dir_fd = handle->dir_fd;
+  if (handle->error == 0 &&
+      renameat(dir_fd, handle->temporary.c_str(), dir_fd, handle->name.c_str()) != 0) {
     give_up(handle, errno);
-  if (handle->error == 0 && storage_sync_name(handle->path.c_str()) != 0) handle->error = errno;
+  }
+  if (handle->error == 0 && fsync(dir_fd) != 0) handle->error = errno;
   const int error = handle->error;
   delete handle;
   return error == 0 ? 0 : fail(error);
 }
 
-int storage_sync_content(const char* path) {
+int storage_sync_content(int dir_fd, const char* name) {
   struct stat status;
-  if (lstat(path, &status) != 0) return 0;
-  if (S_ISDIR(status.st_mode)) return sync_and_close(open_to_sync(path), syncfs);
-  return S_ISREG(status.st_mode) ? sync_and_close(open_to_sync(path), fsync) : 0;
+  if (fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+  if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) return 0;
+  const int fd = openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  return sync_and_close(fd, S_ISDIR(status.st_mode) ? syncfs : fsync);
 }
 
-int storage_sync_name(const char* path) {
-  return sync_and_close(open_to_sync(directory_of(path).c_str()), fsync);
-}
-
-bool storage_can_rename(const char* source, const char* destination) {
+bool storage_can_rename(int source_dir_fd, int destination_dir_fd) {
   struct statx from;
   struct statx to;
-  if (statx(AT_FDCWD, directory_of(source).c_str(), 0, STATX_MNT_ID, &from) != 0 ||
-      statx(AT_FDCWD, directory_of(destination).c_str(), 0, STATX_MNT_ID, &to) != 0) {
+  if (statx(source_dir_fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &from) != 0 ||
+      statx(destination_dir_fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &to) != 0) {
     return true;
   }
   return from.stx_dev_major == to.stx_dev_major && from.stx_dev_minor == to.stx_dev_minor &&

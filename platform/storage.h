@@ -43,27 +43,26 @@ constexpr int kStorageOpenWrite = 0x02;
 // Mode 0600 instead of 0644; the umask of the process must leave both alone.
 constexpr int kStorageOpenRestricted = 0x40;
 
-// Replaces the file at the absolute `path` as a whole: storage_open makes a temporary file
-// (TempUpdate_<random>) in its directory, storage_write_all writes to it, storage_close brings it
-// to the disk, renames it over `path` and brings that to the disk. Each returns 0, or non-zero with
-// errno set. After a failure `path` is what it was, unless only the new name did not reach the
-// disk, and the temporary file is gone, at the latest after storage_close, which must follow every
-// successful open and frees the handle. `kind` is not interpreted.
+// Replaces the file `name` in an open directory as a whole: storage_open_at makes a temporary file
+// (TempUpdate_<random>) beside it, storage_write_all writes to it, storage_close brings it to the
+// disk, renames it over `name` and brings that to the disk. Each returns 0, or non-zero with errno
+// set. After a failure `name` is what it was, unless only the new name did not reach the disk, and
+// the temporary file is gone, at the latest after storage_close, which must follow every successful
+// open and frees the handle. `kind` is not interpreted. `dir_fd` stays the caller's, open until
+// then.
+int storage_open_at(int kind, int dir_fd, const char* name, int flags, StorageHandle** handle);
+// The same by an absolute path.
 int storage_open(int kind, const char* path, int flags, StorageHandle** handle);
 int storage_write_all(StorageHandle* handle, const void* data, size_t size);
 int storage_close(StorageHandle* handle);
 
-// False when a rename from `source` to `destination` must fail with EXDEV: another file system, or
-// another mount of the same one. True when that cannot be told.
-bool storage_can_rename(const char* source, const char* destination);
+// False when a rename from one open directory to another must fail with EXDEV: another file system,
+// or another mount of the same one. True when that cannot be told.
+bool storage_can_rename(int source_dir_fd, int destination_dir_fd);
 
-// What the next two return for is on the disk afterwards and survives a loss of power. 0, or
-// non-zero with errno set. On file systems in memory they cost next to nothing.
-
-// The content of the file or, with all below it, of the directory `path`. What is neither, or does
-// not exist, has none.
-int storage_sync_content(const char* path);
-// That the name `path`, of a file or a directory, was made, has been replaced or is gone.
-int storage_sync_name(const char* path);
+// Brings the content of the file or, with all below it, of the directory `name` to the disk, so
+// that it survives a loss of power. What is neither, or does not exist, has none. 0, or non-zero
+// with errno set.
+int storage_sync_content(int dir_fd, const char* name);
 
 #endif  // PLATFORM_STORAGE_H_

@@ -44,8 +44,6 @@ bool split_tree_path(const char* path, TreePath* place) {
 
 int check_tree_path(const char* path, TreePath* place) {
   if (!split_tree_path(path, place)) return EPERM;
-  const int error = check_no_symlink_above(place->root_index, path);
-  if (error != 0) return error;
   const bool keeps_its_name = strspn(place->relative_path, kBlanks) == 0;
   return keeps_its_name && relative_path_is_listable(place->relative_path) ? 0 : EINVAL;
 }
@@ -77,19 +75,6 @@ bool relative_path_is_listable(const char* relative_path) {
   const auto length = static_cast<size_t>(end - name);
   return depth <= kMaxScanDepth && leaves_room_for_prefix(length) && !is_digest_name(name) &&
          !is_temporary(name, length);
-}
-
-int check_no_symlink_above(uint32_t root_index, const char* path) {
-  std::string above(path);
-  for (size_t slash = above.find('/', strlen(root_paths[root_index])); slash != std::string::npos;
-       slash = above.find('/', slash + 1)) {
-    above[slash] = '\0';
-    struct stat status;
-    if (lstat(above.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
-    if (S_ISLNK(status.st_mode)) return ELOOP;
-    above[slash] = '/';
-  }
-  return 0;
 }
 
 bool file_is_gone(int error) {

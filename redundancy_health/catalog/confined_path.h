@@ -5,9 +5,8 @@
 #include <stdio.h>
 #include <sys/types.h>
 
-// Keeps what arrives from the peer or a local caller inside the replicated roots. Paths are
-// checked as text and against symbolic links planted in the trees; the roots themselves may be
-// reached through links.
+// Keeps what arrives from the peer or a local caller inside the replicated roots, as far as the
+// text of a path tells; pinned_path.h sees to the links that are planted in the trees.
 
 // A path below a root, taken apart.
 struct TreePath {
@@ -20,9 +19,8 @@ struct TreePath {
 bool split_tree_path(const char* path, TreePath* place);
 
 // The one check of an absolute path that somebody else has chosen. Returns 0 when a file there is
-// replicated under just that name; EPERM when the path lies below no root; ELOOP (or the error of
-// lstat) when a symbolic link stands above it; EINVAL when no scan lists the name, or a blank at
-// its beginning would be lost on the way.
+// replicated under just that name; EPERM when the path lies below no root; EINVAL when no
+// scan lists the name, or a blank at its beginning would be lost on the way.
 int check_tree_path(const char* path, TreePath* place);
 
 // True for a relative path that does not begin with "/" and has no ".." component. An empty path
@@ -34,11 +32,6 @@ bool relative_path_is_confined(const char* relative_path);
 // cache file), or make an invalid listing line (the reader of a line swallows the blanks at its
 // start). An empty path passes.
 bool relative_path_is_listable(const char* relative_path);
-
-// Returns 0 when no existing directory between the root and the last component of `path` is a
-// symbolic link, else ELOOP (or the error of lstat). `path` begins with the root `root_index`. A
-// missing directory ends the walk without an error.
-int check_no_symlink_above(uint32_t root_index, const char* path);
 
 // True for the error of an unlink that found no file to delete: nothing of that name, or a
 // directory, or a path that leads through a file.

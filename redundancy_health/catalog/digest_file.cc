@@ -108,6 +108,7 @@ FileEntry* parse_chunk_line(const char* line, const ScannedFile& data) {
 
 LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const ScannedFile& data,
                            const char* digest_path, LoadedLines* loaded) {
+  const uint64_t n_chunks = static_cast<uint64_t>(data.status.st_size) / kChunkSize + 1;
   char line[kLineSize];
   for (;;) {
     if (fgets(line, sizeof(line), f) == nullptr) {
@@ -116,6 +117,8 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Sc
                           digest_path);
       return LoadState::kFailed;
     }
+    // More lines than chunks: not even the first are worth memory, and a place in the listing.
+    if (loaded->count == n_chunks) return LoadState::kStale;
     FileEntry* chunk = parse_chunk_line(line, data);
     if (chunk == nullptr) {
       RECORD_SCAN_FAILURE(ctx, 1, "Invalid digest file contents '%s'", digest_path);
@@ -128,8 +131,17 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Sc
     *list = chunk;
   }
   // Power fails on an EM while a digest cache file is being written.
-  const uint64_t chunks = static_cast<uint64_t>(data.status.st_size) / kChunkSize + 1;
-  return loaded->count < chunks ? LoadState::kStale : LoadState::kComplete;
+  return loaded->count < n_chunks ? LoadState::kStale : LoadState::kComplete;
+}
+
+// Whoever could write a digest cache file could keep a change of its data file from the other EM:
+// it has to be this daemon's own work. That a directory cannot be read is told when it is tried.
+bool may_be_believed(int digest_file) {
+  struct stat status;
+  if (fstat(digest_file, &status) != 0) return false;
+  return S_ISDIR(status.st_mode) ||
+         (S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1 &&
+          (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
 }
 
 // Takes the chunks of `data` from its digest cache file. False when the data file is to be hashed.
@@ -143,7 +155,8 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& dat
   }
   FileEntry* const list_before = *list;
   LoadedLines loaded = {0, 0};
-  LoadState state = read_header(ctx, f, digest_path, data.status);
+  LoadState state = may_be_believed(fileno(f)) ? read_header(ctx, f, digest_path, data.status)
+                                               : LoadState::kStale;
   if (state == LoadState::kComplete) {
     state = read_chunk_lines(ctx, f, list, data, digest_path, &loaded);
   }
@@ -179,7 +192,7 @@ FILE* create_digest_file(const ScannedFile& data, int data_fd) {
   const std::string name = digest_name_of(data.name);
   if (unlinkat(data.dir_fd, name.c_str(), 0) == 0 && fsync(data.dir_fd) != 0) return nullptr;
   if (fsync(data_fd) != 0) return nullptr;
-  return open_stream(data.dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666, "w");
+  return open_stream(data.dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644, "w");
 }
 
 }  // namespace
@@ -195,14 +208,16 @@ char* compute_digest_path(const char* path) {
   return digest_path;
 }
 
-bool remove_digest_file(const char* path) {
-  char* digest_path = compute_digest_path(path);
-  if (digest_path == nullptr) return false;
-  const bool removed = unlink(digest_path) == 0;
+bool remove_digest_file(const PinnedPath& file, const char* path) {
+  // A name with a slash behind it is that of a directory.
+  if (is_digest_name(file.name) || strchr(file.name, '/') != nullptr) return false;
+  const bool removed = unlinkat(file.dir_fd(), digest_name_of(file.name).c_str(), 0) == 0;
   if (!removed && errno != ENOENT) {
-    LOG(3, "Could not remove stale digest file '%s': %s", digest_path, strerror(errno));
+    const int error = errno;
+    char* digest_path = compute_digest_path(path);
+    LOG(3, "Could not remove stale digest file '%s': %s", digest_path, strerror(error));
+    free(digest_path);
   }
-  free(digest_path);
   return removed;
 }
 

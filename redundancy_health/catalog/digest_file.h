@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/pinned_path.h"
 
 // Digest cache files: beside every data file above kChunkSize bytes the scan leaves a text file
 // with its size, its modification second and one line per chunk, which stands in for the data file
@@ -15,8 +16,8 @@
 extern "C" __attribute__((visibility("default"))) char* compute_digest_path(const char* path);
 
 // Removes the digest cache file of a data file that is about to change, or has changed; a failure
-// other than ENOENT is only logged. True when it has removed one.
-bool remove_digest_file(const char* path);
+// other than ENOENT is only logged, with what `path` gives. True when it has removed one.
+bool remove_digest_file(const PinnedPath& file, const char* path);
 
 // A regular file that the scan has met.
 struct ScannedFile {

@@ -8,7 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/scan_failure.h"
 #include "redundancy_health/frame/diag_params.h"
@@ -153,28 +156,38 @@ struct ScannedDir {
   bool holds_digests;
 };
 
-// Leaves the directory at its first name. A failure is met again, and recorded, by the listing.
-bool holds_digest_files(DIR* dir) {
-  const struct dirent* name = readdir(dir);
-  while (name != nullptr && !is_digest_name(name->d_name))
-    name = readdir(dir);
-  rewinddir(dir);
-  return name != nullptr;
+// The names in a directory, each with its NUL, in the order in which it yields them.
+struct DirNames {
+  std::string names;
+  bool hold_digests;
+  int error;  // errno of a read that failed; the names so far stay
+};
+
+bool is_left_out(const char* name) {
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0 ||
+         strncmp(name, kTempPrefix, sizeof(kTempPrefix) - 1) == 0;
+}
+
+// In one pass: files that a second one misses would look deleted.
+DirNames read_names(DIR* dir) {
+  DirNames all = {{}, false, 0};
+  errno = 0;
+  while (const struct dirent* entry = readdir(dir)) {
+    if (!is_left_out(entry->d_name)) all.names.append(entry->d_name, strlen(entry->d_name) + 1);
+    all.hold_digests = all.hold_digests || is_digest_name(entry->d_name);
+    errno = 0;
+  }
+  all.error = errno;
+  return all;
 }
 
 void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth);
 
 // Null with errno when it cannot be opened, or is none any more.
 DIR* open_subdir(const ScannedFile& subdir) {
-  const int fd =
-      openat(subdir.dir_fd, subdir.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  DIR* dir = fdopendir(fd);
-  if (dir == nullptr) {
-    const int error = errno;
-    close(fd);
-    errno = error;
-  }
+  Descriptor fd(open_directory(subdir.dir_fd, subdir.name));
+  DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;
+  if (dir != nullptr) fd.release();
   return dir;
 }
 
@@ -212,20 +225,13 @@ void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not open directory (%s): %s", strerror(errno), path);
     return;
   }
-  const ScannedDir scanned = {dirfd(dir), path, depth, holds_digest_files(dir)};
-  for (;;) {
-    errno = 0;
-    const struct dirent* name = readdir(dir);
-    if (name == nullptr) {
-      if (errno != 0) {
-        RECORD_SCAN_FAILURE(scan.ctx, 1, "failed to read directory (%s): %s", strerror(errno),
-                            path);
-      }
-      break;
-    }
-    if (strcmp(name->d_name, ".") == 0 || strcmp(name->d_name, "..") == 0) continue;
-    if (strncmp(name->d_name, kTempPrefix, sizeof(kTempPrefix) - 1) == 0) continue;
-    scan_name(scan, scanned, name->d_name);
+  const DirNames all = read_names(dir);
+  const ScannedDir scanned = {dirfd(dir), path, depth, all.hold_digests};
+  for (const char* name = all.names.data(); *name != '\0'; name += strlen(name) + 1)
+    scan_name(scan, scanned, name);
+  if (all.error != 0) {
+    RECORD_SCAN_FAILURE(scan.ctx, 1, "failed to read directory (%s): %s", strerror(all.error),
+                        path);
   }
   CHECK_CLOSE(closedir(dir));
 }

@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -10,6 +11,7 @@
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/exchange/checkpoint.h"
@@ -20,18 +22,20 @@
 
 namespace {
 
-// Where this EM's copy of the requester's file `path` lies. False when it has none that is its to
-// move: the own tree and, on the active EM, the shared ones are no copies. The bytes are the
-// peer's: they lead nowhere out of the roots, nor where a file would fail every later exchange.
-bool find_copy(const char* path, std::string* copy) {
+// Pins this EM's copy of the requester's file; `*path` becomes where it lies. False when there is
+// none that is its to move: the own tree and, on the active EM, the shared ones are no copies. The
+// bytes are the peer's: they lead nowhere out of the roots, nor where a file would fail every later
+// exchange.
+bool pin_copy(const char* requesters, std::string* path, PinnedPath* copy) {
   TreePath place;
-  if (!split_tree_path(path, &place)) return false;
+  if (!split_tree_path(requesters, &place)) return false;
   const uint32_t root_index = peer_root_index(place.root_index);
   if (root_index == kThisEmRoot || (is_shared_root(root_index) && this_em_is_active())) {
     return false;
   }
-  *copy = std::string(root_paths[root_index]) + place.relative_path;
-  return check_tree_path(copy->c_str(), &place) == 0;
+  *path = std::string(root_paths[root_index]) + place.relative_path;
+  return check_tree_path(path->c_str(), &place) == 0 &&
+         pin_path(root_index, path->c_str(), copy) == 0;
 }
 
 // Repeats the requester's rename on this EM's own copies, so that the content need not travel. A
@@ -40,16 +44,20 @@ bool find_copy(const char* path, std::string* copy) {
 void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
   RpcRequest request;
   if (!parse_rpc_request(payload, payload_size, &request)) return;
-  std::string source;
-  std::string destination;
-  if (!find_copy(request.source, &source) || !find_copy(request.destination, &destination)) return;
+  std::string source_path, destination_path;
+  PinnedPath source, destination;
+  if (!pin_copy(request.source, &source_path, &source) ||
+      !pin_copy(request.destination, &destination_path, &destination)) {
+    return;
+  }
   // The digests of what is replaced would fit a file of the same size and second.
-  remove_digest_file(destination.c_str());
-  if (rename(source.c_str(), destination.c_str()) != 0) return;
+  remove_digest_file(destination, destination_path.c_str());
+  if (renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name) != 0) return;
   // What is found to be the same is never sent again, so it has to stay.
-  if (storage_sync_name(destination.c_str()) != 0 || storage_sync_name(source.c_str()) != 0) {
+  if (fsync(destination.dir_fd()) != 0 ||
+      (source.directory != destination.directory && fsync(source.dir_fd()) != 0)) {
     storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",
-                           strerror(errno), destination.c_str());
+                           strerror(errno), destination_path.c_str());
     LOG(3, "%s", ctx->cpg_result.reason);
   }
 }

@@ -8,6 +8,7 @@
 #include "platform/em.h"
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/frame/diag_params.h"
@@ -38,11 +39,19 @@ void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) 
     reset_cpg_result(ctx);                                                          \
   } while (0)
 
-// The reason why a destination is none that is replicated to the peer: an error number, or 0.
-int check_destination(const char* destination) {
+// Pins a path that is replicated to the peer. Returns 0 or an error number.
+int pin_destination(const char* path, PinnedPath* destination) {
   TreePath place;
-  const int error = check_tree_path(destination, &place);
-  return error == 0 && place.root_index == kOtherEmRoot ? EPERM : error;
+  const int error = check_tree_path(path, &place);
+  if (error != 0) return error;
+  return place.root_index == kOtherEmRoot ? EPERM : pin_path(place.root_index, path, destination);
+}
+
+// Pins a path that the caller may choose anywhere.
+int pin_source(const char* path, PinnedPath* source) {
+  TreePath place;
+  return split_tree_path(path, &place) ? pin_path(place.root_index, path, source)
+                                       : pin_outside_path(path, source);
 }
 
 // Completes a request whose change stands, but may not outlive a loss of power. It is a failed
@@ -56,55 +65,57 @@ int check_destination(const char* destination) {
 bool delete_destination(SyncContext* ctx, const char* destination) {
   static constexpr char kFailed[] = "Could not delete file (%s): %s";
   LOG(7, "SYNC RPC delete: dest=%s", destination);
-  int error = check_destination(destination);
-  if (error == 0 && unlink(destination) != 0) error = errno;
+  PinnedPath file;
+  int error = pin_destination(destination, &file);
+  if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
   if (error != 0) {
     REFUSE(ctx, error == ENOENT ? RESULT_REFUSED_BENIGN : RESULT_REFUSED, kFailed, strerror(error),
            destination);
     return false;
   }
-  if (storage_sync_name(destination) == 0) return true;
+  if (fsync(file.dir_fd()) == 0) return true;
   FAIL_APPLIED(ctx, kFailed, strerror(errno), destination);
   return false;
 }
 
 // Returns 0 or an error number. What takes the destination's place is on the disk before it does. A
 // source that cannot get there is not synced first: that takes as long as the medium wants.
-int sync_and_rename(const char* source, const char* destination) {
-  stats.n_atomic_updates_from_self += 1;
-  if (!storage_can_rename(source, destination)) return EXDEV;
-  return storage_sync_content(source) == 0 && rename(source, destination) == 0 ? 0 : errno;
+int sync_and_rename(const PinnedPath& source, const PinnedPath& destination) {
+  if (!storage_can_rename(source.dir_fd(), destination.dir_fd())) return EXDEV;
+  if (storage_sync_content(source.dir_fd(), source.name) != 0) return errno;
+  const int r = renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name);
+  return r == 0 ? 0 : errno;
 }
 
 // Returns 0 or an error number. The digest cache file of the old destination goes in any case, and
 // first: whoever ends the daemon between the two would leave digests that fit a file of the same
 // size and second.
-int rename_onto(const char* source, const char* destination) {
-  const int error = check_destination(destination);
-  if (error != 0) return error;
-  remove_digest_file(destination);
-  if (have_error_injection(g_diag_params.fail_rename_path, destination)) return EDOM;
-  return sync_and_rename(source, destination);
+int rename_onto(const RpcRequest& request, PinnedPath* source, PinnedPath* destination) {
+  int error = pin_destination(request.destination, destination);
+  if (error == 0) remove_digest_file(*destination, request.destination);
+  if (error != 0 && error != ENOENT) return error;  // a missing directory is met by the rename
+  if (have_error_injection(g_diag_params.fail_rename_path, request.destination)) return EDOM;
+  stats.n_atomic_updates_from_self += 1;
+  if (error == 0) error = pin_source(request.source, source);
+  return error == 0 ? sync_and_rename(*source, *destination) : error;
 }
 
 // The new name first: a file that is lost under both would be gone.
-bool sync_names(const char* source, const char* destination) {
-  if (storage_sync_name(destination) != 0) return false;
-  const size_t length = static_cast<size_t>(strrchr(destination, '/') + 1 - destination);
-  const bool same_directory =
-      strncmp(source, destination, length) == 0 && strchr(source + length, '/') == nullptr;
-  return same_directory || storage_sync_name(source) == 0;
+bool sync_names(const PinnedPath& source, const PinnedPath& destination) {
+  return fsync(destination.dir_fd()) == 0 &&
+         (source.directory == destination.directory || fsync(source.dir_fd()) == 0);
 }
 
 bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
   static constexpr char kFailed[] = "Could not update file (%s): %s";
   LOG(7, "SYNC RPC rename: src=%s dest=%s", request.source, request.destination);
-  const int error = rename_onto(request.source, request.destination);
+  PinnedPath source, destination;
+  const int error = rename_onto(request, &source, &destination);
   if (error != 0) {
     REFUSE(ctx, RESULT_REFUSED, kFailed, strerror(error), request.destination);
     return false;
   }
-  if (sync_names(request.source, request.destination)) return true;
+  if (sync_names(source, destination)) return true;
   FAIL_APPLIED(ctx, kFailed, strerror(errno), request.destination);
   return false;
 }
@@ -156,5 +167,6 @@ bool apply_local_request(SyncContext* ctx) {
   const bool applied = apply_request(ctx, request);
   // The syncs of a slow medium are no lack of progress of an exchange.
   ctx->state_time = get_uptime();
+  if (!applied) release_kept_directory();
   return applied;
 }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/comparison.h"
 #include "redundancy_health/frame/log.h"
@@ -19,28 +20,34 @@ namespace {
 // By directory, a file that was deleted there.
 using Deletions = std::map<std::string, std::string>;
 
-void record_failed_deletion(SyncContext* ctx, const char* path) {
+void record_failed_deletion(SyncContext* ctx, const char* path, int error) {
   storage_cfg_set_result(&ctx->cpg_result, RESULT_READ_FAILED, "Could not delete file (%s): %s",
-                         strerror(errno), path);
+                         strerror(error), path);
   LOG(3, "%s", ctx->cpg_result.reason);
 }
 
 // Deletes a file of the peer's tree that the peer no longer has.
 void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* entry) {
   LOG(7, "@@ Pull del:  %s", entry->xmit_line);
+  PinnedPath file;
+  int error = pin_path(entry->root_index, entry->path, &file);
+  if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
   // Every chunk of the file names the same path: all but the first find it gone.
-  if (unlink(entry->path) == 0) {
+  if (error == 0) {
     const size_t slash = static_cast<size_t>(strrchr(entry->path, '/') - entry->path);
     (*deletions)[std::string(entry->path, slash)] = entry->path;
-  } else if (!file_is_gone(errno)) {
-    record_failed_deletion(ctx, entry->path);
+  } else if (!file_is_gone(error)) {
+    record_failed_deletion(ctx, entry->path, error);
   }
 }
 
 // Brings the deletions to the disk, once a directory however many there were.
 void sync_deletions(SyncContext* ctx, const Deletions& deletions) {
   for (const auto& [directory, path] : deletions) {
-    if (storage_sync_name(path.c_str()) != 0) record_failed_deletion(ctx, path.c_str());
+    PinnedPath file;
+    int error = pin_path(kOtherEmRoot, path.c_str(), &file);
+    if (error == 0 && fsync(file.dir_fd()) != 0) error = errno;
+    if (error != 0) record_failed_deletion(ctx, path.c_str(), error);
   }
 }
 

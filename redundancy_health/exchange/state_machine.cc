@@ -1,6 +1,7 @@
 #include "redundancy_health/exchange/state_machine.h"
 
 #include "platform/em.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/listing.h"
@@ -302,6 +303,7 @@ void handle_command(SyncContext* ctx, const Event& event) {
 // After an exchange, this daemon's or the peer's: takes up what waited for its end.
 void serve_what_waited(SyncContext* ctx) {
   reset_cpg_result(ctx);
+  release_kept_directory();
   serve_deferred_request(ctx);
   const uint32_t stage = read_rpc_stage(ctx);
   if (ctx->cur_state == ST_UNLOCKED && (stage == RPC_PENDING || stage == RPC_LOCAL_BUSY)) {

@@ -1,82 +1,81 @@
 #include "redundancy_health/transfer/clear_way.h"
 
+#include <dirent.h>
 #include <errno.h>
-#include <stdlib.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <string>
 
-#include "platform/storage.h"
 #include "redundancy_health/catalog/roots.h"
-#include "redundancy_health/frame/check.h"
 
 namespace {
 
-// Sees to one directory above the file. `*stands` unless nothing is there (any more).
-int clear_parent(const char* parent, bool* stands) {
+mode_t type_of(int dir_fd, const char* name) {
   struct stat status;
-  *stands = false;
-  if (lstat(parent, &status) != 0) return errno == ENOENT ? 0 : errno;
-  if (S_ISLNK(status.st_mode)) return ELOOP;
-  if (S_ISREG(status.st_mode)) return unlink(parent) == 0 ? 0 : errno;
-  *stands = true;
-  return 0;  // what is neither a file nor a directory fails the write
+  return fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
-int clear_target(const std::string& path, bool in_place) {
-  // An empty or "." component names the directory above, which must stay.
-  const std::string name = path.substr(path.rfind('/') + 1);
-  if (name.empty() || name == ".") return 0;
-  struct stat status;
-  if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return 0;
-  std::error_code error;
-  if (S_ISDIR(status.st_mode)) {
-    std::filesystem::remove_all(path, error);  // follows no links
-  } else if (in_place) {
-    std::filesystem::remove(path, error);  // a whole file takes its place by itself
+// Opens a directory on the way to a file. When nothing, or a regular file, stands there it is made,
+// and on the disk. Returns a descriptor, or -1 with errno.
+int enter_directory(int dir_fd, const char* name) {
+  const int fd = open_directory(dir_fd, name);
+  if (fd >= 0 || (errno != ENOENT && errno != ENOTDIR)) return fd;
+  if (errno == ENOTDIR) {
+    if (type_of(dir_fd, name) != S_IFREG) return errno = ENOTDIR, -1;
+    if (unlinkat(dir_fd, name, 0) != 0) return -1;
   }
-  return error.value();
+  if (mkdirat(dir_fd, name, 0755) == 0 ? fsync(dir_fd) != 0 : errno != EEXIST) return -1;
+  return open_directory(dir_fd, name);
 }
 
-// Returns 0 when the directory is new, and on the disk, else an error number.
-int make_directory(const char* path) {
-  return mkdir(path, 0755) == 0 && storage_sync_name(path) == 0 ? 0 : errno;
+int remove_tree(int dir_fd, const char* name);
+
+// Removes what a directory holds. Returns 0 or an error number.
+int empty_directory(DIR* dir) {
+  errno = 0;
+  while (const struct dirent* entry = readdir(dir)) {
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    const int error = remove_tree(dirfd(dir), entry->d_name);
+    if (error != 0) return error;
+    errno = 0;
+  }
+  return errno;
+}
+
+// Removes a file, or a directory with all in it, following no links. Returns 0 or an error number.
+int remove_tree(int dir_fd, const char* name) {
+  if (unlinkat(dir_fd, name, 0) == 0) return 0;
+  if (errno != EISDIR) return errno;
+  Descriptor fd(open_directory(dir_fd, name));
+  DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;
+  if (dir == nullptr) return errno;
+  fd.release();
+  const int error = empty_directory(dir);
+  closedir(dir);
+  if (error != 0) return error;
+  return unlinkat(dir_fd, name, AT_REMOVEDIR) == 0 ? 0 : errno;
 }
 
 }  // namespace
 
-int clear_way(uint32_t root_index, const char* path, bool in_place, bool* parent_stands) {
-  *parent_stands = false;
-  std::string above(path);
-  size_t slash = above.find('/', strlen(root_paths[root_index]));
-  for (; slash != std::string::npos; slash = above.find('/', slash + 1)) {
-    above[slash] = '\0';
-    const int error = clear_parent(above.c_str(), parent_stands);
-    if (error != 0 || !*parent_stands) return error;
-    above[slash] = '/';
-  }
-  return clear_target(path, in_place);
+int clear_way(uint32_t root_index, const char* path, PinnedPath* file) {
+  const int error = pin_path(root_index, path, file);
+  if (error != ENOENT && error != ENOTDIR) return error;
+  return ensure_parent_directory(root_index, path, file);
 }
 
-int ensure_parent_directory(const char* path) {
-  CHECK_NOT_NULL(path);
-  if (path[0] != '/') return ENOENT;
-  char* mpath = strdup(path);
-  CHECK_NOT_NULL(mpath);
-  char* end = strrchr(mpath, '/');
-  while (end > mpath && end[-1] == '/')
-    --end;
-  *end = '\0';
-  int error = *mpath == '\0' ? 0 : make_directory(mpath);
-  if (error == EEXIST) {
-    error = 0;
-  } else if (error == ENOENT) {
-    error = ensure_parent_directory(mpath);
-    if (error == 0) error = make_directory(mpath);
-  }
-  free(mpath);
-  return error;
+int clear_target(const PinnedPath& file) {
+  // An empty or "." component names the directory above, which must stay.
+  if (*file.name == '\0' || strcmp(file.name, ".") == 0) return 0;
+  const mode_t type = type_of(file.dir_fd(), file.name);
+  return type == 0 || type == S_IFREG ? 0 : remove_tree(file.dir_fd(), file.name);
+}
+
+int ensure_parent_directory(uint32_t root_index, const char* path, PinnedPath* file) {
+  std::error_code shows_again;
+  std::filesystem::create_directories(root_paths[root_index], shows_again);
+  return pin_path_entering(root_index, path, enter_directory, file);
 }

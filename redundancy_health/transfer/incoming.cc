@@ -12,6 +12,7 @@
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/digest_file.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
@@ -87,12 +88,12 @@ void process_updated_file(const FileEntry* local) {
 }
 
 // Replaces the whole file. Returns 0 or an error number.
-int replace_file(const FileEntry* local, const Update& update) {
+int replace_file(const FileEntry* local, const Update& update, const PinnedPath& file) {
   if (have_error_injection(g_diag_params.fail_write_path, local->path)) return EDOM;
   const int flags = update.header.restricted == 1 ? kStorageOpenWrite | kStorageOpenRestricted
                                                   : kStorageOpenWrite;
   StorageHandle* handle = nullptr;
-  if (storage_open(kStorageKind, local->path, flags, &handle) != 0) return errno;
+  if (storage_open_at(kStorageKind, file.dir_fd(), file.name, flags, &handle) != 0) return errno;
   errno = 0;
   if (storage_write_all(handle, update.data, update.data_size) != 0) {
     const int error = errno;
@@ -128,41 +129,50 @@ int fill_file(int fd, const Update& update, bool restricted) {
 }
 
 // Opens the file that a chunk goes to; `*created` says whether it was made for it.
-int open_for_chunk(const char* path, bool restricted, bool* created) {
+int open_for_chunk(const PinnedPath& file, bool restricted, bool* created) {
   constexpr int flags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  const int fd = open(path, flags);
+  const int fd = openat(file.dir_fd(), file.name, flags);
   *created = false;
   if (fd >= 0 || errno != ENOENT) return fd;
   *created = true;
-  return open(path, flags | O_CREAT, restricted ? 0600 : 0644);
+  return openat(file.dir_fd(), file.name, flags | O_CREAT, restricted ? 0600 : 0644);
 }
 
 // Writes one chunk in place. Returns 0 or an error number.
-int write_chunk(const FileEntry* local, const Update& update) {
+int write_chunk(const Update& update, const PinnedPath& file) {
   if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
   const bool restricted = update.header.restricted == 1;
   bool created = false;
-  const int fd = open_for_chunk(local->path, restricted, &created);
+  const int fd = open_for_chunk(file, restricted, &created);
   if (fd < 0) return errno;
   int error = fill_file(fd, update, restricted);
   const int r = close(fd);
   CHECK_CLOSE(r);
   if (r < 0 && error == 0) error = errno;
-  if (error == 0 && created && storage_sync_name(local->path) != 0) error = errno;
+  if (error == 0 && created && fsync(file.dir_fd()) != 0) error = errno;
   return error;
+}
+
+// Replaces what stands at the path. Returns 0 or an error number.
+int write_whole_file(const FileEntry* local, const Update& update, const PinnedPath& file) {
+  remove_digest_file(file, local->path);
+  int error = replace_file(local, update, file);
+  if (error != EISDIR) return error;
+  error = clear_target(file);
+  return error == 0 ? replace_file(local, update, file) : error;
 }
 
 // Writes received data. Returns 0 or an error number.
 int write_update(const FileEntry* local, const Update& update, bool atomic) {
-  bool parent_stands;
-  int error = clear_way(local->root_index, local->path, !atomic, &parent_stands);
-  if (error == 0 && !parent_stands) error = ensure_parent_directory(local->path);
+  PinnedPath file;
+  int error = clear_way(local->root_index, local->path, &file);
   if (error != 0) return error;
-  const bool had_digests = remove_digest_file(local->path);
-  if (atomic) return replace_file(local, update);
+  if (atomic) return write_whole_file(local, update, file);
+  error = clear_target(file);
+  if (error != 0) return error;
   // After a loss of power the old digests must not vouch for a file that is half new.
-  if (had_digests && storage_sync_name(local->path) != 0) return errno;
-  return write_chunk(local, update);
+  if (remove_digest_file(file, local->path) && fsync(file.dir_fd()) != 0) return errno;
+  return write_chunk(update, file);
 }
 
 void update_file(const FileEntry* local, const Update& update, RpcResult* result) {
@@ -185,8 +195,9 @@ void update_file(const FileEntry* local, const Update& update, RpcResult* result
 
 void delete_file(const FileEntry* local, RpcResult* result) {
   LOG(7, "SYNC Deleting file %s", local->path);
-  int error = check_no_symlink_above(local->root_index, local->path);
-  if (error == 0 && (unlink(local->path) != 0 || storage_sync_name(local->path) != 0))
+  PinnedPath file;
+  int error = pin_path(local->root_index, local->path, &file);
+  if (error == 0 && (unlinkat(file.dir_fd(), file.name, 0) != 0 || fsync(file.dir_fd()) != 0))
     error = errno;
   if (error != 0 && !file_is_gone(error)) {
     storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to delete file (%s): %s",

@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "redundancy_health/catalog/confined_path.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
@@ -29,12 +29,13 @@ bool is_answer(uint32_t update_type) {
 // Opens the file of an outgoing chunk; negative with errno when it cannot, or is not to be, read.
 int open_for_reading(const FileEntry* entry, const char* local_path) {
   if (have_error_injection(g_diag_params.fail_read_path, local_path)) return -1;
-  const int error = check_no_symlink_above(entry->root_index, local_path);
+  PinnedPath file;
+  const int error = pin_path(entry->root_index, local_path, &file);
   if (error != 0) {
     errno = error;
     return -1;
   }
-  return open(local_path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  return openat(file.dir_fd(), file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
 bool read_exactly(int f, uint32_t offset, char* data, size_t size) {

@@ -1,6 +1,7 @@
 #include "redundancy_health/catalog/digest_file.h"
 
 #include "redundancy_health/catalog/tree_scan.h"
+#include "tests/unit/call_hook.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
@@ -121,11 +122,14 @@ TEST_F(DigestFileTest, AFailedWriteRemovesItOrEndsTheExchange) {
     EXPECT_EQ(fresh_scan().size(), 5u) << "hashed all the same";
     EXPECT_FALSE(exists(digest_));
     EXPECT_EQ(ctx->cpg_result.success, 1);
+    // Of the calls with its name only the second succeeds, which makes it.
+    int calls = 0;
+    g_before_call = [&](const std::string& name) {
+      return name == ".$SyncDigest$data" && ++calls != 2 ? EPERM : 0;
+    };
+    fresh_scan();
+    g_before_call = nullptr;
   }
-  // Nothing can be written to /dev/full, and a mount point cannot be removed.
-  write_file(digest_, "");
-  const Mount full(digest_, nullptr, "/dev/full");
-  fresh_scan();
   EXPECT_EQ(ctx->cpg_result.reason, "Corrupt digest file '" + digest_ + "' can't be removed.");
   EXPECT_EQ(ctx->cpg_result.local_ok, 1) << "code 18";
   EXPECT_EQ(sent_messages(), Lines({"MSG_LOCK_REL 0.0"}));

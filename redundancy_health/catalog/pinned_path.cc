@@ -1,0 +1,140 @@
+#include "redundancy_health/catalog/pinned_path.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "redundancy_health/catalog/roots.h"
+
+namespace {
+
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
+
+// The directory of the last pinned path: most files of an exchange lie beside the one before.
+struct KeptDirectory {
+  std::string path;
+  std::shared_ptr<const Descriptor> directory;
+};
+KeptDirectory g_kept_directory;
+
+// Where the last component of a path begins. Slashes at the end belong to it.
+const char* last_component(const char* path) {
+  const char* end = path + strlen(path);
+  while (end > path && end[-1] == '/')
+    --end;
+  while (end > path && end[-1] != '/')
+    --end;
+  return end;
+}
+
+// Splits a path below a root: `above` becomes the directories between the root and the last
+// component, and the result points to that.
+const char* split_below_root(uint32_t root_index, const char* path, std::string* above) {
+  const char* below_root = path + strlen(root_paths[root_index]);
+  below_root += strspn(below_root, "/");
+  const char* name = last_component(below_root);
+  above->assign(below_root, name);
+  return name;
+}
+
+// All steps in one call. Fails with ENOSYS where the kernel (before 5.6) does not have it.
+int open_beneath(int root_fd, const char* path) {
+  struct open_how how = {};
+  how.flags = kDirectoryFlags;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  return static_cast<int>(syscall(SYS_openat2, root_fd, path, &how, sizeof(how)));
+}
+
+// Goes down `above`, step by step. Takes over `fd`. Returns a descriptor, or -1 with errno.
+int walk_down(int fd, std::string above, EnterDirectory enter) {
+  char* rest = nullptr;
+  for (char* name = strtok_r(above.data(), "/", &rest); name != nullptr && fd >= 0;
+       name = strtok_r(nullptr, "/", &rest)) {
+    if (strcmp(name, ".") == 0) continue;
+    const Descriptor parent(fd);
+    fd = enter(fd, name);
+  }
+  return fd;
+}
+
+int open_root(uint32_t root_index) {
+  return open(root_paths[root_index], kDirectoryFlags);
+}
+
+// Returns a descriptor of the directory `above` below a root, or -1 with errno.
+int open_below_root(uint32_t root_index, const std::string& above) {
+  const int root_fd = open_root(root_index);
+  if (root_fd < 0 || above.empty()) return root_fd;
+  const int fd = open_beneath(root_fd, above.c_str());
+  // A filter of system calls that does not know this one yet says EPERM.
+  if (fd < 0 && (errno == ENOSYS || errno == EPERM))
+    return walk_down(root_fd, above, open_directory);
+  const Descriptor root(root_fd);
+  return fd;
+}
+
+int keep(int fd, std::string path, PinnedPath* pinned) {
+  if (fd < 0) return errno;
+  pinned->directory = std::make_shared<const Descriptor>(fd);
+  g_kept_directory = {std::move(path), pinned->directory};
+  return 0;
+}
+
+// Whether the kept directory is `path`, and still is a directory of the tree: one that was removed
+// takes no new file.
+bool kept_directory_is(const std::string& path) {
+  struct stat status;
+  return g_kept_directory.directory != nullptr && g_kept_directory.path == path &&
+         fstat(g_kept_directory.directory->get(), &status) == 0 && status.st_nlink != 0;
+}
+
+}  // namespace
+
+int open_directory(int dir_fd, const char* name) {
+  const int fd = openat(dir_fd, name, kDirectoryFlags | O_NOFOLLOW);
+  if (fd >= 0 || errno != ENOTDIR) return fd;
+  struct stat status;
+  const bool is_link =
+      fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+  errno = is_link ? ELOOP : ENOTDIR;
+  return -1;
+}
+
+int pin_path(uint32_t root_index, const char* path, PinnedPath* pinned) {
+  std::string above;
+  pinned->name = split_below_root(root_index, path, &above);
+  std::string directory(path, pinned->name);
+  if (kept_directory_is(directory)) {
+    pinned->directory = g_kept_directory.directory;
+    return 0;
+  }
+  return keep(open_below_root(root_index, above), std::move(directory), pinned);
+}
+
+int pin_path_entering(uint32_t root_index, const char* path, EnterDirectory enter,
+                      PinnedPath* pinned) {
+  std::string above;
+  pinned->name = split_below_root(root_index, path, &above);
+  const int root_fd = open_root(root_index);
+  const int fd = root_fd < 0 ? -1 : walk_down(root_fd, above, enter);
+  return keep(fd, std::string(path, pinned->name), pinned);
+}
+
+int pin_outside_path(const char* path, PinnedPath* pinned) {
+  pinned->name = last_component(path);
+  const std::string above(path, pinned->name);
+  const int fd = open(above.empty() ? "." : above.c_str(), kDirectoryFlags);
+  if (fd < 0) return errno;
+  pinned->directory = std::make_shared<const Descriptor>(fd);
+  return 0;
+}
+
+void release_kept_directory() {
+  g_kept_directory = {};
+}
