@@ -73,7 +73,9 @@ clang_format() {
 }
 
 clang_tidy() {
-  files '*.cc' "${PROGRAM[@]}" | in_parallel clang-tidy-14 -p "$build" --quiet
+  # Thread safety: what GUARDED_BY and REQUIRES in the headers promise (platform/mutex.h).
+  files '*.cc' "${PROGRAM[@]}" |
+    in_parallel clang-tidy-14 -p "$build" --quiet --extra-arg=-Wthread-safety
 }
 
 run_cppcheck() {

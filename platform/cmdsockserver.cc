@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/descriptor.h"
+#include "platform/mutex.h"
 #include "platform/util.h"
 
 struct CmdRsp {
@@ -40,13 +41,12 @@ struct Connection {
 
 }  // namespace
 
-// `mutex` guards everything; `changed` tells the accepting thread that a connection ended.
 struct CmdConnections {
-  pthread_mutex_t mutex;
-  pthread_cond_t changed;
-  bool stopping;
-  int count;
-  Connection slots[kMaxConnections];
+  Mutex mutex;
+  pthread_cond_t changed;  // tells the accepting thread that a connection ended
+  bool stopping GUARDED_BY(mutex);
+  int count GUARDED_BY(mutex);
+  Connection slots[kMaxConnections] GUARDED_BY(mutex);
 };
 
 namespace {
@@ -104,10 +104,8 @@ bool peer_is_allowed(int fd) {
 }
 
 bool server_is_stopping(CmdConnections* connections) {
-  pthread_mutex_lock(&connections->mutex);
-  const bool stopping = connections->stopping;
-  pthread_mutex_unlock(&connections->mutex);
-  return stopping;
+  const MutexLock lock(connections->mutex);
+  return connections->stopping;
 }
 
 // Receives one request packet. False at the end of the connection and for a packet that is none.
@@ -149,12 +147,11 @@ void serve_requests(const Connection& connection) {
 
 void free_slot(Connection* connection) {
   CmdConnections* connections = connection->server->connections;
-  pthread_mutex_lock(&connections->mutex);
+  const MutexLock lock(connections->mutex);
   close(connection->fd);
   connection->fd = kFreeSlot;
   --connections->count;
   pthread_cond_signal(&connections->changed);
-  pthread_mutex_unlock(&connections->mutex);
 }
 
 void* serve_connection(void* argument) {
@@ -167,18 +164,14 @@ void* serve_connection(void* argument) {
 // Takes a slot for `fd`; nullptr when all are taken.
 Connection* take_slot(CmdServer* server, int fd) {
   CmdConnections* connections = server->connections;
-  Connection* taken = nullptr;
-  pthread_mutex_lock(&connections->mutex);
+  const MutexLock lock(connections->mutex);
   for (Connection& slot : connections->slots) {
-    if (slot.fd == kFreeSlot) {
-      slot = {server, fd};
-      ++connections->count;
-      taken = &slot;
-      break;
-    }
+    if (slot.fd != kFreeSlot) continue;
+    slot = {server, fd};
+    ++connections->count;
+    return &slot;
   }
-  pthread_mutex_unlock(&connections->mutex);
-  return taken;
+  return nullptr;
 }
 
 bool start_worker(Connection* connection) {
@@ -226,7 +219,7 @@ void drain_connections(CmdConnections* connections) {
   timespec deadline;
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += kGraceSeconds;
-  pthread_mutex_lock(&connections->mutex);
+  const MutexLock lock(connections->mutex);
   connections->stopping = true;
   for (const Connection& slot : connections->slots) {
     if (slot.fd != kFreeSlot) shutdown(slot.fd, SHUT_RD);
@@ -234,7 +227,6 @@ void drain_connections(CmdConnections* connections) {
   int rc = 0;
   while (connections->count > 0 && rc != ETIMEDOUT)
     rc = pthread_cond_timedwait(&connections->changed, &connections->mutex, &deadline);
-  pthread_mutex_unlock(&connections->mutex);
 }
 
 void* accept_thread_fn(void* argument) {

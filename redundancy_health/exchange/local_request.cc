@@ -11,6 +11,7 @@
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/rpc_request.h"
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -142,20 +143,16 @@ bool apply_request(SyncContext* ctx, const RpcRequest& request) {
 }  // namespace
 
 void mark_applied(SyncContext* ctx) {
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  HOLD_MUTEX(ctx->rpc_mutex);
   if (ctx->rpc_stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
 }
 
 bool apply_local_request(SyncContext* ctx) {
   ctx->state_time = get_uptime();
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  const bool requested = ctx->rpc_stage == RPC_REQUESTING;
-  const uint8_t* message = ctx->rpc_msg;
-  const uint32_t size = ctx->current_rpc_size;
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  const uint8_t* message;
+  uint32_t size;
   // A wake-up can outlive its request, whose bytes then are gone with its caller.
-  if (!requested) return false;
+  if (read_rpc_request(ctx, &message, &size) != RPC_REQUESTING) return false;
   RpcRequest request;
   if (!parse_rpc_request(message, size, &request)) {
     char text[100];

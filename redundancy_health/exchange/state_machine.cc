@@ -8,6 +8,7 @@
 #include "redundancy_health/exchange/local_request.h"
 #include "redundancy_health/exchange/reconcile.h"
 #include "redundancy_health/exchange/rpc_request.h"
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -30,10 +31,8 @@ struct Event {
 #define CHECKPOINT(ctx) SKIP_IF_CANCELED(ctx, "on_sync_state_change", return )
 
 bool state_machine_is_stuck() {
-  CHECK_ZERO(pthread_mutex_lock(&g_diag_params.mutex));
-  const bool stuck = g_diag_params.statemachine_stuck != 0;
-  CHECK_ZERO(pthread_mutex_unlock(&g_diag_params.mutex));
-  return stuck;
+  HOLD_MUTEX(g_diag_params.mutex);
+  return g_diag_params.statemachine_stuck != 0;
 }
 
 // Enters ST_PEERLOCK: the exchange with these ids holds this daemon.
@@ -45,14 +44,19 @@ void lock_for_peer(SyncContext* ctx, uint32_t exchange_id, uint32_t sequence_id)
   reset_cpg_result(ctx);
 }
 
+// Makes an applied request pending. Returns the stage before.
+uint32_t take_up_request(SyncContext* ctx) {
+  HOLD_MUTEX(ctx->rpc_mutex);
+  const uint32_t stage = ctx->rpc_stage;
+  if (stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
+  return stage;
+}
+
 // Starts an exchange when a request is pending; a request that lost the lock comes here again.
 void on_sync_req(SyncContext* ctx) {
   if (ctx->cur_state != ST_UNLOCKED) return;
   ctx->state_time = get_uptime();
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  const uint32_t stage = ctx->rpc_stage;
-  if (stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
+  const uint32_t stage = take_up_request(ctx);
   if (stage != RPC_REQUESTING && stage != RPC_PENDING && stage != RPC_LOCAL_BUSY) {
     end_exchange_error(ctx, "Unexpected RPC monitor state '%s'", rpc_stage_name(stage));
     return;
@@ -73,8 +77,10 @@ void on_sync_req(SyncContext* ctx) {
 // the peer: the role has moved since the change was made.
 void fail_change_without_rights(SyncContext* ctx) {
   RpcRequest request;
-  if (ctx->cur_exchange_em_is_active ||
-      !parse_rpc_request(ctx->rpc_msg, ctx->current_rpc_size, &request) ||
+  const uint8_t* message;
+  uint32_t size;
+  read_rpc_request(ctx, &message, &size);
+  if (ctx->cur_exchange_em_is_active || !parse_rpc_request(message, size, &request) ||
       !is_shared_root(root_of_path(request.destination))) {
     return;
   }
@@ -92,7 +98,10 @@ void on_lock_granted(SyncContext* ctx, const Event& event) {
     return;
   }
   ctx->cur_state = ST_LISTREQ;
-  send_cpg_command(ctx, MSG_LISTING_REQ, 0, nullptr, ctx->rpc_msg, ctx->current_rpc_size);
+  const uint8_t* message;
+  uint32_t size;
+  read_rpc_request(ctx, &message, &size);
+  send_cpg_command(ctx, MSG_LISTING_REQ, 0, nullptr, message, size);
 }
 
 void on_lock_req(SyncContext* ctx, const Event& event) {
@@ -217,14 +226,11 @@ void on_update_ack(SyncContext* ctx, const Event& event) {
 // False when another request has the stage.
 bool mark_initial_sync(SyncContext* ctx) {
   LOG(6, "Initial sync operation to be initiated");
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  const bool idle = ctx->rpc_stage == RPC_IDLE;
-  if (idle) {
-    ctx->rpc_stage = RPC_LOCAL_BUSY;
-    ctx->cur_exchange_em_is_active = 1;
-  }
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
-  return idle;
+  HOLD_MUTEX(ctx->rpc_mutex);
+  if (ctx->rpc_stage != RPC_IDLE) return false;
+  ctx->rpc_stage = RPC_LOCAL_BUSY;
+  ctx->cur_exchange_em_is_active = 1;
+  return true;
 }
 
 // Sees to it that the active EM synchronises a newcomer: now or, when another request or a failure
@@ -321,7 +327,7 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
   const char* origin = from_self ? "self" : "peer";
   LOG(7, "Enter state change: %-12s %s:%-16s %-16s id=%u.%u hid=%d.%d",
       sync_state_name(ctx->cur_state), origin, sync_command_name(command),
-      rpc_stage_name(ctx->rpc_stage), ctx->cur_exchange_id, ctx->cur_sequence_id,
+      rpc_stage_name(peek_rpc_stage(ctx)), ctx->cur_exchange_id, ctx->cur_sequence_id,
       cpg_header != nullptr ? static_cast<int>(cpg_header->exchange_id) : -1,
       cpg_header != nullptr ? static_cast<int>(cpg_header->sequence_id) : -1);
   if (state_machine_is_stuck()) {
@@ -331,7 +337,7 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
   handle_command(ctx, {command, from_self, cpg_header, payload, payload_size});
   if (state_at_entry != ST_UNLOCKED && ctx->cur_state == ST_UNLOCKED) serve_what_waited(ctx);
   LOG(7, "Exit  state change: %-12s %s:%-16s %-16s id=%u.%u", sync_state_name(ctx->cur_state),
-      origin, sync_command_name(command), rpc_stage_name(ctx->rpc_stage), ctx->cur_exchange_id,
+      origin, sync_command_name(command), rpc_stage_name(peek_rpc_stage(ctx)), ctx->cur_exchange_id,
       ctx->cur_sequence_id);
 }
 

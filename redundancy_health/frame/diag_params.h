@@ -1,21 +1,29 @@
 #ifndef FRAME_DIAG_PARAMS_H_
 #define FRAME_DIAG_PARAMS_H_
 
-#include <pthread.h>
 #include <stdint.h>
+
+#include "platform/mutex.h"
 
 constexpr unsigned kFaultPathSize = 100;  // longer paths are stored cut to 99 bytes
 
 // Diagnostic and fault-injection settings, changed by diagnostic commands at run time.
 struct DiagParams {
-  pthread_mutex_t mutex;                  // guards every field, held for a single read or write
-  uint8_t cpg_send_fail;                  // every group send fails
-  uint8_t statemachine_stuck;             // the state machine ignores every event
-  char fail_scan_path[kFaultPathSize];    // the scan cannot open this file; empty = off
-  char fail_read_path[kFaultPathSize];    // no outgoing chunk of this file can be read
-  char fail_write_path[kFaultPathSize];   // this file cannot be replaced as a whole
-  char fail_rename_path[kFaultPathSize];  // no local request can rename onto this path
-  int32_t max_log_size;                   // bytes, compared unsigned; 0 = no private log file
+  Mutex mutex;  // held for a single read or write
+  // Every group send fails.
+  uint8_t cpg_send_fail GUARDED_BY(mutex);
+  // The state machine ignores every event.
+  uint8_t statemachine_stuck GUARDED_BY(mutex);
+  // Files, by their paths; empty = off: the scan cannot open this one,
+  char fail_scan_path[kFaultPathSize] GUARDED_BY(mutex);
+  // no outgoing chunk of this one can be read,
+  char fail_read_path[kFaultPathSize] GUARDED_BY(mutex);
+  // this one cannot be replaced as a whole,
+  char fail_write_path[kFaultPathSize] GUARDED_BY(mutex);
+  // no local request can rename onto this one.
+  char fail_rename_path[kFaultPathSize] GUARDED_BY(mutex);
+  // In bytes, compared unsigned; 0 = no private log file.
+  int32_t max_log_size GUARDED_BY(mutex);
 };
 
 extern DiagParams g_diag_params;

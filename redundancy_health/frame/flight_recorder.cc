@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "platform/util.h"
-#include "redundancy_health/frame/check.h"
+#include "redundancy_health/frame/checked_lock.h"
 
 FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
                                     SIMPLEQ_HEAD_INITIALIZER(g_flight_recorder.entries), 500, 0, 0};
@@ -14,7 +14,7 @@ FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
 
 namespace {
 
-void append_line(const char* text, size_t length) {
+void append_line(const char* text, size_t length) REQUIRES(g_flight_recorder.mutex) {
   auto* entry = static_cast<FlightRecorderEntry*>(malloc(sizeof(FlightRecorderEntry) + length + 1));
   CHECK_NOT_NULL(entry);
   entry->text = reinterpret_cast<char*>(entry + 1);
@@ -23,7 +23,7 @@ void append_line(const char* text, size_t length) {
   ++g_flight_recorder.count;
 }
 
-void remove_oldest() {
+void remove_oldest() REQUIRES(g_flight_recorder.mutex) {
   FlightRecorderEntry* entry = SIMPLEQ_FIRST(&g_flight_recorder.entries);
   SIMPLEQ_REMOVE_HEAD(&g_flight_recorder.entries, next);
   free(entry);
@@ -32,22 +32,19 @@ void remove_oldest() {
 }  // namespace
 
 void record_line(int level, int dump, const char* text, size_t length) {
-  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
-  if (!g_flight_recorder.paused) {
-    if (g_flight_recorder.max_entries != 0) append_line(text, length);
-    if (level <= 3 && (dump & 1) != 0) {
-      PLATFORM_LINE(
-          "===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. =====");
-      dump_flight_recorder();
-      g_flight_recorder.paused = 1;
-    }
-    while (g_flight_recorder.count > g_flight_recorder.max_entries) {
-      CHECK_ZERO(SIMPLEQ_EMPTY(&g_flight_recorder.entries));
-      remove_oldest();
-      --g_flight_recorder.count;
-    }
+  HOLD_MUTEX(g_flight_recorder.mutex);
+  if (g_flight_recorder.paused) return;
+  if (g_flight_recorder.max_entries != 0) append_line(text, length);
+  if (level <= 3 && (dump & 1) != 0) {
+    PLATFORM_LINE("===== CLUSTER SYNC DAEMON ERROR DETECTED. Flight recorder dump follows. =====");
+    dump_flight_recorder();
+    g_flight_recorder.paused = 1;
   }
-  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
+  while (g_flight_recorder.count > g_flight_recorder.max_entries) {
+    CHECK_ZERO(SIMPLEQ_EMPTY(&g_flight_recorder.entries));
+    remove_oldest();
+    --g_flight_recorder.count;
+  }
 }
 
 void dump_flight_recorder() {
@@ -58,9 +55,8 @@ void dump_flight_recorder() {
 }
 
 void empty_flight_recorder() {
-  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
+  HOLD_MUTEX(g_flight_recorder.mutex);
   while (!SIMPLEQ_EMPTY(&g_flight_recorder.entries))
     remove_oldest();
   g_flight_recorder.count = 0;
-  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
 }

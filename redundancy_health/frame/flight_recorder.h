@@ -1,10 +1,11 @@
 #ifndef FRAME_FLIGHT_RECORDER_H_
 #define FRAME_FLIGHT_RECORDER_H_
 
-#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/queue.h>
+
+#include "platform/mutex.h"
 
 // The most recent log lines, kept in memory so that the first error can show what led up to it.
 
@@ -14,11 +15,13 @@ struct FlightRecorderEntry {
 };
 
 struct FlightRecorder {
-  pthread_mutex_t mutex;                                           // guards every field
-  SIMPLEQ_HEAD(FlightRecorderQueue, FlightRecorderEntry) entries;  // oldest first
-  uint32_t max_entries;                                            // 0 records nothing
-  uint32_t count;
-  uint8_t paused;  // set by the first dump: the lines before the first error are the precious ones
+  Mutex mutex;
+  SIMPLEQ_HEAD(FlightRecorderQueue, FlightRecorderEntry)
+  entries GUARDED_BY(mutex);               // oldest first
+  uint32_t max_entries GUARDED_BY(mutex);  // 0 records nothing
+  uint32_t count GUARDED_BY(mutex);
+  // Set by the first dump: the lines before the first error are the precious ones.
+  uint8_t paused GUARDED_BY(mutex);
 };
 
 extern FlightRecorder g_flight_recorder;
@@ -27,8 +30,8 @@ extern FlightRecorder g_flight_recorder;
 // trims. Takes the mutex.
 void record_line(int level, int dump, const char* text, size_t length);
 
-// Writes every line to the platform log at level 3. The caller holds the mutex.
-void dump_flight_recorder();
+// Writes every line to the platform log at level 3.
+void dump_flight_recorder() REQUIRES(g_flight_recorder.mutex);
 
 // Drops every line. Takes the mutex: at the end of the process a request that outlived the command
 // server's patience may still log.

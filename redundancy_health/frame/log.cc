@@ -9,6 +9,7 @@
 
 #include <charconv>
 
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/flight_recorder.h"
 
@@ -18,10 +19,8 @@ constexpr char kLogFile[] = "/tmp/cluster_sync_daemon.log";
 constexpr char kOldLogFile[] = "/tmp/cluster_sync_daemon.log.0";
 
 uint32_t read_max_log_size() {
-  CHECK_ZERO(pthread_mutex_lock(&g_diag_params.mutex));
-  const uint32_t max_log_size = static_cast<uint32_t>(g_diag_params.max_log_size);
-  CHECK_ZERO(pthread_mutex_unlock(&g_diag_params.mutex));
-  return max_log_size;
+  HOLD_MUTEX(g_diag_params.mutex);
+  return static_cast<uint32_t>(g_diag_params.max_log_size);
 }
 
 // False when the line is to be dropped: its file cannot be looked at or moved away.

@@ -1,7 +1,7 @@
 #include "redundancy_health/frame/sync_context.h"
 
 #include "platform/util.h"
-#include "redundancy_health/frame/check.h"
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/result_codes.h"
 
 SyncContext g_context;
@@ -9,7 +9,7 @@ SyncContext g_context;
 void init_context(SyncContext* ctx) {
   CHECK_ZERO(pthread_mutex_init(&ctx->rpc_mutex, NULL));
   _brel_cond_init(&ctx->rpc_cond);
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  HOLD_MUTEX(ctx->rpc_mutex);
   ctx->rpc_fd = -1;
   ctx->cpg_local_nodeid = 0;
   ctx->cpg_handle = 0;
@@ -34,7 +34,6 @@ void init_context(SyncContext* ctx) {
   ctx->current_rpc_size = 0;
   ctx->waiting_rpc_count = 0;
   storage_cfg_set_result(&ctx->rpc_result, RESULT_OK, nullptr);
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
 }
 
 void reset_cpg_result(SyncContext* ctx) {
@@ -42,8 +41,21 @@ void reset_cpg_result(SyncContext* ctx) {
 }
 
 uint32_t read_rpc_stage(SyncContext* ctx) {
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  const uint32_t stage = ctx->rpc_stage;
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
-  return stage;
+  HOLD_MUTEX(ctx->rpc_mutex);
+  return ctx->rpc_stage;
+}
+
+uint32_t peek_rpc_stage(const SyncContext* ctx) {
+  return ctx->rpc_stage;
+}
+
+int32_t peek_waiting_rpc_count(const SyncContext* ctx) {
+  return ctx->waiting_rpc_count;
+}
+
+uint32_t read_rpc_request(SyncContext* ctx, const uint8_t** message, uint32_t* size) {
+  HOLD_MUTEX(ctx->rpc_mutex);
+  *message = ctx->rpc_msg;
+  *size = ctx->current_rpc_size;
+  return ctx->rpc_stage;
 }

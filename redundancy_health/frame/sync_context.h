@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include "platform/mutex.h"
 #include "platform/storage.h"
 #include "redundancy_health/frame/relaxed.h"
 
@@ -41,7 +42,7 @@ constexpr uint32_t kSelfLeft = 0x10;
 constexpr uint32_t kPeerLeft = 0x20;
 
 // All state of the daemon. Once sync_thread runs, every field is its own, but for rpc_fd (written
-// before the threads start) and the RPC fields after rpc_mutex.
+// before the threads start) and what rpc_mutex guards.
 struct SyncContext {
   int rpc_fd;  // eventfd: a caller's thread wakes sync_thread for a request
   uint32_t cpg_local_nodeid;
@@ -64,13 +65,16 @@ struct SyncContext {
   FileEntry* update_queue;            // entries still to send; owned
   alignas(4096) uint8_t data_chunk_buf[kChunkSize];
 
-  pthread_mutex_t rpc_mutex;    // guards the fields below
-  pthread_cond_t rpc_cond;      // a change of rpc_stage
-  Relaxed<uint32_t> rpc_stage;  // RpcStage; log lines read it without the mutex
-  const uint8_t* rpc_msg;       // the caller's own bytes, valid while it waits
-  uint32_t current_rpc_size;
-  Relaxed<int32_t> waiting_rpc_count;  // callers inside; log lines read it without the mutex
-  RpcResult rpc_result;
+  Mutex rpc_mutex;
+  pthread_cond_t rpc_cond;  // a change of rpc_stage
+  // RpcStage.
+  Relaxed<uint32_t> rpc_stage GUARDED_BY(rpc_mutex);
+  // The caller's own bytes, valid while it waits.
+  const uint8_t* rpc_msg GUARDED_BY(rpc_mutex);
+  uint32_t current_rpc_size GUARDED_BY(rpc_mutex);
+  // Callers inside.
+  Relaxed<int32_t> waiting_rpc_count GUARDED_BY(rpc_mutex);
+  RpcResult rpc_result GUARDED_BY(rpc_mutex);
 };
 
 extern SyncContext g_context;
@@ -83,5 +87,13 @@ void reset_cpg_result(SyncContext* ctx);
 
 // Reads rpc_stage under its mutex.
 uint32_t read_rpc_stage(SyncContext* ctx);
+
+// A value for a log line, which needs no mutex.
+uint32_t peek_rpc_stage(const SyncContext* ctx) READS_WITHOUT_MUTEX;
+int32_t peek_waiting_rpc_count(const SyncContext* ctx) READS_WITHOUT_MUTEX;
+
+// Reads the bytes of the request, null and 0 for none, and returns its stage. They stay as long as
+// the caller waits, so as long as an exchange runs for it.
+uint32_t read_rpc_request(SyncContext* ctx, const uint8_t** message, uint32_t* size);
 
 #endif  // FRAME_SYNC_CONTEXT_H_

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/flight_recorder.h"
@@ -18,19 +19,36 @@ int32_t decimal(const char* text) {
   return static_cast<int32_t>(strtoll(text, nullptr, 10));
 }
 
-// Runs `change` on g_diag_params with its mutex held.
-template <typename Change>
-void change_diag_params(Change change) {
-  CHECK_ZERO(pthread_mutex_lock(&g_diag_params.mutex));
-  change();
-  CHECK_ZERO(pthread_mutex_unlock(&g_diag_params.mutex));
+void set_fault_path(char (DiagParams::*fault_path)[kFaultPathSize], const char* path) {
+  HOLD_MUTEX(g_diag_params.mutex);
+  char(&field)[kFaultPathSize] = g_diag_params.*fault_path;
+  memset(field, 0, sizeof(field));
+  memcpy(field, path, strnlen(path, sizeof(field) - 1));
 }
 
-void set_fault_path(char (&fault_path)[kFaultPathSize], const char* path) {
-  change_diag_params([&] {
-    memset(fault_path, 0, sizeof(fault_path));
-    memcpy(fault_path, path, strnlen(path, sizeof(fault_path) - 1));
-  });
+void set_cpg_send_fail(uint8_t fail) {
+  HOLD_MUTEX(g_diag_params.mutex);
+  g_diag_params.cpg_send_fail = fail;
+}
+
+void set_statemachine_stuck(uint8_t stuck) {
+  HOLD_MUTEX(g_diag_params.mutex);
+  g_diag_params.statemachine_stuck = stuck;
+}
+
+void set_max_log_size(int32_t max_log_size) {
+  HOLD_MUTEX(g_diag_params.mutex);
+  g_diag_params.max_log_size = max_log_size;
+}
+
+void clear_faults() {
+  HOLD_MUTEX(g_diag_params.mutex);
+  g_diag_params.cpg_send_fail = 0;
+  g_diag_params.statemachine_stuck = 0;
+  g_diag_params.fail_scan_path[0] = '\0';
+  g_diag_params.fail_read_path[0] = '\0';
+  g_diag_params.fail_write_path[0] = '\0';
+  g_diag_params.fail_rename_path[0] = '\0';
 }
 
 void run_exit(const char*) {
@@ -46,65 +64,58 @@ void run_sync(const char*) {
 }
 
 void run_cpg_send_fail(const char*) {
-  change_diag_params([] { g_diag_params.cpg_send_fail = 1; });
+  set_cpg_send_fail(1);
   LOG(4, "Received cpg-send-fail diag command. Forcing CPG send operations to fail.");
 }
 
 void run_cpg_send_nofail(const char*) {
-  change_diag_params([] { g_diag_params.cpg_send_fail = 0; });
+  set_cpg_send_fail(0);
   LOG(4, "Received cpg-send-nofail diag command. Resuming CPG send normal operations.");
 }
 
 void run_statemachine_stuck(const char*) {
-  change_diag_params([] { g_diag_params.statemachine_stuck = 1; });
+  set_statemachine_stuck(1);
   LOG(4, "Received statemachine-stuck diag command. State machine frozen.");
 }
 
 void run_statemachine_notstuck(const char*) {
-  change_diag_params([] { g_diag_params.statemachine_stuck = 0; });
+  set_statemachine_stuck(0);
   LOG(4, "Received statemachine-stuck diag command. State machine back to normal.");
 }
 
 void run_log_size(const char* argument) {
   const int32_t max_log_size = decimal(argument);
-  change_diag_params([&] { g_diag_params.max_log_size = max_log_size; });
+  set_max_log_size(max_log_size);
   LOG(4, "Received log-size diag command. Setting max log size to'%d'", max_log_size);
 }
 
 void run_fail_scan(const char* argument) {
-  set_fault_path(g_diag_params.fail_scan_path, argument);
+  set_fault_path(& DiagParams::fail_scan_path, argument);
   LOG(4, "Received fail-scan diag command. Setting fail scan path to '%s'", argument);
 }
 
 void run_fail_read(const char* argument) {
-  set_fault_path(g_diag_params.fail_read_path, argument);
+  set_fault_path(& DiagParams::fail_read_path, argument);
   LOG(4, "Received fail-read diag command. Setting fail read path to '%s'", argument);
 }
 
 void run_fail_write(const char* argument) {
-  set_fault_path(g_diag_params.fail_write_path, argument);
+  set_fault_path(& DiagParams::fail_write_path, argument);
   LOG(4, "Received fail-write diag command. Setting fail write path to '%s'", argument);
 }
 
 void run_fail_rename(const char* argument) {
-  set_fault_path(g_diag_params.fail_rename_path, argument);
+  set_fault_path(& DiagParams::fail_rename_path, argument);
   LOG(4, "Received fail-rename diag command. Setting fail rename path to '%s'", argument);
 }
 
 void run_fail_none(const char*) {
-  change_diag_params([] {
-    g_diag_params.cpg_send_fail = 0;
-    g_diag_params.statemachine_stuck = 0;
-    g_diag_params.fail_scan_path[0] = '\0';
-    g_diag_params.fail_read_path[0] = '\0';
-    g_diag_params.fail_write_path[0] = '\0';
-    g_diag_params.fail_rename_path[0] = '\0';
-  });
+  clear_faults();
   LOG(4, "Received fail-none diag command. Disabling all error injections");
 }
 
 void run_flight_rec(const char* argument) {
-  CHECK_ZERO(pthread_mutex_lock(&g_flight_recorder.mutex));
+  HOLD_MUTEX(g_flight_recorder.mutex);
   if (argument == nullptr) {
     // only tells
   } else if (strcmp(argument, "dump") == 0) {
@@ -118,7 +129,6 @@ void run_flight_rec(const char* argument) {
   }
   LOG_PLATFORM_ONLY(4, "Received flight-rec diag command. Paused=%d Max size-%u",
                     g_flight_recorder.paused, g_flight_recorder.max_entries);
-  CHECK_ZERO(pthread_mutex_unlock(&g_flight_recorder.mutex));
 }
 
 void reset_statistics() {

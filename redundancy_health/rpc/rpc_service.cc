@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 
 #include "platform/storage.h"
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
 
@@ -12,24 +13,17 @@ namespace {
 
 constexpr int32_t kMaxWaitingCalls = 100;  // a call that finds more inside is refused
 
-// Waits, with rpc_mutex held, until rpc_stage is `stage`.
-void wait_for_stage(uint32_t stage) {
+// Waits until rpc_stage is `stage`.
+void wait_for_stage(uint32_t stage) REQUIRES(g_context.rpc_mutex) {
   while (g_context.rpc_stage != stage) {
     CHECK_ZERO(pthread_cond_wait(&g_context.rpc_cond, &g_context.rpc_mutex));
   }
 }
 
 // Takes a place and a turn, and publishes the request. False when too many callers are inside.
-bool admit_request(RpcResult* result, const uint8_t* message, uint32_t size) {
-  CHECK_ZERO(pthread_mutex_lock(&g_context.rpc_mutex));
-  if (g_context.waiting_rpc_count > kMaxWaitingCalls) {
-    storage_cfg_set_result(result, RESULT_EXCHANGE_FAILED,
-                           "Too many RPC calls are already waiting");
-    result->local_ok = 0;  // nothing was applied
-    CHECK_ZERO(pthread_mutex_unlock(&g_context.rpc_mutex));
-    LOG(3, "Too many RPC calls are pending.");
-    return false;
-  }
+bool admit_request(const uint8_t* message, uint32_t size) {
+  HOLD_MUTEX(g_context.rpc_mutex);
+  if (g_context.waiting_rpc_count > kMaxWaitingCalls) return false;
   g_context.waiting_rpc_count += 1;
   wait_for_stage(RPC_IDLE);
   g_context.rpc_msg = message;
@@ -37,19 +31,29 @@ bool admit_request(RpcResult* result, const uint8_t* message, uint32_t size) {
   g_context.rpc_stage = RPC_REQUESTING;
   storage_cfg_set_result(&g_context.rpc_result, RESULT_LOCAL_FAILED,
                          "Local update dispatch never completed");
-  CHECK_ZERO(pthread_mutex_unlock(&g_context.rpc_mutex));
   return true;
 }
 
-// Wakes sync_thread and waits for the outcome; frees the place.
+void refuse_request(RpcResult* result) {
+  storage_cfg_set_result(result, RESULT_EXCHANGE_FAILED, "Too many RPC calls are already waiting");
+  result->local_ok = 0;  // nothing was applied
+  LOG(3, "Too many RPC calls are pending.");
+}
+
+// Wakes sync_thread. False, and `*result` says why, when that fails.
+bool announce_request(RpcResult* result) {
+  if (eventfd_write(g_context.rpc_fd, 1) == 0) return true;
+  storage_cfg_set_result(result, RESULT_LOCAL_FAILED, "Write to eventfd failed: %s",
+                         strerror(errno));
+  LOG(3, "%s", result->reason);
+  return false;
+}
+
+// Announces the request and waits for the outcome; frees the place.
 void complete_request(RpcResult* result) {
-  if (eventfd_write(g_context.rpc_fd, 1) != 0) {
-    storage_cfg_set_result(result, RESULT_LOCAL_FAILED, "Write to eventfd failed: %s",
-                           strerror(errno));
-    LOG(3, "%s", result->reason);
-    CHECK_ZERO(pthread_mutex_lock(&g_context.rpc_mutex));
-  } else {
-    CHECK_ZERO(pthread_mutex_lock(&g_context.rpc_mutex));
+  const bool announced = announce_request(result);
+  HOLD_MUTEX(g_context.rpc_mutex);
+  if (announced) {
     wait_for_stage(RPC_COMPLETE);
     *result = g_context.rpc_result;
   }
@@ -58,7 +62,6 @@ void complete_request(RpcResult* result) {
   g_context.current_rpc_size = 0;
   CHECK_ZERO(pthread_cond_broadcast(&g_context.rpc_cond));
   g_context.waiting_rpc_count -= 1;
-  CHECK_ZERO(pthread_mutex_unlock(&g_context.rpc_mutex));
 }
 
 }  // namespace
@@ -67,9 +70,9 @@ void on_rpc_update(RpcResult* result, const uint8_t* message, uint32_t size) {
   storage_cfg_set_result(result, RESULT_OK, nullptr);
   const int length = static_cast<int>(size);
   const auto* path = reinterpret_cast<const char*>(message);
-  LOG(7, "RPC update <enter>: backlog=%d path=%.*s",
-      static_cast<int32_t>(g_context.waiting_rpc_count), length, path);
-  if (!admit_request(result, message, size)) return;
+  LOG(7, "RPC update <enter>: backlog=%d path=%.*s", peek_waiting_rpc_count(&g_context), length,
+      path);
+  if (!admit_request(message, size)) return refuse_request(result);
   LOG(7, "RPC update <requesting>: path=%.*s", length, path);
   complete_request(result);
   LOG(7, "RPC update <complete>: path=%.*s, (local_ok=%d remote_ok=%d peer_present=%c) %s", length,

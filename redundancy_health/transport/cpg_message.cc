@@ -3,6 +3,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -14,10 +15,8 @@ constexpr int kMaxSendCalls = 100;
 constexpr useconds_t kRetryDelay = 10000;  // 10 ms
 
 bool send_failure_injected() {
-  CHECK_ZERO(pthread_mutex_lock(&g_diag_params.mutex));
-  const bool fail = g_diag_params.cpg_send_fail != 0;
-  CHECK_ZERO(pthread_mutex_unlock(&g_diag_params.mutex));
-  return fail;
+  HOLD_MUTEX(g_diag_params.mutex);
+  return g_diag_params.cpg_send_fail != 0;
 }
 
 cs_error_t send_cpg_message(SyncContext* ctx, CpgHeader* header, const void* payload,

@@ -8,6 +8,7 @@
 #include "platform/em.h"
 #include "platform/event.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/transport/cpg_message.h"
@@ -67,7 +68,7 @@ void begin_pause(SyncContext* ctx) {
 
 // Moves rpc_stage on and wakes whoever waits for it.
 void hand_back_to_rpc(SyncContext* ctx) {
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
+  HOLD_MUTEX(ctx->rpc_mutex);
   switch (ctx->rpc_stage) {
     case RPC_REQUESTING:
       // Its own exchange would have made it pending: it is not even applied. Another one's success
@@ -88,7 +89,6 @@ void hand_back_to_rpc(SyncContext* ctx) {
       break;
   }
   CHECK_ZERO(pthread_cond_broadcast(&ctx->rpc_cond));
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
 }
 
 }  // namespace

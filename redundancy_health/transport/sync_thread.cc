@@ -10,6 +10,7 @@
 #include "platform/em.h"
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/exchange/state_machine.h"
+#include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/sync_context.h"
@@ -118,21 +119,23 @@ void watch_timeouts(SyncContext* ctx) {
   }
 }
 
+// Takes the stage for an exchange of the daemon's own. False when a request has it, or a failure
+// asks for a pause.
+bool begin_resync(SyncContext* ctx) {
+  HOLD_MUTEX(ctx->rpc_mutex);
+  if (ctx->rpc_stage != RPC_IDLE || pause_before_exchange(ctx) != 0) return false;
+  ctx->rpc_stage = RPC_LOCAL_BUSY;
+  ctx->cur_exchange_em_is_active = 1;
+  return true;
+}
+
 void count_down_to_resync(SyncContext* ctx) {
   if (ctx->resync_countdown == -1) return;
   if (--ctx->resync_countdown != 0) return;
   if (!this_em_is_active()) return;
-  CHECK_ZERO(pthread_mutex_lock(&ctx->rpc_mutex));
-  const bool idle = ctx->rpc_stage == RPC_IDLE && pause_before_exchange(ctx) == 0;
-  if (idle) {
-    ctx->resync_countdown = kResyncDelay;
-    ctx->rpc_stage = RPC_LOCAL_BUSY;
-    ctx->cur_exchange_em_is_active = 1;
-  } else {
-    ctx->resync_countdown = 1;
-  }
-  CHECK_ZERO(pthread_mutex_unlock(&ctx->rpc_mutex));
-  if (!idle) return;
+  const bool begun = begin_resync(ctx);
+  ctx->resync_countdown = begun ? kResyncDelay : 1;
+  if (!begun) return;
   LOG(4, "Attempting to resync after delay because of previous sync error.");
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
 }

@@ -1,5 +1,6 @@
 #include "redundancy_health/frame/flight_recorder.h"
 
+#include "redundancy_health/frame/checked_lock.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
@@ -93,6 +94,11 @@ TEST_F(LogTest, ChecksQuoteTheirExpressionAndAFailedCloseEndsOnlyForABadDescript
   EXPECT_ABORT("EXCEPTION: 4 . 3 = 7\n", CHECK_ZERO(4 + 3));
   EXPECT_ABORT("EXCEPTION: missing is NULL\n", CHECK_NOT_NULL(missing));
   EXPECT_ABORT("EXCEPTION: close.-1. ended with EBADF\n", CHECK_CLOSE(close(-1)));
+  Mutex mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+  EXPECT_ABORT("EXCEPTION: pthread_mutex_lock.&mutex. = 35\n", pthread_mutex_lock(&mutex);
+               HOLD_MUTEX(mutex));
+  EXPECT_ABORT("EXCEPTION: pthread_mutex_unlock.&mutex. = 1\n", HOLD_MUTEX(mutex);
+               pthread_mutex_unlock(&mutex));
   errno = ENOSPC;
   CHECK_CLOSE_AS("fclose(f)", -1);
   EXPECT_EQ(logged(3), Lines({"fclose(f) = -1; errno=28"}));
