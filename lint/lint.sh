@@ -1,16 +1,18 @@
 #!/bin/bash
 # Static checks of the whole repository. Needs a configured build directory with the compiler's
-# command lines, clang-format-14, clang-tidy-14, cppcheck and shellcheck. The first check, of our
+# command lines, clang-format-14, clang-tidy-14, cppcheck, shellcheck, pyflakes3 and mypy. The first check, of our
 # own, is that includes run down and in no circle.
 #
-#   lint/lint.sh BUILD_DIRECTORY
+#   lint/lint.sh BUILD_DIRECTORY [COMMIT]
 #
+# COMMIT is the one since which subjects of commit messages keep to 72 characters.
 # One check per tool; prints "N passed, N failed" at the end, and the status is 0 when nothing
 # failed. clang-tidy and cppcheck leave tests/ out: half of the time would be GoogleTest's headers,
 # and an assertion that returns early looks like a leak.
 set -uo pipefail
-[ $# = 1 ] || { echo "Usage: lint.sh BUILD_DIRECTORY" >&2; exit 2; }
+[ $# = 1 ] || [ $# = 2 ] || { echo "Usage: lint.sh BUILD_DIRECTORY [COMMIT]" >&2; exit 2; }
 build=$(realpath "$1")
+since=${2:-6d9ddd1cc157}
 cd "$(dirname "$(readlink -f "$0")")/.." || exit
 
 PROGRAM=(client platform redundancy_health tools bench)
@@ -30,9 +32,11 @@ UPWARD='
   transport/sync_thread.cc:*
   catalog/digest_file.cc:transport/exchange_outcome.h
 '
-# Within a room no module includes itself by way of others, but where the protocol recurses.
+# Within a room no module includes itself by way of others, but where the protocol recurses, and a
+# connection holds the file that is being put over it.
 CIRCLES='
   transport/cpg_message.cc:transport/exchange_outcome.h
+  client/connection.h:client/put.h
 '
 # What runs on the callers' threads knows nothing of what runs on the replicating one.
 RPC_INCLUDES='^rpc/[^:]*:(redundancy_health/)?(rpc|frame|platform)/'
@@ -132,7 +136,46 @@ circles() {
     }' "$build/includes.txt"
 }
 
+# What the sources have is in the documents: every diagnostic command, in bold, every option and
+# variable, every text in a constant, and the first literal of every call that logs at level 3 or
+# answers. Prints what is missing.
+documents() {
+  local calls='LOG\(3|LOG_NO_DUMP\(3|LOG_PLATFORM_ONLY\(\s*3|FATAL\(|REFUSE\(|end_exchange_error\('
+  calls+='|end_exchange_full\(|RECORD_SCAN_FAILURE\(|storage_cfg_set_result\('
+  local constants='constexpr char k\w+\[\] =\s*"\K[A-Z][^"\n]* [^"\n]*(?=")'
+  sed 's/\\-/-/g' packaging/man/*.[138] docs/operations.md > "$build/documents" &&
+    sed -n '/^\.SH DIAGNOSTIC/,/^\.SH OPTIONS/s/^\.B[RI]* / /p' "$build/documents" > "$build/bold" &&
+    sed -nE 's/^ +\{"([a-z-]+)", (true|false), run_.*/\1/p' redundancy_health/rpc/diagnostics.cc \
+      > "$build/commands" && [ "$(wc -l < "$build/commands")" -ge 10 ] &&
+    { sed -nE 's/.*\{"([a-z]+)", (no|required)_argument.*/--\1/p' tools/cluster_sync_ctl.cc
+      sed -nE 's/.*(getenv|delay_seconds)\("([A-Z_]+)".*/\2/p' {platform,redundancy_health/*}/*.cc
+      grep -rPzoh "(?s)$constants|($calls)[^;\"]*\"\\K[^\"\\n]{4,}(?=\")" redundancy_health |
+        tr '\0' '\n'; } > "$build/words" &&
+    [ "$(wc -l < "$build/words")" -ge 70 ] || return 1
+  { while IFS= read -r word; do grep -qE " $word([ =]|\$)" "$build/bold" || echo "$word"; done \
+      < "$build/commands"
+    while IFS= read -r word; do grep -qF -e "$word" "$build/documents" || echo "$word"; done \
+      < "$build/words"; } | sed 's/^/in no document: /' | { ! grep .; }
+}
+
+run_pyflakes() {
+  files '*.py' . | xargs pyflakes3
+}
+
+# The types of what programs import. The rest is scripts.
+run_mypy() {
+  mypy --strict --no-error-summary --cache-dir "$build/mypy" client/python/cluster_sync
+}
+
+subjects() {
+  git log --format=%s "$since..HEAD" | { ! grep -E '.{73}'; }
+}
+
 check includes
+check documents
+check subjects
+check run_pyflakes
+check run_mypy
 check clang_format
 check run_shellcheck
 check run_cppcheck

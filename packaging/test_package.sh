@@ -90,26 +90,6 @@ $library.1.1.0
 ${library%/*}/pkgconfig/cluster-sync.pc
 /usr/sbin/cluster_sync_daemon*"
 
-# What the sources have is in the documents: every diagnostic command, in bold, every option and
-# variable, and the first literal of every call that logs at level 3 or answers.
-documents_are_complete() {
-  local calls='LOG\(3|LOG_NO_DUMP\(3|LOG_PLATFORM_ONLY\(\s*3|FATAL\(|REFUSE\(|end_exchange_error\('
-  calls+='|end_exchange_full\(|RECORD_SCAN_FAILURE\(|storage_cfg_set_result\('
-  cd "$repo" && sed 's/\\-/-/g' packaging/man/*.[138] docs/operations.md > "$work/documents" &&
-    sed -n '/^\.SH DIAGNOSTIC/,/^\.SH OPTIONS/s/^\.B[RI]* / /p' "$work/documents" > "$work/bold" &&
-    sed -nE 's/^ +\{"([a-z-]+)", (true|false), run_.*/\1/p' redundancy_health/rpc/diagnostics.cc \
-      > "$work/commands" && [ "$(wc -l < "$work/commands")" -ge 10 ] &&
-    { sed -nE 's/.*\{"([a-z]+)", (no|required)_argument.*/--\1/p' tools/cluster_sync_ctl.cc
-      sed -nE 's/.*(getenv|delay_seconds)\("([A-Z_]+)".*/\2/p' {platform,redundancy_health/*}/*.cc
-      grep -rPzoh "(?s)($calls)[^;\"]*\"\\K[^\"\\n]{4,}(?=\")" redundancy_health |
-        tr '\0' '\n'; } > "$work/words" &&
-    [ "$(wc -l < "$work/words")" -ge 70 ] || return 1
-  while IFS= read -r word; do grep -qE " $word([ =]|\$)" "$work/bold" || echo "$word"; done \
-    < "$work/commands"
-  while IFS= read -r word; do grep -qF -e "$word" "$work/documents" || echo "$word"; done \
-    < "$work/words"
-}
-
 # Whether this machine allows what a systemd in namespaces needs.
 namespaces_work() {
   mkdir "$work/probe" "$cgroup" && [ -e "$cgroup/cgroup.procs" ] &&
@@ -277,7 +257,6 @@ machine_state > "$work/machine"
 check "lintian finds no error and no warning" output_is "" \
   lintian --allow-root --tag-display-limit 0 --fail-on error,warning --display-level '>=warning' "${debs[@]}"
 check "the packages hold what they should, with these modes" output_is "$(sort <<< "$expected_content")" list_content
-check "the documents are complete" output_is "" documents_are_complete
 if ! namespaces_work > /dev/null 2>&1; then
   echo "skipped: installation and service, because this machine forbids a systemd in namespaces"
 elif { [ "$root" = / ] || check "a Debian for armhf is there" make_arm_root; } &&

@@ -15,6 +15,7 @@ from em_pair import ACTIVE, EMS, OWN, PEERS, REPO, VOLATILE, EmPair, wait_for
 from trees import differences, files
 
 BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
+FAILED = REPO / "build/failed"  # logs of the tests that failed
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
 DEADLINE = 60
 LOG_LINES = 40
@@ -186,6 +187,12 @@ class PairTest(unittest.TestCase):
         self.assertEqual([], [text for text in texts if (text in log) == never], f"never={never}")
 
     def daemon_logs(self) -> str:
-        """The end of both logs, for whoever looks at a failure."""
-        return "\n     ".join(line for n in EMS for line in (
-            f"-- daemon of EM {n}", *self.log(n).splitlines()[-LOG_LINES:]))
+        """The end of both logs, for whoever looks at a failure, and where they are in full."""
+        folder = FAILED / self.id()
+        folder.mkdir(parents=True, exist_ok=True)
+        for n in EMS:
+            (folder / f"em{n}").write_text(self.log(n), errors="surrogateescape")
+        tails = [line for n in EMS for line in (
+            f"-- daemon of EM {n}", *self.log(n).splitlines()[-LOG_LINES:])]
+        explain = f"(cd {folder} && {REPO}/build/cluster_sync_ctl explain em1 em2)"
+        return "\n     ".join([*tails, "-- both logs, an exchange a line:", explain])

@@ -13,7 +13,7 @@ from pathlib import Path
 
 from convergence import Machine
 from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, VOLATILE, wait_for
-from support import PairTest, flows
+from support import PairTest
 
 SEED = int(os.environ.get("SEED", 1))
 CUTS = int(os.environ.get("CUTS", 12))

@@ -2,7 +2,6 @@
 it whose group service, clock and waits are those of group.c."""
 
 import os
-import signal
 import socket
 import struct
 import subprocess
@@ -10,7 +9,7 @@ from collections import namedtuple
 from pathlib import Path
 
 import keeper
-from em_pair import ACTIVE, COMMAND_SOCKET, EMS, OWN, PEERS, REPO, VOLATILE
+from em_pair import ACTIVE, COMMAND_SOCKET, OWN, PEERS, REPO, VOLATILE
 from trees import files
 
 BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
