@@ -55,6 +55,7 @@ class Simulation:
         self.group, self.questions = Group(), Questions(self)
         self.now = 1000 * SECOND
         self.versions = 0
+        self.answers: list[Answer] = []
         self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # that are idle
         self.callers: dict[int, dict[Request, socket.socket]] = {n: {} for n in EMS}
         self.given = {n: deque() for n in EMS}  # events on their way into the callbacks
@@ -204,6 +205,13 @@ class Simulation:
             return None
         return connection
 
+    def hang_up(self) -> None:
+        """Closes the connections that wait for nothing."""
+        for n in EMS:
+            while self.connections[n]:
+                self.connections[n].pop().close()
+                self.go_on(n)
+
     def _take_answers(self, n: int) -> None:
         for request, connection in list(self.callers[n].items()):
             try:
@@ -217,6 +225,7 @@ class Simulation:
             answer = Answer.parse(packet)
             self.trace(f"    answer to {request}: {answer}")
             self.connections[n].append(self.callers[n].pop(request))
+            self.answers.append(answer)
             self.questions.on_answer(request, answer)
 
     # Events.
@@ -377,22 +386,42 @@ class Simulation:
             self.start(n)
         if not any(machine.active for machine in self.machines.values()):
             self.on_role(0, 1)
-        limit = self.now + PEACE
+        self.wait_until(lambda: not self.questions.differences(), PEACE)
+        difference = self.questions.differences()
+        if difference:
+            raise Wrong(f"{PEACE // SECOND} s after the last fault: {difference}")
+        self.questions.check_end()
+        self.ask_in_peace()
+
+    def wait_until(self, at_rest, patience: int) -> None:
+        """Everything goes on in turn until nothing does and `at_rest`, or for so long."""
+        limit = self.now + patience
         while self.now < limit:
             moves = self.moves()
             for kind, n in moves:
                 if kind == "order" or self.is_due(n):
                     self.move(kind, n, 1 << 30)
             if not moves:
-                if not self.questions.differences():
-                    break
+                if at_rest():
+                    return
                 self.pass_time(self.next_deadline())
             for n in EMS:
                 self.start(n)
-        difference = self.questions.differences()
-        if difference:
-            raise Wrong(f"{PEACE // SECOND} s after the last fault: {difference}")
-        self.questions.check_end()
+
+    def ask_in_peace(self) -> None:
+        """Without faults every request succeeds on both EMs, however many come at once."""
+        self.trace(f"{self.now / SECOND:.4f} nothing disturbs")
+        active = next(n for n in EMS if self.machines[n].active)
+        for turn in range(2):
+            first = len(self.answers)
+            for n, path in ((1, f"{OWN}/a"), (2, f"{OWN}/b"), (active, f"{VOLATILE}/d/c"), (2, "")):
+                source = f"{path[:path.rindex('/')]}/TempUpdate_peace" if path and turn == 0 else ""
+                content = self.write(n, source, 1 + n) if source else None
+                self.ask(n, source, path, {path: content} if path else {})
+            self.wait_until(lambda: not self.questions.in_flight, 20 * SECOND)
+            answers = self.answers[first:]
+            if len(answers) < 4 or not all(one.success and one.peer_present for one in answers):
+                raise Wrong(f"nothing disturbs, but the answers are {answers}")
 
 
 def run(machines: dict[int, Machine], events: list[Event], trace=None) -> str:

@@ -54,6 +54,7 @@ Lines split(const std::string& text, char separator) {
 class CtlTest : public DaemonTest {
  protected:
   CtlTest() {
+    while (g_turn.try_acquire()) continue;
     server_ = cmd_server_create(2006, scripted_handler);
     EXPECT_EQ(cmd_server_start(server_), 0);
   }

@@ -120,4 +120,5 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
               g_failing == 0 ? Lines{"replicated_: "} : (Lines{"replicated_: ", "large: "}));
     EXPECT_EQ(exists(g_watched), g_failing == 2);
   }
+  g_failing = SIZE_MAX;
 }
