@@ -49,25 +49,25 @@ def show(machines: dict[int, Machine], events: list, what: str) -> str:
     return "\n".join(lines)
 
 
-def examine(machines: dict[int, Machine], seed: int, count: int) -> str:
+def examine(machines: dict[int, Machine], seed: int, count: int, first: bool = False) -> str:
     """A report on the run of a seed that fails; nothing when it passes."""
     events = simulation.draw(seed, count)
     wrong = run(machines, events)
-    if not wrong:
-        return ""
+    if not wrong or first:
+        return wrong and f"seed {seed}: {wrong}\n"
     few = shrink(events, lambda part: run(machines, part), SHRINKING)
     return (f"seed {seed}: {wrong}\n{len(few)} of {len(events)} events are enough:\n" +
             show(machines, few, "trace") + f"\nrepeat with: ./run simulate --seed {seed}\n")
 
 
-def work(seeds, end: float, count: int, reports) -> None:
+def work(seeds, end: float, options: argparse.Namespace, reports) -> None:
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     machines = {n: Machine(n) for n in EMS}
     try:
         for seed in seeds:
             if time.monotonic() > end or os.getppid() == 1:
                 break
-            reports.put(examine(machines, seed, count))
+            reports.put(examine(machines, seed, options.events, options.first))
     except Exception:
         reports.put(traceback.format_exc())
     finally:
@@ -82,7 +82,7 @@ def simulate(options: argparse.Namespace) -> int:
     last = options.seed + options.runs if options.runs else 1 << 31
     reports = multiprocessing.Queue()
     workers = [multiprocessing.Process(
-        target=work, args=(range(options.seed + i, last, WORKERS), end, options.events, reports))
+        target=work, args=(range(options.seed + i, last, WORKERS), end, options, reports))
         for i in range(WORKERS)]
     for worker in workers:
         worker.start()
@@ -94,6 +94,8 @@ def simulate(options: argparse.Namespace) -> int:
             passed += report == ""
             failed += bool(report)
             print(report or "", end="", flush=True)
+            if report and options.first:
+                break
     finally:
         for worker in workers:
             worker.terminate()
@@ -122,6 +124,7 @@ def main() -> int:
     parser.add_argument("--trace", action="store_true", help="show all that the run of --seed does")
     parser.add_argument("--runs", type=int, help="so many seeds")
     parser.add_argument("--seconds", type=float, help="for so long")
+    parser.add_argument("--first", action="store_true", help="end at the first failure, as it is")
     parser.add_argument("--events", type=int, default=EVENTS, help="of a run (%(default)s)")
     options = parser.parse_args()
     if options.seed is not None and not options.runs and not options.seconds:
