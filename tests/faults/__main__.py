@@ -21,11 +21,11 @@ from typing import NamedTuple
 HERE = Path(__file__).resolve()
 sys.path[:0] = [str(HERE.parents[2] / "testbed"), str(HERE.parents[1] / "sim")]
 
-from em_pair import EMS, OWN, REPO  # noqa: E402
-from machine import ROOTS, Hang, Machine  # noqa: E402
-from questions import Wrong  # noqa: E402
+from em_pair import EMS, REPO  # noqa: E402
 from scenarios import SCENARIOS, Scenario  # noqa: E402
-from simulation import SECOND, Simulation  # noqa: E402
+from simulated.machine import ROOTS, Hang, Machine  # noqa: E402
+from simulated.pair import SECOND, Wrong  # noqa: E402
+from simulation import Simulation  # noqa: E402
 
 EVERYWHERE = ("EIO", "ENOMEM")
 CHANGES = ("EIO", "ENOSPC", "EROFS", "EDQUOT", "ENOMEM")

@@ -18,7 +18,8 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "testbed"))
 
 import simulation  # noqa: E402
-from machine import BUILD, EMS, Machine  # noqa: E402
+from em_pair import EMS  # noqa: E402
+from simulated.machine import BUILD, Machine  # noqa: E402
 from shrink import shrink  # noqa: E402
 
 EVENTS = 250

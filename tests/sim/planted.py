@@ -115,7 +115,6 @@ def examine(copy: Path, fault: Fault) -> bool:
     if text.count(fault.old) != 1:
         print(f"   FAILED  {fault.name}: its text stands {text.count(fault.old)} times", flush=True)
         return False
-    start = time.monotonic()
     path.write_text(text.replace(fault.old, fault.new))
     try:
         build(copy, "cluster_sync_daemon")

@@ -1,51 +1,14 @@
 """What is asked of the pair at every step, and at the end."""
 
 import os
-import struct
-from dataclasses import dataclass, field
 
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
-from machine import ROOTS
+from simulated.machine import ROOTS
+from simulated.pair import (COMMANDS, LISTING_REQ, LOCK_REL, LOCK_REQ, UPDATE_REQ, Answer, Request,
+                            Wrong)
 
 CHUNK = 65536
 SHARED = (ACTIVE, VOLATILE)
-LOCK_REQ, LOCK_REL, LISTING_REQ, LISTING_ACK, UPDATE_REQ, UPDATE_ACK = range(6)
-NAMES = ("LOCK_REQ", "LOCK_REL", "LISTING_REQ", "LISTING_ACK", "UPDATE_REQ", "UPDATE_ACK")
-
-
-class Wrong(Exception):
-    """The pair has done what it must not."""
-
-
-@dataclass(frozen=True)
-class Answer:
-    success: bool
-    local_ok: bool
-    peer_present: bool
-    reason: str
-
-    @staticmethod
-    def parse(packet: bytes) -> "Answer":
-        success, local_ok, *_, present, reason = struct.unpack("<I5B3xI116s", packet)[1:]
-        return Answer(bool(success), bool(local_ok), present == ord("Y"),
-                      reason.split(b"\0")[0].decode(errors="replace"))
-
-
-@dataclass(eq=False)
-class Request:
-    """`effects` says what the paths hold once it is carried out: bytes, or None for nothing."""
-
-    em: int
-    source: str
-    destination: str
-    effects: dict[str, bytes | None]
-    moves: int  # of the role before it
-    others: list["Request"] = field(default_factory=list)  # for the same path at the same time
-    refused: bool = False
-    first: bool = False  # to make the path hold that
-
-    def __str__(self) -> str:
-        return f"EM {self.em}: '{self.source}' -> '{self.destination}'"
 
 
 def root_of(path: str) -> str:
@@ -71,7 +34,7 @@ class Questions:
     def on_sent(self, n: int, message: bytes) -> None:
         command = message[4]
         if command in (LISTING_REQ, UPDATE_REQ) and self.holder[n] != n:
-            raise Wrong(f"EM {n} sends {NAMES[command]}, but the lock is "
+            raise Wrong(f"EM {n} sends {COMMANDS[command]}, but the lock is "
                         f"{self.holder[n] and f'of EM {self.holder[n]}' or 'free'}")
 
     def on_taken(self, n: int, event: bytes) -> None:

@@ -6,21 +6,15 @@ of a list of events is a run, too, which is what lets a failing one be shrunk.
 
 import os
 import random
-import socket
 import struct
-from collections import deque
 from pathlib import Path
 from typing import NamedTuple
 
-from em_pair import ACTIVE, COMMAND_SOCKET, EMS, OWN, VOLATILE
-from group import REASON_LEAVE, Group
-from machine import NEVER, PASS, TICK, Hang, Machine
-from questions import CHUNK, NAMES, Answer, Questions, Request, Wrong, describe
+from em_pair import ACTIVE, EMS, OWN, VOLATILE
+from questions import CHUNK, Questions
+from simulated.machine import NEVER, PASS, TICK, Hang, Machine
+from simulated.pair import SECOND, SimulatedPair, Wrong
 
-SECOND = 1_000_000_000
-STEP = 200_000  # ns that a step takes
-FORGIVEN = 20 * SECOND  # a stall from which on the long time limit may end a daemon
-MEMORY = 120 * SECOND  # for how long after it
 PEACE = 400 * SECOND  # after the last fault the pair has come to rest
 WAITS = (0.01, 0.05, 0.3, 1, 2, 5, 9, 11, 12, 20, 46, 50, 100)
 SIZES = (0, 10, 3000, CHUNK, CHUNK + 1, 2 * CHUNK + 100)
@@ -47,186 +41,12 @@ def draw(seed: int, count: int) -> list[Event]:
     return [Event(name, chance.getrandbits(16), chance.getrandbits(16)) for name in names]
 
 
-class Simulation:
+class Simulation(SimulatedPair):
     """A pair whose daemons run, wait and end as the events say."""
 
     def __init__(self, machines: dict[int, Machine], trace=None):
-        self.machines, self.trace = machines, trace or (lambda text: None)
-        self.group, self.questions = Group(), Questions(self)
-        self.now = 1000 * SECOND
+        super().__init__(machines, Questions(self), trace)
         self.versions = 0
-        self.answers: list[Answer] = []
-        self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # that are idle
-        self.callers: dict[int, dict[Request, socket.socket]] = {n: {} for n in EMS}
-        self.given = {n: deque() for n in EMS}  # events on their way into the callbacks
-        self.due_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it is to go on
-        self.unordered_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it has sent
-        self.stalled = dict.fromkeys(EMS, -MEMORY)  # when it was last held up for long
-        self.mover_owes: list[int] = []
-        for machine in machines.values():
-            machine.reset()
-        machines[1].active = True
-
-    def close(self) -> None:
-        for n in EMS:
-            for connection in (*self.connections[n], *self.callers[n].values()):
-                connection.close()
-            self.machines[n].kill()
-
-    # The daemons.
-
-    def go_on(self, n: int, **order) -> None:
-        """Lets EM `n`'s daemon go on until it has to ask, and takes what it has sent and answered."""
-        machine = self.machines[n]
-        machine.report = None
-        self.given[n] += order.get("events", ())
-        status = machine.order(self.now, **order)
-        for packet in machine.sent() if status is None else ():
-            if packet[0] == ord("M"):
-                self.trace(f"    EM {n} sends {NAMES[packet[5]]}")
-                self.questions.on_sent(n, packet[1:])
-                self.group.send(n, packet[1:])
-            elif packet[0] == ord("E"):
-                self.questions.on_taken(n, self.given[n].popleft())
-            elif packet[0] == ord("J"):
-                self.group.join(n)
-            else:
-                self.group.end(n, REASON_LEAVE)
-        self._take_answers(n)
-        if machine.report is None:
-            self._on_end(n, machine.process.wait() if status is None else status)
-
-    def _on_end(self, n: int, status: int, lost: int = 0) -> None:
-        self.trace(f"    EM {n}: its daemon has ended with {status}")
-        self.machines[n].kill()
-        if self.group.nodes[n].process:
-            self.group.end(n, lost=lost)
-        self._take_answers(n)
-        for connection in (*self.callers[n].values(), *self.connections[n]):
-            connection.close()
-        self.connections[n], self.callers[n], self.due_since[n] = [], {}, None
-        self.given[n].clear()
-        self.questions.on_daemon_end(n)
-        if status not in (0, -9) and self.now - self.stalled[n] > MEMORY:
-            raise Wrong(f"EM {n}: the daemon ended by itself with {status}")
-
-    def start(self, n: int) -> None:
-        machine = self.machines[n]
-        if machine.alive or self.group.nodes[n].process:
-            return
-        machine.start(self.now)
-        self.group.connect((n, machine.pid))
-        self.go_on_from_start(n)
-
-    def go_on_from_start(self, n: int) -> None:
-        machine = self.machines[n]
-        machine.report = None
-        for packet in machine.sent():
-            if packet[0] == ord("J"):
-                self.group.join(n)
-        if machine.report is None:
-            raise Wrong(f"EM {n}: the daemon does not start")
-
-    def run_once(self, n: int, count: int, **order) -> None:
-        """A pass of EM `n`'s replicating thread, in which it is given `count` events at most."""
-        report = self.machines[n].report
-        events = self.group.take(n, count) if report.waits_in_poll else []
-        self.due_since[n] = None
-        self.go_on(n, flags=PASS, events=events, **order)
-
-    # What is possible now.
-
-    def is_due(self, n: int) -> bool:
-        report = self.machines[n].report
-        return self.machines[n].alive and (
-            report.interrupted or report.deadline <= self.now or report.waits_in_poll and
-            (report.request_announced or self.group.waiting(n) > 0))
-
-    def moves(self, daemons=EMS, ordering=True) -> list[tuple[str, int]]:
-        return ([("order", n) for n in EMS if ordering and self.group.nodes[n].to_send] +
-                [("run", n) for n in daemons if self.is_due(n)])
-
-    def move(self, kind: str, n: int, count: int, choice: int = 0, **order) -> None:
-        if kind == "order":
-            self.group.order(n)
-        else:
-            self.run_once(n, count, choice=choice, **order)
-        self.pass_time(self.now + STEP)
-
-    def pass_time(self, until: int) -> None:
-        before, self.now = self.now, max(self.now, until)
-        for n in EMS:
-            for since, waits in ((self.due_since, self.is_due(n)),
-                                 (self.unordered_since, bool(self.group.nodes[n].to_send))):
-                if not waits:
-                    since[n] = None
-                    continue
-                since[n] = before if since[n] is None else since[n]
-                if self.now - since[n] > FORGIVEN:
-                    self.stalled[n] = self.now
-
-    def next_deadline(self, daemons=EMS) -> int:
-        return min((self.machines[n].report.deadline for n in daemons if self.machines[n].alive),
-                   default=NEVER)
-
-    def flow(self, steps: int, until: int = 0, daemons=EMS, ordering=True, portion=1 << 30) -> None:
-        """Everything that can go on does so in turn, for a number of steps or until a time."""
-        for step in range(steps):
-            moves = self.moves(daemons, ordering)
-            if moves:
-                self.move(*moves[step % len(moves)], portion)
-            elif until == 0:
-                return
-            else:
-                self.pass_time(min(self.next_deadline(daemons), until))
-            if until and self.now >= until:
-                return
-
-    # Callers.
-
-    def ask(self, n: int, source: str, destination: str, effects: dict[str, bytes | None]) -> None:
-        connection = self.connections[n].pop() if self.connections[n] else self.connect(n)
-        if connection is None:
-            return
-        request = Request(n, source, destination, effects, self.questions.moves)
-        self.trace(f"    {request} {' '.join(map(describe, effects.values()))}")
-        self.callers[n][request] = connection
-        self.questions.on_asked(request)
-        connection.send(struct.pack("<I", 0) + f"{source}\0{destination}\0".encode())
-        self.go_on(n)
-
-    def connect(self, n: int) -> socket.socket | None:
-        connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        connection.setblocking(False)
-        try:
-            connection.connect(self.machines[n].path(f"/run/em/cmd.{COMMAND_SOCKET}"))
-        except (FileNotFoundError, ConnectionRefusedError):
-            connection.close()
-            return None
-        return connection
-
-    def hang_up(self) -> None:
-        """Closes the connections that wait for nothing."""
-        for n in EMS:
-            while self.connections[n]:
-                self.connections[n].pop().close()
-                self.go_on(n)
-
-    def _take_answers(self, n: int) -> None:
-        for request, connection in list(self.callers[n].items()):
-            try:
-                packet = connection.recv(1000)
-            except BlockingIOError:
-                continue
-            except ConnectionResetError:
-                packet = b""
-            if not packet:
-                continue
-            answer = Answer.parse(packet)
-            self.trace(f"    answer to {request}: {answer}")
-            self.connections[n].append(self.callers[n].pop(request))
-            self.answers.append(answer)
-            self.questions.on_answer(request, answer)
 
     # Events.
 
@@ -392,21 +212,6 @@ class Simulation:
             raise Wrong(f"{PEACE // SECOND} s after the last fault: {difference}")
         self.questions.check_end()
         self.ask_in_peace()
-
-    def wait_until(self, at_rest, patience: int) -> None:
-        """Everything goes on in turn until nothing does and `at_rest`, or for so long."""
-        limit = self.now + patience
-        while self.now < limit:
-            moves = self.moves()
-            for kind, n in moves:
-                if kind == "order" or self.is_due(n):
-                    self.move(kind, n, 1 << 30)
-            if not moves:
-                if at_rest():
-                    return
-                self.pass_time(self.next_deadline())
-            for n in EMS:
-                self.start(n)
 
     def ask_in_peace(self) -> None:
         """Without faults every request succeeds on both EMs, however many come at once."""

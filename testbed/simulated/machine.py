@@ -16,7 +16,7 @@ BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
 ORDER, REPORT = struct.Struct("<q6I"), struct.Struct("<4ciq")
 PASS, HOLD, TICK = 1, 2, 4
-PATIENCE = 20  # real seconds for a report
+PATIENCE = 120  # real seconds for a report
 NEVER = (1 << 63) - 1
 
 Report = namedtuple("Report", "waits_in_poll request_announced interrupted thread deadline")
@@ -109,7 +109,7 @@ class Machine:
         self.link, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.link.settimeout(PATIENCE)
         environment = {
-            "LD_PRELOAD": BUILD / "tests/sim/libsim_group.so", "SIM_FD": theirs.fileno(),
+            "LD_PRELOAD": BUILD / "testbed/simulated/libsim_group.so", "SIM_FD": theirs.fileno(),
             "SIM_PID": self.pid, "SIM_NODE": self.number, "BREL_LOG_LEVEL": self.log_level,
             "CLEANUP_INITIAL_DELAY": 1 << 19}
         with theirs, open(self.log or os.devnull, "ab") as log:

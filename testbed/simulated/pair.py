@@ -1,0 +1,249 @@
+"""Two real daemons on a simulated group. Nothing happens by itself: whoever drives the pair says which
+daemon goes on, what it is given, and how much time passes."""
+
+import socket
+import struct
+from collections import deque
+from dataclasses import dataclass, field
+
+from em_pair import COMMAND_SOCKET, EMS
+
+from simulated.group import REASON_LEAVE, Group
+from simulated.machine import NEVER, PASS, Machine
+
+SECOND = 1_000_000_000
+STEP = 200_000  # ns that a step takes
+FORGIVEN = 20 * SECOND  # a stall from which on the long time limit may end a daemon
+MEMORY = 120 * SECOND  # for how long after it
+COMMANDS = ("LOCK_REQ", "LOCK_REL", "LISTING_REQ", "LISTING_ACK", "UPDATE_REQ", "UPDATE_ACK")
+LOCK_REQ, LOCK_REL, LISTING_REQ, LISTING_ACK, UPDATE_REQ, UPDATE_ACK = range(6)
+
+
+class Wrong(Exception):
+    """The pair has done what it must not."""
+
+
+@dataclass(frozen=True)
+class Answer:
+    success: bool
+    local_ok: bool
+    peer_present: bool
+    reason: str
+
+    @staticmethod
+    def parse(packet: bytes) -> "Answer":
+        success, local_ok, *_, present, reason = struct.unpack("<I5B3xI116s", packet)[1:]
+        return Answer(bool(success), bool(local_ok), present == ord("Y"),
+                      reason.split(b"\0")[0].decode(errors="replace"))
+
+
+@dataclass(eq=False)
+class Request:
+    """`effects` says what the paths hold once it is carried out: bytes, or None for nothing."""
+
+    em: int
+    source: str
+    destination: str
+    effects: dict[str, bytes | None]
+    moves: int  # of the role before it
+    others: list["Request"] = field(default_factory=list)  # for the same path at the same time
+    refused: bool = False
+    first: bool = False  # to make the path hold that
+
+    def __str__(self) -> str:
+        return f"EM {self.em}: '{self.source}' -> '{self.destination}'"
+
+
+class SimulatedPair:
+    """`watcher` hears of what is sent, taken, asked, answered and ended (questions.Questions)."""
+
+    def __init__(self, machines: dict[int, Machine], watcher, trace=None):
+        self.machines, self.questions, self.trace = machines, watcher, trace or (lambda text: None)
+        self.group = Group()
+        self.now = 1000 * SECOND
+        self.answers: list[Answer] = []
+        self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # that are idle
+        self.callers: dict[int, dict[Request, socket.socket]] = {n: {} for n in EMS}
+        self.given = {n: deque() for n in EMS}  # events on their way into the callbacks
+        self.due_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it is to go on
+        self.unordered_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it has sent
+        self.stalled = dict.fromkeys(EMS, -MEMORY)  # when it was last held up for long
+        for machine in machines.values():
+            machine.reset()
+        machines[1].active = True
+
+    def close(self) -> None:
+        for n in EMS:
+            for connection in (*self.connections[n], *self.callers[n].values()):
+                connection.close()
+            self.machines[n].kill()
+
+    # The daemons.
+
+    def go_on(self, n: int, **order) -> None:
+        """Lets EM `n`'s daemon go on until it has to ask, and takes what it has sent and answered."""
+        machine = self.machines[n]
+        machine.report = None
+        self.given[n] += order.get("events", ())
+        status = machine.order(self.now, **order)
+        for packet in machine.sent() if status is None else ():
+            if packet[0] == ord("M"):
+                self.trace(f"    EM {n} sends {COMMANDS[packet[5]]}")
+                self.questions.on_sent(n, packet[1:])
+                self.group.send(n, packet[1:])
+            elif packet[0] == ord("E"):
+                self.questions.on_taken(n, self.given[n].popleft())
+            elif packet[0] == ord("J"):
+                self.group.join(n)
+            else:
+                self.group.end(n, REASON_LEAVE)
+        self._take_answers(n)
+        if machine.report is None:
+            self._on_end(n, machine.process.wait() if status is None else status)
+
+    def _on_end(self, n: int, status: int, lost: int = 0) -> None:
+        self.trace(f"    EM {n}: its daemon has ended with {status}")
+        self.machines[n].kill()
+        if self.group.nodes[n].process:
+            self.group.end(n, lost=lost)
+        self._take_answers(n)
+        for connection in (*self.callers[n].values(), *self.connections[n]):
+            connection.close()
+        self.connections[n], self.callers[n], self.due_since[n] = [], {}, None
+        self.given[n].clear()
+        self.questions.on_daemon_end(n)
+        if status not in (0, -9) and self.now - self.stalled[n] > MEMORY:
+            raise Wrong(f"EM {n}: the daemon ended by itself with {status}")
+
+    def start(self, n: int) -> None:
+        machine = self.machines[n]
+        if machine.alive or self.group.nodes[n].process:
+            return
+        machine.start(self.now)
+        self.group.connect((n, machine.pid))
+        self.go_on_from_start(n)
+
+    def go_on_from_start(self, n: int) -> None:
+        machine = self.machines[n]
+        machine.report = None
+        for packet in machine.sent():
+            if packet[0] == ord("J"):
+                self.group.join(n)
+        if machine.report is None:
+            raise Wrong(f"EM {n}: the daemon does not start")
+
+    def run_once(self, n: int, count: int, **order) -> None:
+        """A pass of EM `n`'s replicating thread, in which it is given `count` events at most."""
+        report = self.machines[n].report
+        events = self.group.take(n, count) if report.waits_in_poll else []
+        self.due_since[n] = None
+        self.go_on(n, flags=PASS, events=events, **order)
+
+    # What is possible now.
+
+    def is_due(self, n: int) -> bool:
+        report = self.machines[n].report
+        return self.machines[n].alive and (
+            report.interrupted or report.deadline <= self.now or report.waits_in_poll and
+            (report.request_announced or self.group.waiting(n) > 0))
+
+    def moves(self, daemons=EMS, ordering=True) -> list[tuple[str, int]]:
+        return ([("order", n) for n in EMS if ordering and self.group.nodes[n].to_send] +
+                [("run", n) for n in daemons if self.is_due(n)])
+
+    def move(self, kind: str, n: int, count: int, choice: int = 0, **order) -> None:
+        if kind == "order":
+            self.group.order(n)
+        else:
+            self.run_once(n, count, choice=choice, **order)
+        self.pass_time(self.now + STEP)
+
+    def pass_time(self, until: int) -> None:
+        before, self.now = self.now, max(self.now, until)
+        for n in EMS:
+            for since, waits in ((self.due_since, self.is_due(n)),
+                                 (self.unordered_since, bool(self.group.nodes[n].to_send))):
+                if not waits:
+                    since[n] = None
+                    continue
+                since[n] = before if since[n] is None else since[n]
+                if self.now - since[n] > FORGIVEN:
+                    self.stalled[n] = self.now
+
+    def next_deadline(self, daemons=EMS) -> int:
+        return min((self.machines[n].report.deadline for n in daemons if self.machines[n].alive),
+                   default=NEVER)
+
+    def flow(self, steps: int, until: int = 0, daemons=EMS, ordering=True, portion=1 << 30) -> None:
+        """Everything that can go on does so in turn, for a number of steps or until a time."""
+        for step in range(steps):
+            moves = self.moves(daemons, ordering)
+            if moves:
+                self.move(*moves[step % len(moves)], portion)
+            elif until == 0:
+                return
+            else:
+                self.pass_time(min(self.next_deadline(daemons), until))
+            if until and self.now >= until:
+                return
+
+    def wait_until(self, at_rest, patience: int) -> None:
+        """Everything goes on in turn until nothing does and `at_rest`, or for so long."""
+        limit = self.now + patience
+        while self.now < limit:
+            moves = self.moves()
+            for kind, n in moves:
+                if kind == "order" or self.is_due(n):
+                    self.move(kind, n, 1 << 30)
+            if not moves:
+                if at_rest():
+                    return
+                self.pass_time(self.next_deadline())
+            for n in EMS:
+                self.start(n)
+
+    # Callers.
+
+    def ask(self, n: int, source: str, destination: str, effects: dict[str, bytes | None]) -> None:
+        connection = self.connections[n].pop() if self.connections[n] else self.connect(n)
+        if connection is None:
+            return
+        request = Request(n, source, destination, effects, self.questions.moves)
+        self.trace(f"    {request}")
+        self.callers[n][request] = connection
+        self.questions.on_asked(request)
+        connection.send(struct.pack("<I", 0) + f"{source}\0{destination}\0".encode())
+        self.go_on(n)
+
+    def connect(self, n: int) -> socket.socket | None:
+        connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        connection.setblocking(False)
+        try:
+            connection.connect(self.machines[n].path(f"/run/em/cmd.{COMMAND_SOCKET}"))
+        except (FileNotFoundError, ConnectionRefusedError):
+            connection.close()
+            return None
+        return connection
+
+    def hang_up(self) -> None:
+        """Closes the connections that wait for nothing."""
+        for n in EMS:
+            while self.connections[n]:
+                self.connections[n].pop().close()
+                self.go_on(n)
+
+    def _take_answers(self, n: int) -> None:
+        for request, connection in list(self.callers[n].items()):
+            try:
+                packet = connection.recv(1000)
+            except BlockingIOError:
+                continue
+            except ConnectionResetError:
+                packet = b""
+            if not packet:
+                continue
+            answer = Answer.parse(packet)
+            self.trace(f"    answer to {request}: {answer}")
+            self.connections[n].append(self.callers[n].pop(request))
+            self.answers.append(answer)
+            self.questions.on_answer(request, answer)
