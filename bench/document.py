@@ -39,15 +39,15 @@ def quantity(value: float, unit: str) -> str:
 
 
 def measured(run: dict) -> str:
-    lines = ["| work | ours | against | | ratio | reach | CPU of both |", "|---|---|---|---|---|---|---|"]
+    lines = ["| work | ours | against | | ratio | target | CPU of both |", "|---|---|---|---|---|---|---|"]
     for row in run["rows"]:
         bound = "at least" if row["better"] == "high" else "at most"
-        reach = "-" if row["reach"] is None else f"{bound} {row['reach']:g}"
+        target = "-" if row["target"] is None else f"{bound} {row['target']:g}"
         cpu = "" if row["cpu"] is None else quantity(row["cpu"], "s")
         low, high = (quantity(value, row["unit"]) for value in row["spread"])
         lines.append(f"| {row['name']} | {quantity(row['ours'], row['unit'])} ({low} to {high}) "
                      f"| {row['against']} | {quantity(row['theirs'], row['unit'])} "
-                     f"| {row['ratio']:.2f} | {reach}{'' if row['reached'] else ' **!**'} | {cpu} |")
+                     f"| {row['ratio']:.2f} | {target}{'' if row['met'] else ' **!**'} | {cpu} |")
     findings = [f"- {finding}" for finding in run["findings"]]
     pictures = [f"![{title}](performance/{name}.svg)" for name, title in FAMILIES
                 if name in run["series"]]

@@ -1,9 +1,13 @@
 """What the rows of the benchmarks are made with: a row, the trees, the daemon, the floors."""
 
 import os
+import re
+import signal
 import statistics
+import subprocess
 import sys
 import time
+from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -29,21 +33,22 @@ class Row:
     ours: float
     theirs: float
     unit: str
-    reach: float | None  # None: for comparison only
+    target: float | None  # None: for comparison only
     against: str
     spread: tuple[float, float] = (0, 0)  # of ours
-    better: str = "low"  # which side of the reach is the good one
+    better: str = "low"  # which side of the target is the good one
     cpu: float | None = None  # seconds of processor time of both daemons for one of ours
+    noise: float = 0  # half of the other's values are within this share of its median
 
     @property
     def ratio(self) -> float:
         return self.ours / self.theirs
 
     @property
-    def reached(self) -> bool:
-        if self.reach is None:
+    def met(self) -> bool:
+        if self.target is None:
             return True
-        return self.ratio <= self.reach if self.better == "low" else self.ratio >= self.reach
+        return self.ratio <= self.target if self.better == "low" else self.ratio >= self.target
 
 
 @dataclass
@@ -54,18 +59,26 @@ class Bench:
     # What the plots show: per family the points (x, y) or the sorted values of each curve.
     series: dict[str, dict[str, list]] = field(default_factory=dict)
     findings: list[str] = field(default_factory=list)  # what no ratio tells
+    begin: float = field(default_factory=time.monotonic)
 
     def runs(self, full: int, quick: int = 1) -> int:
         return quick if self.quick else full
 
+    def say(self, text: str) -> None:
+        """A line of progress, with the seconds since the start."""
+        print(f"   {time.monotonic() - self.begin:6.0f} s  {text}", file=sys.stderr, flush=True)
+
     def pair(self) -> EmPair:
+        self.say("a new pair")
         return EmPair(build_dir=self.build, transport=self.transport, log_level=6, wrapper=SILENT)
 
 
-def row(name: str, ours: list[float], theirs: list[float], unit: str, reach: float | None,
+def row(name: str, ours: list[float], theirs: list[float], unit: str, target: float | None,
         against: str, **more) -> Row:
-    return Row(name, statistics.median(ours), statistics.median(theirs), unit, reach, against,
-               (min(ours), max(ours)), **more)
+    middle = statistics.median(theirs)
+    quarters = statistics.quantiles(theirs, n=4) if len(theirs) > 3 else [middle] * 3
+    return Row(name, statistics.median(ours), middle, unit, target, against,
+               (min(ours), max(ours)), noise=(quarters[2] - quarters[0]) / 2 / middle, **more)
 
 
 # Trees.
@@ -170,6 +183,27 @@ class Timed:
         return self.seconds[-1]
 
 
+@contextmanager
+def counted_calls(pair: EmPair, thread: str | None = None):
+    """Yields a list; behind the block it holds for each EM the system calls of its daemon, or of one
+    of its threads."""
+    tracers, counts = [], []
+    for n in EMS:
+        pid = pair.process(n, "daemon").pid
+        what = ["-f", "-p", str(pid)] if thread is None else ["-p", next(
+            task.name for task in Path(f"/proc/{pid}/task").iterdir()
+            if (task / "comm").read_text().strip() == thread)]
+        tracers.append(subprocess.Popen(["strace", "-c", "-U", "calls,name", *what], text=True,
+                                        stderr=subprocess.PIPE))
+        assert "attached" in tracers[-1].stderr.readline()
+    time.sleep(0.2)  # all threads
+    yield counts
+    for tracer in tracers:
+        tracer.send_signal(signal.SIGINT)
+        table = tracer.communicate(timeout=60)[1]
+        counts.append(int(re.search(r"(\d+) +total", table)[1]))
+
+
 # The floors.
 
 def data_files(root: Path) -> list[tuple[str, int]]:
@@ -207,8 +241,9 @@ def exchange(request: int, listing: int, updates: list[str], lock_work: str = ""
 def floor(pair: EmPair, bench: Bench, script: list[str], kind: str, rounds: int = 1) -> list[float]:
     """Seconds of each round of the script's messages, with their work or bare."""
     program = bench.build / "cpg_floor"
-    answering = pair.popen(2, [program, "answer"])
+    # Corosync's library says on standard output that it waits.
+    answering = pair.popen(2, [program, "answer"], stdout=subprocess.DEVNULL)
     asked = pair.run(1, [program, "ask", str(rounds)] + ["--work"] * (kind == WORK),
                      input="\n".join(script), timeout=600, check=True)
     answering.wait(timeout=20)
-    return [float(line) for line in asked.stdout.split()]
+    return [float(line) for line in asked.stdout.splitlines() if line[:1].isdigit()]
