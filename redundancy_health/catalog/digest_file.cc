@@ -204,7 +204,7 @@ char* compute_digest_path(const char* path) {
   char* digest_path = nullptr;
   const int r =
       asprintf(&digest_path, "%.*s%s%s", static_cast<int>(base - path), path, kDigestPrefix, base);
-  CHECK_TRUE(r >= 0);
+  CHECK_TRUE(r >= 0);  // log text: stays as it is
   return digest_path;
 }
 

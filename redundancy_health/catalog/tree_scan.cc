@@ -55,6 +55,7 @@ void compute_sha1(EVP_MD_CTX* digest_context, const void* data, size_t length, c
   constexpr unsigned digest_size = 20;
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned md_size = 0;
+  // These calls return 1 for success. The odd form of the check is log text: stays as it is.
   int mdr = EVP_DigestInit_ex(digest_context, sha1_algorithm(), nullptr);
   CHECK_ZERO(0 == mdr);
   mdr = EVP_DigestUpdate(digest_context, data, length);
@@ -144,7 +145,7 @@ void scan_file(const Scan& scan, const ScannedFile& file) {
     writer.error = error;  // an incomplete digest cache file must not stay
   }
   stats.n_filesys_files_scanned += 1;
-  CHECK_CLOSE_AS("fclose(data_file)", close(data_file));
+  CHECK_CLOSE_AS("fclose(data_file)", close(data_file));  // log text: stays as it is
   finish_digest_file(scan.ctx, file, &writer);
 }
 

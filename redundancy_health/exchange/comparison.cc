@@ -44,6 +44,7 @@ void parse_listing(SyncContext* ctx, Comparison* comparison, const char* payload
     FileEntry* rx_entry = parse_listing_line(line);
     if (rx_entry == nullptr) {
       storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED,
+                             // A caller's reason: misspelt, and stays so.
                              "Malformed enty in CPG message");
       comparison->lines_dropped = true;
       continue;

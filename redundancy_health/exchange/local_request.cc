@@ -65,6 +65,7 @@ int pin_source(const char* path, PinnedPath* source) {
 
 bool delete_destination(SyncContext* ctx, const char* destination) {
   static constexpr char kFailed[] = "Could not delete file (%s): %s";
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC RPC delete: dest=%s", destination);
   PinnedPath file;
   int error = pin_destination(destination, &file);
@@ -109,6 +110,7 @@ bool sync_names(const PinnedPath& source, const PinnedPath& destination) {
 
 bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
   static constexpr char kFailed[] = "Could not update file (%s): %s";
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC RPC rename: src=%s dest=%s", request.source, request.destination);
   PinnedPath source, destination;
   const int error = rename_onto(request, &source, &destination);
@@ -136,6 +138,7 @@ bool apply_request(SyncContext* ctx, const RpcRequest& request) {
   }
   if (*request.source != '\0') return rename_to_destination(ctx, request);
   if (*destination != '\0') return delete_destination(ctx, destination);
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC running explicit sync request");
   return true;
 }

@@ -28,6 +28,7 @@ void record_failed_deletion(SyncContext* ctx, const char* path, int error) {
 
 // Deletes a file of the peer's tree that the peer no longer has.
 void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* entry) {
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "@@ Pull del:  %s", entry->xmit_line);
   PinnedPath file;
   int error = pin_path(entry->root_index, entry->path, &file);

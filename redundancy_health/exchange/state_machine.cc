@@ -67,6 +67,7 @@ void on_sync_req(SyncContext* ctx) {
   ctx->cur_sequence_id = 0;
   ctx->cur_state = ST_LOCKREQ;
   ++ctx->cur_exchange_id;
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "Starting new exchange id=%d active=%d", static_cast<int>(ctx->cur_exchange_id),
       ctx->cur_exchange_em_is_active);
   send_cpg_command(ctx, MSG_LOCK_REQ, 0, nullptr, nullptr, 0);
@@ -225,6 +226,7 @@ void on_update_ack(SyncContext* ctx, const Event& event) {
 // Marks the wish for the first exchange after a join, which the exit step or a later event starts.
 // False when another request has the stage.
 bool mark_initial_sync(SyncContext* ctx) {
+  // `cluster_sync_ctl explain` reads this format.
   LOG(6, "Initial sync operation to be initiated");
   HOLD_MUTEX(ctx->rpc_mutex);
   if (ctx->rpc_stage != RPC_IDLE) return false;
@@ -279,6 +281,7 @@ void on_cpg_left(SyncContext* ctx) {
 
 void handle_command(SyncContext* ctx, const Event& event) {
   if (event.command <= MSG_UPDATE_ACK) {
+    // The name is log text: stays as it is.
     const CpgHeader* cpg_header = event.header;
     CHECK_NOT_NULL(cpg_header);
   }
@@ -302,6 +305,7 @@ void handle_command(SyncContext* ctx, const Event& event) {
     case ON_CPG_LEFT:
       return on_cpg_left(ctx);
     default:
+      // Log text: stays as it is. Fails always.
       CHECK_ZERO(true);
   }
 }
@@ -325,6 +329,7 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
   const uint32_t state_at_entry = ctx->cur_state;
   const bool from_self = nodeid == ctx->cpg_local_nodeid;
   const char* origin = from_self ? "self" : "peer";
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "Enter state change: %-12s %s:%-16s %-16s id=%u.%u hid=%d.%d",
       sync_state_name(ctx->cur_state), origin, sync_command_name(command),
       rpc_stage_name(peek_rpc_stage(ctx)), ctx->cur_exchange_id, ctx->cur_sequence_id,
@@ -336,6 +341,7 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
   }
   handle_command(ctx, {command, from_self, cpg_header, payload, payload_size});
   if (state_at_entry != ST_UNLOCKED && ctx->cur_state == ST_UNLOCKED) serve_what_waited(ctx);
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "Exit  state change: %-12s %s:%-16s %-16s id=%u.%u", sync_state_name(ctx->cur_state),
       origin, sync_command_name(command), rpc_stage_name(peek_rpc_stage(ctx)), ctx->cur_exchange_id,
       ctx->cur_sequence_id);

@@ -2,7 +2,8 @@
 #define FRAME_CHECK_H_
 
 // Guards for what the design does not expect. A failed check writes one line of level 3 to the
-// platform log and aborts; the line quotes the source text of the checked expression.
+// platform log and aborts. The line quotes the source text of the checked expression, which
+// monitors match: an odd expression or name that is marked "log text" is not to be corrected.
 
 [[noreturn]] void check_failed(const char* file, int line, const char* function,
                                const char* expression, int value);

@@ -9,8 +9,9 @@
 #include "platform/util.h"
 #include "redundancy_health/frame/check.h"
 
-// Levels are syslog priorities: 3 errors, 4 operator actions and notable events, 6 milestones,
-// 7 debug trace.
+// Texts are matched by monitors and read by `cluster_sync_ctl explain`: none is corrected, misspelt
+// or not. Levels are syslog priorities: 3 errors, 4 operator actions and notable events, 6
+// milestones, 7 debug trace.
 
 #define LOG(level, ...) LOG_AS(__func__, level, 1, __VA_ARGS__)
 

@@ -57,6 +57,7 @@ void run_exit(const char*) {
 }
 
 void run_sync(const char*) {
+  // `cluster_sync_ctl explain` reads this format.
   LOG(4, "Received sync diag command. Running extra sync operation now.");
   static const uint8_t message[2] = {0, 0};
   RpcResult result;
@@ -80,32 +81,34 @@ void run_statemachine_stuck(const char*) {
 
 void run_statemachine_notstuck(const char*) {
   set_statemachine_stuck(0);
+  // Log text: stays as it is, although the command is statemachine-notstuck.
   LOG(4, "Received statemachine-stuck diag command. State machine back to normal.");
 }
 
 void run_log_size(const char* argument) {
   const int32_t max_log_size = decimal(argument);
   set_max_log_size(max_log_size);
+  // Log text: stays as it is, without the blank.
   LOG(4, "Received log-size diag command. Setting max log size to'%d'", max_log_size);
 }
 
 void run_fail_scan(const char* argument) {
-  set_fault_path(& DiagParams::fail_scan_path, argument);
+  set_fault_path(&DiagParams::fail_scan_path, argument);
   LOG(4, "Received fail-scan diag command. Setting fail scan path to '%s'", argument);
 }
 
 void run_fail_read(const char* argument) {
-  set_fault_path(& DiagParams::fail_read_path, argument);
+  set_fault_path(&DiagParams::fail_read_path, argument);
   LOG(4, "Received fail-read diag command. Setting fail read path to '%s'", argument);
 }
 
 void run_fail_write(const char* argument) {
-  set_fault_path(& DiagParams::fail_write_path, argument);
+  set_fault_path(&DiagParams::fail_write_path, argument);
   LOG(4, "Received fail-write diag command. Setting fail write path to '%s'", argument);
 }
 
 void run_fail_rename(const char* argument) {
-  set_fault_path(& DiagParams::fail_rename_path, argument);
+  set_fault_path(&DiagParams::fail_rename_path, argument);
   LOG(4, "Received fail-rename diag command. Setting fail rename path to '%s'", argument);
 }
 
@@ -132,6 +135,7 @@ void run_flight_rec(const char* argument) {
 }
 
 void reset_statistics() {
+  // Log text: stays as it is, misspelt.
   LOG(4, "Received stats reset diag command. Reseting stats counters.");
   clear_statistics();
 }

@@ -146,7 +146,7 @@ int write_chunk(const Update& update, const PinnedPath& file) {
   const int fd = open_for_chunk(file, restricted, &created);
   if (fd < 0) return errno;
   int error = fill_file(fd, update, restricted);
-  const int r = close(fd);
+  const int r = close(fd);  // the name is log text
   CHECK_CLOSE(r);
   if (r < 0 && error == 0) error = errno;
   if (error == 0 && created && fsync(file.dir_fd()) != 0) error = errno;
@@ -182,6 +182,7 @@ void update_file(const FileEntry* local, const Update& update, RpcResult* result
   }
   const bool atomic =
       update.header.begin_offs == 0 && update.header.end_offs == update.header.file_size;
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC updating chunk atomic=%d size=%u offs=0x%x '%s'", atomic, update.data_size,
       update.header.begin_offs, local->path);
   const int error = write_update(local, update, atomic);
@@ -194,6 +195,7 @@ void update_file(const FileEntry* local, const Update& update, RpcResult* result
 }
 
 void delete_file(const FileEntry* local, RpcResult* result) {
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC Deleting file %s", local->path);
   PinnedPath file;
   int error = pin_path(local->root_index, local->path, &file);

@@ -75,7 +75,7 @@ bool read_chunk(const FileEntry* entry, const char* local_path, UpdateHeader* he
     header->data_ok = 1;
   }
   const int error = errno;
-  CHECK_CLOSE_AS("fclose(f)", close(f));
+  CHECK_CLOSE_AS("fclose(f)", close(f));  // log text: stays as it is
   errno = error;
   return header->data_ok != 0;
 }
@@ -100,6 +100,7 @@ void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* l
   RpcResult msg_result;
   storage_cfg_set_result(&msg_result, RESULT_OK, nullptr);
   if (result != nullptr) msg_result = *result;
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "Send %s %s", update_type_name(entry->update_type), entry->relative_path);
 
   if (entry->update_type >= PUSH_NOP) CHECK_TRUE(false);  // the queue holds no such entry

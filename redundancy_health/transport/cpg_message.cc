@@ -51,6 +51,7 @@ void send_cpg_command(SyncContext* ctx, uint32_t command, uint32_t flags, const 
   header.flags = flags;
   header.exchange_id = reply ? ctx->peer_exchange_id : ctx->cur_exchange_id;
   header.sequence_id = reply ? ctx->peer_sequence_id : ctx->cur_sequence_id;
+  // `cluster_sync_ctl explain` reads this format.
   LOG(7, "Send CPG msg: %-16s xid=%u sid=%u payload-len=%u", sync_command_name(command),
       header.exchange_id, header.sequence_id, payload_size);
   storage_cfg_set_result(&header.result, RESULT_OK, nullptr);
@@ -76,6 +77,7 @@ void check_header_ids(SyncContext* ctx, uint32_t exchange_id, const uint32_t* se
                        exchange_id);
   }
   if ((check_flags & FLAG_CHECK_SEQUENCE) != 0 && *sequence_id != ctx->cur_sequence_id) {
+    // Log text: stays as it is.
     end_exchange_error(ctx, "Mismatched sequence_id ID in message: expected %u, got %u",
                        ctx->cur_sequence_id, *sequence_id);
   }

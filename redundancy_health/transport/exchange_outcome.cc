@@ -106,6 +106,7 @@ int pause_before_exchange(const SyncContext* ctx) {
 void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, va_list args) {
   if ((flags & kCodeError) != 0) {
     storage_cfg_set_result_v(&ctx->cpg_result, flags, format, args);
+    // `cluster_sync_ctl explain` reads this format.
     LOG_AS(__func__, 3, ctx->cpg_result.benign ? 0 : 1, "Sync Error: %s", ctx->cpg_result.reason);
   }
   ctx->cpg_result.peer_present =

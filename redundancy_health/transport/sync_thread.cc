@@ -136,6 +136,7 @@ void count_down_to_resync(SyncContext* ctx) {
   const bool begun = begin_resync(ctx);
   ctx->resync_countdown = begun ? kResyncDelay : 1;
   if (!begun) return;
+  // `cluster_sync_ctl explain` reads this format.
   LOG(4, "Attempting to resync after delay because of previous sync error.");
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
 }
