@@ -10,6 +10,7 @@
  *   EINPROGRESS   the time is up; the daemon has the change, and its exchange goes on
  *   ETIMEDOUT     the time is up; nothing has been changed. A put never will be published
  *   ECANCELED     the daemon refuses the request or reports a failure; the result says which
+ *   EHOSTDOWN     a comparison: the other one is away
  *   EPROTO        what came back cannot be understood
  *   EBUSY         the connection has a request whose answer was not received
  *   EXDEV         the destination lies in none of the replicated trees; nothing was asked
@@ -130,6 +131,39 @@ int cluster_sync_receive(struct cluster_sync_connection* connection, int timeout
  * nothing has been changed, EINPROGRESS when the daemon has it. An answer that is outstanding
  * stays so. */
 int cluster_sync_withdraw(struct cluster_sync_connection* connection);
+
+/* How many files of one tree are where. */
+struct cluster_sync_tree {
+  char name[16]; /* "active", "volatile", "own" (this one's, and its copy there), "copy" */
+  uint32_t here; /* files on this enclosure manager */
+  uint32_t there;
+  uint32_t only_here;
+  uint32_t only_there;
+  uint32_t different; /* in content or mode */
+};
+#define CLUSTER_SYNC_TREES 4
+
+/* Told of each file that differs: '<' only here, '>' only there, '!' on both but different. `path`
+ * is relative to the tree and, like all texts, valid during the call. Anything but 0 ends the
+ * report, and is what the caller of the comparison gets. */
+typedef int (*cluster_sync_difference_fn)(void* argument, char sign, const char* tree,
+                                          const char* path);
+
+/* Compares the trees of both enclosure managers, by an exchange that changes no replicated file.
+ * `trees` get the counts in the order of the names above; `on_difference` may be null. Both are
+ * left alone when an error is returned, but for EPROTO, EIO and what the function said itself.
+ * `result` as for an update. */
+int cluster_sync_compare(const char* socket, int timeout_ms,
+                         struct cluster_sync_tree trees[CLUSTER_SYNC_TREES],
+                         cluster_sync_difference_fn on_difference, void* argument,
+                         struct cluster_sync_result* result);
+
+/* The same in steps, on a connection. EAGAIN as for cluster_sync_receive. */
+int cluster_sync_send_compare(struct cluster_sync_connection* connection, int timeout_ms);
+int cluster_sync_receive_compare(struct cluster_sync_connection* connection, int timeout_ms,
+                                 struct cluster_sync_tree trees[CLUSTER_SYNC_TREES],
+                                 cluster_sync_difference_fn on_difference, void* argument,
+                                 struct cluster_sync_result* result);
 
 /* Why something failed, for a program to decide what to do. */
 enum cluster_sync_reason_code {

@@ -64,13 +64,23 @@ int receive_packet(int fd, msghdr* packet, const Deadline& deadline, size_t* siz
   for (;;) {
     const int error = wait_readable(fd, deadline);
     if (error != 0) return error == ETIMEDOUT ? EAGAIN : error;
-    const ssize_t n = recvmsg(fd, packet, MSG_DONTWAIT | MSG_TRUNC);
+    const ssize_t n = recvmsg(fd, packet, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
     if (n == 0) return ECONNRESET;
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (n < 0) return errno;
     *size = static_cast<size_t>(n);
     return 0;
   }
+}
+
+// The descriptor that came with a packet, or -1.
+int take_descriptor(msghdr* packet) {
+  int descriptor = -1;
+  const cmsghdr* rights = CMSG_FIRSTHDR(packet);
+  if (rights != nullptr && rights->cmsg_type == SCM_RIGHTS &&
+      rights->cmsg_len == CMSG_LEN(sizeof descriptor))
+    memcpy(&descriptor, CMSG_DATA(rights), sizeof descriptor);
+  return descriptor;
 }
 
 }  // namespace
@@ -140,12 +150,18 @@ int receive_answer(cluster_sync_connection* connection, RequestType type, const 
   msghdr packet = {};
   packet.msg_iov = parts;
   packet.msg_iovlen = 2;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+  if (type == kCompareRequest) {  // nobody else has a use for a descriptor
+    packet.msg_control = control;
+    packet.msg_controllen = sizeof control;
+  }
   size_t size = 0;
   const int error = receive_packet(connection->fd, &packet, deadline, &size);
   if (error == EAGAIN) return error;
   connection->is_asked = false;
   connection->is_lost = error == ECONNRESET;
   if (error != 0) return error;
+  answer->descriptor = take_descriptor(&packet);
   if (size < sizeof status) return EPROTO;
   answer->status = le32toh(status);
   answer->size = size - sizeof status;

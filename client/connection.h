@@ -15,6 +15,7 @@
 enum RequestType : uint32_t {
   kUpdateRequest = 0,      // the 128 bytes of a cluster_sync_result
   kDiagnosticRequest = 1,  // nothing
+  kCompareRequest = 3,     // as for an update, and the descriptor of a report
 };
 
 struct cluster_sync_connection {
@@ -37,7 +38,8 @@ struct Answer {
   uint32_t status;  // 0, or the daemon's number for a refusal
   void* payload;
   size_t room;
-  size_t size;  // of the whole payload, which may be more than there is room for
+  size_t size;     // of the whole payload, which may be more than there is room for
+  int descriptor;  // that came with it, the caller's to close; -1 without one
 };
 
 // Takes the answer to a request of this type. Returns 0 or an error number: EAGAIN when it is not

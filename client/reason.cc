@@ -29,6 +29,7 @@ constexpr ErrorMeaning kErrors[] = {
     {EBUSY, CLUSTER_SYNC_BUSY, "another request of this connection has not been answered"},
     {ENOMSG, CLUSTER_SYNC_OTHER, "nothing was asked on this connection"},
     {ECANCELED, CLUSTER_SYNC_OTHER, "the daemon refuses the request or reports a failure"},
+    {EHOSTDOWN, CLUSTER_SYNC_OTHER, "the other enclosure manager is away"},
     {EPROTO, CLUSTER_SYNC_PROTOCOL, "the daemon's answer cannot be understood"},
     {EXDEV, CLUSTER_SYNC_NOT_REPLICATED,
      "the path lies in none of the replicated trees "
@@ -70,6 +71,8 @@ constexpr TextMeaning kTexts[] = {
     {"Could not update file (", CLUSTER_SYNC_ERROR_HERE},
     {"Could not delete file (", CLUSTER_SYNC_ERROR_HERE},
     {"Corrupt digest file '", CLUSTER_SYNC_ERROR_HERE},
+    {"Could not write differences (", CLUSTER_SYNC_ERROR_HERE},
+    {"The peer left during the comparison", CLUSTER_SYNC_PROTOCOL},
     {"could not ", CLUSTER_SYNC_ERROR_HERE},
     {"call to lstat failed", CLUSTER_SYNC_ERROR_HERE},
     {"failed to read directory", CLUSTER_SYNC_ERROR_HERE},

@@ -77,21 +77,27 @@ int cluster_sync_send_diag(cluster_sync_connection* connection, const char* comm
   return send_request(connection, kDiagnosticRequest, &message, 1, Deadline(timeout_ms));
 }
 
-int cluster_sync_receive(cluster_sync_connection* connection, int timeout_ms, uint32_t* status,
-                         cluster_sync_result* result) {
+int receive_record(cluster_sync_connection* connection, RequestType type, const Deadline& deadline,
+                   uint32_t* status, cluster_sync_result* result, int* descriptor) {
   cluster_sync_result record;
-  Answer answer = {0, &record, sizeof record, 0};
-  const RequestType request = connection->request;
-  if (request != kUpdateRequest && request != kDiagnosticRequest) return ENOMSG;
-  const int error = receive_answer(connection, request, Deadline(timeout_ms), &answer);
+  Answer answer = {0, &record, sizeof record, 0, -1};
+  const int error = receive_answer(connection, type, deadline, &answer);
+  if (descriptor != nullptr) *descriptor = answer.descriptor;
   if (error == EAGAIN || error == ENOMSG) return error;
   discard_put(&connection->put);
   if (status != nullptr) *status = answer.status;
   if (error == ECANCELED && result != nullptr) fill_unknown(result);
-  if (error != 0 || request == kDiagnosticRequest) return error;
+  if (error != 0 || type == kDiagnosticRequest) return error;
   if (answer.size != sizeof record || !read_record(&record)) return EPROTO;
   if (result != nullptr) *result = record;
   return record.success != 0 ? 0 : ECANCELED;
+}
+
+int cluster_sync_receive(cluster_sync_connection* connection, int timeout_ms, uint32_t* status,
+                         cluster_sync_result* result) {
+  const RequestType request = connection->request;
+  if (request != kUpdateRequest && request != kDiagnosticRequest) return ENOMSG;
+  return receive_record(connection, request, Deadline(timeout_ms), status, result, nullptr);
 }
 
 int cluster_sync_withdraw(cluster_sync_connection* connection) {

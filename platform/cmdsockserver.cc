@@ -20,6 +20,7 @@
 
 struct CmdRsp {
   std::vector<uint8_t> payload;
+  Descriptor descriptor;
 };
 
 namespace {
@@ -121,13 +122,26 @@ bool receive_request(int fd, std::vector<uint8_t>* packet) {
   return recv(fd, packet->data(), packet->size(), 0) == size;
 }
 
-bool send_response(int fd, uint32_t status, const std::vector<uint8_t>& payload) {
-  const uint32_t wire_status = htole32(status);
-  std::vector<uint8_t> packet(sizeof wire_status + payload.size());
-  memcpy(packet.data(), &wire_status, sizeof wire_status);
-  if (!payload.empty()) memcpy(packet.data() + sizeof wire_status, payload.data(), payload.size());
-  return send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) ==
-         static_cast<ssize_t>(packet.size());
+bool send_response(int fd, uint32_t status, CmdRsp* response) {
+  uint32_t wire_status = htole32(status);
+  iovec parts[] = {{&wire_status, sizeof wire_status},
+                   {response->payload.data(), response->payload.size()}};
+  msghdr packet = {};
+  packet.msg_iov = parts;
+  packet.msg_iovlen = 2;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  if (response->descriptor.is_open()) {
+    packet.msg_control = control;
+    packet.msg_controllen = sizeof control;
+    cmsghdr* rights = CMSG_FIRSTHDR(&packet);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    const int passed = response->descriptor.get();
+    memcpy(CMSG_DATA(rights), &passed, sizeof passed);
+  }
+  return sendmsg(fd, &packet, MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(sizeof wire_status + response->payload.size());
 }
 
 void serve_requests(const Connection& connection) {
@@ -140,7 +154,7 @@ void serve_requests(const Connection& connection) {
     const uint32_t status =
         connection.server->handler(le32toh(type), packet.data() + kTypeSize,
                                    static_cast<uint32_t>(packet.size() - kTypeSize), &response);
-    if (!send_response(connection.fd, status, response.payload)) return;
+    if (!send_response(connection.fd, status, &response)) return;
     packet = {};  // an idle connection keeps no buffer
   }
 }
@@ -275,4 +289,8 @@ void cmd_server_shutdown(CmdServer* server) {
 void cmd_rsp_attach_payload(const void* payload, uint32_t size, CmdRsp* rsp) {
   const uint8_t* bytes = static_cast<const uint8_t*>(payload);
   rsp->payload.assign(bytes, bytes + size);
+}
+
+void cmd_rsp_attach_descriptor(int fd, CmdRsp* rsp) {
+  rsp->descriptor.reset(fd);
 }

@@ -47,4 +47,7 @@ void cmd_server_shutdown(CmdServer* server);
 // Copies `size` bytes as the payload of the response, replacing an earlier one.
 void cmd_rsp_attach_payload(const void* payload, uint32_t size, CmdRsp* rsp);
 
+// Takes over a descriptor, which travels with the response (SCM_RIGHTS). Once in a response.
+void cmd_rsp_attach_descriptor(int fd, CmdRsp* rsp);
+
 #endif  // PLATFORM_CMDSOCKSERVER_H_

@@ -33,6 +33,9 @@ Is replication working?
                         until interrupted
 
 Do both EMs hold the same files?
+  compare               ask both daemons, through an exchange that changes no file:
+                        a line with counts for each tree, then one for each file
+                        that is only here (<), only there (>) or differs (!)
   verify                read the four trees; one line with a digest for each, the
                         same on both EMs when the trees are identical
   verify --list         one line per chunk, to be kept or sent to the other EM
@@ -61,7 +64,9 @@ Change files, on this EM and the other:
 
 Operate:
   role active|standby   make this EM the active or the standby one, in the order
-                        standby there, active here, then sync
+                        standby there, active here, then sync; active is refused
+                        when a tree is missing, the partition is not mounted, or
+                        the other EM would lose more than half of a shared tree
   diag COMMAND[=ARG]    send a diagnostic command to the daemon; the manual page
                         lists them
 
@@ -70,6 +75,7 @@ put and edit: DEST belongs to the caller afterwards.
 Options:
   --mode MODE           for put and edit: 600 or 644; without it as FILE and DEST
                         have it
+  --force               for role active: without those checks
   --progress            for sync: show the time on a terminal
   --json                print the answer as one line of JSON
   --socket N            number of the daemon's command socket (default 2006)
@@ -80,10 +86,11 @@ Exit status:
   0  success; for fault: healthy, or nothing recorded yet
   1  the daemon reports a failure, or what was asked for is impossible; for status
      and fault: replication is failing or the other EM is away; for verify: the
-     trees differ
+     trees differ; for compare: the same
   2  wrong usage
   3  no daemon answers, or not in time, or what came back cannot be understood;
-     for verify: something could not be read
+     for verify: something could not be read; for compare: also when the other
+     EM is away
 )";
 
 // Reads a whole number between the bounds into `*number`.
@@ -105,17 +112,13 @@ std::string socket_path(int number) {
 // Fills `*options`; afterwards argv[optind] is the command. Returns false on wrong usage. Options
 // that are not for every command are given in the table of commands by their letters.
 bool parse_options(int argc, char** argv, Options* options, bool* help) {
-  static const option kLongOptions[] = {{"json", no_argument, nullptr, 'j'},
-                                        {"socket", required_argument, nullptr, 's'},
-                                        {"timeout", required_argument, nullptr, 't'},
-                                        {"list", no_argument, nullptr, 'l'},
-                                        {"against", required_argument, nullptr, 'a'},
-                                        {"mode", required_argument, nullptr, 'm'},
-                                        {"progress", no_argument, nullptr, 'p'},
-                                        {"exchange", required_argument, nullptr, 'e'},
-                                        {"svg", required_argument, nullptr, 'g'},
-                                        {"help", no_argument, nullptr, 'h'},
-                                        {nullptr, 0, nullptr, 0}};
+  static const option kLongOptions[] = {
+      {"json", no_argument, nullptr, 'j'},          {"socket", required_argument, nullptr, 's'},
+      {"timeout", required_argument, nullptr, 't'}, {"list", no_argument, nullptr, 'l'},
+      {"against", required_argument, nullptr, 'a'}, {"mode", required_argument, nullptr, 'm'},
+      {"progress", no_argument, nullptr, 'p'},      {"exchange", required_argument, nullptr, 'e'},
+      {"svg", required_argument, nullptr, 'g'},     {"force", no_argument, nullptr, 'f'},
+      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
   bool valid = true;
   int number = 0;
   for (;;) {
@@ -143,6 +146,9 @@ bool parse_options(int argc, char** argv, Options* options, bool* help) {
         break;
       case 'm':
         valid = valid && parse_number(optarg, 8, 0, 0777, &options->mode);
+        break;
+      case 'f':
+        options->force = true;
         break;
       case 'p':
         options->progress = true;
@@ -172,12 +178,13 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"status", 0, 0, "", show_status},    {"fault", 0, 0, "", show_fault},
-    {"watch", 0, 0, "", watch_fault},     {"verify", 0, 0, "la", verify_trees},
-    {"put", 2, 2, "m", put_file},         {"edit", 1, 1, "m", edit_file},
-    {"update", 2, 2, "", request_update}, {"delete", 1, 1, "", request_deletion},
-    {"sync", 0, 0, "p", request_sync},    {"role", 1, 1, "", set_role},
-    {"diag", 1, 1, "", send_diagnostic},  {"explain", 0, 2, "eg", explain_trace},
+    {"status", 0, 0, "", show_status},      {"fault", 0, 0, "", show_fault},
+    {"watch", 0, 0, "", watch_fault},       {"compare", 0, 0, "", compare_trees},
+    {"verify", 0, 0, "la", verify_trees},   {"put", 2, 2, "m", put_file},
+    {"edit", 1, 1, "m", edit_file},         {"update", 2, 2, "", request_update},
+    {"delete", 1, 1, "", request_deletion}, {"sync", 0, 0, "p", request_sync},
+    {"role", 1, 1, "f", set_role},          {"diag", 1, 1, "", send_diagnostic},
+    {"explain", 0, 2, "eg", explain_trace},
 };
 
 int run_command(const Options& options, const std::string& name, const Words& words) {

@@ -17,6 +17,7 @@ struct Options {
   std::string socket = CLUSTER_SYNC_SOCKET;
   int timeout_ms = 60 * 1000;
   bool list = false;      // verify: every listing line too
+  bool force = false;     // role: without a look at what becomes of the files
   bool progress = false;  // sync: show how long it takes
   int mode = -1;          // put, edit: the mode of the file; negative when not given
   std::string against;    // verify: a listing of the other EM, "-" for standard input
@@ -47,6 +48,8 @@ int show_fault(const Options& options, const Words& words);
 
 // Prints the state of the fault and then every change of it. Returns only when that fails.
 int watch_fault(const Options& options, const Words& words);
+
+int compare_trees(const Options& options, const Words& words);
 
 int verify_trees(const Options& options, const Words& words);
 

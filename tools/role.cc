@@ -1,16 +1,29 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <mntent.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+
+#include "client/cluster_sync.h"
+#include "redundancy_health/catalog/roots.h"
 #include "tools/commands.h"
 #include "tools/output.h"
 
 namespace {
 
 constexpr char kActiveMark[] = "/var/run/em/active";
+constexpr char kPersistent[] = "/mnt/part.persistent";
+
+// Becoming active is refused when it would delete more files of a tree than this, and more than
+// half of them.
+constexpr uint32_t kFewFiles = 10;
+
+// A comparison that takes longer than a hanging exchange never ends: a failover must not wait.
+constexpr int kLookMs = 12 * 1000;
 
 bool make_mark() {
   mkdir("/var/run/em", 0755);  // one that exists already is as good
@@ -22,11 +35,64 @@ bool remove_mark() {
   return unlink(kActiveMark) == 0 || errno == ENOENT;
 }
 
+bool is_directory(const char* path) {
+  struct stat status;
+  return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// True when the table of mounts at `path` names the place of the persistent trees.
+bool names_persistent(const char* path) {
+  FILE* table = setmntent(path, "re");
+  bool named = false;
+  while (const mntent* entry = table != nullptr ? getmntent(table) : nullptr)
+    named = named || strcmp(entry->mnt_dir, kPersistent) == 0;
+  if (table != nullptr) endmntent(table);
+  return named;
+}
+
+// Why this EM's own disk looks wrong; empty when it does not.
+std::string look_at_disk() {
+  if (names_persistent("/etc/fstab") && !names_persistent("/proc/self/mounts"))
+    return std::string(kPersistent) + " is in /etc/fstab, but nothing is mounted there";
+  for (const char* root : root_paths) {
+    if (!is_directory(root)) return std::string(root) + " is missing";
+  }
+  return "";
+}
+
+// What the other EM would lose; empty when that is little, or cannot be known.
+std::string look_at_other_em(const Options& options) {
+  cluster_sync_tree trees[CLUSTER_SYNC_TREES];
+  cluster_sync_result result;
+  const bool has_limit = options.given.find('t') != std::string::npos;
+  const int error =
+      cluster_sync_compare(options.socket.c_str(), has_limit ? options.timeout_ms : kLookMs, trees,
+                           nullptr, nullptr, &result);
+  if (error != 0) {
+    const char* reason = error == ECANCELED ? result.reason : cluster_sync_strerror(error);
+    fprintf(stderr, "cluster_sync_ctl: not compared with the other EM: %s\n",
+            printable(reason).c_str());
+    return "";
+  }
+  for (const cluster_sync_tree& tree : {trees[0], trees[1]}) {  // the shared ones
+    if (tree.only_there > kFewFiles && tree.only_there > tree.there / 2)
+      return "becoming active would delete " + std::to_string(tree.only_there) + " of " +
+             std::to_string(tree.there) + " files that the other EM has in '" + tree.name + "'";
+  }
+  return "";
+}
+
 }  // namespace
 
 int set_role(const Options& options, const Words& words) {
   const bool active = words[0] == "active";
   if (!active && words[0] != "standby") return usage_error("no such role: " + words[0]);
+  if (active && !options.force && access(kActiveMark, F_OK) != 0) {
+    std::string reason = look_at_disk();
+    if (reason.empty()) reason = look_at_other_em(options);
+    if (!reason.empty())
+      return report_error(options, reason + "; --force makes this EM active all the same", kFailed);
+  }
   if (!(active ? make_mark() : remove_mark()))
     return report_error(options, std::string(kActiveMark) + ": " + strerror(errno), kFailed);
   printf(options.json ? "{\"role\":\"%s\"}\n" : "this EM is %s\n", words[0].c_str());

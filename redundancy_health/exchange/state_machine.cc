@@ -4,6 +4,7 @@
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/checkpoint.h"
+#include "redundancy_health/exchange/difference_report.h"
 #include "redundancy_health/exchange/listing.h"
 #include "redundancy_health/exchange/local_request.h"
 #include "redundancy_health/exchange/reconcile.h"
@@ -38,6 +39,7 @@ bool state_machine_is_stuck() {
 // Enters ST_PEERLOCK: the exchange with these ids holds this daemon.
 void lock_for_peer(SyncContext* ctx, uint32_t exchange_id, uint32_t sequence_id) {
   ctx->cur_state = ST_PEERLOCK;
+  ctx->cur_exchange_compares = 0;
   ctx->peer_exchange_id = exchange_id;
   ctx->peer_sequence_id = sequence_id;
   ctx->state_time = get_uptime();
@@ -49,6 +51,7 @@ uint32_t take_up_request(SyncContext* ctx) {
   HOLD_MUTEX(ctx->rpc_mutex);
   const uint32_t stage = ctx->rpc_stage;
   if (stage == RPC_REQUESTING) ctx->rpc_stage = RPC_PENDING;
+  ctx->cur_exchange_compares = stage != RPC_LOCAL_BUSY && ctx->rpc_compare;
   return stage;
 }
 
@@ -169,6 +172,12 @@ void on_listing_ack(SyncContext* ctx, const Event& event) {
   if (ctx->cur_state == ST_LISTREQ && !event.from_self) {
     check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id, 0);
     CHECKPOINT(ctx);
+    if (ctx->cur_exchange_compares) {
+      report_differences(ctx, event.payload, event.payload_size);
+      CHECKPOINT(ctx);
+      end_exchange(ctx);
+      return;
+    }
     compare_synced_files(ctx, event.payload, event.payload_size);
     CHECKPOINT(ctx);
     ctx->cur_state = ST_UPDATE;
@@ -313,6 +322,7 @@ void handle_command(SyncContext* ctx, const Event& event) {
 // After an exchange, this daemon's or the peer's: takes up what waited for its end.
 void serve_what_waited(SyncContext* ctx) {
   reset_cpg_result(ctx);
+  ctx->cur_exchange_compares = 0;
   release_kept_directory();
   serve_deferred_request(ctx);
   const uint32_t stage = read_rpc_stage(ctx);

@@ -22,6 +22,7 @@ void init_context(SyncContext* ctx) {
   ctx->peer_exchange_id = 0;
   ctx->peer_sequence_id = 0;
   ctx->cur_exchange_em_is_active = 0;
+  ctx->cur_exchange_compares = 0;
   ctx->rpc_deferred = 0;
   ctx->cur_state = ST_UNLOCKED;
   reset_cpg_result(ctx);
@@ -33,6 +34,8 @@ void init_context(SyncContext* ctx) {
   ctx->rpc_stage = RPC_IDLE;
   ctx->rpc_msg = nullptr;
   ctx->current_rpc_size = 0;
+  ctx->rpc_compare = 0;
+  ctx->rpc_report = -1;
   ctx->waiting_rpc_count = 0;
   storage_cfg_set_result(&ctx->rpc_result, RESULT_OK, nullptr);
 }
@@ -59,4 +62,9 @@ uint32_t read_rpc_request(SyncContext* ctx, const uint8_t** message, uint32_t* s
   *message = ctx->rpc_msg;
   *size = ctx->current_rpc_size;
   return ctx->rpc_stage;
+}
+
+bool request_is_comparison(SyncContext* ctx) {
+  HOLD_MUTEX(ctx->rpc_mutex);
+  return ctx->rpc_compare != 0;
 }

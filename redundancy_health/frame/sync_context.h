@@ -55,6 +55,7 @@ struct SyncContext {
   uint32_t peer_exchange_id;  // the peer's exchange being served
   uint32_t peer_sequence_id;
   uint8_t cur_exchange_em_is_active;  // the exchange runs with the rights of the active EM
+  uint8_t cur_exchange_compares;      // it only compares: no change, no word on faults
   uint8_t rpc_deferred;               // a request was announced while an exchange ran
   uint32_t cur_state;                 // SyncState
   RpcResult cpg_result;               // outcome of the current exchange so far
@@ -72,6 +73,10 @@ struct SyncContext {
   // The caller's own bytes, valid while it waits.
   const uint8_t* rpc_msg GUARDED_BY(rpc_mutex);
   uint32_t current_rpc_size GUARDED_BY(rpc_mutex);
+  // The request is for a comparison instead of a change.
+  uint8_t rpc_compare GUARDED_BY(rpc_mutex);
+  // Descriptor of what the comparison found, or -1; the caller's to close.
+  int rpc_report GUARDED_BY(rpc_mutex);
   // Callers inside.
   Relaxed<int32_t> waiting_rpc_count GUARDED_BY(rpc_mutex);
   RpcResult rpc_result GUARDED_BY(rpc_mutex);
@@ -95,5 +100,8 @@ int32_t peek_waiting_rpc_count(const SyncContext* ctx) READS_WITHOUT_MUTEX;
 // Reads the bytes of the request, null and 0 for none, and returns its stage. They stay as long as
 // the caller waits, so as long as an exchange runs for it.
 uint32_t read_rpc_request(SyncContext* ctx, const uint8_t** message, uint32_t* size);
+
+// True when the request asks for a comparison of the trees.
+bool request_is_comparison(SyncContext* ctx);
 
 #endif  // FRAME_SYNC_CONTEXT_H_

@@ -6,7 +6,7 @@
 
 namespace {
 
-enum MessageType : uint32_t { kRpcUpdate = 0, kDiagnostic = 1 };
+enum MessageType : uint32_t { kRpcUpdate = 0, kDiagnostic = 1, kCompare = 3 };
 
 }  // namespace
 
@@ -20,6 +20,13 @@ uint32_t on_rpc_notification(uint32_t type, const uint8_t* message, uint32_t siz
     }
     case kDiagnostic:
       return run_diagnostic(message, size);
+    case kCompare: {
+      RpcResult result;
+      const int report = on_rpc_compare(&result);
+      cmd_rsp_attach_payload(&result, sizeof(result), rsp);
+      if (report >= 0) cmd_rsp_attach_descriptor(report, rsp);
+      return kHandled;
+    }
     default:
       LOG(3, "received an invalid message %d", static_cast<int>(type));
       return kInvalidMessage;

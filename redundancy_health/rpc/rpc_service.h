@@ -11,4 +11,9 @@
 // number at once.
 void on_rpc_update(RpcResult* result, const uint8_t* message, uint32_t size);
 
+// Compares the trees of both EMs in an exchange that changes none of them. Blocks as above. Returns
+// a descriptor of the differences (exchange/difference_report.h), which the caller closes, or -1
+// when `*result` is a failure or the peer is away.
+int on_rpc_compare(RpcResult* result);
+
 #endif  // RPC_RPC_SERVICE_H_

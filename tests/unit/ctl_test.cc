@@ -1,3 +1,6 @@
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <mutex>
 #include <semaphore>
 #include <sstream>
@@ -13,7 +16,7 @@ namespace {
 // What the server saw, as type and message, and what it answers. It renames what it calls a
 // success.
 std::mutex g_mutex;
-std::string g_request, g_payload;
+std::string g_request, g_payload, g_report;
 uint32_t g_status;
 std::counting_semaphore<> g_turn{0};  // one for each request that may be answered
 
@@ -24,6 +27,11 @@ uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, 
   const std::string source = g_request.substr(1, g_request.find('\0') - 1);
   if (type == 0 && !source.empty() && g_payload[0] != 0)
     rename(source.c_str(), &g_request[source.size() + 2]);
+  if (type == 3 && !g_report.empty()) {
+    const int fd = memfd_create("report", MFD_CLOEXEC);
+    pwrite(fd, g_report.data(), g_report.size(), 0);
+    cmd_rsp_attach_descriptor(fd, rsp);
+  }
   cmd_rsp_attach_payload(g_payload.data(), static_cast<uint32_t>(g_payload.size()), rsp);
   return g_status;
 }
@@ -118,7 +126,7 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
             0u);
   const std::string wrong =
       ";update /a;update /a '';delete '';delete;sync now;diag '';fault x;role master;verify x;"
-      "--list sync;--against '' verify;--list --against /x verify;nonsense;--nonsense sync;"
+      "--list sync;--force sync;compare x;--against '' verify;--list --against /x verify;nonsense;--nonsense sync;"
       "--timeout 0 sync;--timeout 1x sync;--timeout 99999999999999999999 sync;delete ";
   for (const std::string& line : split(wrong + std::string(70000, 'x'), ';')) {
     EXPECT_EQ(run(line + " 2> /dev/null"), 2) << line;
@@ -405,7 +413,7 @@ TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
         {6u, 1u, "standby", both, 3}}) {
     record_fault(fault);
     write_file("/mnt/group", group);
-    EXPECT_EQ(run(std::string("role ") + role), 0);
+    EXPECT_EQ(run(std::string("role --force ") + role), 0);
     EXPECT_EQ(exists("/var/run/em/active"), *role == 'a');
     EXPECT_EQ(run_answered("status", answer, ""), exit_status);
     EXPECT_EQ(request_, "1stats");
@@ -415,6 +423,66 @@ TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
             "healthy, recorded when this EM was active\ngroup:  2 members: node 1 pid 12, node 2 "
             "pid 34\n");
   EXPECT_EQ(run("role standby"), 0) << "as it is already";
+}
+
+TEST_F(CtlTest, CompareNamesWhatDiffersOrSaysThatNobodyCanTell) {
+  const std::string good = result_bytes(0, "", 'Y'),
+                    equal = "=active 2 2 0 0 0;=volatile 0 0 0 0 0;";
+  const std::string rest = "=own 1 1 0 0 0;=copy 3 2 1 0 1;";
+  for (const auto& [payload, report, exit_status, out] :
+       std::vector<std::tuple<std::string, std::string, int, std::string>>{
+           {good, equal + rest, 0,
+            "active          2 here       2 there       0 only here       0 only there       0 "
+            "differ"},
+           {good, equal + rest + "<copy/a\nb/ c;!copy/d/e;", 1, "< copy/a\\x0ab/ c\n! copy/d/e\n"},
+           {result_bytes(0, "", 'N'), "", 3, "cannot compare: the other enclosure manager is away"},
+           {result_bytes(4, "Operation timed out", 'Y'), "", 3, "compare: Operation timed out"},
+           {good, "", 3, "cannot be understood"},
+           {good, equal, 3, "cannot be understood"},
+           {good, equal + rest + "?copy/x;", 3, "cannot be understood"},
+           {good, equal + rest + "<copy;", 3, "cannot be understood"},
+           {good, "=active 2 2 0 0 0 0;" + rest + rest, 3, "cannot be understood"}}) {
+    g_report = report;
+    std::replace(g_report.begin(), g_report.end(), ';', '\0');
+    EXPECT_EQ(run_answered("compare 2>&1", 0, payload), exit_status) << report;
+    EXPECT_NE(out_.find(out), std::string::npos) << out_;
+    EXPECT_EQ(request_, "3");
+  }
+}
+
+TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
+  const std::string good = result_bytes(0, "", 'Y'), tail = "=own 0 0 0 0 0;=copy 0 99 0 99 0;";
+  const auto become_active = [&](const std::string& report, const std::string& payload) {
+    g_report = report.empty() ? "" : report + tail;
+    std::replace(g_report.begin(), g_report.end(), ';', '\0');
+    unlink("/var/run/em/active");
+    const int exit_status = run_answered("role active 2>&1", 0, payload);
+    EXPECT_EQ(exists("/var/run/em/active"), exit_status == 0);
+    return exit_status;
+  };
+  EXPECT_EQ(become_active("=active 0 20 0 20 0;=volatile 0 0 0 0 0;", good), 1);
+  EXPECT_EQ(
+      out_,
+      "cluster_sync_ctl: becoming active would delete 20 of 20 files that the other EM has in "
+      "'active'; --force makes this EM active all the same\n");
+  EXPECT_EQ(become_active("=active 9 9 0 0 0;=volatile 10 21 0 11 0;", good), 1);
+  EXPECT_NE(out_.find("11 of 21 files that the other EM has in 'volatile'"), std::string::npos);
+  EXPECT_EQ(become_active("=active 0 10 0 10 0;=volatile 11 22 0 11 0;", good), 0) << out_;
+  EXPECT_EQ(run("role active"), 0) << "it is already: nothing is asked";
+  EXPECT_EQ(become_active("", result_bytes(0, "", 'N')), 0) << "a failover does not wait";
+  EXPECT_EQ(become_active("", result_bytes(4, "no", 'Y')), 0);
+  EXPECT_NE(out_.find("not compared with the other EM: no"), std::string::npos) << out_;
+
+  unlink("/var/run/em/active");
+  fs::rename(tree_path(3, ""), "/run/gone");
+  EXPECT_EQ(run("role active 2>&1"), 1);
+  EXPECT_NE(out_.find("/var/run/replicated_by_active_em/ is missing"), std::string::npos) << out_;
+  write_file("/mnt/fstab", "/dev/sda3 /mnt/part.persistent ext4 defaults 0 2\n");
+  const Mount fstab("/etc/fstab", nullptr, "/mnt/fstab");
+  EXPECT_EQ(run("role active 2>&1"), 1);
+  EXPECT_NE(out_.find("but nothing is mounted there"), std::string::npos) << out_;
+  EXPECT_EQ(run("role active --force"), 0);
+  EXPECT_TRUE(exists("/var/run/em/active"));
 }
 
 TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {

@@ -2,6 +2,10 @@
 // answer stays true, nothing is stuck beyond the short timeout, and the next exchange succeeds.
 
 #include "redundancy_health/exchange/state_machine.h"
+
+#include <algorithm>
+
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "tests/unit/daemon_support.h"
 
@@ -293,6 +297,56 @@ TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
     EXPECT_EQ(g_cpg.sent.size(), released);
     EXPECT_EQ(ctx->update_queue, nullptr);
   }
+}
+
+TEST_F(ExchangeTest, AComparisonChangesNothingAndSaysNothingOfFaults) {
+  set_active(true);
+  make_file(0, "same", "abc");
+  make_file(0, "large", pattern(kChunkSize + 1));
+  make_file(1, "line\nfeed", "", 0600);
+  const std::string copy = make_file(2, "the peer has it no more", "abc");
+  ctx->consecutive_errors = 1;
+  ctx->resync_countdown = 50;
+  publish();
+  ctx->rpc_msg = nullptr;
+  ctx->current_rpc_size = 0;
+  ctx->rpc_compare = 1;
+  on_sync_rpc_update(ctx);
+  deliver_from_peer(message_bytes(MSG_LOCK_REQ, 7, 0));  // the peer was faster
+  deliver_own(g_cpg.sent.back());
+  deliver_from_peer(message_bytes(MSG_LOCK_REL, 7, 0));
+  deliver_own(g_cpg.sent.back());
+  EXPECT_EQ(g_cpg.sent.back().payload, "");
+  const std::string listing[] = {
+      "A " SHA_ABC " 00000000 00000003 G same", "A " SHA_A " 00000000 00000001 G large",
+      "Q " SHA_EMPTY " 00000000 00000000 G line\nfeed", "V " SHA_ABC " 00000000 00000003 G there"};
+  std::string payload;
+  for (const std::string& line : listing)
+    payload += line + '\0';
+  deliver_from_peer(message_bytes(MSG_LISTING_ACK, 2, 0, payload));
+  deliver_own(g_cpg.sent.back());
+  EXPECT_EQ(sent_messages(), (Lines{"MSG_LOCK_REQ 1.0", "MSG_LOCK_REQ 2.0", "MSG_LISTING_REQ 2.0",
+                                    "MSG_LOCK_REL 2.0"}));
+  EXPECT_EQ(ctx->rpc_result.success, 1) << ctx->rpc_result.reason;
+  std::string report(1000, '\0');
+  report.resize(static_cast<size_t>(pread(ctx->rpc_report, report.data(), report.size(), 0)));
+  std::replace(report.begin(), report.end(), '\0', ';');
+  EXPECT_EQ(report,
+            "=active 2 2 0 0 1;=volatile 0 1 0 1 0;=own 1 1 0 0 1;=copy 1 0 1 0 0;"
+            "!active/large;!own/line\nfeed;<copy/the peer has it no more;>volatile/there;");
+  close(std::exchange(ctx->rpc_report, -1));
+  EXPECT_EQ(read_file(copy), "abc");
+  EXPECT_EQ(ctx->consecutive_errors, 1);
+  EXPECT_EQ(ctx->resync_countdown, 50);
+  EXPECT_EQ(fault_status(), 0u);
+
+  // The next request is none. Two chunks are to be pushed.
+  ctx->rpc_compare = 0;
+  unlink(tree_path(0, "same").c_str());
+  unlink(tree_path(1, "line\nfeed").c_str());
+  request_sync(kNone, 0);
+  EXPECT_EQ(fault_status(), 1u);
+  EXPECT_EQ(ctx->rpc_report, -1);
 }
 
 TEST_F(ExchangeTest, TheEventIsItsBytes) {

@@ -20,8 +20,8 @@ import time
 from collections.abc import Iterator
 from typing import Any, NamedTuple, Protocol
 
-__all__ = ["Connection", "InProgress", "Readable", "Reason", "Refused", "Result", "TIMEOUT", "delete",
-           "diag", "put", "reason", "sync", "update"]
+__all__ = ["Comparison", "Connection", "Difference", "InProgress", "Readable", "Reason", "Refused",
+           "Result", "TIMEOUT", "Tree", "compare", "delete", "diag", "put", "reason", "sync", "update"]
 
 TIMEOUT = 60.0
 
@@ -47,6 +47,31 @@ class Result(NamedTuple):
     canceled: bool
     peer_present: bool
     reason: str
+
+
+class Tree(NamedTuple):
+    """How many files of one tree are where."""
+
+    here: int
+    there: int
+    only_here: int
+    only_there: int
+    different: int
+
+
+class Difference(NamedTuple):
+    """A file that differs: "<" only here, ">" only there, "!" in content or mode."""
+
+    sign: str
+    tree: str
+    path: str
+
+
+class Comparison(NamedTuple):
+    """The trees by their names: "active", "volatile", "own" (this EM's) and "copy" (the other's)."""
+
+    trees: dict[str, Tree]
+    differences: list[Difference]
 
 
 class Reason(enum.IntEnum):
@@ -95,6 +120,14 @@ class _Record(ctypes.Structure):
         return Result(bool(self.success), bool(self.local_ok), bool(self.remote_ok),
                       bool(self.benign), bool(self.canceled), self.peer_present == ord("Y"),
                       os.fsdecode(self.reason))
+
+
+class _TreeRecord(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char * 16), *((name, ctypes.c_uint32) for name in Tree._fields)]
+
+
+_OnDifference = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_char, ctypes.c_char_p,
+                                 ctypes.c_char_p)
 
 
 _library = ctypes.CDLL("libcluster-sync.so.1")
@@ -240,6 +273,25 @@ class Connection:
         """The answer to a diagnostic command."""
         self._receive(None)
 
+    def send_compare(self) -> None:
+        self._call("send_compare", _Deadline(self.timeout).left_ms())
+
+    def receive_compare(self) -> Comparison:
+        """The answer to a comparison."""
+        _Deadline(self.timeout).wait(self.fileno())
+        trees, record = (_TreeRecord * 4)(), _Record()
+        found = Comparison({}, [])
+
+        def on_difference(_: None, sign: bytes, tree: bytes, path: bytes) -> int:
+            found.differences.append(Difference(sign.decode(), tree.decode(), os.fsdecode(path)))
+            return 0
+        _check(_library.cluster_sync_receive_compare(self._handle, 0, trees,
+                                                     _OnDifference(on_difference), None,
+                                                     ctypes.byref(record)), record=record)
+        for tree in trees:
+            found.trees[tree.name.decode()] = Tree(*(getattr(tree, name) for name in Tree._fields))
+        return found
+
     def _receive(self, record: _Record | None) -> None:
         _Deadline(self.timeout).wait(self.fileno())
         reference = ctypes.byref(record) if record else None
@@ -344,3 +396,12 @@ def diag(command: str, *, timeout: float | None = TIMEOUT, socket: Path | None =
         connection.send_diag(command)
         _answer(connection, deadline)
         connection.receive_diag()
+
+
+def compare(*, timeout: float | None = TIMEOUT, socket: Path | None = None) -> Comparison:
+    """What differs between the two EMs, by an exchange that changes no replicated file."""
+    deadline = _Deadline(timeout)
+    with Connection(socket, timeout) as connection:
+        connection.send_compare()
+        _answer(connection, deadline)
+        return connection.receive_compare()
