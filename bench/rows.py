@@ -191,7 +191,7 @@ def too_large(bench: Bench) -> list[Row]:
                 os.utime(path, (1, 1))
         caller, attempt, result = Caller(pair, 1, None), 0, None
         while attempt < 8 and not (result and result.success):
-            time.sleep(5)  # an answer that comes too late ends the exchange that it meets
+            time.sleep(5)  # a late answer aborts the exchange that runs when it arrives
             attempt += 1
             begin = time.monotonic()
             caller.send()

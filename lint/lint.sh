@@ -18,14 +18,14 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit
 PROGRAM=(client platform redundancy_health tools bench)
 CPPCHECK_SUPPRESSIONS=(
   useStlAlgorithm       # plain loops are wanted
-  usleepCalled          # there is nothing wrong with it on Linux
+  usleepCalled          # fine on Linux
   readdirCalled         # safe on a stream of one's own
-  unusedStructMember    # tables show what their source shows
+  unusedStructMember    # tables mirror their source
 )
 
 # The rooms from the ground up; includes run down. Those that run up are named, with the file that
-# they are in ("*": any room): the roof, and where the protocol recurses. The client library stands
-# beside: it knows none of them and they do not know it.
+# they are in ("*": any room): the two files that put the rooms together, and where the protocol
+# recurses. The client library neither includes a room nor is included by one.
 ROOMS="platform frame catalog transport transfer exchange rpc"
 UPWARD='
   frame/daemon_main.cc:*
@@ -40,8 +40,8 @@ CIRCLES='
 '
 # What runs on the callers' threads knows nothing of what runs on the replicating one.
 RPC_INCLUDES='^rpc/[^:]*:(redundancy_health/)?(rpc|frame|platform)/'
-# Nobody includes the roof but who starts it.
-ROOF='(daemon_main|sync_thread)\.h'
+# Only their starters include the two files that put the rooms together.
+TOP='(daemon_main|sync_thread)\.h'
 STARTERS='frame/main.cc:|daemon_main.cc:|sync_thread.cc:'
 
 passed=0
@@ -110,7 +110,7 @@ includes() {
       failed = 1
     }
     END { exit failed }' "$build/includes.txt" &&
-    ! grep -E ":.*$ROOF" "$build/includes.txt" | grep -vE "$STARTERS" &&
+    ! grep -E ":.*$TOP" "$build/includes.txt" | grep -vE "$STARTERS" &&
     ! grep '^rpc/' "$build/includes.txt" | grep -vE "$RPC_INCLUDES" &&
     circles
 }

@@ -109,7 +109,7 @@ bool server_is_stopping(CmdConnections* connections) {
   return connections->stopping;
 }
 
-// Receives one request packet. False at the end of the connection and for a packet that is none.
+// Receives one request packet. False at the end of the connection and for an invalid packet.
 bool receive_request(int fd, std::vector<uint8_t>* packet) {
   ssize_t size;
   do {

@@ -91,7 +91,7 @@ LoadState read_header(SyncContext* ctx, FILE* f, const char* digest_path,
 }
 
 // Makes the entry of one chunk line, or returns null when the line does not parse. A chunk above
-// kChunkSize is none that a scan has written, and neither side could carry it.
+// kChunkSize was not written by a scan, and no message could carry it.
 FileEntry* parse_chunk_line(const char* line, const ScannedFile& data) {
   FileEntry* chunk = new_file_entry(data.entry->root_index, nullptr, data.entry->path);
   chunk->file_size = static_cast<uint32_t>(data.status.st_size);
@@ -179,8 +179,9 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& dat
   return state == LoadState::kComplete;
 }
 
-// Whether to look for the digest cache file of `file`: to learn that a name is not there is the
-// dearest call of a scan, and most directories hold none. A name that gets too long is to fail.
+// Whether to look for the digest cache file of `file`. Looking up a missing name is the most
+// expensive call of a scan, and most directories have no digest cache file. A name that would be
+// too long must still fail.
 bool may_have_digest_file(const ScannedFile& file) {
   return file.near_digests || strlen(file.name) + kPrefixLength > NAME_MAX;
 }

@@ -184,7 +184,7 @@ DirNames read_names(DIR* dir) {
 
 void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth);
 
-// Null with errno when it cannot be opened, or is none any more.
+// Null with errno when it cannot be opened, or is no longer a directory.
 DIR* open_subdir(const ScannedFile& subdir) {
   Descriptor fd(open_directory(subdir.dir_fd, subdir.name));
   DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;

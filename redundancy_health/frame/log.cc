@@ -89,12 +89,6 @@ class Line {
   ~Line() {
     if (text_ != space_) free(text_);
   }
-  __attribute__((format(printf, 2, 3))) void add(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    add_v(format, args);
-    va_end(args);
-  }
   __attribute__((format(printf, 2, 0))) void add_v(const char* format, va_list args) {
     va_list again;
     va_copy(again, args);
