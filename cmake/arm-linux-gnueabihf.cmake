@@ -5,12 +5,15 @@ set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 
-cmake_path(SET CSD_SYSROOT NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build-arm/sysroot)
+get_filename_component(CSD_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build-arm/sysroot ABSOLUTE)
 set(CMAKE_FIND_ROOT_PATH ${CSD_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CSD_SYSROOT})
+set(ENV{PKG_CONFIG_LIBDIR} ${CSD_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig)
 
 # The C library is the compiler's own, so this is no --sysroot.
 set(CMAKE_CXX_FLAGS_INIT

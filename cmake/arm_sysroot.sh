@@ -10,7 +10,7 @@ mkdir -p "$1"
 destination=$(realpath "$1")
 [ ! -e "$destination/sysroot" ] || exit 0
 
-PACKAGES=(corosync libcpg-dev libdaemon-dev libgtest-dev libssl-dev libstdc++6)
+PACKAGES=(corosync libcpg-dev libgtest-dev libssl-dev libstdc++6)
 
 work=$(mktemp -d "$destination/sysroot.XXXXXX")
 trap 'rm -rf "$work"' EXIT

@@ -7,7 +7,7 @@
 # daemon the first of them. With --arm they are those for armhf, built with the libraries that
 # cmake/arm_sysroot.sh has put in build-arm/. What is missing for the build is an error: install
 # debhelper, dh-python, cmake, ninja-build, g++ (or g++-arm-linux-gnueabihf), libcpg-dev,
-# libdaemon-dev and libssl-dev.
+# libssl-dev and pkgconf.
 set -euo pipefail
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 architecture=$(dpkg --print-architecture)
@@ -26,8 +26,8 @@ source=$work/source
 mkdir -p "$source"
 cd "$repo"
 cp -a CMakeLists.txt README.md client redundancy_health platform tools bench docs packaging "$source"
-mv "$source/packaging/debian" "$source/packaging/changelog" "$source"
-mv "$source/changelog" "$source/debian/changelog"
+cp -a packaging/debian "$source"
+cp packaging/changelog "$source/debian"
 
 cd "$source"
 # The libraries of another architecture are not installed here, which is what -d would check.

@@ -77,17 +77,20 @@ list_content() {
 architecture=$(dpkg-deb -f "${debs[0]}" Architecture)
 library=/usr/lib/$(dpkg-architecture -a "$architecture" -q DEB_HOST_MULTIARCH 2> /dev/null)/libcluster-sync.so
 expected_content="/etc/default/cluster_sync_daemon
+/etc/init.d/cluster_sync_daemon*
 /lib/systemd/system/cluster_sync_daemon.service
 /usr/bin/clean_up_temp_files.py*
 /usr/bin/cluster_sync_ctl*
 /usr/include/cluster_sync.h
 /usr/lib/python3/dist-packages/cluster_sync/__init__.py
 /usr/lib/python3/dist-packages/cluster_sync/py.typed
+/usr/lib/ocf/resource.d/cluster_sync/role*
 /usr/lib/tmpfiles.d/cluster-sync-daemon.conf
 $library lrwxrwxrwx
 $library.1 lrwxrwxrwx
 $library.1.1.0
 ${library%/*}/pkgconfig/cluster-sync.pc
+/usr/libexec/cluster_sync_role*
 /usr/sbin/cluster_sync_daemon*"
 
 # Whether this machine allows what a systemd in namespaces needs.
@@ -111,7 +114,7 @@ emulate_arm() {
 }
 
 make_arm_root() {
-  local content=corosync,gcc,libc6-dev,libdaemon0,pkgconf,python3,systemd
+  local content=corosync,gcc,libc6-dev,pkgconf,python3,systemd
   [ ! -d "$root" ] || return 0
   rm -rf "$root.new"
   debootstrap --foreign --arch armhf --variant minbase --include $content \

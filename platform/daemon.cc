@@ -2,33 +2,36 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <libdaemon/daemon.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "platform/util.h"
+
 namespace {
 
 // Child's end of the connection on which the parent waits, -1 without a waiting parent.
-// libdaemon's own pipe (daemon_retval_wait) stays open in the parent, which then never sees the
-// child die.
 int g_complete_fd = -1;
 
 // The pid file is held by a lock, not by its content: after a crash the lock is gone, however
 // the number in the file has been used since.
-// Returns the locked descriptor, or -1 with errno set; EWOULDBLOCK when another process holds it.
+// Who can open it can hold that lock, so only its owner may, also where a file with another mode
+// is found. Returns the locked descriptor, or -1 with errno set; EWOULDBLOCK when another process
+// holds it.
 int lock_pid_file(const char* path) {
   for (;;) {
-    const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return -1;
     struct stat locked;
     struct stat named;
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fstat(fd, &locked) != 0) {
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fchmod(fd, 0600) != 0 || fstat(fd, &locked) != 0) {
       const int error = errno;
       close(fd);
       errno = error;
@@ -47,12 +50,53 @@ bool write_pid(int fd) {
          write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
+// Whatever the caller had blocked or ignored (nohup(1), a shell's background job) is not the
+// daemon's choice.
+void reset_signals() {
+  for (int number = 1; number < NSIG; ++number)
+    signal(number, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// A caller may have closed standard streams: what is opened later must not take their numbers.
+void fill_standard_streams() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
+// Keeps no directory in use, no terminal and none of the caller's standard streams.
+bool leave_surroundings() {
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null < 0) return false;
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, stream);
+  close(null);
+  umask(0022);
+  return chdir("/") == 0;
+}
+
+// Forks twice: the process that goes on is no leader of its session, so no terminal that it opens
+// becomes its own. Returns 0 in it, and in the caller the number of the process between, which
+// only waits to be collected; -1 with errno set when there is none.
+pid_t fork_detached() {
+  const pid_t between = fork();
+  if (between != 0) return between;
+  setsid();
+  const pid_t pid = fork();
+  if (pid != 0) _exit(pid < 0);
+  return 0;
+}
+
 int run_in_child(const std::string& pid_path, int pid_fd, int (*daemon_main)(int, char**), int argc,
                  char** argv) {
-  // daemon_fork(3) leaves a mask that takes the group's and the others' permissions away.
-  umask(0022);
-  if (!write_pid(pid_fd)) {
-    daemon_log(LOG_ERR, "Could not write %s: %s", pid_path.c_str(), strerror(errno));
+  reset_signals();
+  if (!leave_surroundings() || !write_pid(pid_fd)) {
+    DbgOutput(__FILE__, __LINE__, __func__, 3, "Could not detach as %s: %s", pid_path.c_str(),
+              strerror(errno));
     unlink(pid_path.c_str());
     return 1;
   }
@@ -83,9 +127,7 @@ int fork_and_run(const char* name, const std::string& pid_path, int pid_fd,
     fprintf(stderr, "%s: no connection to the new process: %s\n", name, strerror(errno));
     return 1;
   }
-  daemon_reset_sigs(-1);
-  daemon_unblock_sigs(-1);
-  const pid_t pid = daemon_fork();
+  const pid_t pid = fork_detached();
   if (pid == 0) {
     close(ends[0]);
     g_complete_fd = ends[1];
@@ -94,10 +136,12 @@ int fork_and_run(const char* name, const std::string& pid_path, int pid_fd,
   const int error = errno;
   close(ends[1]);
   int result = 1;
-  if (pid < 0)
+  if (pid < 0) {
     fprintf(stderr, "%s: could not start the new process: %s\n", name, strerror(error));
-  else
+  } else {
     result = wait_for_child(name, ends[0]);
+    waitpid(pid, nullptr, 0);
+  }
   close(ends[0]);
   return result;
 }
@@ -105,7 +149,7 @@ int fork_and_run(const char* name, const std::string& pid_path, int pid_fd,
 }  // namespace
 
 int daemon_create(const char* name, int (*daemon_main)(int, char**), int argc, char** argv) {
-  daemon_log_ident = name;
+  fill_standard_streams();
   const std::string pid_path = std::string("/var/run/") + name + ".pid";
   // Locked before the fork, so that a refusal can still be told on the caller's terminal; the
   // lock belongs to the open file, which the new process inherits.

@@ -11,6 +11,7 @@ Root is needed. Processes of the pair belong to the EmPair; use it from one thre
 import json
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -31,7 +32,9 @@ COMMAND_SOCKET = 2006
 EMS = (1, 2)
 ARM_BUILD = REPO / "build-arm"
 ARM_SYSROOT = ARM_BUILD / "sysroot"
-EMULATOR = ("qemu-arm", "-L", ARM_SYSROOT, "-E", f"LD_LIBRARY_PATH={ARM_BUILD}")
+ARM_BOARD = ARM_BUILD / "board"
+EMULATOR = ("qemu-arm", "-L", ARM_SYSROOT, "-E",
+            f"LD_LIBRARY_PATH={ARM_BOARD}/usr/lib")
 
 # The shipped corosync.conf, changed only where a testbed must differ.
 OVERRIDES = {
@@ -77,8 +80,8 @@ class EmPair:
                or udpu
     log_level  highest syslog level that the daemons log (BREL_LOG_LEVEL)
     wrapper    command in front of the daemon, for example ["valgrind", "--error-exitcode=99"]
-    arm        EMs that are 32-bit ARM throughout, Corosync and all, in an emulator, from the build
-               and the sysroot in build-arm/; None: those that EM_PAIR_ARM names ("2", "1 2")
+    arm        EMs that are 32-bit ARM throughout, Corosync and all, in an emulator, from what is
+               installed in build-arm/board and from build-arm/sysroot; None: those that EM_PAIR_ARM names ("2", "1 2")
     on_disk    /mnt/part.persistent is a directory beneath the work directory instead of memory
     visible    further directories that the EMs must see, if they are beneath /tmp, /mnt or /run
     work_dir   directory to make; a new one beneath the temporary directory by default
@@ -207,8 +210,9 @@ class EmPair:
     def _program(self, n: int, name: str, build_dir: Path | str | None = None) -> list:
         """The command that is program `name` of the build, or of Corosync, on EM `n`."""
         if n in self.arm:
-            corosync = ARM_SYSROOT / "usr/sbin" / name
-            return [*EMULATOR, corosync if corosync.exists() else ARM_BUILD / name]
+            places = (root / "usr" / folder / name for root in (ARM_BOARD, ARM_SYSROOT)
+                      for folder in ("sbin", "bin"))
+            return [*EMULATOR, next(path for path in places if path.exists())]
         ours = name.startswith("cluster_sync_")
         return [Path(build_dir or self.build_dir).resolve() / name if ours else name]
 
@@ -282,6 +286,21 @@ class EmPair:
         """Stops EM `n`'s daemon in order; returns its exit status."""
         self.ctl(n, "diag", "exit")
         return self.process(n, "daemon").wait(timeout=timeout)
+
+    def install(self, n: int, **programs: str) -> None:
+        """Gives EM `n` what "cmake --install" installs, at the real paths, until the end of the pair.
+
+        programs  further ones in /usr/sbin: name and text of each
+        """
+        root = self.work_dir / "root"
+        subprocess.run(["cmake", "--install", self.build_dir], check=True, capture_output=True,
+                       env=os.environ | {"DESTDIR": str(root)})
+        for name, text in programs.items():
+            (root / "usr/sbin" / name).write_text(text)
+            (root / "usr/sbin" / name).chmod(0o755)
+        shutil.copytree(root / "etc", self.path(n, "/etc"), dirs_exist_ok=True)
+        self.run(n, ["mount", "-n", "-t", "overlay", "-o", f"lowerdir={root}/usr:/usr", "usr", "/usr"],
+                 check=True)
 
     # Roles, membership and the link.
 

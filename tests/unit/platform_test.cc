@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <sys/prctl.h>
 
 #include "platform/daemon.h"
@@ -12,7 +13,12 @@ namespace {
 constexpr char kPidFile[] = "/var/run/CLUS_SYNC.pid";
 
 int run_until_told(int, char**) {
-  close(open("/run/made", O_CREAT | O_WRONLY, 0666));
+  sigset_t blocked;
+  sigprocmask(SIG_BLOCK, nullptr, &blocked);
+  std::ofstream("/run/made") << fs::current_path() << fs::read_symlink("/proc/self/fd/0")
+                             << fs::read_symlink("/proc/self/fd/2") << (getsid(0) == getpid())
+                             << (signal(SIGHUP, SIG_DFL) == SIG_IGN)
+                             << sigismember(&blocked, SIGTERM);
   daemon_signal_daemonize_complete();
   daemon_signal_daemonize_complete();  // nobody waits any more
   read_file("/run/end");
@@ -27,6 +33,10 @@ int end_early(int, char**) {
 std::string failure_of(int (*daemon_main)(int, char**)) {
   const bool failed = run_forked([daemon_main] {
     dup2(open("/run/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644), STDERR_FILENO);
+    signal(SIGHUP, SIG_IGN);
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
     return daemon_create("CLUS_SYNC", daemon_main, 0, nullptr);
   });
   return failed ? read_file("/run/stderr") : "";
@@ -45,6 +55,8 @@ TEST(Daemon, RunsOnceAndTellsWhyItCannotStart) {
   write_file(kPidFile, std::to_string(getpid()) + "\n" + std::string(100, 'x'));
   ASSERT_EQ(failure_of(run_until_told), "");
   EXPECT_EQ(mode_of("/run/made"), 0644);
+  EXPECT_EQ(read_file("/run/made"), "\"/\"\"/dev/null\"\"/dev/null\"000") << "it is detached";
+  EXPECT_EQ(mode_of(kPidFile), 0600) << "nobody else can hold its lock";
   const std::string pid = read_file(kPidFile);
   EXPECT_EQ(failure_of(run_until_told),
             std::string("CLUS_SYNC: ") + kPidFile + ": another instance is running\n");
