@@ -1,0 +1,261 @@
+"""python3 tests/failover [keepalived|pacemaker] [KIND]...: failovers as real software decides them.
+
+FAILOVERS (5) of each kind, with a program that writes to the active EM all the time. Never are two EMs
+active while the link stands and neither is frozen; what was answered with peer_present Y is not lost
+unless two were active; the new active EM has its mark within 3 s of the decision, and its exchange.
+"""
+
+import os
+import signal
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE.parents[1] / "testbed")]
+
+from caller import Caller  # noqa: E402
+from deciders import FENCE_AGENT, PATIENCE, Decider, Keepalived, Pacemaker  # noqa: E402
+from em_pair import ACTIVE, EMS, EmPair, PairError, wait_for  # noqa: E402
+
+FAILOVERS = int(os.environ.get("FAILOVERS", "5"))
+MARK_LIMIT = 3.0     # seconds from the decision to the mark
+OVERLAP_LIMIT = 3.0  # seconds for which an EM that was frozen or cut off may still have its mark
+NAMES = 40
+
+
+class Watch(threading.Thread):
+    """Looks at both marks every millisecond or so."""
+
+    def __init__(self, pair: EmPair):
+        super().__init__(daemon=True)
+        self.marks = {n: pair.path(n, "/run/em/active") for n in EMS}
+        self.excused = ""      # why two marks are no error now
+        self.over = False
+        self.two = 0.0         # seconds with two marks, without an excuse
+        self.ever_two = False  # with or without one, since forget()
+
+    def active(self) -> list[int]:
+        return [n for n in EMS if self.marks[n].exists()]
+
+    def forget(self) -> None:
+        self.two, self.ever_two = 0.0, False
+
+    def run(self):
+        last = time.monotonic()
+        while not self.over:
+            # In both orders, so that a mark that moves meanwhile is not seen twice.
+            two = len(self.active()) == 2 and self.marks[1].exists()
+            now = time.monotonic()
+            if two:
+                self.ever_two = True
+                self.two += 0 if self.excused else now - last
+            last = now
+            time.sleep(0.001)
+
+
+class Writer(threading.Thread):
+    """Publishes one file after the other on the active EM and remembers what was promised."""
+
+    def __init__(self, pair: EmPair, watch: Watch):
+        super().__init__(daemon=True)
+        self.pair, self.watch = pair, watch
+        self.promised: dict[str, int] = {}
+        self.answers = 0
+        self.over = False
+
+    def put(self, n: int, name: str, number: int) -> bool:
+        """Whether both EMs have it."""
+        temporary = f"{ACTIVE}/TempUpdate_{name}"
+        self.pair.path(n, temporary).write_text(str(number))
+        with Caller(self.pair, n, (temporary, f"{ACTIVE}/{name}")) as caller:
+            result = caller.result()
+        return result is not None and result.success and result.peer_present
+
+    def run(self):
+        number = 0
+        while not self.over:
+            number += 1
+            name = f"file{number % NAMES}"
+            try:
+                for n in self.watch.active()[:1]:
+                    if self.put(n, name, number):
+                        self.promised[name] = number
+                        self.answers += 1
+            except OSError:
+                pass  # no daemon just now
+            time.sleep(0.02)
+
+    def lost(self) -> list[str]:
+        """Files of which an EM has less than what was promised."""
+        found = []
+        for name, number in list(self.promised.items()):
+            for n in EMS:
+                path = self.pair.path(n, f"{ACTIVE}/{name}")
+                if not path.exists() or int(path.read_text() or 0) < number:
+                    found.append(f"{name} on EM {n}: {number}")
+        return found
+
+
+class Site:
+    """A pair with a decider, a writer and a watch."""
+
+    def __init__(self, kind: type[Decider]):
+        self.pair = EmPair(log_level=7)
+        try:
+            self.pair.start(active=None)
+            agent = FENCE_AGENT.format(work_dir=self.pair.work_dir)
+            for n in EMS:
+                self.pair.install(n, fence_testbed=agent)
+            self.decider = kind(self.pair)
+            for n in EMS:
+                self.decider.start(n)
+            self.decider.configure()
+            self.watch = Watch(self.pair)
+            self.watch.start()
+            self.writer = Writer(self.pair, self.watch)
+            self.writer.start()
+            self.settle()
+        except BaseException:
+            self.close()
+            raise
+
+    def close(self) -> None:
+        for thread in (getattr(self, "writer", None), getattr(self, "watch", None)):
+            if thread:
+                thread.over = True
+        if hasattr(self, "decider"):
+            self.decider.close()
+        self.pair.stop()
+
+    def boot(self, n: int) -> None:
+        """Starts what of EM `n` does not run."""
+        if not self.pair.alive(n, "corosync"):
+            self.pair.start_corosync(n)
+            self.pair.wait_nodes()
+        if not self.pair.alive(n, "daemon"):
+            self.pair.start_daemon(n)
+        self.decider.back(n)
+
+    def settle(self) -> None:
+        for n in EMS:
+            self.boot(n)
+        self.pair.wait_joined()
+        wait_for(self.decider.ready, PATIENCE, "the decider is ready")
+        wait_for(lambda: len(self.watch.active()) == 1, PATIENCE, "one EM is active")
+        self.watch.excused = ""
+        answers = self.writer.answers
+        wait_for(lambda: self.writer.answers > answers + 3, PATIENCE, "both EMs take files")
+
+    # Faults of the active EM `n`; what settle() does not mend is undone by the function returned.
+
+    def orderly(self, n: int):
+        self.decider.orderly(n)
+
+    def decider_killed(self, n: int):
+        self.decider.crash(n)
+
+    def daemon_killed(self, n: int):
+        self.pair.kill(n, "daemon")
+
+    def frozen(self, n: int):
+        self.watch.excused = "frozen"
+
+        def everything(number: int) -> None:
+            for what in ("daemon", "corosync"):
+                if self.pair.alive(n, what):
+                    self.pair.signal(n, what, number)
+            self.decider.signal(n, number)
+        everything(signal.SIGSTOP)
+        return lambda: everything(signal.SIGCONT)
+
+    def link_cut(self, n: int):
+        self.watch.excused = "cut"
+        self.pair.cut()
+        return self.pair.heal
+
+    def failover(self, fault) -> str:
+        """One failover; returns what was seen. AssertionError and PairError tell what was wrong."""
+        old, = self.watch.active()
+        new = 3 - old
+        decisions = self.decider.decisions(new)
+        resets = len(getattr(self.decider, "resets", ()))
+        self.watch.forget()
+        log_size = self.pair.log_path(new).stat().st_size
+        undo = fault(self, old)
+
+        def decided() -> bool:
+            return self.decider.decisions(new) > decisions or \
+                new in getattr(self.decider, "resets", ())[resets:]  # the old one has won
+        begin = time.monotonic()
+        wait_for(decided, PATIENCE, f"EM {new} takes over", 0.01)
+        decision = time.monotonic()
+        if self.decider.decisions(new) > decisions:
+            wait_for(self.watch.marks[new].exists, PATIENCE, f"EM {new} is active", 0.01)
+            to_mark = time.monotonic() - decision
+            assert to_mark <= MARK_LIMIT, f"{to_mark:.1f} s from the decision to the mark"
+            wait_for(lambda: "SYNC running explicit sync request" in self.log_from(new, log_size), PATIENCE,
+                     "the new active EM synchronises")
+        if undo:
+            undo()
+            wait_for(lambda: len(self.watch.active()) < 2, OVERLAP_LIMIT, "one EM gives its mark up", 0.01)
+        self.settle()
+        assert self.watch.two == 0, f"two were active for {self.watch.two * 1000:.0f} ms"
+        if self.watch.ever_two:
+            self.writer.promised.clear()
+        else:
+            lost = self.writer.lost()
+            assert not lost, f"lost: {lost}"
+        return f"{decision - begin:.1f}"
+
+    def log_from(self, n: int, position: int) -> str:
+        with open(self.pair.log_path(n), "rb") as log:
+            log.seek(position)
+            return log.read().decode(errors="replace")
+
+
+FAULTS = {"orderly": Site.orderly, "decider killed": Site.decider_killed,
+          "daemon killed": Site.daemon_killed, "EM frozen": Site.frozen, "link cut": Site.link_cut}
+
+
+def try_decider(kind: type[Decider], faults: list[str], lines: list[str]) -> None:
+    site = Site(kind)
+    try:
+        for name in faults:
+            begin, waits = time.monotonic(), []
+            try:
+                for _ in range(FAILOVERS):
+                    waits.append(site.failover(FAULTS[name]))
+                outcome = f"ok      {len(waits)} times, decided after {min(waits)} to {max(waits)} s"
+            except (AssertionError, PairError, OSError, subprocess.SubprocessError) as error:
+                outcome = f"FAILED  after {len(waits)}: {error}"
+            lines.append(outcome)
+            print(f"   {kind.__name__}, {name}: {outcome} ({time.monotonic() - begin:.0f} s)", flush=True)
+            if outcome.startswith("FAILED"):
+                if os.environ.get("KEEP"):
+                    input(f"{site.pair.work_dir}\n")
+                site.close()
+                site = Site(kind)
+    finally:
+        site.close()
+
+
+def main(wanted: list[str]) -> int:
+    kinds = [kind for kind in (Keepalived, Pacemaker) if kind.__name__.lower() in wanted]
+    faults = [name for name in FAULTS if name in wanted] or list(FAULTS)
+    lines: list[str] = []
+    threads = [threading.Thread(target=try_decider, args=(kind, faults, lines))
+               for kind in kinds or (Keepalived, Pacemaker)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    failed = len(threads) * len(faults) - sum(line.startswith("ok") for line in lines)
+    print(f"{len(threads) * len(faults) - failed} passed, {failed} failed")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
