@@ -114,7 +114,7 @@ emulate_arm() {
 }
 
 make_arm_root() {
-  local content=corosync,gcc,libc6-dev,pkgconf,python3,systemd
+  local content=corosync,gcc,inotify-tools,libc6-dev,pkgconf,python3,systemd
   [ ! -d "$root" ] || return 0
   rm -rf "$root.new"
   debootstrap --foreign --arch armhf --variant minbase --include $content \
@@ -207,6 +207,45 @@ machine_state() {
   ls -d {/usr/sbin,/etc/default}/cluster_sync_daemon /mnt/part.persistent /run/CLUS_SYNC.pid
 } 2>&1
 
+# The examples for whoever uses a replicated file. A reload notes what it has seen; change number N of the
+# file is seen when that is N or more.
+watch_for_changes() {
+  inside env changes="$([ "$root" = / ] && echo 1000 || echo 100)" bash -e -c '
+    cd /usr/share/doc/cluster-sync-daemon/examples
+    trees=/mnt/part.persistent; shared=$trees/replicated_by_active_em; own=$trees/replicated_by_this_em
+    install reload_on_change watch_replicated /usr/local/sbin
+    printf "#!/bin/sh\ncat $shared/app.conf >> /run/seen.\$1\n" > /usr/local/sbin/reload
+    chmod 755 /usr/local/sbin/reload
+    cp ./*-on-change.* /etc/systemd/system
+    sed -i "s|systemctl try.*|reload path|" /etc/systemd/system/reload-on-change.service
+    systemctl daemon-reload
+    systemctl start {reload,sync}-on-change.path
+    systemd-run --quiet --unit watch watch_replicated $shared sh -c "case \$1 in *app.conf) reload inotify; esac" -
+    touch $own/app.db
+    sleep 1
+    seen() { [ "$(tail -qn 1 /run/seen.path /run/seen.inotify | sort -n | head -n 1)" -ge "$1" ]; }
+    for ((n = 1; n <= changes; ++n)); do
+      if ((n % 2)); then  # as a whole, and in place
+        echo $n | cluster_sync_ctl put - $shared/app.conf > /dev/null
+      else
+        echo $n > $shared/app.conf
+      fi
+      if ((n % 25 == 0)); then
+        timeout 20 bash -c "$(declare -f seen); until seen $n 2> /dev/null; do sleep 0.1; done" ||
+          { tail -n 3 /run/seen.*; exit 1; }
+      fi
+    done
+    wc -l /run/seen.*
+    sort -nc /run/seen.path
+    for n in 1 2 3; do
+      echo $n > $own/app.db
+      timeout 20 sh -c "until [ \$(journalctl -q -u sync-on-change | grep -c peer_present) -ge $n ]; do sleep 0.1; done"
+    done
+    systemctl stop watch {reload,sync}-on-change.path
+    rm /usr/local/sbin/* /etc/systemd/system/*-on-change.* /run/seen.* /run/*-on-change.service.seen
+    rm $shared/app.conf $own/app.db'
+}
+
 test_machine() {
   list_machine > "$work/before"
   check_inside "it installs, and waits for the operator" 'dpkg -i /root/packages/*
@@ -228,6 +267,7 @@ test_machine() {
     /usr/bin/python3 -c "import cluster_sync as c; print(c.put(b\"text\", \"replicated_by_active_em/own\"))" |
       grep "success=True, local_ok=True"
     grep -qx text replicated_by_active_em/own'
+  check "a reload follows every change of a replicated file" watch_for_changes
   # With the file system as the running service sees it.
   check "nothing but trees, /run and /tmp can be written" \
     nsenter -t "$(pgrep --ns "$init" --nslist pid -x cluster_sync_da)" -m -r -w -- sh -e -c '
