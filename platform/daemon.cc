@@ -73,7 +73,8 @@ void fill_standard_streams() {
 bool leave_surroundings() {
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   if (null < 0) return false;
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, stream);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    dup2(null, stream);
   close(null);
   umask(0022);
   return chdir("/") == 0;
