@@ -27,11 +27,11 @@ class Hang(Exception):
 
 
 class Machine:
-    def __init__(self, number: int, log_level: int = 0):
-        self.number, self.log_level = number, log_level
+    def __init__(self, number: int, log_level: int = 0, visible=()):
+        self.number, self.log_level, self.build = number, log_level, BUILD
         self._holder = keeper.hold(number, [], ["--mount"], {
             "persistent": {}, "cleanup_script": "/bin/true",
-            "visible": [str(path) for path in {REPO, BUILD.resolve()}]})
+            "visible": [str(path) for path in {REPO, BUILD.resolve(), *map(Path, visible)}]})
         keeper.wait_ready(self._holder)
         self.root = f"/proc/{self._holder.pid}/root"
         self.starts = 0
@@ -104,7 +104,7 @@ class Machine:
     def alive(self) -> bool:
         return self.process is not None
 
-    def start(self, now: int, build: Path = BUILD) -> None:
+    def start(self, now: int) -> None:
         self.starts += 1
         self.link, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.link.settimeout(PATIENCE)
@@ -116,7 +116,7 @@ class Machine:
             self.process = subprocess.Popen(
                 ["nsenter", "-m", "-t", str(self._holder.pid), "env",
                  *(f"{key}={value}" for key, value in environment.items()),
-                 str(build / "cluster_sync_daemon"), "-x", str(COMMAND_SOCKET)],
+                 str(self.build / "cluster_sync_daemon"), "-x", str(COMMAND_SOCKET)],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log, pass_fds=[theirs.fileno()],
                 umask=0o022)
         self.report: Report | None = None

@@ -107,40 +107,6 @@ class HardFaultTest(PairTest):
             self.wait_repaired()
         self.settle()
 
-    def test_a_request_that_waits_while_the_peer_dies_is_carried_out(self):
-        for requester in EMS:
-            self.transfer(3 - requester, OWN, PEERS)
-            self.mark_logs()
-            self.carried_out_alone(requester, lambda: None)
-            self.pair.start_daemon(3 - requester)
-            self.wait_repaired()
-
-    def test_a_request_that_comes_while_the_peer_dies_is_carried_out(self):
-        """Its wake-up and the peer's departure wait side by side until a long scan is over."""
-        huge = self.pair.path(1, f"{OWN}/huge")
-        huge.touch()
-        os.truncate(huge, 1 << 30)
-        self.call(2)
-        self.wait_log(1, "peer:MSG_LISTING_REQ")
-        self.carried_out_alone(1, huge.unlink)
-
-    def carried_out_alone(self, n: int, after_the_kill) -> None:
-        message = self.prepared(n, f"{OWN}/waiting", b"carried")
-        caller = self.call(n, message)
-        self.wait_log(n, f"RPC update <requesting>: path={OWN}/TempUpdate_waiting")
-        self.pair.kill(3 - n, "daemon")
-        after_the_kill()
-        result = caller.result()
-        if not result.local_ok:
-            # A late answer came before its wake-up was read: the caller hears that nothing was done.
-            self.assertTrue(result.reason.startswith("Received unexpected "), result)
-            caller.send(message)
-            result = caller.result()
-        self.assert_done_alone(n, result)
-        self.assertEqual(b"carried", self.read(n, f"{OWN}/waiting"))
-        self.assertFalse(self.exists(n, f"{OWN}/TempUpdate_waiting"))
-        self.assert_logged(n, "Bad RPC message data", never=True)
-
     def test_link_cut_in_a_transfer(self):
         self.write(2, f"{OWN}/deleted", "before")
         self.synced(1)
@@ -230,17 +196,6 @@ class HardFaultTest(PairTest):
     def assert_timed_out(self, result: Result) -> None:
         self.assertEqual((False, True, False, True), (*result[:3], result.peer_present))
         self.assertTrue(result.reason.startswith((TIMED_OUT, LATE)), result)
-
-    def test_peer_stopped(self):
-        caller, name = self.transfer(1)
-        self.hold(2)
-        self.assert_timed_out(caller.result())
-        self.assertNotEqual([], self.different())
-        self.assert_timed_out(self.ask(1, self.prepared(1, f"{OWN}/next", b"content")))
-        self.assertFalse(self.exists(2, f"{PEERS}/next"))
-        self.assertEqual(FAILING, self.fault())
-        self.pair.signal(2, "daemon", signal.SIGCONT)
-        self.settle()
 
     def test_root_missing(self):
         self.pair.run(2, ["mv", OWN, f"{OWN}.away"], check=True)

@@ -61,13 +61,25 @@ def examine(machines: dict[int, Machine], seed: int, count: int, first: bool = F
             show(machines, few, "trace") + f"\nrepeat with: ./run simulate --seed {seed}\n")
 
 
+def make_machines(options: argparse.Namespace) -> dict[int, Machine]:
+    return {n: Machine(n, visible=filter(None, [options.with_build])) for n in EMS}
+
+
+def choose_builds(machines: dict[int, Machine], options: argparse.Namespace, seed: int) -> None:
+    """One EM or the other has the other release, if one is given."""
+    if options.with_build:
+        machines[1 + seed // WORKERS % 2].build = BUILD
+        machines[2 - seed // WORKERS % 2].build = options.with_build
+
+
 def work(seeds, end: float, options: argparse.Namespace, reports) -> None:
     signal.signal(signal.SIGINT, signal.SIG_IGN)
-    machines = {n: Machine(n) for n in EMS}
+    machines = make_machines(options)
     try:
         for seed in seeds:
             if time.monotonic() > end or os.getppid() == 1:
                 break
+            choose_builds(machines, options, seed)
             reports.put(examine(machines, seed, options.events, options.first))
     except Exception:
         reports.put(traceback.format_exc())
@@ -105,7 +117,8 @@ def simulate(options: argparse.Namespace) -> int:
 
 
 def repeat(options: argparse.Namespace) -> int:
-    machines = {n: Machine(n) for n in EMS}
+    machines = make_machines(options)
+    choose_builds(machines, options, options.seed)
     try:
         if options.trace:
             print(show(machines, simulation.draw(options.seed, options.events), "trace"))
@@ -125,6 +138,8 @@ def main() -> int:
     parser.add_argument("--trace", action="store_true", help="show all that the run of --seed does")
     parser.add_argument("--runs", type=int, help="so many seeds")
     parser.add_argument("--seconds", type=float, help="for so long")
+    parser.add_argument("--with-build", type=lambda text: Path(text).resolve(),
+                        help="directory of a build for one of the EMs")
     parser.add_argument("--first", action="store_true", help="end at the first failure, as it is")
     parser.add_argument("--events", type=int, default=EVENTS, help="of a run (%(default)s)")
     options = parser.parse_args()

@@ -8,6 +8,7 @@ from simulated.pair import (COMMANDS, LISTING_REQ, LOCK_REL, LOCK_REQ, UPDATE_RE
                             Wrong)
 
 CHUNK = 65536
+HEAD, MAGIC = 12, b"\xfa\xa1\x1f\x0a"  # of a message event; what a message begins with
 SHARED = (ACTIVE, VOLATILE)
 
 
@@ -38,9 +39,10 @@ class Questions:
                         f"{self.holder[n] and f'of EM {self.holder[n]}' or 'free'}")
 
     def on_taken(self, n: int, event: bytes) -> None:
-        if event[0] == ord("c") or event[12 + 4] == LOCK_REL:
+        command = event[HEAD + 4] if event[HEAD:].startswith(MAGIC) else None
+        if event[0] == ord("c") or command == LOCK_REL:
             self.holder[n] = None
-        elif event[12 + 4] == LOCK_REQ and self.holder[n] is None:
+        elif command == LOCK_REQ and self.holder[n] is None:
             self.holder[n] = event[4]
 
     # Whether answers are true.

@@ -21,7 +21,7 @@ SIZES = (0, 10, 3000, CHUNK, CHUNK + 1, 2 * CHUNK + 100)
 FILES = ("a", "b", "d/c")
 EVENTS = {"run": 46, "flow": 8, "interrupt": 5, "ask": 17, "wait": 6, "stall": 3, "cut": 1.5,
           "heal": 3, "kill": 1, "die": 1.5, "start": 4, "role": 1.5, "refuse": 1, "hang_up": 1,
-          "exit": 0.5}
+          "exit": 0.5, "foreign": 0.5}
 BEGINNING = 12  # files that are there before
 
 
@@ -120,6 +120,11 @@ class Simulation(SimulatedPair):
 
     def on_refuse(self, a: int, b: int) -> None:
         self.go_some_way(a, refuse=(1, 2, 5, 99, 100, 101)[b % 6])
+
+    def on_foreign(self, a: int, b: int) -> None:
+        """A process that is no daemon sends to the group."""
+        junk = (b"x" * 147, b"x" * 148, b"", struct.pack("<3I", 0x0A1FA1FA, 6 + b % 4, 0) + bytes(136))
+        self.group.nodes[a % 2 + 1].to_send.append(("m", (a % 2 + 1, 9), junk[b // 4 % 4]))
 
     def on_hang_up(self, a: int, b: int) -> None:
         n = a % 2 + 1

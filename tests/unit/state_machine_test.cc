@@ -36,10 +36,6 @@ class StateMachineTest : public DaemonTest {
                          static_cast<uint32_t>(body.size()));
   }
 
-  void event(uint32_t command) {
-    on_sync_state_change(ctx, command, 1, nullptr, nullptr, 0);
-  }
-
   // State and sent messages; for an exchange that ended with an error only its text.
   std::string outcome() const {
     std::string text = sync_state_name(ctx->cur_state);
@@ -104,70 +100,6 @@ TEST_F(StateMachineTest, EveryGroupMessageInEveryState) {
         EXPECT_EQ(ctx->peer_sequence_id, row.command == MSG_UPDATE_REQ || locked ? 3u : 2u);
         EXPECT_EQ(ctx->peer_exchange_id, locked ? 0x80000001 : 9u);
       }
-    }
-  }
-}
-
-TEST_F(StateMachineTest, ARequestStartsAnExchangeOnlyWhenOneIsPending) {
-  const struct {
-    uint32_t stage;
-    const char* outcome;
-    uint32_t stage_after;
-  } rows[] = {
-      {RPC_REQUESTING, "ST_LOCKREQ, MSG_LOCK_REQ 8.0", RPC_PENDING},
-      {RPC_PENDING, "ST_LOCKREQ, MSG_LOCK_REQ 8.0", RPC_PENDING},
-      {RPC_LOCAL_BUSY, "ST_LOCKREQ, MSG_LOCK_REQ 8.0", RPC_LOCAL_BUSY},
-      {RPC_IDLE, "fails: Unexpected RPC monitor state 'RPC_IDLE'", RPC_IDLE},
-      {RPC_COMPLETE, "fails: Unexpected RPC monitor state 'RPC_COMPLETE'", RPC_COMPLETE},
-  };
-  for (const auto& row : rows) {
-    enter(ST_UNLOCKED, row.stage);
-    storage_cfg_set_result(&ctx->cpg_result, 34, "old");
-    event(ON_SYNC_REQ);
-    EXPECT_EQ(outcome(), row.outcome);
-    EXPECT_EQ(+ctx->rpc_stage, row.stage_after);
-    EXPECT_NE(ctx->state_time, kLongAgo);
-    EXPECT_EQ(ctx->cpg_result.success, ctx->cur_state == ST_LOCKREQ);
-    event(ON_SYNC_REQ);  // does nothing in another state
-    EXPECT_EQ(outcome(), row.outcome);
-  }
-  EXPECT_EQ(stats.n_syncs_from_self, 3u);
-}
-
-TEST_F(StateMachineTest, AJoinByStateAndMembership) {
-  const char* const kFails = "fails: Unexpected CPG join notification";
-  const struct {
-    uint32_t state, flags;
-    const char* outcome;
-    bool initial_sync;  // on the active EM
-    bool failed = false;
-    uint32_t stage = RPC_IDLE;
-    bool resync = false;  // on the active EM, in its place
-  } rows[] = {
-      {ST_UNLOCKED, 0x0F, "ST_UNLOCKED", true},
-      {ST_UNLOCKED, 0x0B, "ST_DONE, MSG_LOCK_REL 7.3", true},
-      {ST_UNLOCKED, 0x07, "ST_PEERLOCK", true},
-      {ST_UNLOCKED, 0x05, "ST_UNLOCKED", false},
-      {ST_DONE, 0x0B, "ST_DONE", true},
-      {ST_DONE, 0x0B, "ST_DONE", false, true, RPC_IDLE, true},  // not after a failure
-      {ST_DONE, 0x0B, "ST_DONE", false, false, RPC_PENDING, true},
-      {ST_PEERLOCK, 0x0B, kFails, false, false, RPC_IDLE, true},  // as after every failure
-  };
-  for (const bool active : {false, true}) {
-    set_active(active);
-    for (const auto& row : rows) {
-      SCOPED_TRACE(row.outcome);
-      enter(row.state, row.stage);
-      if (row.failed) storage_cfg_set_result(&ctx->cpg_result, 4, "failed");
-      ctx->cpg_membership_flags = row.flags;
-      ctx->resync_countdown = -1;
-      event(ON_CPG_JOINED);
-      EXPECT_EQ(ctx->resync_countdown, active && row.resync ? 5 : -1);
-      EXPECT_EQ(outcome(), row.outcome);
-      EXPECT_NE(ctx->state_time, kLongAgo);
-      const bool requested = active && row.initial_sync;
-      EXPECT_EQ(+ctx->rpc_stage, requested ? RPC_LOCAL_BUSY : row.stage);
-      EXPECT_EQ(ctx->cur_exchange_em_is_active, requested);
     }
   }
 }

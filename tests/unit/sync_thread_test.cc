@@ -82,55 +82,6 @@ TEST_F(SyncThreadDeathTest, EndsTheProcessWhenItCannotStartOrGoOn) {
   });
 }
 
-// A caller may be ahead of the first pass, and its wake-up still behind: then it has not timed out.
-TEST_F(SyncThreadTest, ServesAWakeUpWhenUnlockedAndDefersItOtherwise) {
-  publish();
-  run(1);
-  EXPECT_STREQ(ctx->cpg_result.reason, "");
-  for (const uint32_t state : {ST_DONE, ST_UNLOCKED}) {
-    ctx->cur_state = state;
-    eventfd_write(ctx->rpc_fd, 3);
-    run(2);
-    EXPECT_EQ(ctx->rpc_deferred, 1);
-    EXPECT_EQ(ctx->cur_state, state == ST_DONE ? ST_DONE : ST_LOCKREQ);
-  }
-  EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"});
-}
-
-TEST_F(SyncThreadTest, TimeIsMeasuredOnlyWhileSomethingIsInProgress) {
-  const struct {
-    uint32_t state, stage;
-    int32_t age;  // of state_time, -1: unknown
-    bool timed_out, refreshed;
-  } rows[] = {
-      {ST_UNLOCKED, RPC_IDLE, 1000, false, true},     {ST_PEERLOCK, RPC_IDLE, 8, false, false},
-      {ST_PEERLOCK, RPC_IDLE, -1, false, false},      {ST_PEERLOCK, RPC_IDLE, 12, true, false},
-      {ST_UNLOCKED, RPC_LOCAL_BUSY, 12, true, false},
-  };
-  for (const auto& row : rows) {
-    const int32_t before = row.age == -1 ? -1 : get_uptime() - row.age;
-    ctx->cur_state = row.state;
-    ctx->rpc_stage = row.stage;
-    reset_cpg_result(ctx);
-    run(1, [&](int) { ctx->state_time = before; });
-    EXPECT_STREQ(ctx->cpg_result.reason, row.timed_out ? "Operation timed out" : "");
-    EXPECT_EQ(ctx->state_time != before, row.refreshed);
-  }
-  // With the release lost, a deferred request is answered by the second timeout.
-  publish();
-  eventfd_write(ctx->rpc_fd, 1);
-  ctx->cur_state = ST_PEERLOCK;
-  g_cpg.sent.clear();
-  run(2, [&](int pass) {
-    if (pass == 1) ctx->state_time = get_uptime() - 12;
-    EXPECT_EQ(+ctx->rpc_stage, RPC_REQUESTING) << "it may yet be served";
-  });
-  EXPECT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
-  EXPECT_STREQ(ctx->rpc_result.reason, "Operation timed out");
-  EXPECT_EQ(ctx->rpc_result.local_ok, 0);
-  EXPECT_EQ(sent_messages(), Lines(2, "MSG_LOCK_REL 0.0"));
-}
-
 // Two EMs that fail each other's exchanges must not go on doing so.
 TEST_F(SyncThreadTest, EachFailureInARowDoublesThePauseBeforeTheNextExchange) {
   for (const int64_t least : {20, 40, 80, 160, 320, 640, 1000, 1000}) {
