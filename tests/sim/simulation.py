@@ -15,13 +15,14 @@ from questions import CHUNK, Questions
 from simulated.machine import NEVER, PASS, TICK, Hang, Machine
 from simulated.pair import SECOND, SimulatedPair, Wrong
 
+CALM = 8 * SECOND  # after a cut whoever never pauses succeeds, mostly
 PEACE = 400 * SECOND  # after the last fault the pair has come to rest
 WAITS = (0.01, 0.05, 0.3, 1, 2, 5, 9, 11, 12, 20, 46, 50, 100)
 SIZES = (0, 10, 3000, CHUNK, CHUNK + 1, 2 * CHUNK + 100)
 FILES = ("a", "b", "d/c")
 EVENTS = {"run": 46, "flow": 8, "interrupt": 5, "ask": 17, "wait": 6, "stall": 3, "cut": 1.5,
           "heal": 3, "kill": 1, "die": 1.5, "start": 4, "role": 1.5, "refuse": 1, "hang_up": 1,
-          "exit": 0.5, "foreign": 0.5}
+          "exit": 0.5, "foreign": 0.5, "storm": 0.1}
 BEGINNING = 12  # files that are there before
 
 
@@ -125,6 +126,38 @@ class Simulation(SimulatedPair):
         """A process that is no daemon sends to the group."""
         junk = (b"x" * 147, b"x" * 148, b"", struct.pack("<3I", 0x0A1FA1FA, 6 + b % 4, 0) + bytes(136))
         self.group.nodes[a % 2 + 1].to_send.append(("m", (a % 2 + 1, 9), junk[b // 4 % 4]))
+
+    def on_storm(self, a: int, b: int) -> None:
+        """Callers on both EMs who never pause, and a cut: their failures come to an end."""
+        self.group.heal()
+        for n in EMS:
+            self.start(n)
+        self.wait_until(lambda: True, 60 * SECOND)
+        self.demand(self.now + SECOND // 2)
+        self.group.cut({1: a % 4, 2: b % 4})
+        self.demand(self.now + SECOND // 2)
+        self.group.heal()
+        self.demand(self.now + CALM)
+        first = len(self.answers)
+        self.demand(self.now + SECOND)
+        told = self.answers[first:]
+        if sum(answer.success for answer in told) * 2 <= len(told):
+            raise Wrong(f"{CALM // SECOND} s after a cut {len(told)} answers in a second, failures: "
+                        f"{[answer.reason for answer in told if not answer.success]}")
+
+    def demand(self, until: int) -> None:
+        """Three callers on each EM ask again at once, until a time; messages take some ms."""
+        while self.now < until:
+            for n in EMS:
+                while self.machines[n].alive and len(self.callers[n]) < 3:
+                    before = len(self.callers[n])
+                    self.ask(n, "", "", {})
+                    if len(self.callers[n]) == before:
+                        break
+            for kind, n in self.moves():
+                if kind == "order" or self.is_due(n):
+                    self.move(kind, n, 1)
+            self.pass_time(self.now + 3 * SECOND // 1000)
 
     def on_hang_up(self, a: int, b: int) -> None:
         n = a % 2 + 1
