@@ -12,7 +12,7 @@
 set -uo pipefail
 [ $# = 1 ] || [ $# = 2 ] || { echo "Usage: lint.sh BUILD_DIRECTORY [COMMIT]" >&2; exit 2; }
 build=$(realpath "$1")
-since=${2:-6d9ddd1cc157}
+since=${2:-e8e2384202e1}
 cd "$(dirname "$(readlink -f "$0")")/.." || exit
 
 PROGRAM=(client platform redundancy_health tools bench)
