@@ -112,7 +112,8 @@ bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
   static constexpr char kFailed[] = "Could not update file (%s): %s";
   // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC RPC rename: src=%s dest=%s", request.source, request.destination);
-  PinnedPath source, destination;
+  PinnedPath source;
+  PinnedPath destination;
   const int error = rename_onto(request, &source, &destination);
   if (error != 0) {
     REFUSE(ctx, RESULT_REFUSED, kFailed, strerror(error), request.destination);

@@ -102,7 +102,7 @@ void arm_resync(SyncContext* ctx) {
 int pause_before_exchange(const SyncContext* ctx) {
   if (ctx->exchange_pause == 0) return 0;
   const int64_t rest = ctx->no_exchange_before - get_uptime_ms();
-  return static_cast<int>(std::clamp<int64_t>(rest, 0, 2 * kLongestPause));
+  return static_cast<int>(std::clamp<int64_t>(rest, 0, int64_t{2} * kLongestPause));
 }
 
 void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, va_list args) {
