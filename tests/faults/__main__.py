@@ -192,6 +192,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--seed", type=int, default=int(time.time()), help="of the order")
     parser.add_argument("--seconds", type=float, default=1e9, help="then the rest is left out")
+    parser.add_argument("--points", type=int, default=1 << 30, help="as many as that at most")
     parser.add_argument("--first", action="store_true", help="end at the first failure")
     parser.add_argument("--only", default="", help="the points whose name contains this")
     options = parser.parse_args()
@@ -208,7 +209,7 @@ def main() -> int:
         known = [point for scenario, em in scenarios for point in points(machines, scenario, em)
                  if options.only in str(point)]
         chance.shuffle(known)
-        for point in known:
+        for point in known[:options.points]:
             if time.monotonic() > end or failed and options.first:
                 break
             wrong = examine(machines, point)
