@@ -22,7 +22,6 @@ class Questions:
     def __init__(self, pair):
         self.pair = pair
         self.moves = 0  # of the role
-        self.two_active = False  # at some time
         self.may_hold: dict[tuple[int, str], set[bytes | None]] = {}
         self.in_one_copy = self.may_hold.copy()  # the same if the role moves: what had no success on
         #                                          both EMs may be lost then
@@ -118,8 +117,6 @@ class Questions:
                     request.effects[request.destination])
 
     def _expect(self, request: Request, answer: Answer, em: int, path: str, allowed: set) -> None:
-        if self.two_active and root_of(path) in SHARED:
-            return
         found = content_of(self.pair.machines[em].path(path))
         if found not in allowed:
             raise Wrong(f"{request}: {answer}, but EM {em} has {describe(found)} at {path} instead of "
@@ -167,8 +164,6 @@ class Questions:
 
     def check_end(self) -> None:
         self.check_sources()
-        if self.two_active:
-            return
         active = next(n for n in EMS if self.pair.machines[n].active)
         for (owner, path), allowed in self.may_hold.items():
             found = content_of(self.pair.machines[active].path(path)) if owner == 0 else None
