@@ -62,7 +62,8 @@ Lines split(const std::string& text, char separator) {
 class CtlTest : public DaemonTest {
  protected:
   CtlTest() {
-    while (g_turn.try_acquire()) continue;
+    while (g_turn.try_acquire())
+      continue;
     server_ = cmd_server_create(2006, scripted_handler);
     EXPECT_EQ(cmd_server_start(server_), 0);
   }
@@ -126,7 +127,8 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
             0u);
   const std::string wrong =
       ";update /a;update /a '';delete '';delete;sync now;diag '';fault x;role master;verify x;"
-      "--list sync;--force sync;compare x;--against '' verify;--list --against /x verify;nonsense;--nonsense sync;"
+      "--list sync;--force sync;compare x;--against '' verify;--list --against /x "
+      "verify;nonsense;--nonsense sync;"
       "--timeout 0 sync;--timeout 1x sync;--timeout 99999999999999999999 sync;delete ";
   for (const std::string& line : split(wrong + std::string(70000, 'x'), ';')) {
     EXPECT_EQ(run(line + " 2> /dev/null"), 2) << line;
