@@ -1,8 +1,9 @@
 #include "redundancy_health/frame/cleanup_thread.h"
 
-#include <unistd.h>
+#include <stdlib.h>
 
-#include "redundancy_health/frame/exit_flag.h"
+#include "platform/util.h"
+#include "redundancy_health/frame/exit_wait.h"
 #include "redundancy_health/frame/log.h"
 
 namespace {
@@ -22,10 +23,7 @@ void* cleanup_thread_fn(void*) {
   int delay = delay_seconds("CLEANUP_INITIAL_DELAY", 60);
   const int periodic_delay = delay_seconds("CLEANUP_PERIODIC_DELAY", 3600);
   for (;;) {
-    for (int second = 0; second < delay; ++second) {
-      if (get_exit_daemon()) return nullptr;
-      sleep(1);
-    }
+    if (exit_requested_within(delay)) return nullptr;
     const char* const argv[] = {"/usr/bin/clean_up_temp_files.py", nullptr};
     const int rc = execute_normal(argv);
     if (rc != 0) LOG_NO_DUMP(3, "Could not run temp file cleanup script: rc=%d", rc);

@@ -7,7 +7,7 @@
 #include "platform/daemon.h"
 #include "platform/em.h"
 #include "redundancy_health/frame/cleanup_thread.h"
-#include "redundancy_health/frame/exit_flag.h"
+#include "redundancy_health/frame/exit_wait.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/sync_context.h"
@@ -16,6 +16,12 @@
 
 uint8_t g_foreground = 0;
 int32_t g_cmd_socket_num = 2006;
+
+namespace {
+
+constexpr int kLookSeconds = 3600;  // nothing to look at: only an exit wakes the main thread
+
+}  // namespace
 
 int daemon_main(int, char**) {
   LOG(6, "Starting cluster_sync_daemon");
@@ -36,9 +42,9 @@ int daemon_main(int, char**) {
   if (!g_foreground) daemon_signal_daemonize_complete();
   CHECK_ZERO(cmd_server_start(cmd_server));
 
-  do {
-    sleep(1);
-  } while (!get_exit_daemon());
+  sleep(1);
+  while (!exit_requested_within(kLookSeconds)) {
+  }
 
   LOG(4, "cluster_sync_daemon clean shutdown requested");
   const pthread_t cmd_server_pthread = cmd_server->thread;

@@ -1,6 +1,9 @@
 """Thousands of exchanges leave the daemons as small as they were. EXCHANGES=n makes n."""
 
 import os
+import re
+import time
+from pathlib import Path
 
 from em_pair import ACTIVE, EMS, OWN, VOLATILE
 from support import SYNC, PairTest
@@ -10,8 +13,27 @@ WARM_UP = 200
 GROWTH_KB = 192
 
 
+IDLE_SECONDS = 10
+
+
 class EnduranceTest(PairTest):
     options = {"log_level": 4}
+
+    def wake_ups(self, n: int) -> int:
+        """How often EM `n`'s daemon has waited for something, all its threads together."""
+        tasks = Path(f"/proc/{self.pair.process(n, 'daemon').pid}/task")
+        return sum(int(re.search(r"(?m)^voluntary_ctxt_switches:\s*(\d+)", status.read_text())[1])
+                   for status in tasks.glob("*/status"))
+
+    def test_an_idle_daemon_sleeps(self):
+        self.footprint(1)  # waits for the threads of closed connections
+        before = {n: self.wake_ups(n) for n in EMS}
+        time.sleep(IDLE_SECONDS)
+        for n in EMS:
+            self.assertLessEqual(self.wake_ups(n) - before[n], IDLE_SECONDS + 1, f"EM {n}")
+        begin = time.monotonic()
+        self.assertEqual(0, self.pair.exit_daemon(2))
+        self.assertLess(time.monotonic() - begin, 5)
 
     def test_nothing_grows(self):
         self.callers = {n: self.call(n, None) for n in EMS}

@@ -1,17 +1,19 @@
 #include "redundancy_health/frame/cleanup_thread.h"
 
+#include "redundancy_health/frame/exit_wait.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
 
-std::function<void()> g_on_sleep;  // set: a sleep takes no time
+std::vector<int> g_waits;
 
 }  // namespace
 
-extern "C" unsigned sleep(unsigned seconds) {
-  const timespec time = {static_cast<time_t>(seconds), 0};
-  g_on_sleep ? g_on_sleep() : static_cast<void>(nanosleep(&time, nullptr));
-  return 0;
+// Takes no time, and sees an exit before the third wait.
+bool exit_requested_within(int seconds) {
+  if (g_waits.size() == 2) return true;
+  g_waits.push_back(seconds);
+  return false;
 }
 
 using CleanupThreadTest = DaemonTest;
@@ -25,20 +27,11 @@ TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
                                                                  {" 3x", "abc", 180, 3600}}) {
     setenv("CLEANUP_INITIAL_DELAY", initial, 1);
     setenv("CLEANUP_PERIODIC_DELAY", periodic, 1);
-    empty_flight_recorder();
-    g_exit_daemon = 0;
-    int seconds = 0;
-    std::vector<int> runs;
-    g_on_sleep = [&] {
-      if (g_flight_recorder.count > runs.size()) runs.push_back(seconds);
-      if (runs.size() == 2) set_exit_daemon();
-      ++seconds;
-    };
+    g_waits.clear();
     EXPECT_EQ(cleanup_thread_fn(nullptr), nullptr);
-    EXPECT_EQ(runs, std::vector<int>({first_run, first_run + second_run}));
-    EXPECT_EQ(seconds, first_run + second_run + 1) << "the flag ends it before a second";
+    EXPECT_EQ(g_waits, std::vector<int>({first_run, second_run}));
   }
-  g_on_sleep = nullptr;
+  EXPECT_EQ(logged(3).size(), 6) << "each run leaves a line";
   EXPECT_EQ(logged(3).at(0), "Could not run temp file cleanup script: rc=127");
   EXPECT_EQ(g_flight_recorder.paused, 0) << "no reason to dump the flight recorder";
 }
