@@ -67,6 +67,10 @@ struct cluster_sync_result {
   char reason[116];      /* of a failure; NUL-terminated, bytes as the daemon wrote them */
 };
 
+/* Writes how the daemon spells the path of a replicated file, whatever way leads there: at most
+ * `size` bytes with the NUL. PATH_MAX is always enough. */
+int cluster_sync_spell(const char* path, char* spelling, size_t size);
+
 /* One request and its answer. `result` may be null; it is written when 0 or ECANCELED is returned.
  *
  * update renames `source` onto the replicated file `destination`; both are on one file system, and

@@ -20,7 +20,7 @@ struct ErrorMeaning {
 constexpr ErrorMeaning kErrors[] = {
     {0, CLUSTER_SYNC_NO_REASON, nullptr},
     {ECONNREFUSED, CLUSTER_SYNC_NO_DAEMON, "no daemon answers on the command socket"},
-    {EACCES, CLUSTER_SYNC_NO_DAEMON, nullptr},
+    {EACCES, CLUSTER_SYNC_NO_DAEMON, "the command socket is for root"},
     {ECONNRESET, CLUSTER_SYNC_NO_DAEMON, "the daemon closed the connection without an answer"},
     {EINPROGRESS, CLUSTER_SYNC_TIMED_OUT,
      "no answer within the time limit; the daemon has the request, and its exchange goes on"},

@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "client/cluster_sync.h"
+
 namespace {
 
 // The last one is a copy, written by the other EM alone.
@@ -195,4 +197,14 @@ int find_place(const char* path, TreePlace* place) {
     place->directory = -1;
   }
   return error;
+}
+
+int cluster_sync_spell(const char* path, char* spelling, size_t size) {
+  char whole[PATH_MAX];
+  if (path == nullptr) return EINVAL;
+  const int error = spell_destination(path, whole);
+  if (error != 0) return error;
+  if (strlen(whole) >= size) return ENAMETOOLONG;
+  strcpy(spelling, whole);
+  return 0;
 }

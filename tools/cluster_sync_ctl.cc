@@ -3,24 +3,28 @@
 
 #include <errno.h>
 #include <getopt.h>
+#include <math.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/cmdsockserver.h"
 #include "tools/commands.h"
+#include "tools/interrupt.h"
 #include "tools/output.h"
 
 namespace {
 
-constexpr long kMaxTimeoutSeconds = 24L * 60 * 60;
+constexpr double kMaxTimeoutSeconds = 24.0 * 60 * 60;
 
-constexpr char kCommonOptions[] = "jsth";  // letters of the options that every command takes
+constexpr char kCommonOptions[] = "jqsthV";  // letters of the options that every command takes
 
 constexpr char kHelp[] =
     R"(Usage: cluster_sync_ctl [OPTION]... COMMAND
@@ -67,6 +71,7 @@ Operate:
                         standby there, active here, then sync; active is refused
                         when a tree is missing, the partition is not mounted, or
                         the other EM would lose more than half of a shared tree
+  help [COMMAND]        show this text, or what it says of a command
   diag COMMAND[=ARG]    send a diagnostic command to the daemon; the manual page
                         lists them
 
@@ -78,9 +83,11 @@ Options:
   --force               for role active: without those checks
   --progress            for sync: show the time on a terminal
   --json                print the answer as one line of JSON
+  -q, --quiet           print nothing when a change has succeeded
   --socket N            number of the daemon's command socket (default 2006)
-  --timeout SECONDS     longest wait for the whole answer (default 60)
-  --help                show this text
+  --timeout SECONDS     longest wait for input and answer (default 60; 0.5 is valid)
+  -h, --help            show this text, or what it says of a command
+  --version             show the version
 
 Exit status:
   0  success; for fault: healthy, or nothing recorded yet
@@ -92,6 +99,33 @@ Exit status:
      for verify: something could not be read; for compare: also when the other
      EM is away
 )";
+
+constexpr option kLongOptions[] = {
+    {"json", no_argument, nullptr, 'j'},           {"quiet", no_argument, nullptr, 'q'},
+    {"socket", required_argument, nullptr, 's'},   {"timeout", required_argument, nullptr, 't'},
+    {"list", no_argument, nullptr, 'l'},           {"against", required_argument, nullptr, 'a'},
+    {"mode", required_argument, nullptr, 'm'},     {"progress", no_argument, nullptr, 'p'},
+    {"exchange", required_argument, nullptr, 'e'}, {"svg", required_argument, nullptr, 'g'},
+    {"force", no_argument, nullptr, 'f'},          {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},        {nullptr, 0, nullptr, 0}};
+
+// The option as it is written, given its letter.
+std::string option_name(char letter) {
+  const option* found = kLongOptions;
+  while (found->name != nullptr && found->val != letter)
+    ++found;
+  return found->name != nullptr ? std::string("--") + found->name : std::string("-") + letter;
+}
+
+// Reads seconds, which may have a fraction, as milliseconds.
+bool parse_seconds(const char* text, int* ms) {
+  char* end = nullptr;
+  const double seconds = strtod(text, &end);
+  if (end == text || *end != '\0' || !(seconds >= 0.001 && seconds <= kMaxTimeoutSeconds))
+    return false;
+  *ms = static_cast<int>(lround(seconds * 1000));
+  return true;
+}
 
 // Reads a whole number between the bounds into `*number`.
 bool parse_number(const char* text, int base, long least, long most, int* number) {
@@ -109,65 +143,66 @@ std::string socket_path(int number) {
   return path;
 }
 
-// Fills `*options`; afterwards argv[optind] is the command. Returns false on wrong usage. Options
-// that are not for every command are given in the table of commands by their letters.
-bool parse_options(int argc, char** argv, Options* options, bool* help) {
-  static const option kLongOptions[] = {
-      {"json", no_argument, nullptr, 'j'},          {"socket", required_argument, nullptr, 's'},
-      {"timeout", required_argument, nullptr, 't'}, {"list", no_argument, nullptr, 'l'},
-      {"against", required_argument, nullptr, 'a'}, {"mode", required_argument, nullptr, 'm'},
-      {"progress", no_argument, nullptr, 'p'},      {"exchange", required_argument, nullptr, 'e'},
-      {"svg", required_argument, nullptr, 'g'},     {"force", no_argument, nullptr, 'f'},
-      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
-  bool valid = true;
+// Takes one option. Returns false when its value is none.
+bool take_option(char letter, const char* value, Options* options) {
   int number = 0;
-  for (;;) {
-    const int letter = getopt_long(argc, argv, "", kLongOptions, nullptr);
-    if (letter == -1) return valid;
-    options->given += static_cast<char>(letter);
-    switch (letter) {
-      case 'j':
-        options->json = true;
-        break;
-      case 's':
-        valid = valid && parse_number(optarg, 10, 0, INT32_MAX, &number);
-        options->socket = socket_path(number);
-        break;
-      case 't':
-        valid = valid && parse_number(optarg, 10, 1, kMaxTimeoutSeconds, &number);
-        options->timeout_ms = number * 1000;
-        break;
-      case 'l':
-        options->list = true;
-        break;
-      case 'a':
-        options->against = optarg;
-        valid = valid && *optarg != '\0';
-        break;
-      case 'm':
-        valid = valid && parse_number(optarg, 8, 0, 0777, &options->mode);
-        break;
-      case 'f':
-        options->force = true;
-        break;
-      case 'p':
-        options->progress = true;
-        break;
-      case 'e':
-        valid = valid && parse_number(optarg, 10, 1, INT32_MAX, &options->exchange);
-        break;
-      case 'g':
-        options->svg = optarg;
-        valid = valid && *optarg != '\0';
-        break;
-      case 'h':
-        *help = true;
-        break;
-      default:
-        valid = false;
-    }
+  switch (letter) {
+    case 'j':
+      return options->json = true;
+    case 'q':
+      return options->quiet = true;
+    case 's':
+      if (!parse_number(value, 10, 0, INT32_MAX, &number)) return false;
+      options->socket = socket_path(number);
+      return true;
+    case 't':
+      return parse_seconds(value, &options->timeout_ms);
+    case 'l':
+      return options->list = true;
+    case 'a':
+      options->against = value;
+      return *value != '\0';
+    case 'm':
+      return parse_number(value, 8, 0, 0777, &options->mode);
+    case 'f':
+      return options->force = true;
+    case 'p':
+      return options->progress = true;
+    case 'e':
+      return parse_number(value, 10, 1, INT32_MAX, &options->exchange);
+    case 'g':
+      options->svg = value;
+      return *value != '\0';
+    default:
+      return true;
   }
 }
+
+// Fills `*options`; afterwards argv[optind] is the command. Returns what is wrong, or nothing.
+// Options that are not for every command are given in the table of commands by their letters.
+std::string parse_options(int argc, char** argv, Options* options) {
+  opterr = 0;
+  for (;;) {
+    const int letter = getopt_long(argc, argv, ":hq", kLongOptions, nullptr);
+    if (letter == -1) return "";
+    const char* word = argv[optind - 1];
+    if (letter == '?')
+      return "no such option: " + (optopt > 0 && optopt < 128
+                                       ? option_name(static_cast<char>(optopt))
+                                       : std::string(word));
+    if (letter == ':') return "an option lacks its value: " + std::string(word);
+    options->given += static_cast<char>(letter);
+    if (!take_option(static_cast<char>(letter), optarg, options))
+      return "wrong value of " + option_name(static_cast<char>(letter)) + ": " + optarg;
+  }
+}
+
+bool begins_entry(const std::string& line) {
+  return line.starts_with("  ") && line[2] != ' ';
+}
+
+// Prints the part of the help about a command, or all of it.
+int show_help(const Options& /*options*/, const Words& words);
 
 struct Command {
   const char* name;
@@ -184,8 +219,39 @@ constexpr Command kCommands[] = {
     {"edit", 1, 1, "m", edit_file},         {"update", 2, 2, "", request_update},
     {"delete", 1, 1, "", request_deletion}, {"sync", 0, 0, "p", request_sync},
     {"role", 1, 1, "f", set_role},          {"diag", 1, 1, "", send_diagnostic},
-    {"explain", 0, 2, "eg", explain_trace},
+    {"explain", 0, 2, "eg", explain_trace}, {"help", 0, 1, "", show_help},
 };
+
+// Whether an entry of the help is about the command, or about an option of its own.
+bool concerns(const std::string& line, const Command& command) {
+  const std::string entry = line.substr(2, line.find_first_of(" |", 2) - 2);
+  if (entry == command.name) return true;
+  for (const char* letter = command.options; *letter != '\0'; ++letter) {
+    if (entry == option_name(*letter)) return true;
+  }
+  return false;
+}
+
+int show_help(const Options& /*options*/, const Words& words) {
+  if (words.empty()) {
+    fputs(kHelp, stdout);
+    return kDone;
+  }
+  const Command* command = kCommands;
+  while (command != std::end(kCommands) && words[0] != command->name)
+    ++command;
+  if (command == std::end(kCommands)) return usage_error("no such command: " + words[0]);
+  std::istringstream help(kHelp);
+  bool wanted = false;
+  for (std::string line; std::getline(help, line);) {
+    if (begins_entry(line))
+      wanted = concerns(line, *command);
+    else if (!line.starts_with("   "))
+      wanted = false;
+    if (wanted) printf("%s\n", line.c_str());
+  }
+  return kDone;
+}
 
 int run_command(const Options& options, const std::string& name, const Words& words) {
   for (const std::string& word : words) {
@@ -197,8 +263,9 @@ int run_command(const Options& options, const std::string& name, const Words& wo
     if (words.size() < command.least_words || words.size() > command.most_words)
       return usage_error("wrong number of arguments: " + name);
     const std::string known = std::string(kCommonOptions) + command.options;
-    if (options.given.find_first_not_of(known) != std::string::npos)
-      return usage_error("an option is not for this command: " + name);
+    const size_t other = options.given.find_first_not_of(known);
+    if (other != std::string::npos)
+      return usage_error(option_name(options.given[other]) + " is not an option of " + name);
     return command.run(options, words);
   }
   return usage_error("no such command: " + name);
@@ -208,14 +275,19 @@ int run_command(const Options& options, const std::string& name, const Words& wo
 
 int main(int argc, char** argv) {
   Options options;
-  bool help = false;
-  if (!parse_options(argc, argv, &options, &help)) return usage_error("wrong option");
-  if (help) {
-    fputs(kHelp, stdout);
+  const std::string problem = parse_options(argc, argv, &options);
+  if (!problem.empty()) return usage_error(problem);
+  Words words(argv + optind, argv + argc);
+  if (options.given.find('V') != std::string::npos) {
+    printf("cluster_sync_ctl %s\n", cluster_sync_version());
     return kDone;
   }
-  if (optind >= argc) return usage_error("no command given");
-  const int status = run_command(options, argv[optind], {argv + optind + 1, argv + argc});
-  // An answer that could not be shown was not given.
-  return fflush(stdout) == 0 ? status : kNoAnswer;
+  if (options.given.find('h') != std::string::npos) words.insert(words.begin(), "help");
+  if (words.empty()) return usage_error("no command given");
+  const std::string command = words[0];
+  words.erase(words.begin());
+  const int status = run_command(options, command, words);
+  const bool shown = fflush(stdout) == 0;
+  end_by_signal();
+  return shown ? status : kNoAnswer;  // an answer that could not be shown was not given
 }

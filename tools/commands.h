@@ -14,6 +14,7 @@ enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kNoAnswer = 3 };
 struct Options {
   std::string given;  // the letters of the options on the command line
   bool json = false;
+  bool quiet = false;  // no word of success
   std::string socket = CLUSTER_SYNC_SOCKET;
   int timeout_ms = 60 * 1000;
   bool list = false;      // verify: every listing line too

@@ -6,17 +6,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 
+#include "platform/descriptor.h"
 #include "tools/commands.h"
+#include "tools/interrupt.h"
 #include "tools/output.h"
-#include "tools/requests.h"
+#include "tools/publish.h"
 
 namespace {
+
+// Nobody has read a file in less; an editor that is only told to open it returns sooner.
+constexpr std::chrono::milliseconds kNoTimeToEdit{300};
+constexpr char kEditorHint[] =
+    "not changed: the editor returned at once. If it works on in the background, tell it to wait "
+    "(for example VISUAL='code --wait')";
 
 // A file at one moment.
 struct Version {
@@ -65,11 +72,11 @@ std::string make_copy(const std::string& destination, const std::string& content
   path += "/cluster_sync_ctl.XXXXXX";
   if (mkdtemp(path.data()) == nullptr) return "";
   path += "/" + std::filesystem::path(destination).filename().string();
-  std::ofstream file(path, std::ios::binary);
-  file << content;
-  file.close();
-  if (file) return path;
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd >= 0 && write_fully(fd, content.data(), content.size()) == 0 && close(fd) == 0)
+    return path;
   const int error = errno;
+  if (fd >= 0) close(fd);
   remove_copy(path);
   errno = error;
   return "";
@@ -83,13 +90,12 @@ std::string quoted(const std::string& text) {
   return word + "'";
 }
 
-// Whether the user's editor succeeded. Its name may have arguments.
-bool run_editor(const std::string& copy) {
+// Runs the user's editor, whose name may have arguments. Returns its status as waitpid(2) does.
+int run_editor(const std::string& copy) {
   const char* editor = getenv("VISUAL");
   if (editor == nullptr || *editor == '\0') editor = getenv("EDITOR");
   if (editor == nullptr || *editor == '\0') editor = "editor";
-  // NOLINTNEXTLINE(cert-env33-c): the user's own choice, for the user's own shell
-  return system((editor + (" " + quoted(copy))).c_str()) == 0;
+  return run_in_foreground((editor + (" " + quoted(copy))).c_str());
 }
 
 // Publishes the copy unless that would be wrong. Nothing when there is nothing to publish.
@@ -99,6 +105,8 @@ std::optional<int> publish_copy(const Options& options, const Version& original,
   const int error = read_version(copy, &edited);
   if (error != 0 || !edited.exists) return report_error(options, "the copy is gone", kFailed);
   if (edited.content == original.content) return std::nullopt;
+  if (signal_that_came() != 0)
+    return report_error(options, "interrupted; nothing is published", kFailed);
   if (!succeeded) return report_error(options, "the editor failed; nothing is published", kFailed);
   if (!is_same_version(original, destination))
     return report_error(options, destination + " was changed meanwhile; nothing is published",
@@ -120,17 +128,25 @@ int edit_file(const Options& options, const Words& words) {
     const char* reason = error == EINVAL ? "not a regular file" : strerror(error);
     return report_error(options, destination + ": " + reason, kFailed);
   }
+  const int refused = check_destination(options, destination);
+  if (refused != kDone) return refused;
+  hold_signals();
   const std::string copy = make_copy(destination, original.content);
   if (copy.empty())
     return report_error(options, std::string("no copy can be made: ") + strerror(errno), kFailed);
 
-  const bool succeeded = run_editor(copy);
+  const auto start = std::chrono::steady_clock::now();
+  const bool succeeded = run_editor(copy) == 0;
+  const bool at_once = std::chrono::steady_clock::now() - start < kNoTimeToEdit;
   const std::optional<int> status = publish_copy(options, original, succeeded, copy, destination);
   if (status.value_or(kDone) != kDone) {
     fprintf(stderr, "cluster_sync_ctl: what was typed is in %s\n", printable(copy).c_str());
     return *status;
   }
   remove_copy(copy);
-  if (!status) printf(options.json ? "{\"changed\":false}\n" : "not changed\n");
+  if (status || signal_that_came() != 0) return kDone;
+  if (at_once) return report_error(options, kEditorHint, kFailed);
+  if (options.json || !options.quiet)
+    printf(options.json ? "{\"changed\":false}\n" : "not changed\n");
   return succeeded ? kDone : kFailed;
 }

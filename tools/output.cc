@@ -6,6 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <iterator>
+
 #include "platform/escape.h"
 
 namespace {
@@ -71,22 +73,38 @@ const char* json_bool(bool value) {
   return value ? "true" : "false";
 }
 
-int report_error(const Options& options, const std::string& text, ExitStatus status) {
+std::string json_reason(cluster_sync_reason_code reason) {
+  static constexpr const char* kNames[] = {nullptr,          "not_active",        "busy",
+                                           "not_replicated", "other_file_system", "no_such_file",
+                                           "error_here",     "error_there",       "timed_out",
+                                           "protocol",       "no_daemon",         "other"};
+  static_assert(std::size(kNames) == CLUSTER_SYNC_OTHER + 1);
+  if (reason == CLUSTER_SYNC_NO_REASON) return "null";
+  return json_string(reason < std::size(kNames) ? kNames[reason] : "other");
+}
+
+int report_error(const Options& options, const std::string& text, ExitStatus status,
+                 const std::string& more) {
   clear_progress();
-  if (options.json) printf("{\"error\":%s}\n", json_string(text).c_str());
+  if (options.json) printf("{\"error\":%s%s}\n", json_string(text).c_str(), more.c_str());
   fprintf(stderr, "cluster_sync_ctl: %s\n", printable(text).c_str());
   return status;
 }
 
 std::string client_error_text(const Options& options, int error) {
-  const std::string limit = "no answer within " + std::to_string(options.timeout_ms / 1000) + " s";
-  if (error == ETIMEDOUT || error == EAGAIN) return limit + "; nothing was changed";
-  if (error == EINPROGRESS) return limit + "; the daemon has the request, and its exchange goes on";
+  char limit[64];
+  snprintf(limit, sizeof limit, "no answer within %g s", options.timeout_ms / 1000.0);
+  if (error == EACCES && geteuid() != 0) return "needs root";
+  if (error == ETIMEDOUT || error == EAGAIN) return limit + std::string("; nothing was changed");
+  if (error == EINPROGRESS)
+    return limit + std::string("; the daemon has the request, and its exchange goes on");
   return cluster_sync_strerror(error);
 }
 
-int report_client_error(const Options& options, int error, const std::string& path) {
+int report_client_error(const Options& options, int error, const std::string& path,
+                        const std::string& more) {
   const std::string text = client_error_text(options, error);
+  const std::string members = more + ",\"why\":" + json_reason(cluster_sync_reason(error, nullptr));
   switch (error) {
     case ECONNREFUSED:
     case ECONNRESET:
@@ -95,9 +113,9 @@ int report_client_error(const Options& options, int error, const std::string& pa
     case EAGAIN:
     case EPROTO:
     case EACCES:  // the command socket is for root only
-      return report_error(options, text);
+      return report_error(options, text, kNoAnswer, members);
     default:
-      return report_error(options, path.empty() ? text : path + ": " + text, kFailed);
+      return report_error(options, path.empty() ? text : path + ": " + text, kFailed, members);
   }
 }
 

@@ -13,13 +13,20 @@ std::string printable(const std::string& text);
 
 const char* json_bool(bool value);
 
-// Tells why there is no answer, on standard error and in JSON. Returns `status`.
-int report_error(const Options& options, const std::string& text, ExitStatus status = kNoAnswer);
+// A reason of the client library as a word in JSON, null for none.
+std::string json_reason(cluster_sync_reason_code reason);
+
+// Tells why there is no answer, on standard error and in JSON, there with the members `more`, each
+// behind a comma. Returns `status`.
+int report_error(const Options& options, const std::string& text, ExitStatus status = kNoAnswer,
+                 const std::string& more = "");
 
 // The same for an error number of the client library; `path` is what was asked for, or empty. The
 // status is kNoAnswer when it is the daemon that is missing, kFailed when the request is
 // impossible.
-int report_client_error(const Options& options, int error, const std::string& path);
+// `more` are further members for JSON, each behind a comma.
+int report_client_error(const Options& options, int error, const std::string& path,
+                        const std::string& more = "");
 std::string client_error_text(const Options& options, int error);
 
 // Says what is wrong with the command line. Returns kUsage.

@@ -139,20 +139,25 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
 TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
   const std::string success = result_bytes(0, "", 'Y');
   EXPECT_EQ(run_answered("sync", 0, success), 0);
-  EXPECT_EQ(out_, "success:      yes\nlocal_ok:     yes\nremote_ok:    yes\npeer_present: yes\n");
+  EXPECT_EQ(out_, "synchronised with the other EM\n");
+  EXPECT_EQ(run_answered("-q delete /run/replicated_by_active_em/x", 0, success), 0);
+  EXPECT_EQ(out_, "");
+  run_answered("delete /run/replicated_by_active_em/x", 0, result_bytes(0, "", 'N'));
+  EXPECT_EQ(out_, "deleted here; the other EM is away\n");
   const std::string hostile =
       result_bytes(4, "\" \\ \t \x7f \xc3\xa9 \xff \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82", 'N');
-  EXPECT_EQ(run_answered("sync", 0, hostile), 1);
+  EXPECT_EQ(run_answered("sync 2>&1", 0, hostile), 1);
+  EXPECT_EQ(out_,
+            "cluster_sync_ctl: not synchronised: \" \\ \\x09 \\x7f \xc3\xa9 \xff \xed\xa0\x80 "
+            "\xf4\x90\x80\x80 \xe2\x82\n");
+  run_answered("--json sync", 0, hostile);
   EXPECT_EQ(
       out_,
-      "success:      no\nlocal_ok:     yes\nremote_ok:    no\npeer_present: no\n"
-      "reason:       \" \\ \\x09 \\x7f \xc3\xa9 \xff \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82\n");
-  run_answered("--json sync", 0, hostile);
-  EXPECT_EQ(out_, R"({"status":0,"success":false,"local_ok":true,"remote_ok":false,"benign":false,)"
-                  R"("canceled":true,"peer_present":false,"reason":"\" \\ \u0009 \u007f )"
-                  "\xc3\xa9 "
-                  R"(\ufffd \ufffd\ufffd\ufffd \ufffd\ufffd\ufffd\ufffd \ufffd\ufffd"})"
-                  "\n");
+      R"({"status":0,"success":false,"local_ok":true,"remote_ok":false,"benign":false,)"
+      R"("canceled":true,"peer_present":false,"reason":"\" \\ \u0009 \u007f )"
+      "\xc3\xa9 "
+      R"(\ufffd \ufffd\ufffd\ufffd \ufffd\ufffd\ufffd\ufffd \ufffd\ufffd","published":"here","why":"other"})"
+      "\n");
   for (const std::string& payload :
        {std::string(127, '\0'), success + '\0', result_bytes(0, "", '?'),
         std::string(success).replace(12, 116, 116, 'x')})
@@ -164,6 +169,7 @@ TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
 TEST_F(CtlTest, PutAndEditPublishAllOrLeaveEverythingAndNameWhatWasTyped) {
   const std::string good = result_bytes(0, "", 'Y'), bad = result_bytes(34, "no", 'N');
   const std::string file = make_file(3, "file", "old", 0644);
+  set_active(true);
   setenv("VISUAL", "sh '/mnt/the editor'", 1);
   setenv("TMPDIR", "/mnt", 1);
   write_file("/mnt/secret", "secret", 0600);
@@ -178,7 +184,7 @@ TEST_F(CtlTest, PutAndEditPublishAllOrLeaveEverythingAndNameWhatWasTyped) {
            {"put --mode 644 - < secret", good, "", 0, "secret", 0644, false},
            {"put large", "", "", 1, "secret", 0644, false},
            {"put /mnt", "", "", 1, "secret", 0644, false},
-           {"edit", "", "touch \"$1\" \"$1~\"", 0, "secret", 0644, false},
+           {"edit", "", "sleep 0.4; touch \"$1\" \"$1~\"", 0, "secret", 0644, false},
            {"edit", good, "echo edited > \"$1\"", 0, "edited\n", 0644, false},
            {"edit", bad, "echo typed > \"$1\"", 1, "edited\n", 0644, true},
            {"edit", "", "echo typed > \"$1\"; false", 1, "edited\n", 0644, true},
@@ -199,6 +205,72 @@ TEST_F(CtlTest, PutAndEditPublishAllOrLeaveEverythingAndNameWhatWasTyped) {
     }
   }
   EXPECT_EQ(names_in("/mnt").size(), 8u) << testing::PrintToString(names_in("/mnt"));
+}
+
+TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
+  setenv("VISUAL", "touch /mnt/edited; true", 1);
+  make_file(1, "dir/file", "old");
+  const std::string own = "/mnt/part.persistent/replicated_by_this_em/";
+  fs::create_symlink(own + "dir/file", "/mnt/link");
+  fs::create_symlink("dir", own + "way");
+  write_file("/mnt/file", "content");
+  for (const auto& [destination, rule] : std::vector<std::pair<std::string, const char*>>{
+           {"/etc/hostname", "the path lies in none of the replicated trees"},
+           {"/run/replicated_by_active_em/x", "this EM is on standby"},
+           {"part.persistent/replicated_by_other_em/x", "is written by the other"},
+           {own + "TempUpdate_x", "TempUpdate_ are for files under construction"},
+           {own + ".\\$SyncDigest\\$x", ".$SyncDigest$ are the daemon's own"},
+           {"'" + own + " x'", "must not begin with a blank"},
+           {own + std::string(243, 'x'), "at most 242 bytes"},
+           {own + "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/h/x", "at most 16 directories"},
+           {own + "none/x", "its directory does not exist"},
+           {own + "way/x", "is a symbolic link inside a tree"},
+           {"/mnt/link", "it is a symbolic link to /mnt/part"}}) {
+    EXPECT_EQ(run("put file " + destination + " 2>&1"), 1);
+    EXPECT_NE(out_.find(rule), std::string::npos) << out_;
+    EXPECT_EQ(run("edit " + destination + " 2>/dev/null"), 1) << destination;
+    EXPECT_EQ(request_, "");
+  }
+  EXPECT_EQ(run("--socket 1 edit " + own + "x 2> /dev/null"), 3);
+  EXPECT_FALSE(exists("/mnt/edited"));
+  const auto start = std::chrono::steady_clock::now();
+  run("edit " + own + "x 2>&1");
+  const bool at_once = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(300);
+  EXPECT_TRUE(exists("/mnt/edited"));
+  EXPECT_TRUE(!at_once || out_.find("the editor returned at once") != std::string::npos) << out_;
+}
+
+// A signal is sent when the file that `until` names is there.
+TEST_F(CtlTest, ASignalLeavesNothingOrNamesWhatWasTyped) {
+  const std::string folder = tree_path(1, ""), name = folder + "name";
+  setenv("TMPDIR", "/mnt", 1);
+  for (const auto& [command, editor, until, expected] :
+       std::vector<std::tuple<std::string, std::string, std::string, std::string>>{
+           {"put -", "", "/mnt/reads", ""},
+           {"put /etc/hostname", "", folder + "TempUpdate_*", "interrupted; nothing is published"},
+           {"edit", "touch /mnt/edits; exec sleep 9", "/mnt/edits", ""},
+           {"edit", "echo typed > \"$1\"; touch /mnt/edits; exec sleep 9", "/mnt/edits",
+            "what was typed is in /mnt/cluster_sync_ctl."}}) {
+    for (const char* signal : {"HUP", "TERM"}) {
+      write_file("/mnt/the editor", editor);
+      setenv("VISUAL", "exec sh '/mnt/the editor'", 1);
+      const std::string line =
+          "(while echo 2> /dev/null; do touch /mnt/reads; sleep 0.1; done) | (exec 3<&0; " +
+          program() + " " + command + " " + name + " <&3 & until ls " + until +
+          " > out 2>&1; do sleep 0.01; done; kill -" + signal + " $!; wait $!)";
+      EXPECT_NE(system(("cd /mnt && " + line + " > out 2>&1").c_str()), 0);
+      out_ = read_file("/mnt/out");
+      EXPECT_NE(out_.find(expected), std::string::npos) << command << editor << out_;
+      EXPECT_EQ(names_in(folder).size(), 0u);
+      unlink("/mnt/edits");
+      unlink("/mnt/reads");
+    }
+  }
+  g_turn.release(2);
+  size_t copies = 0;
+  for (const std::string& left : names_in("/mnt"))
+    copies += left.starts_with("cluster_sync_ctl.");
+  EXPECT_EQ(copies, 2u) << "those that were named";
 }
 
 TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {

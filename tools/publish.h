@@ -1,5 +1,5 @@
-#ifndef TOOLS_REQUESTS_H_
-#define TOOLS_REQUESTS_H_
+#ifndef TOOLS_PUBLISH_H_
+#define TOOLS_PUBLISH_H_
 
 #include <sys/types.h>
 
@@ -7,8 +7,12 @@
 
 #include "tools/commands.h"
 
-// Publishes what can be read from `fd` as the replicated file and shows the answer. Returns the
+// Whether the daemon is there and `destination` could be published now. Says why not. Returns the
 // exit status.
+int check_destination(const Options& options, const std::string& destination);
+
+// The same, and then publishes what can be read from `fd` and shows the answer. Returns the exit
+// status; a signal leaves nothing behind.
 int publish(const Options& options, int fd, const std::string& destination, mode_t mode);
 
 // The mode that the user wants, or else one that gives nobody more than `mode` and the file that is
@@ -18,4 +22,4 @@ mode_t wanted_mode(const Options& options, mode_t mode, const std::string& desti
 // The mode that a program would give a new file.
 mode_t mode_of_new_file();
 
-#endif  // TOOLS_REQUESTS_H_
+#endif  // TOOLS_PUBLISH_H_
