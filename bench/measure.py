@@ -7,6 +7,7 @@ import statistics
 import subprocess
 import sys
 import time
+from collections.abc import Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -73,7 +74,7 @@ class Bench:
         return EmPair(build_dir=self.build, transport=self.transport, log_level=6, wrapper=SILENT)
 
 
-def row(name: str, ours: list[float], theirs: list[float], unit: str, target: float | None,
+def row(name: str, ours: Sequence[float], theirs: Sequence[float], unit: str, target: float | None,
         against: str, **more) -> Row:
     middle = statistics.median(theirs)
     quarters = statistics.quantiles(theirs, n=4) if len(theirs) > 3 else [middle] * 3
@@ -129,9 +130,9 @@ def put_on_disk(pair: EmPair, mebibytes: int) -> None:
     """Gives each EM an ext4 of its own, on a loop device, for its persistent trees."""
     for n in EMS:
         disk = pair.work_dir / f"em{n}" / "disk"
-        pair.run(n, ["truncate", "-s", f"{mebibytes}M", disk], check=True)
-        pair.run(n, ["mkfs.ext4", "-q", disk], check=True)
-        pair.run(n, ["mount", "-n", "-o", "loop", disk, PERSISTENT], check=True)
+        pair.run(n, ["truncate", "-s", f"{mebibytes}M", str(disk)], check=True)
+        pair.run(n, ["mkfs.ext4", "-q", str(disk)], check=True)
+        pair.run(n, ["mount", "-n", "-o", "loop", str(disk), PERSISTENT], check=True)
         for tree in (ACTIVE, OWN, PEERS):
             pair.path(n, tree).mkdir()
 
@@ -142,7 +143,7 @@ def ask(caller: Caller, asked: Update = SYNC) -> float:
     """Seconds until the answer; a failure is an error."""
     begin = time.monotonic()
     caller.send(asked)
-    result = caller.result()
+    result = caller.outcome()
     seconds = time.monotonic() - begin
     if result is None or not result.success or not result.peer_present:
         raise RuntimeError(f"exchange failed: {result}")
@@ -187,21 +188,23 @@ class Timed:
 def counted_calls(pair: EmPair, thread: str | None = None):
     """Yields a list; behind the block it holds for each EM the system calls of its daemon, or of one
     of its threads."""
-    tracers, counts = [], []
+    tracers: list[subprocess.Popen[str]] = []
+    counts: list[int] = []
     for n in EMS:
         pid = pair.process(n, "daemon").pid
         what = ["-f", "-p", str(pid)] if thread is None else ["-p", next(
             task.name for task in Path(f"/proc/{pid}/task").iterdir()
             if (task / "comm").read_text().strip() == thread)]
-        tracers.append(subprocess.Popen(["strace", "-c", "-U", "calls,name", *what], text=True,
-                                        stderr=subprocess.PIPE))
-        assert "attached" in tracers[-1].stderr.readline()
+        tracer = subprocess.Popen(["strace", "-c", "-U", "calls,name", *what], text=True,
+                                  stderr=subprocess.PIPE)
+        tracers.append(tracer)
+        assert tracer.stderr and "attached" in tracer.stderr.readline()
     time.sleep(0.2)  # all threads
     yield counts
     for tracer in tracers:
         tracer.send_signal(signal.SIGINT)
         table = tracer.communicate(timeout=60)[1]
-        counts.append(int(re.search(r"(\d+) +total", table)[1]))
+        counts += map(int, re.findall(r"(\d+) +total", table))
 
 
 # The floors.
@@ -240,10 +243,10 @@ def exchange(request: int, listing: int, updates: list[str], lock_work: str = ""
 
 def floor(pair: EmPair, bench: Bench, script: list[str], kind: str, rounds: int = 1) -> list[float]:
     """Seconds of each round of the script's messages, with their work or bare."""
-    program = bench.build / "cpg_floor"
+    program = str(bench.build / "cpg_floor")
     # Corosync's library says on standard output that it waits.
     answering = pair.popen(2, [program, "answer"], stdout=subprocess.DEVNULL)
-    asked = pair.run(1, [program, "ask", str(rounds)] + ["--work"] * (kind == WORK),
+    asked = pair.run(1, [program, "ask", str(rounds), *(["--work"] if kind == WORK else [])],
                      input="\n".join(script), timeout=600, check=True)
     answering.wait(timeout=20)
     return [float(line) for line in asked.stdout.splitlines() if line[:1].isdigit()]

@@ -6,6 +6,7 @@ Each is an object with `clear()`, which empties the peer's tree and what the pro
 
 import subprocess
 import time
+from typing import Protocol
 
 from measure import ACTIVE, DIGESTS, EMS, PERSISTENT, EmPair, clear  # first: sets the path
 from em_pair import wait_for
@@ -26,6 +27,16 @@ def serve(pair: EmPair, port: int, argv: list) -> None:
     pair.popen(2, argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     wait_for(lambda: pair.run(2, ["ss", "-Hltn", f"sport = :{port}"], check=True,
                               capture_output=True).stdout, 10, f"{argv} on port {port}")
+
+
+class Other(Protocol):
+    """A program that makes the active tree of EM 2 that of EM 1."""
+
+    name: str
+
+    def clear(self) -> None: ...
+
+    def sync(self) -> float: ...
 
 
 class Rsync:

@@ -4,6 +4,7 @@ import os
 import statistics
 import subprocess
 import time
+from collections.abc import Callable
 from pathlib import Path
 
 from caller import Caller
@@ -13,7 +14,7 @@ from measure import (CHUNK, HEADER, MESSAGES, UPDATE_HEADER, WORK, Bench, Row, T
                      change_every_chunk, clear, counted_calls, cpu_seconds, exchange, floor,
                      forget_digests, listing_size, make_large, make_mixed, make_small, memory,
                      process_sum, pushes, put_on_disk, row)
-from others import Csync2, Rsync, Unison
+from others import Csync2, Other, Rsync, Unison
 
 PAIRS = 3  # for what is near its target: one pair may be slower than the next, floors and all
 
@@ -36,12 +37,13 @@ def nothing_to_do(bench: Bench) -> list[Row]:
         warm.ask()
         warm.ask()  # the peer hashes its copies once
         timed = Timed(pair)
-        others = [(Rsync(pair, "-ac"), 0.5), (Unison(pair), None)]
+        others: list[tuple[Other, float | None]] = [(Rsync(pair, "-ac"), 0.5), (Unison(pair), None)]
         for other, _ in others:
             other.sync()
         script = exchange(2, listing_size(root), [])
         digests, before = digest_times(pair), sum(written(pair))
-        bare, theirs = [], {other.name: [] for other, _ in others}
+        bare: list[float] = []
+        theirs: dict[str, list[float]] = {other.name: [] for other, _ in others}
         for _ in range(bench.runs(11, 2)):
             timed.ask()
             bare += floor(pair, bench, script, WORK, 2)[1:]
@@ -82,7 +84,8 @@ def measure_first_sync(bench: Bench, on_disk: bool, floors: tuple[str, ...], rou
                        ) -> tuple[dict[str, list[float]], float]:
     """Seconds of first syncs of the mixed tree, as the daemon makes them and the floors, in turn;
     processor time of one."""
-    seconds, cpu = {kind: [] for kind in ("daemon", *floors)}, []
+    seconds: dict[str, list[float]] = {kind: [] for kind in ("daemon", *floors)}
+    cpu: list[float] = []
     for _ in range(bench.runs(PAIRS)):
         with bench.pair() as pair:
             if on_disk:
@@ -109,8 +112,11 @@ def first_sync(bench: Bench) -> list[Row]:
             for kind, target in ((WORK, 1.12), (MESSAGES, None))]
     with bench.pair() as pair:
         make_mixed(pair, bench)
-        for kind, target in ((Csync2, 0.3), (lambda p: Rsync(p, "-a"), None), (Unison, None)):
-            other, theirs = kind(pair), []
+        kinds: tuple[tuple[Callable[[EmPair], Other], float | None], ...] = (
+            (Csync2, 0.3), (lambda p: Rsync(p, "-a"), None), (Unison, None))
+        for kind, target in kinds:
+            other = kind(pair)
+            theirs: list[float] = []
             for _ in range(bench.runs(3)):
                 other.clear()
                 theirs.append(other.sync())
@@ -141,7 +147,7 @@ def large_files(bench: Bench) -> list[Row]:
     counts = {False: [1, 2] if bench.quick else [1, 4, 16],
               True: [1, 2] if bench.quick else [1, 4]}
     size = ((4 if bench.quick else 64) << 20) - 1  # no empty chunk at the end
-    curves = {}
+    curves: dict[str, list[tuple[int, float]]] = {}
     for on_disk in (False, True):
         place = ", on disk" if on_disk else ""
         for count in counts[on_disk]:
@@ -195,7 +201,7 @@ def too_large(bench: Bench) -> list[Row]:
             attempt += 1
             begin = time.monotonic()
             caller.send()
-            result = caller.result()
+            result = caller.outcome()
             if result is None:
                 raise RuntimeError("the daemon has ended")
             bench.findings.append(
@@ -239,7 +245,8 @@ def measure_renames(bench: Bench, on_disk: bool, floors: tuple[str, ...], count:
                     ) -> tuple[dict[str, list[float]], float]:
     """Milliseconds of publishing a file, as the daemon does it and the floors, in turn; processor
     time of one in seconds."""
-    seconds, cpu = {kind: [] for kind in ("daemon", *floors)}, []
+    seconds: dict[str, list[float]] = {kind: [] for kind in ("daemon", *floors)}
+    cpu: list[float] = []
     source, target = f"{OWN}/TempUpdate_bench", f"{OWN}/target"
     size, base = 4096, HEADER + UPDATE_HEADER + len("target") + 1
     push = f"1 {base + size} {base} push {target} {PEERS}/target 0 {size} {size}"
@@ -315,7 +322,7 @@ def growth(bench: Bench) -> list[Row]:
     with bench.pair() as first, bench.pair() as second:
         pairs = dict(zip(counts, (first, second)))
         timed = {n: fill(pair, n) for n, pair in pairs.items()}
-        bare = {n: [] for n in counts}
+        bare: dict[int, list[float]] = {n: [] for n in counts}
         scripts = {n: exchange(2, listing_size(pair.path(1, ACTIVE)), [])
                    for n, pair in pairs.items()}
         for one in timed.values():
@@ -348,7 +355,8 @@ def minor_faults(pair: EmPair) -> list[int]:
 
 def scale(bench: Bench) -> list[Row]:
     counts = [1000, 10000] if bench.quick else [10000, 50000, 100000, 250000]
-    seconds, curves, used = {}, {"daemon": [], WORK: [], "rsync -ac": []}, {}
+    seconds, used = {}, {}
+    curves: dict[str, list[tuple[int, float]]] = {"daemon": [], WORK: [], "rsync -ac": []}
     for count in counts:
         with bench.pair() as pair:
             base = memory(pair, 1, "VmHWM")

@@ -59,9 +59,9 @@ def clean_up(root, oldest_kept):
                     failures += remove_if_old(name, descriptor, path, oldest_kept)
     except (OSError, RecursionError) as error:
         unreadable.append(error)
-    for error in unreadable:
-        if not isinstance(error, FileNotFoundError):
-            report("read", root, error)
+    for unread in unreadable:
+        if not isinstance(unread, FileNotFoundError):
+            report("read", root, unread)
             failures += 1
     return failures
 

@@ -39,8 +39,14 @@ class Caller(Connection):
     def answered(self) -> bool:
         return bool(select.select([self], [], [], 0)[0])
 
-    def result(self) -> Result | None:
-        """The answer to an update; None when the daemon hung up."""
+    def result(self) -> Result:
+        """The answer to an update."""
+        result = self.outcome()
+        assert result is not None, "the daemon hung up"
+        return result
+
+    def outcome(self) -> Result | None:
+        """The same, or None when the daemon hung up."""
         try:
             return self.receive()
         except Refused as refusal:

@@ -155,10 +155,10 @@ class EmPair:
                         {REPO, self.build_dir, ARM_BUILD, self.work_dir, *map(Path, self._visible)}
                         if path.is_dir()],
         }
-        self._keeper = subprocess.Popen(
+        self._keeper = keeper = subprocess.Popen(
             [sys.executable, str(REPO / "testbed/keeper.py"), json.dumps(options)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
-        answer = self._keeper.stdout.readline()
+        answer = keeper.stdout.readline() if keeper.stdout else ""
         if not answer:
             raise PairError("cannot make the EMs (their namespaces need root)")
         self.holders = dict(zip(EMS, json.loads(answer)))
@@ -176,7 +176,7 @@ class EmPair:
                 process.kill()
                 process.wait()
         self._processes.clear()
-        if self._keeper:
+        if self._keeper and self._keeper.stdin:
             self._keeper.stdin.close()
             self._keeper.wait(timeout=60)
             self._keeper = None

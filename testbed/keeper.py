@@ -40,7 +40,7 @@ def hold(number: int, enter: list[str], unshare: list[str], options: dict) -> su
 
 
 def wait_ready(holder: subprocess.Popen) -> None:
-    if holder.stdout.readline() != "ready\n":
+    if not holder.stdout or holder.stdout.readline() != "ready\n":
         raise RuntimeError(f"cannot make the namespaces of an EM (exit status {holder.wait()})")
 
 

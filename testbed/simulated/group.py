@@ -129,7 +129,8 @@ class Group:
 
     def take(self, n: int, count: int) -> list[bytes]:
         """The next `count` events for the process on node `n`; what is for no process goes."""
-        node, events = self.nodes[n], []
+        node = self.nodes[n]
+        events: list[bytes] = []
         while node.ordered:
             before = node.members
             members, joined, left = self._change(n, before, node.ordered[0])

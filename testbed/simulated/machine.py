@@ -91,7 +91,7 @@ class Machine:
 
     def read(self, root: str) -> dict[str, bytes]:
         """The replicated files of a tree."""
-        return {name: Path(file.path).read_bytes() for name, file in files(self.path(root)).items()}
+        return {name: Path(file.path).read_bytes() for name, file in files(Path(self.path(root))).items()}
 
     # The daemon.
 
@@ -128,6 +128,7 @@ class Machine:
             self._wait()
 
     def _wait(self) -> int:
+        assert self.process is not None
         status = self.process.wait()
         self.process = None
         self.link.close()

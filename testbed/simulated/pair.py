@@ -64,7 +64,8 @@ class SimulatedPair:
         self.answers: list[Answer] = []
         self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # that are idle
         self.callers: dict[int, dict[Request, socket.socket]] = {n: {} for n in EMS}
-        self.given = {n: deque() for n in EMS}  # events on their way into the callbacks
+        # Events on their way into the callbacks.
+        self.given: dict[int, deque] = {n: deque() for n in EMS}
         self.due_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it is to go on
         self.unordered_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it has sent
         self.stalled = dict.fromkeys(EMS, -MEMORY)  # when it was last held up for long
@@ -99,7 +100,9 @@ class SimulatedPair:
                 self.group.end(n, REASON_LEAVE)
         self._take_answers(n)
         if machine.report is None:
-            self._on_end(n, machine.process.wait() if status is None else status)
+            if status is None and machine.process:
+                status = machine.process.wait()
+            self._on_end(n, status or 0)
 
     def _on_end(self, n: int, status: int, lost: int = 0) -> None:
         self.trace(f"    EM {n}: its daemon has ended with {status}")
@@ -135,7 +138,7 @@ class SimulatedPair:
     def run_once(self, n: int, count: int, **order) -> None:
         """A pass of EM `n`'s replicating thread, in which it is given `count` events at most."""
         report = self.machines[n].report
-        events = self.group.take(n, count) if report.waits_in_poll else []
+        events = self.group.take(n, count) if report and report.waits_in_poll else []
         self.due_since[n] = None
         self.go_on(n, flags=PASS, events=events, **order)
 
@@ -143,7 +146,7 @@ class SimulatedPair:
 
     def is_due(self, n: int) -> bool:
         report = self.machines[n].report
-        return self.machines[n].alive and (
+        return self.machines[n].alive and report is not None and (
             report.interrupted or report.deadline <= self.now or report.waits_in_poll and
             (report.request_announced or self.group.waiting(n) > 0))
 
@@ -166,13 +169,14 @@ class SimulatedPair:
                 if not waits:
                     since[n] = None
                     continue
-                since[n] = before if since[n] is None else since[n]
-                if self.now - since[n] > FORGIVEN:
+                first = since[n]
+                since[n] = first = before if first is None else first
+                if self.now - first > FORGIVEN:
                     self.stalled[n] = self.now
 
     def next_deadline(self, daemons=EMS) -> int:
-        return min((self.machines[n].report.deadline for n in daemons if self.machines[n].alive),
-                   default=NEVER)
+        reports = (self.machines[n].report for n in daemons if self.machines[n].alive)
+        return min((report.deadline for report in reports if report), default=NEVER)
 
     def flow(self, steps: int, until: int = 0, daemons=EMS, ordering=True, portion=1 << 30) -> None:
         """Everything that can go on does so in turn, for a number of steps or until a time."""

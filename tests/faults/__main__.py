@@ -63,13 +63,14 @@ class Strace:
     """Attached to the replicating thread of a machine as long as the block lasts."""
 
     def __init__(self, machine: Machine, *options: str):
+        assert machine.report
         self.log = tempfile.NamedTemporaryFile("r", prefix="faults.")
         self.process = subprocess.Popen(
             ["strace", "-y", "-o", self.log.name, "-p", str(machine.report.thread), *options],
             stderr=subprocess.PIPE, text=True)
 
     def __enter__(self) -> "Strace":
-        line = self.process.stderr.readline()
+        line = self.process.stderr.readline() if self.process.stderr else ""
         if "attached" not in line:
             raise Hang(f"strace: {line}")
         return self
@@ -77,7 +78,8 @@ class Strace:
     def __exit__(self, *_) -> None:
         self.process.send_signal(signal.SIGINT)
         self.process.wait()
-        self.process.stderr.close()
+        if self.process.stderr:
+            self.process.stderr.close()
 
 
 class Round:
@@ -99,6 +101,7 @@ class Round:
         self.open_files = self._open_files()
 
     def _change_digests(self, file: Path) -> None:
+        assert self.scenario.digests
         text = self.scenario.digests(file.read_text())
         file.write_text(text) if text else file.unlink()
 
@@ -111,7 +114,7 @@ class Round:
     def _open_files(self) -> dict[int, int]:
         self.pair.hang_up()
         return {n: len(os.listdir(f"/proc/{machine.process.pid}/fd"))
-                for n, machine in self.pair.machines.items() if machine.alive}
+                for n, machine in self.pair.machines.items() if machine.process}
 
     def ask(self) -> None:
         """The request, until it is answered."""
@@ -153,7 +156,8 @@ TEXTS = known_texts()
 
 def points(machines: dict[int, Machine], scenario: Scenario, em: int) -> list[Point]:
     """All calls of EM `em` on the trees in a scenario, each with all its errors."""
-    found, numbers = [], Counter()
+    found: list[Point] = []
+    numbers: Counter = Counter()
     work = Round(machines, scenario)
     try:
         with Strace(machines[em], "-e", "trace=" + ",".join(f"?{call}" for call in ERRORS)) as strace:

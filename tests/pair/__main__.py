@@ -12,7 +12,9 @@ import time
 import unittest
 from collections import Counter
 from concurrent.futures import ProcessPoolExecutor, as_completed
+from io import TextIOWrapper
 from pathlib import Path
+from typing import cast
 
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parents[1] / "testbed"))
@@ -56,11 +58,11 @@ def give_up(*_) -> None:
 def main(wanted: list[str]) -> int:
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, give_up)
-    sys.stdout.reconfigure(errors="backslashreplace")  # names of files need not be text
+    cast(TextIOWrapper, sys.stdout).reconfigure(errors="backslashreplace")  # names of files need not be text
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
     tests = names(loader.discover(str(HERE)))
-    outcomes = Counter()
+    outcomes: Counter[str] = Counter()
     with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1, initializer=end_with_parent) as workers:
         for alone in (True, False):
             running = {workers.submit(run, name): name for name in tests

@@ -10,6 +10,7 @@ import os
 import random
 import shutil
 import stat
+from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -58,7 +59,8 @@ class Machine:
         self.nodes: dict[str, Node] = {}
         for top in (*ROOTS, *(f"{top}/{NEW}" for top in TOPS)):
             outside = str(pair.path(n, top))
-            for folder, subfolders, names in [("", [outside], []), *os.walk(outside)]:
+            walk: list[tuple[str, list[str], list[str]]] = [("", [outside], []), *os.walk(outside)]
+            for folder, subfolders, names in walk:
                 for path in (os.path.join(folder, name) for name in subfolders + names):
                     try:
                         status = os.lstat(path)
@@ -115,7 +117,7 @@ class Machine:
             lines = [f"{hashlib.sha1(chunk).hexdigest()} {i * CHUNK:08x} "
                      f"{i * CHUNK + len(chunk):08x}\n" for i, chunk in enumerate(chunks)]
             header = f"Digest-V1 {len(data.content)} {data.mtime}\n"
-            text = node.content.decode()
+            text = (node.content or b"").decode()
             if text.startswith(header) and text != header + "".join(lines):
                 wrong.append(path)
         return wrong
@@ -128,9 +130,10 @@ def is_shared(path: str) -> bool:
 def copied(source: Node, old: Node | None) -> Node:
     """The copy of a file after an exchange that found `old` at its place."""
     mode = stat.S_IFREG | (0o600 if source.restricted else 0o644)
+    content = source.content or b""
     # Only a chunk that is the whole file replaces the file, mode and all.
     if old is not None and old.restricted == source.restricted and (
-            len(source.content) > CHUNK or old.content[:CHUNK] == source.content[:CHUNK]):
+            len(content) > CHUNK or (old.content or b"")[:CHUNK] == content[:CHUNK]):
         mode = old.mode
     return Node(mode, 0, source.content)
 
@@ -211,8 +214,8 @@ class Driver:
             return not destination or machines[n].unlink(destination)
         if injected.startswith("Could not update") or not machines[n].rename(source, destination):
             return False
-        copies = [self._copy(n, path) for path in (source, destination)]
-        if f"/{TEMPORARY}" not in source and all(copies):
+        copies = [copy for path in (source, destination) if (copy := self._copy(n, path))]
+        if f"/{TEMPORARY}" not in source and len(copies) == 2:
             machines[3 - n].rename(*copies)
         return True
 
@@ -365,9 +368,10 @@ class Driver:
 
     def _add_what_is_not_replicated(self, n: int, path: str) -> None:
         target = self.random.choice((OWN, self.names[0], "/nowhere"))
-        kind, make = self.random.choice((
+        kinds: tuple[tuple[str, Callable[[Path], None]], ...] = (
             ("folder", os.mkdir), ("fifo", os.mkfifo), (NOISE, lambda place: place.touch()),
-            ("link", lambda place: place.symlink_to(target))))
+            ("link", lambda place: place.symlink_to(target)))
+        kind, make = self.random.choice(kinds)
         place = self._make_room(n, path).parent / kind
         self.history.append(f"EM {n}: {kind} beside {path}")
         if not os.path.lexists(place):

@@ -73,12 +73,13 @@ class PairTest(unittest.TestCase):
 
     # Files.
 
-    def write(self, n: int, path: str, content: bytes | str, mode: int = 0o644) -> None:
-        """Makes a file on EM `n` without its daemon."""
+    def write(self, n: int, path: str, content: bytes | str, mode: int = 0o644) -> Update:
+        """Makes a file on EM `n` without its daemon. Returns the request that takes it across."""
         target = self.pair.path(n, path)
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_bytes(content.encode() if isinstance(content, str) else content)
         target.chmod(mode)
+        return SYNC
 
     def prepared(self, n: int, path: str, content: bytes | str) -> Update:
         """Puts a finished file beside `path`; returns the request that moves it there."""
@@ -120,7 +121,7 @@ class PairTest(unittest.TestCase):
         self.addCleanup(caller.close)
         return caller
 
-    def ask(self, n: int, asked: Update = SYNC) -> Result | None:
+    def ask(self, n: int, asked: Update = SYNC) -> Result:
         """A request on a connection of its own, and its answer."""
         with Caller(self.pair, n, asked) as caller:
             return caller.result()

@@ -55,10 +55,10 @@ class EnduranceTest(PairTest):
             message = (
                 lambda: self.prepared(n, f"{OWN}/{name}", os.urandom(100 + turn % 11)),
                 lambda: self.write(n, f"{OWN}/large", os.urandom(70_000 + turn % 11)),
-                lambda: self.write(n, f"{OWN}/deleted", "") or ("", f"{OWN}/deleted"),
+                lambda: self.write(n, f"{OWN}/deleted", "") and ("", f"{OWN}/deleted"),
                 lambda: (f"{OWN}/missing", f"{OWN}/{name}"),  # is refused
                 lambda: self.write(1, f"{(ACTIVE, VOLATILE)[turn // 12 % 2]}/{name}", str(turn)),
-                lambda: None)[kind]() or SYNC
+                lambda: SYNC)[kind]()
             self.callers[n].send(message)
             result = self.callers[n].result()
             self.assertEqual(kind != 3, result.success, result)

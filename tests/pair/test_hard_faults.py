@@ -9,7 +9,7 @@ from collections import Counter
 
 from convergence import Machine
 from em_pair import ACTIVE, EMS, OWN, PEERS
-from support import FAILING, Caller, PairTest, Result
+from support import FAILING, Caller, PairTest, Result, Update
 
 LARGE = 32 << 20
 TIMED_OUT = "Operation timed out"
@@ -69,7 +69,7 @@ class HardFaultTest(PairTest):
             if victim == 2:
                 self.assert_done_alone(1, caller.result())
             else:
-                self.assertIsNone(caller.result())
+                self.assertIsNone(caller.outcome())
             self.wait_alone(3 - victim)
             restart(victim)
             self.wait_repaired()
@@ -93,7 +93,7 @@ class HardFaultTest(PairTest):
 
     def test_the_failures_after_a_healed_cut_come_to_an_end(self):
         """Each failed exchange sends a release, which must not fail the next one of the other EM."""
-        told = {n: [] for n in EMS}
+        told: dict[int, list[Result]] = {n: [] for n in EMS}
         over = threading.Event()
 
         def ask(n: int) -> None:
@@ -138,7 +138,7 @@ class HardFaultTest(PairTest):
         self.mount(2, ACTIVE, "remount,rw")
         self.settle()
 
-    def assert_not_at_peer(self, asked: bytes, error: str, what: str = "update") -> None:
+    def assert_not_at_peer(self, asked: Update, error: str, what: str = "update") -> None:
         result = self.ask(1, asked)
         self.assertEqual((False, True, False, True, f"Unable to {what} file ({error}): "
                           f"{ACTIVE}/file"), (*result[:3], *result[5:]))
@@ -148,7 +148,7 @@ class HardFaultTest(PairTest):
         callers = [self.call(1) for _ in range(10)] + [self.call(1, None)]
         self.wait_log(1, "RPC update <enter>", 10)
         self.stop(1)
-        self.assertEqual([None] * 11, [caller.result() for caller in callers])
+        self.assertEqual([None] * 11, [caller.outcome() for caller in callers])
         self.pair.signal(2, "daemon", signal.SIGCONT)
         self.wait_alone(2)
         self.stop(2)

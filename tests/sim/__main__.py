@@ -38,7 +38,7 @@ def show(machines: dict[int, Machine], events: list, what: str) -> str:
         for n, machine in machines.items():
             machine.log, machine.log_level = f"{folder}/em{n}", 7
         lines.append(run(machines, events, lines.append))
-        logs = [machine.log for machine in machines.values()]
+        logs = [str(machine.log) for machine in machines.values()]
         explain = [str(BUILD / "cluster_sync_ctl"), "explain", *logs]
         rows = subprocess.run(explain, capture_output=True, text=True).stdout.splitlines()
         if len(rows) > 1:
@@ -93,7 +93,7 @@ def simulate(options: argparse.Namespace) -> int:
     """Runs seeds on all workers until the time or the seeds are over."""
     end = time.monotonic() + (options.seconds or 1e9)
     last = options.seed + options.runs if options.runs else 1 << 31
-    reports = multiprocessing.Queue()
+    reports: multiprocessing.Queue = multiprocessing.Queue()
     workers = [multiprocessing.Process(
         target=work, args=(range(options.seed + i, last, WORKERS), end, options, reports))
         for i in range(WORKERS)]

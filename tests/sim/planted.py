@@ -77,7 +77,10 @@ def main(words: list[str]) -> int:
         copy = Path(folder)
         for name in SOURCES:
             source = REPO / name
-            (shutil.copytree if source.is_dir() else shutil.copy)(source, copy / name)
+            if source.is_dir():
+                shutil.copytree(source, copy / name)
+            else:
+                shutil.copy(source, copy / name)
         subprocess.run(["cmake", "--preset", "default"], cwd=copy, check=True, capture_output=True)
         build(copy, "cluster_sync_daemon", "cluster_sync_ctl", "sim_group")
         passed = sum(examine(copy, fault) for fault in chosen)

@@ -18,7 +18,7 @@ import os
 import select
 import time
 from collections.abc import Iterator
-from typing import Any, NamedTuple, Protocol
+from typing import Any, NamedTuple, Protocol, Self
 
 __all__ = ["Comparison", "Connection", "Difference", "InProgress", "Readable", "Reason", "Refused",
            "Result", "TIMEOUT", "Tree", "compare", "delete", "diag", "put", "reason", "sync", "update"]
@@ -212,7 +212,7 @@ class Connection:
                 break
         _check(error, socket)
 
-    def __enter__(self) -> "Connection":
+    def __enter__(self) -> Self:
         return self
 
     def __exit__(self, *_: object) -> None:
