@@ -114,7 +114,7 @@ emulate_arm() {
 }
 
 make_arm_root() {
-  local content=corosync,gcc,inotify-tools,libc6-dev,pkgconf,python3,systemd
+  local content=corosync,g++,inotify-tools,libc6-dev,pkgconf,python3,systemd
   [ ! -d "$root" ] || return 0
   rm -rf "$root.new"
   debootstrap --foreign --arch armhf --variant minbase --include $content \
@@ -144,6 +144,7 @@ boot() {
   chmod 1777 tmp
   mkdir root/packages
   cp "$work"/*.deb root/packages
+  cp -r "$work/programs" root/
   cp "$work"/{corosync.conf,authkey} etc/corosync/
   printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' > etc/systemd/system/package-test.target
   rm -f usr/sbin/policy-rc.d  # which may forbid services on this machine
@@ -164,6 +165,7 @@ boot_machine() {
   { sed 's/169.254.77.1/127.0.0.1/; s/169.254.77.2/127.0.0.2/' "$repo/packaging/corosync.conf"
     printf 'system {\n  sched_rr: no\n  move_to_root_cgroup: no\n}\n'; } > "$work/corosync.conf"
   cp "${debs[@]}" "$work"
+  cp -r "$repo/packaging/programs" "$work"
   export -f boot emulate_arm
   export root work
   (
@@ -259,14 +261,36 @@ test_machine() {
     echo own > TempUpdate_own
     cluster_sync_ctl update $PWD/TempUpdate_own $PWD/replicated_by_active_em/own
     test -s replicated_by_active_em/own -a ! -e TempUpdate_own'
-  check_inside "programs in C and Python publish through the library" 'cd /mnt/part.persistent
+  check_inside "the example publishes" 'cd /mnt/part.persistent
     cc -std=c99 -Wall -Wextra -Wpedantic -Werror -o /root/example \
       /usr/share/doc/libcluster-sync-dev/examples/example.c $(pkg-config --cflags --libs cluster-sync)
     echo data | /root/example replicated_by_active_em/new | grep "published here"
-    rm /root/example replicated_by_active_em/new
-    /usr/bin/python3 -c "import cluster_sync as c; print(c.put(b\"text\", \"replicated_by_active_em/own\"))" |
-      grep "success=True, local_ok=True"
-    grep -qx text replicated_by_active_em/own'
+    rm /root/example replicated_by_active_em/new'
+  check_inside "a C program publishes from a loop around poll(2)" 'cd /mnt/part.persistent/replicated_by_active_em
+    cc -std=c99 -Wall -Wextra -Wpedantic -Werror -o /root/program /root/programs/event_loop.c \
+      $(pkg-config --cflags --libs cluster-sync)
+    /root/program loop | grep "library $(pkg-config --modversion cluster-sync)"
+    grep -qx loop loop
+    rm /root/program'
+  check_inside "a C++ program tells reasons apart" 'cd /mnt/part.persistent/replicated_by_active_em
+    c++ -Wall -Wextra -Werror -o /root/program /root/programs/cautious.cc $(pkg-config --cflags --libs cluster-sync)
+    test "$(/root/program loop) $(/root/program loop)" = "deleted was not there"
+    rm /root/program'
+  check_inside "a Python program gives up in time, and nothing is published later" '
+    cd /mnt/part.persistent/replicated_by_active_em
+    /usr/bin/python3 -B /root/programs/time_limit.py $PWD/limited $(cat /run/CLUS_SYNC.pid)
+    rm limited'
+  check_inside "a shell script acts on JSON" 'cd /mnt/part.persistent
+    echo data | sh /root/programs/monitor.sh replicated_by_active_em/own | grep "other EM is away"
+    sh /root/programs/monitor.sh replicated_by_active_em/TempUpdate_x < /dev/null | grep -x "wrong name"
+    cluster_sync_ctl role standby
+    sh /root/programs/monitor.sh replicated_by_active_em/own < /dev/null | grep -x "ask the other EM"
+    cluster_sync_ctl role active
+    grep -qx data replicated_by_active_em/own'
+  check_inside "a program for the library before 1.1 does not compile" \
+    '! cc -o /root/program /root/programs/old_face.c $(pkg-config --cflags --libs cluster-sync) 2> /root/errors
+    grep "poisoned .*cluster_sync_connect" /root/errors
+    rm /root/errors'
   check "a reload follows every change of a replicated file" watch_for_changes
   # With the file system as the running service sees it.
   check "nothing but trees, /run and /tmp can be written" \
