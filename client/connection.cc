@@ -49,6 +49,11 @@ int wait_ready(int fd, short events, const Deadline& deadline) {
   }
 }
 
+bool has_hung_up(int fd) {
+  pollfd state = {fd, 0, 0};
+  return poll(&state, 1, 0) > 0 && (state.revents & POLLHUP) != 0;
+}
+
 int send_packet(int fd, const msghdr& packet, const Deadline& deadline) {
   while (sendmsg(fd, &packet, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
     if (errno == EPIPE) return ECONNRESET;
@@ -144,7 +149,8 @@ int send_request(cluster_sync_connection* connection, RequestType type, const io
 int receive_answer(cluster_sync_connection* connection, RequestType type, const Deadline& deadline,
                    Answer* answer) {
   if (connection->is_lost) return ECONNRESET;
-  if (!connection->is_asked || connection->request != type) return ENOMSG;
+  if (!connection->is_asked || connection->request != type)
+    return has_hung_up(connection->fd) ? ECONNRESET : ENOMSG;
   uint32_t status = 0;
   iovec parts[] = {{&status, sizeof status}, {answer->payload, answer->room}};
   msghdr packet = {};
