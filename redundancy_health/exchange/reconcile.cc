@@ -14,6 +14,7 @@
 #include "redundancy_health/exchange/comparison.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/transfer/exchange_notes.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* 
   if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
   // Every chunk of the file names the same path: all but the first find it gone.
   if (error == 0) {
+    note_deletion(ctx, entry->path);
     const size_t slash = static_cast<size_t>(strrchr(entry->path, '/') - entry->path);
     (*deletions)[std::string(entry->path, slash)] = entry->path;
   } else if (!file_is_gone(error)) {

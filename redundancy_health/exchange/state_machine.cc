@@ -14,6 +14,7 @@
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transfer/incoming.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -282,9 +283,15 @@ void on_cpg_joined(SyncContext* ctx) {
   }
 }
 
-// Whatever ran is abandoned; what was recorded so far stands.
+// Whatever ran is abandoned; what was recorded so far stands. A change that waited for the peer's
+// exchange to end is done alone, with the rights of this moment.
 void on_cpg_left(SyncContext* ctx) {
   ctx->state_time = get_uptime();
+  if (!ctx->cpg_result.canceled && read_rpc_stage(ctx) == RPC_PENDING) {
+    if (ctx->cur_state == ST_PEERLOCK) ctx->cur_exchange_em_is_active = this_em_is_active();
+    fail_change_without_rights(ctx);
+    CHECKPOINT(ctx);
+  }
   end_exchange(ctx);
 }
 
@@ -321,6 +328,7 @@ void handle_command(SyncContext* ctx, const Event& event) {
 
 // After an exchange, this daemon's or the peer's: takes up what waited for its end.
 void serve_what_waited(SyncContext* ctx) {
+  close_notes(ctx);
   reset_cpg_result(ctx);
   ctx->cur_exchange_compares = 0;
   release_kept_directory();

@@ -31,6 +31,8 @@ void init_context(SyncContext* ctx) {
   ctx->exchange_pause = 0;
   ctx->no_exchange_before = 0;
   ctx->update_queue = nullptr;
+  ctx->notes = {};
+  ctx->both_active = 0;
   ctx->rpc_stage = RPC_IDLE;
   ctx->rpc_msg = nullptr;
   ctx->current_rpc_size = 0;

@@ -41,6 +41,13 @@ constexpr uint32_t kPeerJoined = 0x08;
 constexpr uint32_t kSelfLeft = 0x10;
 constexpr uint32_t kPeerLeft = 0x20;
 
+// What was noted for the end of the exchange (transfer/exchange_notes.h).
+struct ExchangeNotes {
+  uint32_t n_deleted;     // files deleted here because their owner no longer has them
+  char* first_deleted;    // path of the first; owned, null for none
+  uint8_t shared_change;  // the peer has changed a shared tree
+};
+
 // All state of the daemon. Once sync_thread runs, every field is its own, but for rpc_fd (written
 // before the threads start) and what rpc_mutex guards.
 struct SyncContext {
@@ -64,6 +71,8 @@ struct SyncContext {
   int32_t exchange_pause;             // ms, after the last failed exchange; 0 after a success
   int64_t no_exchange_before;         // uptime in ms when that pause is over
   FileEntry* update_queue;            // entries still to send; owned
+  ExchangeNotes notes;
+  Relaxed<uint8_t> both_active;  // the peer acts as the active EM while this one is active
   alignas(4096) uint8_t data_chunk_buf[kChunkSize];
 
   Mutex rpc_mutex;

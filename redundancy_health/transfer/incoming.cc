@@ -19,6 +19,7 @@
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transfer/clear_way.h"
+#include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -194,17 +195,29 @@ void update_file(const FileEntry* local, const Update& update, RpcResult* result
   }
 }
 
-void delete_file(const FileEntry* local, RpcResult* result) {
+void delete_file(SyncContext* ctx, const FileEntry* local, RpcResult* result) {
   // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC Deleting file %s", local->path);
   PinnedPath file;
   int error = pin_path(local->root_index, local->path, &file);
-  if (error == 0 && (unlinkat(file.dir_fd(), file.name, 0) != 0 || fsync(file.dir_fd()) != 0))
-    error = errno;
+  if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
+  if (error == 0) {
+    note_deletion(ctx, local->path);
+    if (fsync(file.dir_fd()) != 0) error = errno;
+  }
   if (error != 0 && !file_is_gone(error)) {
     storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to delete file (%s): %s",
                            strerror(error), local->path);
   }
+}
+
+// Tells the peer what came of its change. A standby does not repeat one that failed here; the
+// active EM comes back to it by itself.
+void answer_change(SyncContext* ctx, FileEntry* remote, uint32_t update_type,
+                   const char* local_path, const RpcResult& result) {
+  remote->update_type = update_type;
+  send_update_message(ctx, remote, local_path, &result);
+  if (!result.success && this_em_is_active()) arm_resync(ctx);
 }
 
 // Carries an update out and answers a request. `local` names the file in this EM's numbering,
@@ -214,9 +227,9 @@ void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, File
   storage_cfg_set_result(&result, RESULT_OK, nullptr);
   switch (update.header.update_type) {
     case PUSH_DEL_REQ:
-      delete_file(local, &result);
-      remote->update_type = PUSH_DEL_ACK;
-      send_update_message(ctx, remote, local->path, &result);
+      if (is_shared_root(local->root_index)) note_shared_change(ctx, local->path);
+      delete_file(ctx, local, &result);
+      answer_change(ctx, remote, PUSH_DEL_ACK, local->path, result);
       break;
     case PULL_REQ:
       LOG(7, "SYNC pulling file '%s' -> '%s'", local->path, remote->path);
@@ -226,9 +239,9 @@ void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, File
       send_update_message(ctx, local, local->path, nullptr);
       break;
     case PUSH_REQ:
+      if (is_shared_root(local->root_index)) note_shared_change(ctx, local->path);
       update_file(local, update, &result);
-      remote->update_type = PUSH_ACK;
-      send_update_message(ctx, remote, local->path, &result);
+      answer_change(ctx, remote, PUSH_ACK, local->path, result);
       break;
     case PULL_ACK:
       update_file(local, update, &result);

@@ -138,6 +138,13 @@ class HardFaultTest(PairTest):
         self.mount(2, ACTIVE, "remount,rw")
         self.settle()
 
+    def test_the_active_em_comes_back_to_what_it_could_not_write(self):
+        self.diag(1, f"fail-write={PEERS}/file")
+        result = self.ask(2, self.prepared(2, f"{OWN}/file", b"new"))
+        self.diag(1, "fail-none")
+        self.assertEqual((False, True), (result.success, result.local_ok), result)
+        self.wait_identical()
+
     def assert_not_at_peer(self, asked: Update, error: str, what: str = "update") -> None:
         result = self.ask(1, asked)
         self.assertEqual((False, True, False, True, f"Unable to {what} file ({error}): "

@@ -205,6 +205,35 @@ TEST_F(ExchangeTest, IsExplainedFromItsTrace) {
   }
 }
 
+TEST_F(ExchangeTest, WhatItHasChangedHereIsTold) {
+  const std::string shared = tree_path(0, "d/f"), copy = tree_path(2, "large");
+  const std::string deleted = "Deleted 2 files which the other EM no longer has, first '";
+  for (const bool active : {true, false}) {
+    set_active(active);
+    make_file(0, "d/f", "content");
+    make_file(2, "large", pattern(70000));
+    deliver_from_peer(message_bytes(MSG_LOCK_REQ, 9, 0));
+    for (const std::string& change :
+         {update(PUSH_DEL_REQ, 0, "d/f", 0, 7, 0), update(PUSH_DEL_REQ, 1, "large", 0, 1, 0),
+          update(PUSH_DEL_REQ, 1, "large", 1, 2, 0), update(PUSH_REQ, 0, "n", 0, 1, 1, "x")})
+      deliver_from_peer(message_bytes(MSG_UPDATE_REQ, 9, 0, change));
+    EXPECT_EQ(+ctx->both_active, active);
+    deliver_from_peer(message_bytes(MSG_LOCK_REL, 9, 0));
+    EXPECT_EQ(+ctx->both_active, active);
+    EXPECT_EQ(logged(3), Lines{"The other EM is active, too: it has changed '" + shared + "'"});
+  }
+  EXPECT_EQ(logged(4), Lines(2, deleted + shared + "'"));
+  set_active(true);
+  ctx->both_active = 1;
+  make_file(2, "large", pattern(70000));
+  make_file(2, "small", "content");
+  make_file(1, "pushed too", "content");
+  request_sync(kNone, 0);
+  EXPECT_EQ(+ctx->both_active, 0) << "an exchange without a change";
+  ASSERT_EQ(logged(4).size(), 3u) << "one line an exchange";
+  EXPECT_TRUE(logged(4)[2].starts_with(deleted));
+}
+
 TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
   const struct {
     bool active, peer;

@@ -124,6 +124,19 @@ TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
   EXPECT_EQ(ctx->rpc_result.local_ok, 1);
   EXPECT_EQ(sent_messages(), (Lines{"MSG_LOCK_REQ 1.0", "MSG_LOCK_REQ 2.0", "MSG_LOCK_REL 2.0"}));
 
+  // The same when it waits for the peer's exchange to end, and the peer leaves.
+  for (const bool still_active : {true, false}) {
+    set_active(true);
+    serve("", make_file(0, "f", "f"));
+    deliver_from_peer(message_bytes(MSG_LOCK_REQ, 9, 0));
+    set_active(still_active);
+    change_membership(false);
+    EXPECT_EQ(ctx->rpc_result.success, still_active) << ctx->rpc_result.reason;
+    EXPECT_EQ(ctx->rpc_result.local_ok, 1);
+    EXPECT_EQ(strncmp(ctx->rpc_result.reason, "Attempt to update shared", 24) == 0, !still_active);
+    change_membership(true);
+  }
+
   g_diag_params.statemachine_stuck = 1;
   serve(make_file(1, "TempUpdate_1", "f"), tree_path(1, "f"));
   end_exchange_error(ctx, "Operation timed out");

@@ -118,8 +118,12 @@ TEST_F(StateMachineTest, ThePeersFailureBecomesTheOutcomeAndOnesOwnWaitsForTheTi
 
   // A mount point cannot be unlinked.
   const Mount busy(make_file(0, "gone", "x"), nullptr, tree_path(0, "gone").c_str());
-  enter(ST_PEERLOCK);
-  message(MSG_UPDATE_REQ, false, 9, 3, PUSH_DEL_REQ);
-  EXPECT_EQ(outcome(), "ST_PEERLOCK, MSG_UPDATE_ACK 9.3");
-  EXPECT_EQ(ctx->cpg_result.canceled, 1);
+  for (const bool active : {false, true}) {
+    set_active(active);
+    enter(ST_PEERLOCK);
+    message(MSG_UPDATE_REQ, false, 9, 3, PUSH_DEL_REQ);
+    EXPECT_EQ(outcome(), "ST_PEERLOCK, MSG_UPDATE_ACK 9.3");
+    EXPECT_EQ(ctx->cpg_result.canceled, 1);
+    EXPECT_EQ(ctx->resync_countdown, active ? 5 : -1) << "a standby does not try again";
+  }
 }
