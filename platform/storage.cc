@@ -55,8 +55,13 @@ int create_temporary(int dir_fd, mode_t mode, std::string* name) {
     char text[40];
     snprintf(text, sizeof text, "TempUpdate_%016" PRIx64, number);
     *name = text;
-    const int fd = openat(dir_fd, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (fd >= 0 || errno != EEXIST) return fd;
+    Descriptor fd(openat(dir_fd, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (fd.is_open()) {
+      if (fchmod(fd.get(), mode) == 0) return fd.release();
+      unlinkat(dir_fd, text, 0);
+      return -1;
+    }
+    if (errno != EEXIST) return -1;
   }
   return fail(EEXIST);
 }
@@ -139,10 +144,18 @@ int storage_close(StorageHandle* handle) {
       renameat(dir_fd, handle->temporary.c_str(), dir_fd, handle->name.c_str()) != 0) {
     give_up(handle, errno);
   }
-  if (handle->error == 0 && fsync(dir_fd) != 0) handle->error = errno;
+  const bool replaced = handle->error == 0;
+  if (replaced && fsync(dir_fd) != 0) handle->error = errno;
   const int error = handle->error;
   delete handle;
-  return error == 0 ? 0 : fail(error);
+  if (error == 0) return 0;
+  fail(error);
+  return replaced ? kStorageReplaced : -1;
+}
+
+void storage_discard(StorageHandle* handle) {
+  give_up(handle, ECANCELED);
+  storage_close(handle);
 }
 
 int storage_sync_content(int dir_fd, const char* name) {

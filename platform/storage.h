@@ -40,7 +40,9 @@ void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* form
 struct StorageHandle;
 
 constexpr int kStorageOpenWrite = 0x02;
-// Mode 0600 instead of 0644; the umask of the process must leave both alone.
+// What storage_close returns when the file was replaced and only its name may not be on the disk.
+constexpr int kStorageReplaced = 1;
+// Mode 0600 instead of 0644, whatever umask and default ACL say.
 constexpr int kStorageOpenRestricted = 0x40;
 
 // Replaces the file `name` in an open directory as a whole: storage_open_at makes a temporary file
@@ -55,6 +57,8 @@ int storage_open_at(int kind, int dir_fd, const char* name, int flags, StorageHa
 int storage_open(int kind, const char* path, int flags, StorageHandle** handle);
 int storage_write_all(StorageHandle* handle, const void* data, size_t size);
 int storage_close(StorageHandle* handle);
+// Instead of storage_close: gives the replacement up.
+void storage_discard(StorageHandle* handle);
 
 // False when a rename from one open directory to another must fail with EXDEV: another file system,
 // or another mount of the same one. True when that cannot be told.

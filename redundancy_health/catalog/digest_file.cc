@@ -12,6 +12,7 @@
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/scan_failure.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -247,6 +248,8 @@ DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const Scanned
 DigestWriter start_digest_file(const ScannedFile& data, int data_fd) {
   DigestWriter writer = {nullptr, nullptr, 0};
   if (data.status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
+  // Digests would vouch, after a loss of power, for bytes that never reached the disk.
+  if (file_is_unsynced(data.entry->path)) return writer;
   writer.path = compute_digest_path(data.entry->path);
   writer.file = create_digest_file(data, data_fd);
   if (writer.file == nullptr) {

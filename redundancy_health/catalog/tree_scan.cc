@@ -14,6 +14,7 @@
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/scan_failure.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/statistics.h"
@@ -240,6 +241,7 @@ void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth) {
 }  // namespace
 
 void scan_replicated_roots(SyncContext* ctx, FileEntry** list, bool requester) {
+  sync_directories_again(ctx);
   EVP_MD_CTX* digest_context = EVP_MD_CTX_new();
   CHECK_NOT_NULL(digest_context);
   for (const ScannedRoot& root : kScannedRoots) {
@@ -249,4 +251,5 @@ void scan_replicated_roots(SyncContext* ctx, FileEntry** list, bool requester) {
     scan_dir(scan, opendir(path), path, 0);
   }
   EVP_MD_CTX_free(digest_context);
+  mark_unsynced_chunks(*list);
 }

@@ -1,8 +1,10 @@
 #include "redundancy_health/exchange/listing.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -14,6 +16,7 @@
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/tree_scan.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -50,12 +53,19 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
       !pin_copy(request.destination, &destination_path, &destination)) {
     return;
   }
+  // Without a source nothing is replaced, and the digests stay. What could not be synced is to come
+  // again, under its own name.
+  struct stat status;
+  if (any_file_is_unsynced() ||
+      fstatat(source.dir_fd(), source.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return;
+  }
   // The digests of what is replaced would fit a file of the same size and second.
   remove_digest_file(destination, destination_path.c_str());
   if (renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name) != 0) return;
   // What is found to be the same is never sent again, so it has to stay.
-  if (fsync(destination.dir_fd()) != 0 ||
-      (source.directory != destination.directory && fsync(source.dir_fd()) != 0)) {
+  if (sync_received_name(destination.dir_fd()) != 0 ||
+      (source.directory != destination.directory && sync_received_name(source.dir_fd()) != 0)) {
     storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",
                            strerror(errno), destination_path.c_str());
     LOG(3, "%s", ctx->cpg_result.reason);

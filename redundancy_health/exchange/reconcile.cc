@@ -11,6 +11,7 @@
 #include "redundancy_health/catalog/confined_path.h"
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/exchange/comparison.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -37,6 +38,7 @@ void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* 
   // Every chunk of the file names the same path: all but the first find it gone.
   if (error == 0) {
     note_deletion(ctx, entry->path);
+    forget_unsynced_file(entry->path);
     const size_t slash = static_cast<size_t>(strrchr(entry->path, '/') - entry->path);
     (*deletions)[std::string(entry->path, slash)] = entry->path;
   } else if (!file_is_gone(error)) {
@@ -49,7 +51,7 @@ void sync_deletions(SyncContext* ctx, const Deletions& deletions) {
   for (const auto& [directory, path] : deletions) {
     PinnedPath file;
     int error = pin_path(kOtherEmRoot, path.c_str(), &file);
-    if (error == 0 && fsync(file.dir_fd()) != 0) error = errno;
+    if (error == 0 && sync_received_name(file.dir_fd()) != 0) error = errno;
     if (error != 0) record_failed_deletion(ctx, path.c_str(), error);
   }
 }

@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "redundancy_health/catalog/roots.h"
+#include "redundancy_health/catalog/unsynced.h"
 
 namespace {
 
@@ -27,7 +28,8 @@ int enter_directory(int dir_fd, const char* name) {
     if (type_of(dir_fd, name) != S_IFREG) return errno = ENOTDIR, -1;
     if (unlinkat(dir_fd, name, 0) != 0) return -1;
   }
-  if (mkdirat(dir_fd, name, 0755) == 0 ? fsync(dir_fd) != 0 : errno != EEXIST) return -1;
+  if (mkdirat(dir_fd, name, 0755) == 0 ? sync_received_name(dir_fd) != 0 : errno != EEXIST)
+    return -1;
   return open_directory(dir_fd, name);
 }
 

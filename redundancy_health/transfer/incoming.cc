@@ -14,6 +14,7 @@
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
@@ -88,69 +89,129 @@ void process_updated_file(const FileEntry* local) {
   }
 }
 
+int open_replacement(const PinnedPath& file, bool restricted, StorageHandle** handle) {
+  const int flags = restricted ? kStorageOpenWrite | kStorageOpenRestricted : kStorageOpenWrite;
+  return storage_open_at(kStorageKind, file.dir_fd(), file.name, flags, handle);
+}
+
+// Puts the replacement into place; `*replaced` even if its name may not outlive a loss of power.
+// Returns 0 or an error number.
+int close_replacement(const PinnedPath& file, StorageHandle* handle, bool* replaced) {
+  const int rc = storage_close(handle);
+  *replaced = rc == 0 || rc == kStorageReplaced;
+  if (rc == kStorageReplaced) note_unsynced_directory(file.dir_fd());
+  return rc == 0 ? 0 : errno;
+}
+
 // Replaces the whole file. Returns 0 or an error number.
 int replace_file(const FileEntry* local, const Update& update, const PinnedPath& file) {
   if (have_error_injection(g_diag_params.fail_write_path, local->path)) return EDOM;
-  const int flags = update.header.restricted == 1 ? kStorageOpenWrite | kStorageOpenRestricted
-                                                  : kStorageOpenWrite;
   StorageHandle* handle = nullptr;
-  if (storage_open_at(kStorageKind, file.dir_fd(), file.name, flags, &handle) != 0) return errno;
+  if (open_replacement(file, update.header.restricted == 1, &handle) != 0) return errno;
   errno = 0;
   if (storage_write_all(handle, update.data, update.data_size) != 0) {
     const int error = errno;
     storage_close(handle);
     return error != 0 ? error : errno;
   }
-  if (storage_close(handle) != 0) return errno;
-  process_updated_file(local);
-  return 0;
+  bool replaced;
+  const int error = close_replacement(file, handle, &replaced);
+  if (replaced) {
+    forget_unsynced_file(local->path);
+    process_updated_file(local);
+  }
+  return error;
 }
 
-// A file that keeps its content gets the class of mode that a new copy would have: the listings of
-// both EMs agree then, and nothing that is secret there can be read here.
-int set_mode_class(int fd, bool restricted) {
-  struct stat status;
-  if (fstat(fd, &status) != 0) return errno;
-  if (mode_is_restricted(status.st_mode) == restricted) return 0;
-  return fchmod(fd, restricted ? 0600 : 0644) == 0 ? 0 : errno;
+// Whether the received bytes belong into a file of its own: whoever holds the old one open, or has
+// another name for it, is to read and change nothing of what follows. Nor may a byte of a secret be
+// in a file that is made public.
+bool needs_new_inode(const struct stat& status, bool restricted) {
+  return status.st_uid != geteuid() || status.st_nlink > 1 ||
+         mode_is_restricted(status.st_mode) != restricted;
+}
+
+// Copies what is left of an open file. Returns 0 or an error number.
+int copy_bytes(int fd, StorageHandle* handle) {
+  char bytes[kChunkSize];
+  for (;;) {
+    const ssize_t n = read(fd, bytes, sizeof(bytes));
+    if (n <= 0) return n == 0 ? 0 : errno;
+    if (storage_write_all(handle, bytes, static_cast<size_t>(n)) != 0) return errno;
+  }
+}
+
+// Puts a new file into the place of the open one. With another class of mode every chunk is on its
+// way; else only what differs is, and the rest is copied. Returns 0 or an error number.
+int renew_inode(const PinnedPath& file, int old_fd, bool restricted, bool copied) {
+  StorageHandle* handle = nullptr;
+  if (open_replacement(file, restricted, &handle) != 0) return errno;
+  const int error = copied ? copy_bytes(old_fd, handle) : 0;
+  if (error != 0) {
+    storage_discard(handle);
+    return error;
+  }
+  bool replaced;
+  return close_replacement(file, handle, &replaced);
+}
+
+// Opens the file that a chunk goes to, a new one where there is none or its own cannot stay;
+// `*created` says whether its name is new. Returns 0 or an error number.
+int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool* created) {
+  constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  *created = false;
+  fd->reset(openat(file.dir_fd(), file.name, flags));
+  if (fd->is_open()) {
+    struct stat status;
+    if (fstat(fd->get(), &status) != 0) return errno;
+    if (!needs_new_inode(status, restricted)) return 0;
+    const bool copied = mode_is_restricted(status.st_mode) == restricted;
+    const int error = renew_inode(file, fd->get(), restricted, copied);
+    if (error != 0) return error;
+    fd->reset(openat(file.dir_fd(), file.name, flags));
+    return fd->is_open() ? 0 : errno;
+  }
+  if (errno != ENOENT) return errno;
+  const mode_t mode = restricted ? 0600 : 0644;
+  fd->reset(openat(file.dir_fd(), file.name, flags | O_CREAT, mode));
+  *created = fd->is_open();
+  // A default ACL of the directory has its say in the mode of a new file.
+  return *created && fchmod(fd->get(), mode) == 0 ? 0 : errno;
 }
 
 // Gives an open file its length and the received bytes, on the disk. Returns 0 or an error number.
-int fill_file(int fd, const Update& update, bool restricted) {
-  int error = set_mode_class(fd, restricted);
-  if (error != 0) return error;
+int fill_file(int fd, const FileEntry* local, const Update& update) {
   if (ftruncate(fd, update.header.file_size) != 0 ||
       lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
     return errno;
   }
-  error = write_fully(fd, update.data, update.data_size);
+  const int error = write_fully(fd, update.data, update.data_size);
+  if (error != 0) return error;
   // Not fdatasync: with an old modification time, old digests would pass for those of the new
   // bytes.
-  return error == 0 && fsync(fd) != 0 ? errno : error;
-}
-
-// Opens the file that a chunk goes to; `*created` says whether it was made for it.
-int open_for_chunk(const PinnedPath& file, bool restricted, bool* created) {
-  constexpr int flags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  const int fd = openat(file.dir_fd(), file.name, flags);
-  *created = false;
-  if (fd >= 0 || errno != ENOENT) return fd;
-  *created = true;
-  return openat(file.dir_fd(), file.name, flags | O_CREAT, restricted ? 0600 : 0644);
+  if (fsync(fd) != 0) {
+    const int sync_error = errno;
+    note_unsynced_file(local->path);
+    return sync_error;
+  }
+  note_synced_chunk(local->path, update.header.begin_offs, update.header.file_size);
+  return 0;
 }
 
 // Writes one chunk in place. Returns 0 or an error number.
-int write_chunk(const Update& update, const PinnedPath& file) {
+int write_chunk(const FileEntry* local, const Update& update, const PinnedPath& file) {
   if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
-  const bool restricted = update.header.restricted == 1;
   bool created = false;
-  const int fd = open_for_chunk(file, restricted, &created);
-  if (fd < 0) return errno;
-  int error = fill_file(fd, update, restricted);
-  const int r = close(fd);  // the name is log text
-  CHECK_CLOSE(r);
-  if (r < 0 && error == 0) error = errno;
-  if (error == 0 && created && fsync(file.dir_fd()) != 0) error = errno;
+  Descriptor fd;
+  int error = open_for_chunk(file, update.header.restricted == 1, &fd, &created);
+  if (error == 0) error = fill_file(fd.get(), local, update);
+  if (fd.is_open()) {
+    const int r = close(fd.release());  // the name is log text
+    CHECK_CLOSE(r);
+    if (r < 0 && error == 0) error = errno;
+  }
+  // Also after a failure: the next chunk does not find its name new.
+  if (created && sync_received_name(file.dir_fd()) != 0 && error == 0) error = errno;
   return error;
 }
 
@@ -172,8 +233,8 @@ int write_update(const FileEntry* local, const Update& update, bool atomic) {
   error = clear_target(file);
   if (error != 0) return error;
   // After a loss of power the old digests must not vouch for a file that is half new.
-  if (remove_digest_file(file, local->path) && fsync(file.dir_fd()) != 0) return errno;
-  return write_chunk(update, file);
+  if (remove_digest_file(file, local->path) && sync_received_name(file.dir_fd()) != 0) return errno;
+  return write_chunk(local, update, file);
 }
 
 void update_file(const FileEntry* local, const Update& update, RpcResult* result) {
@@ -203,7 +264,8 @@ void delete_file(SyncContext* ctx, const FileEntry* local, RpcResult* result) {
   if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
   if (error == 0) {
     note_deletion(ctx, local->path);
-    if (fsync(file.dir_fd()) != 0) error = errno;
+    forget_unsynced_file(local->path);
+    if (sync_received_name(file.dir_fd()) != 0) error = errno;
   }
   if (error != 0 && !file_is_gone(error)) {
     storage_cfg_set_result(result, RESULT_APPLY_FAILED, "Unable to delete file (%s): %s",

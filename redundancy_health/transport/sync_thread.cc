@@ -9,6 +9,7 @@
 
 #include "platform/em.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/exit_flag.h"
@@ -185,6 +186,7 @@ void* sync_thread_fn(void* context) {
     ctx->cpg_initialized = 0;
   }
   free_file_list(&ctx->update_queue);
+  forget_unsynced();
   return nullptr;
 }
 

@@ -1,5 +1,7 @@
 #include "redundancy_health/catalog/digest_file.h"
 
+#include <dirent.h>
+
 #include "redundancy_health/catalog/tree_scan.h"
 #include "tests/unit/call_hook.h"
 #include "tests/unit/daemon_support.h"
@@ -134,6 +136,10 @@ TEST_F(DigestFileTest, AFailedWriteRemovesItOrEndsTheExchange) {
   EXPECT_EQ(ctx->cpg_result.local_ok, 1) << "code 18";
   EXPECT_EQ(sent_messages(), Lines({"MSG_LOCK_REL 0.0"}));
 }
+
+// In place of the C library's: a failing disk, of which nobody hears. A scan that went back to the
+// first name of a directory would take the names that it misses for deleted files.
+extern "C" void rewinddir(DIR*) noexcept {}
 
 class TreeScanTest : public DaemonTest {
  protected:

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "redundancy_health/catalog/tree_scan.h"
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/transport/sync_thread.h"
 
 namespace {
@@ -44,6 +45,7 @@ DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
   g_flight_recorder.paused = 1;
   g_exit_daemon = 0;
   init_context(ctx);
+  forget_unsynced();
   ctx->cpg_local_nodeid = 1;
   ctx->cpg_membership_flags = kSelfMember | kPeerMember;
   std::error_code busy;  // of a mount

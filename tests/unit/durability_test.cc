@@ -1,5 +1,6 @@
 // What is brought to the disk, when, and what is told when that fails.
 
+#include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/exchange/reconcile.h"
 #include "redundancy_health/exchange/state_machine.h"
 #include "tests/unit/daemon_support.h"
@@ -101,6 +102,7 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
       ctx->rpc_result = ctx->cpg_result;
       g_watched = row.watched;
       g_synced.clear();
+      forget_unsynced();
       row.change();
       const bool fails = g_failing < row.synced.size();
       const RpcResult& result = row.standing == SIZE_MAX ? ctx->cpg_result : ctx->rpc_result;
@@ -121,4 +123,62 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
     EXPECT_EQ(exists(g_watched), g_failing == 2);
   }
   g_failing = SIZE_MAX;
+}
+
+// A kernel reports a failed write-back once, and shows the pages as clean afterwards.
+TEST_F(DurabilityTest, WhatCouldNotBeSyncedIsNoSuccessLater) {
+  const std::string f = tree_path(0, "f"), zeros = "A " + std::string(40, '0');
+  const std::string content = pattern(70000);
+  ctx->peer_exchange_id = 9;
+  const auto receive = [&](const std::string& payload, size_t failing = SIZE_MAX) {
+    ctx->cur_state = ST_PEERLOCK;
+    reset_cpg_result(ctx);
+    g_synced.clear();
+    g_failing = failing;
+    deliver_from_peer(message_bytes(MSG_UPDATE_REQ, 9, 0, payload));
+    g_failing = SIZE_MAX;
+    g_synced.clear();
+    EXPECT_EQ(ctx->cpg_result.success, failing == SIZE_MAX) << ctx->cpg_result.reason;
+    reset_cpg_result(ctx);
+  };
+  // How many lines of the listing say that the chunk is to come.
+  const auto wanted = [&] {
+    const Lines lines = scan_lines(ctx, false);
+    EXPECT_EQ(lines.size(), 2u);
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const std::string& line) { return line.starts_with(zeros); });
+  };
+  const std::string first = update(PUSH_REQ, 0, "f", 0, 65536, 70000, content.substr(0, 65536));
+  const std::string second = update(PUSH_REQ, 0, "f", 65536, 70000, 70000, content.substr(65536));
+  receive(first);
+  receive(second, 0);
+  EXPECT_EQ(wanted(), 2);
+  EXPECT_FALSE(exists(tree_path(0, ".$SyncDigest$f"))) << "nothing vouches for it";
+  set_active(true);
+  EXPECT_EQ(wanted(), 0) << "the owner lists what it has";
+  set_active(false);
+  receive(second);
+  EXPECT_EQ(wanted(), 1);
+  receive(first, 0);
+  EXPECT_EQ(wanted(), 2);
+  receive(first);
+  receive(second);
+  EXPECT_EQ(wanted(), 0);
+
+  receive(second, 0);
+  receive(update(PUSH_DEL_REQ, 0, "f", 0, 3, 3), 0);
+  g_failing = 0;
+  EXPECT_EQ(scan_lines(ctx), Lines());
+  const std::string directory = fs::canonical(root_paths[0]);
+  EXPECT_EQ(ctx->cpg_result.reason, "could not sync directory (Input/output error): " + directory);
+  scan_lines(ctx);
+  EXPECT_EQ(g_synced.size(), 2u) << "until it succeeds";
+  make_file(0, "f", content);
+  EXPECT_EQ(wanted(), 0) << "the deletion ended it";
+
+  // The platform hears of a file that was replaced, even if that may not outlive a loss of power.
+  for (size_t failing = 0; failing < 2; ++failing) {
+    receive(update(PUSH_REQ, 0, "shadow", 0, 1, 1, "x"), failing);
+    EXPECT_EQ(logged(6).size(), failing == 0 ? 0u : 2u);
+  }
 }

@@ -151,3 +151,15 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyOnThisEmsOwnCopies) {
   }
   EXPECT_EQ(stats.n_syncs_from_peer, std::size(rows));
 }
+
+TEST_F(ReconcileTest, ARenameWithoutASourceHereLeavesTheDigests) {
+  make_file(0, "dst", pattern(70000));
+  scan_lines(ctx);
+  ctx->cur_state = ST_PEERLOCK;
+  ctx->peer_exchange_id = 9;
+  const std::string nul(1, '\0');
+  deliver_from_peer(
+      message_bytes(MSG_LISTING_REQ, 9, 0, tree_path(0, "none") + nul + tree_path(0, "dst") + nul));
+  EXPECT_EQ(stats.n_digest_files_created, 1u) << "the file is not hashed again";
+  EXPECT_EQ(stats.n_digest_files_scanned, 1u);
+}

@@ -88,6 +88,8 @@ TEST_F(TransferTest, MalformedMessagesEndTheExchangeAndTouchNothing) {
 }
 
 TEST_F(TransferTest, PushedFilesAndChunks) {
+  enum Hold { kNobody, kOfAnotherUser, kLinked };
+  const std::string fourth("\0\0\0d", 4);
   const std::string edge = "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/" + std::string(242, 'n');
   const struct {
     uint32_t root;  // the sender's
@@ -98,6 +100,8 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
     std::string content;
     int mode;
     mode_t mode_before = 0640;
+    Hold hold = kNobody;     // on what exists
+    bool new_inode = false;  // of a chunk
   } cases[] = {
       {1, 2, "f", "old content", push(1, "f", "data"), "data", 0644},
       {2, 1, "f", "old", update(PUSH_REQ, 2, "f", 0, 1, 1, "x", kRestricted), "x", 0600},
@@ -110,15 +114,39 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
        0644},
       // The copy takes the class of the mode, but keeps the mode where that is of its class.
       {0, 0, "s", "abc", update(PUSH_REQ, 0, "s", 3, 4, 4, "d", kRestricted), "abcd", 0640},
-      {0, 0, "s", "abc", update(PUSH_REQ, 0, "s", 3, 4, 4, "d"), "abcd", 0644},
-      {0, 0, "f", "abc", update(PUSH_REQ, 0, "f", 3, 4, 4, "d", kRestricted), "abcd", 0600, 0664},
+      // Else it is a new file, into which all chunks come.
+      {0, 0, "s", "abc", update(PUSH_REQ, 0, "s", 3, 4, 4, "d"), fourth, 0644, 0600, {}, true},
+      {0,
+       0,
+       "f",
+       "abc",
+       update(PUSH_REQ, 0, "f", 3, 4, 4, "d", kRestricted),
+       fourth,
+       0600,
+       0664,
+       {},
+       true},
+      // So it is, with what the old one holds, when others have a hold on that.
+      {1, 2, "u", "abc", update(PUSH_REQ, 1, "u", 3, 4, 4, "d"), "abcd", 0644, 0666, kOfAnotherUser,
+       true},
+      {1, 2, "l", "abc", update(PUSH_REQ, 1, "l", 3, 4, 4, "d"), "abcd", 0644, 0755, kLinked, true},
   };
   for (const auto& c : cases) {
     if (c.existing != nullptr) make_file(c.local_root, c.path, c.existing, c.mode_before);
+    const std::string path = tree_path(c.local_root, c.path);
+    const bool held_fast = (c.hold != kOfAnotherUser || chown(path.c_str(), 1000, 1000) == 0) &&
+                           (c.hold != kLinked || link(path.c_str(), (path + "2").c_str()) == 0);
+    ASSERT_TRUE(held_fast);
+    const int held = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const std::string name = std::string(c.path).insert(c.path.rfind('/') + 1, ".$SyncDigest$");
     const std::string digest = make_file(c.local_root, name, "");
+    umask(0027);  // has no say in the mode of a copy
     receive(c.payload);
-    const std::string path = tree_path(c.local_root, c.path);
+    umask(0022);
+    if (c.new_inode) {
+      EXPECT_EQ(read_file("/proc/self/fd/" + std::to_string(held)), c.existing) << path;
+    }
+    close(held);
     EXPECT_EQ(read_file(path), c.content) << path;
     EXPECT_EQ(mode_of(path), c.mode) << path;
     EXPECT_FALSE(exists(digest)) << path;
