@@ -97,6 +97,48 @@ int cluster_sync_put_fd(const char* socket, int fd, const char* destination, mod
 /* Sends a diagnostic command, "name" or "name=argument". */
 int cluster_sync_diag(const char* socket, const char* command, int timeout_ms);
 
+/* The state of the daemon here, and what it knows of the pair. Ages and times are in seconds; -1
+ * where something never happened or is not planned. Texts are NUL-terminated. */
+struct cluster_sync_state {
+  uint32_t size;          /* of what the daemon sent; a later one sends more */
+  uint32_t em_number;     /* of this enclosure manager */
+  uint32_t number_source; /* 0: read; 1: no file, so 1; 2: neither 1 nor 2, so 1 */
+  uint32_t active;
+  uint32_t joined;         /* the daemon is in the group */
+  uint32_t peer_present;   /* and the other one is, too */
+  uint32_t exchange_state; /* 0 idle, 1 asking for the lock, 2 serving the other one, 3 waiting for
+                              its listing, 4 sending updates, 5 releasing */
+  int32_t exchange_state_age;
+  uint32_t activity; /* 0 at rest, 1 listing, 2 hashing, 3 comparing, 4 writing, 5 waiting for the
+                        medium, 6 reading */
+  int32_t heartbeat_age;
+  uint32_t hung; /* no heartbeat for 60 seconds */
+  int32_t uptime;
+  int32_t last_success_age; /* of exchanges with the other one */
+  int32_t last_error_age;
+  int32_t consecutive_errors; /* counted on the active one */
+  int32_t resync_in;
+  int32_t waiting; /* callers */
+  uint32_t fault;  /* the data replication fault is reported */
+  uint32_t both_active;
+  uint32_t recorder_paused;
+  uint32_t rpc_stage;    /* 0: no request is served */
+  uint32_t member_count; /* of the group; the first of them follow */
+  struct {
+    uint32_t node;
+    uint32_t pid;
+  } members[8];
+  uint64_t counters[11]; /* in the order of the statistics in cluster_sync_ctl(1) */
+  char version[24];
+  char last_error[116]; /* what callers were told */
+  char last_cause[116]; /* the first failure that this enclosure manager met in that exchange */
+};
+
+/* Asks for it. Answered at once, whatever the daemon is doing. `size` is sizeof *state; what an
+ * older daemon does not send is zero. ECANCELED from one that does not know the question. */
+int cluster_sync_get_state(const char* socket, int timeout_ms, struct cluster_sync_state* state,
+                           size_t size);
+
 /* The same in steps, for a caller that does something else meanwhile. A connection carries any
  * number of requests, one after the other. */
 struct cluster_sync_connection;
@@ -130,6 +172,11 @@ int cluster_sync_put_send(struct cluster_sync_connection* connection, int timeou
  * diagnostic command `result` is written only when it is refused. */
 int cluster_sync_receive(struct cluster_sync_connection* connection, int timeout_ms,
                          uint32_t* status, struct cluster_sync_result* result);
+
+/* The state in steps. */
+int cluster_sync_send_state(struct cluster_sync_connection* connection, int timeout_ms);
+int cluster_sync_receive_state(struct cluster_sync_connection* connection, int timeout_ms,
+                               struct cluster_sync_state* state, size_t size);
 
 /* Gives up what was asked, or a put that was begun, and says what became of it: ETIMEDOUT when
  * nothing has been changed, EINPROGRESS when the daemon has it. An answer that is outstanding

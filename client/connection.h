@@ -15,6 +15,7 @@
 enum RequestType : uint32_t {
   kUpdateRequest = 0,      // the 128 bytes of a cluster_sync_result
   kDiagnosticRequest = 1,  // nothing
+  kStateRequest = 2,       // a cluster_sync_state, or what another version has of it
   kCompareRequest = 3,     // as for an update, and the descriptor of a report
 };
 

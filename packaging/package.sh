@@ -30,6 +30,9 @@ cp -a packaging/debian "$source"
 cp packaging/changelog "$source/debian"
 
 cd "$source"
+version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+[ "$version" = "$(dpkg-parsechangelog -S Version)" ] ||
+  { echo "package.sh: CMakeLists.txt says $version, packaging/changelog another version" >&2; exit 1; }
 # The libraries of another architecture are not installed here, which is what -d would check.
 DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$(nproc)" \
   dpkg-buildpackage -b -us -uc -a "$architecture" ${CSD_CROSS:+-d}

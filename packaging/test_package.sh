@@ -79,6 +79,8 @@ library=/usr/lib/$(dpkg-architecture -a "$architecture" -q DEB_HOST_MULTIARCH 2>
 expected_content="/etc/default/cluster_sync_daemon
 /etc/init.d/cluster_sync_daemon*
 /lib/systemd/system/cluster_sync_daemon.service
+/lib/systemd/system/cluster_sync_metrics.service
+/lib/systemd/system/cluster_sync_metrics.timer
 /usr/bin/clean_up_temp_files.py*
 /usr/bin/cluster_sync_ctl*
 /usr/include/cluster_sync.h
@@ -250,7 +252,9 @@ watch_for_changes() {
 
 test_machine() {
   list_machine > "$work/before"
-  check_inside "it installs, and waits for the operator" 'dpkg -i /root/packages/*
+  check_inside "it installs as the manual says, and waits for the operator" 'cd /root/packages
+    '"$(sed -n 's/^[0-9]. `\(apt-get install [^`]*\)`.*/\1/p' "$repo/docs/operations.md")"' -y
+    dpkg -i ./*.deb
     cd /mnt/part.persistent
     ls -d replicated_by_active_em replicated_by_this_em replicated_by_other_em /run/em/events
     ! systemctl is-enabled cluster_sync_daemon' || return
@@ -301,6 +305,27 @@ test_machine() {
       rm /tmp/x /run/em/x replicated_by_this_em/x'
   check "killed, Corosync and daemon come back, even after a failed start" \
     restarts break_and_mend_corosync
+  for signal in HUP TERM INT PIPE; do
+    check "ended by $signal it is started again" restarts inside systemctl kill -s $signal cluster_sync_daemon
+  done
+  check "and after an orderly end" restarts inside cluster_sync_ctl diag exit
+  check_inside "the service manager and metrics tell what status tells" '
+    systemctl enable cluster_sync_daemon
+    cluster_sync_ctl status > /tmp/status || [ $? = 1 ]
+    grep -qF "$(systemctl show -P StatusText cluster_sync_daemon)" /tmp/status
+    [ "$(systemctl show -P SubState cluster_sync_daemon)" = running ]
+    ! env -i cluster_sync_daemon --nonsense
+    mkdir -p /var/lib/prometheus/node-exporter
+    systemctl start cluster_sync_metrics
+    grep -qx "cluster_sync_up 1" /var/lib/prometheus/node-exporter/cluster_sync.prom
+    rm -r /var/lib/prometheus/node-exporter; rmdir /var/lib/prometheus || true; rm /tmp/status'
+  check "Corosync stopped and started brings it back" restarts inside sh -c '
+    systemctl stop corosync; ! systemctl is-active cluster_sync_daemon; systemctl start corosync'
+  check_inside "  and without Corosync it waits" 'mv /etc/corosync/corosync.conf /root/
+    systemctl kill -s KILL corosync; sleep 15
+    [ "$(systemctl show -P SubState cluster_sync_daemon)" = start-pre ]
+    mv /root/corosync.conf /etc/corosync/; systemctl start corosync'
+  check "  until it is there" wait_until 60 inside cluster_sync_ctl diag stats
   inside sh -c 'echo BREL_LOG_LEVEL=7 >> /etc/default/cluster_sync_daemon'
   check "an upgrade restarts it" restarts inside sh -c 'dpkg -i /root/packages/*'
   check "  and keeps the configuration" \

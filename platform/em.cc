@@ -64,6 +64,14 @@ uint32_t get_my_mate_em_num() {
   return read_number_file(&text) && text == "2" ? 1 : 2;
 }
 
+NumberSource read_em_number(uint32_t* number) {
+  std::string text;
+  const bool there = read_number_file(&text);
+  *number = text == "2" ? 2 : 1;
+  if (!there) return kNumberMissing;
+  return text == "1" || text == "2" ? kNumberRead : kNumberInvalid;
+}
+
 void check_em_number() {
   std::string text;
   if (!read_number_file(&text) || text == "1" || text == "2") return;

@@ -10,6 +10,14 @@ bool this_em_is_active();
 // else, or no such file, counts as 1); the mate's is the other.
 uint32_t get_my_mate_em_num();
 
+// How this enclosure manager's own number was found.
+enum NumberSource : uint32_t {
+  kNumberRead = 0,     // /var/run/em/number holds it
+  kNumberMissing = 1,  // there is no such file: 1
+  kNumberInvalid = 2,  // it holds something else: 1
+};
+NumberSource read_em_number(uint32_t* number);
+
 // Logs at level 3 what /var/run/em/number holds when that is neither 1 nor 2: two EMs that are both
 // number 1 by mistake work, but report each other's faults under the wrong number. A missing file
 // is no mistake.

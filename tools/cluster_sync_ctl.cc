@@ -32,6 +32,8 @@ constexpr char kHelp[] =
 Is replication working?
   status                is the daemon there, this EM's number and role, the last
                         state of the replication fault, who is in the group
+  metrics [--textfile FILE]
+                        the same for Prometheus; FILE is replaced in one step
   fault                 only the last state of the fault; works without the daemon
   watch                 the state of the fault and then one line per change,
                         until interrupted
@@ -100,14 +102,21 @@ Exit status:
      EM is away
 )";
 
-constexpr option kLongOptions[] = {
-    {"json", no_argument, nullptr, 'j'},           {"quiet", no_argument, nullptr, 'q'},
-    {"socket", required_argument, nullptr, 's'},   {"timeout", required_argument, nullptr, 't'},
-    {"list", no_argument, nullptr, 'l'},           {"against", required_argument, nullptr, 'a'},
-    {"mode", required_argument, nullptr, 'm'},     {"progress", no_argument, nullptr, 'p'},
-    {"exchange", required_argument, nullptr, 'e'}, {"svg", required_argument, nullptr, 'g'},
-    {"force", no_argument, nullptr, 'f'},          {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'V'},        {nullptr, 0, nullptr, 0}};
+constexpr option kLongOptions[] = {{"json", no_argument, nullptr, 'j'},
+                                   {"quiet", no_argument, nullptr, 'q'},
+                                   {"socket", required_argument, nullptr, 's'},
+                                   {"timeout", required_argument, nullptr, 't'},
+                                   {"list", no_argument, nullptr, 'l'},
+                                   {"against", required_argument, nullptr, 'a'},
+                                   {"mode", required_argument, nullptr, 'm'},
+                                   {"progress", no_argument, nullptr, 'p'},
+                                   {"exchange", required_argument, nullptr, 'e'},
+                                   {"svg", required_argument, nullptr, 'g'},
+                                   {"force", no_argument, nullptr, 'f'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {"textfile", required_argument, nullptr, 'x'},
+                                   {nullptr, 0, nullptr, 0}};
 
 // The option as it is written, given its letter.
 std::string option_name(char letter) {
@@ -173,6 +182,9 @@ bool take_option(char letter, const char* value, Options* options) {
     case 'g':
       options->svg = value;
       return *value != '\0';
+    case 'x':
+      options->textfile = value;
+      return *value != '\0';
     default:
       return true;
   }
@@ -219,7 +231,8 @@ constexpr Command kCommands[] = {
     {"edit", 1, 1, "m", edit_file},         {"update", 2, 2, "", request_update},
     {"delete", 1, 1, "", request_deletion}, {"sync", 0, 0, "p", request_sync},
     {"role", 1, 1, "f", set_role},          {"diag", 1, 1, "", send_diagnostic},
-    {"explain", 0, 2, "eg", explain_trace}, {"help", 0, 1, "", show_help},
+    {"metrics", 0, 0, "x", show_metrics},   {"explain", 0, 2, "eg", explain_trace},
+    {"help", 0, 1, "", show_help},
 };
 
 // Whether an entry of the help is about the command, or about an option of its own.

@@ -23,6 +23,7 @@ struct Options {
   int mode = -1;          // put, edit: the mode of the file; negative when not given
   std::string against;    // verify: a listing of the other EM, "-" for standard input
   int exchange = 0;       // explain: the row of the exchange to draw, 0 for the table
+  std::string textfile;   // metrics: the file to replace, empty for standard output
   std::string svg;        // explain: the file for its picture
 };
 
@@ -44,6 +45,9 @@ int edit_file(const Options& options, const Words& words);
 int send_diagnostic(const Options& options, const Words& words);
 
 int show_status(const Options& options, const Words& words);
+
+// The state for Prometheus, on standard output or in a file.
+int show_metrics(const Options& options, const Words& words);
 
 int show_fault(const Options& options, const Words& words);
 

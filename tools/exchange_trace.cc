@@ -6,12 +6,22 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <functional>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <utility>
 
 #include "redundancy_health/transfer/update_message.h"
 
 namespace {
 
-constexpr double kSameExchange = 15;  // seconds between the clocks of both EMs, at most
+constexpr double kSameExchange =
+    15;                              // seconds between what both logs tell of one exchange, at most
+constexpr size_t kKeptUpdates = 32;  // at either end of a run
+constexpr ptrdiff_t kSearched =
+    256;  // steps of the other log that one of this log is looked for in
+constexpr size_t kLateMessages = 16;  // exchanges back that a late message may belong to
 
 // Beginnings of the texts of errors. They have no level in the private log.
 const char* const kErrors[] = {
@@ -23,15 +33,13 @@ const char* const kErrors[] = {
 
 constexpr size_t kNoStep = SIZE_MAX;
 
-// What is known at one line of a log.
-struct Reader {
-  int log;
-  std::vector<TracedExchange> found;
-  bool open = false;         // found.back() goes on
-  size_t handled = kNoStep;  // the step of found.back() between "Enter" and "Exit"
-  std::string why;           // of the next exchange of this EM
-  std::string what;          // of the next message sent
-};
+using Reader = TraceReader;
+
+// The one copy of a name.
+std::string_view intern(const std::string& name) {
+  static std::set<std::string, std::less<>> names;
+  return *names.insert(name).first;
+}
 
 bool starts_with(const std::string& text, const char* prefix) {
   return text.rfind(prefix, 0) == 0;
@@ -48,10 +56,23 @@ TracedExchange* begin(Reader* reader, bool own, uint32_t id, double time) {
   exchange.id = id;
   exchange.begin = exchange.end = time;
   if (own) exchange.why = reader->why;
-  reader->found.push_back(exchange);
+  if (!reader->found.empty()) reader->found.back().steps.shrink_to_fit();
+  reader->found.push_back(std::move(exchange));
   reader->open = true;
   reader->handled = kNoStep;
   return &reader->found.back();
+}
+
+// The path behind the root of its tree.
+std::string name_in_tree(const std::string& path) {
+  const size_t root = path.find("/replicated_by_");
+  const size_t name = root == std::string::npos ? root : path.find('/', root + 1);
+  return name == std::string::npos ? path : path.substr(name + 1);
+}
+
+void add_path(Moved* moved, const std::string& path) {
+  const size_t number = std::hash<std::string>()(path);
+  if (moved->paths.empty() || moved->paths.back() != number) moved->paths.push_back(number);
 }
 
 void take_cause(Reader* reader, const std::string& text) {
@@ -59,8 +80,11 @@ void take_cause(Reader* reader, const std::string& text) {
   static const char kDelete[] = "SYNC RPC delete: dest=";
   const size_t to = text.find(" dest=");
   if (starts_with(text, kRename) && to != std::string::npos) {
-    const size_t from = sizeof kRename - 1;
-    reader->why = "update " + text.substr(from, to - from) + " -> " + text.substr(to + 6);
+    const std::string source = text.substr(sizeof kRename - 1, to - (sizeof kRename - 1));
+    const std::string destination = text.substr(to + 6);
+    const bool put = source.find("/TempUpdate_") != std::string::npos;
+    reader->why =
+        put ? "put " + name_in_tree(destination) : "update " + source + " -> " + destination;
   } else if (starts_with(text, kDelete)) {
     reader->why = "delete " + behind(text, kDelete);
   } else if (starts_with(text, "SYNC running explicit sync request")) {
@@ -95,10 +119,10 @@ void count_move(TracedExchange* exchange, const std::string& what, int64_t paylo
   const std::string path = what.substr(blank + 1);
   const int64_t header = static_cast<int64_t>(sizeof(UpdateHeader)) + path_size(path) + 1;
   const uint64_t data = payload > header ? static_cast<uint64_t>(payload - header) : 0;
-  if (type == "PUSH_DEL_REQ") exchange->moved[kDeleted].paths.insert(path);
+  if (type == "PUSH_DEL_REQ") add_path(&exchange->moved[kDeleted], path);
   if (type != "PUSH_REQ" && type != "PULL_ACK") return;
   Moved* moved = &exchange->moved[type == "PUSH_REQ" ? kPushed : kPulled];
-  moved->paths.insert(path);
+  add_path(moved, path);
   moved->bytes += data;
 }
 
@@ -112,13 +136,23 @@ void take_send(Reader* reader, const TraceLine& line) {
     return;
   TracedExchange* exchange = &reader->found.back();
   step.time = line.time;
-  step.message = name;
+  step.message = intern(name);
   step.by_requester = exchange->requester == reader->log;
   step.delivered = false;
   step.bytes = static_cast<int64_t>(size);
   step.what.swap(reader->what);
   count_move(exchange, step.what, step.bytes);
-  exchange->steps.push_back(step);
+  exchange->steps.push_back(std::move(step));
+}
+
+// Whether a message belongs to an exchange that is over: it came too late to change anything.
+bool is_late(const Reader& reader, int requester, uint32_t id) {
+  const std::vector<TracedExchange>& found = reader.found;
+  const size_t first = found.size() - std::min(found.size(), kLateMessages);
+  return std::any_of(found.begin() + static_cast<ptrdiff_t>(first), found.end(),
+                     [&](const TracedExchange& exchange) {
+                       return exchange.requester == requester && exchange.id == id;
+                     });
 }
 
 // Makes the exchange to which a message belongs the open one. False when it belongs to none: a
@@ -138,29 +172,58 @@ bool find_exchange(Reader* reader, double time, const std::string& state, bool o
     return false;
   } else if (current == nullptr || current->id != id) {  // lines are missing
     const bool answer = message == "MSG_LISTING_ACK" || message == "MSG_UPDATE_ACK";
+    const bool asked_here = own != answer;
+    if (is_late(*reader, asked_here ? reader->log : 1 - reader->log, id)) return false;
     reader->why.clear();
-    begin(reader, own != answer, id, time)->complete = false;
+    begin(reader, asked_here, id, time)->complete = false;
   }
   return true;
 }
 
+bool is_good_update(const TraceStep& step) {
+  return step.message.starts_with("MSG_UPDATE_") && step.delivered && step.failures.empty();
+}
+
+// Drops what nobody looks at: of the updates that went well those far from either end.
+void drop_middle(Reader* reader) {
+  std::vector<TraceStep>* steps = &reader->found.back().steps;
+  if (steps->size() < 8 * kKeptUpdates) return;
+  const auto from = steps->begin() + static_cast<ptrdiff_t>(2 * kKeptUpdates);
+  const auto to = steps->end() - static_cast<ptrdiff_t>(2 * kKeptUpdates);
+  size_t left_out = 0;
+  auto kept = from;
+  for (auto step = from; step != to; ++step) {
+    if (is_good_update(*step)) {
+      left_out += 1 + step->left_out;
+      continue;
+    }
+    step->left_out += std::exchange(left_out, 0);
+    if (kept != step) *kept = std::move(*step);
+    ++kept;
+  }
+  to->left_out += left_out;
+  steps->erase(kept, to);
+}
+
+// The index of an own message that was sent and has come back now, or of a new step.
+size_t find_step(std::vector<TraceStep>* steps, bool own, const std::string& message,
+                 uint32_t sequence_id) {
+  for (size_t i = steps->size(); own && i-- > 0;) {
+    const TraceStep& step = (*steps)[i];
+    if (!step.delivered && step.message == message && step.sequence_id == sequence_id) return i;
+  }
+  steps->emplace_back();
+  return steps->size() - 1;
+}
+
 void take_message(Reader* reader, double time, bool own, const std::string& message,
                   uint32_t sequence_id) {
+  drop_middle(reader);
   TracedExchange* exchange = &reader->found.back();
-  std::vector<TraceStep>* steps = &exchange->steps;
-  const auto sent = std::find_if(steps->rbegin(), steps->rend(), [&](const TraceStep& sent_step) {
-    return own && !sent_step.delivered && sent_step.message == message &&
-           sent_step.sequence_id == sequence_id;
-  });
-  size_t index = static_cast<size_t>(steps->rend() - sent);  // behind it
-  if (index == 0) {
-    steps->emplace_back();
-    index = steps->size();
-  }
-  reader->handled = --index;
-  TraceStep* step = &(*steps)[index];
+  reader->handled = find_step(&exchange->steps, own, message, sequence_id);
+  TraceStep* step = &exchange->steps[reader->handled];
   step->time = time;
-  step->message = message;
+  step->message = intern(message);
   step->sequence_id = sequence_id;
   step->by_requester = own == (exchange->requester == reader->log);
   step->delivered = true;
@@ -189,9 +252,9 @@ void enter_state(Reader* reader, const TraceLine& line) {
   } else if (reader->open && starts_with(name, "ON_CPG_")) {
     TraceStep step;
     step.time = line.time;
-    step.message = name;
+    step.message = intern(name);
     reader->handled = reader->found.back().steps.size();
-    reader->found.back().steps.push_back(step);
+    reader->found.back().steps.push_back(std::move(step));
   }
 }
 
@@ -202,7 +265,8 @@ void leave_state(Reader* reader, const std::string& text) {
     return;
   TracedExchange* exchange = &reader->found.back();
   TraceStep* step = &exchange->steps[reader->handled];
-  (exchange->requester == reader->log ? step->requester_state : step->responder_state) = state;
+  (exchange->requester == reader->log ? step->requester_state : step->responder_state) =
+      intern(state);
   reader->handled = kNoStep;
   reader->open = !exchange->ended;
 }
@@ -214,14 +278,22 @@ bool take_local_change(TracedExchange* exchange, bool own, const std::string& te
   if (sscanf(text.c_str(), "SYNC updating chunk atomic=%*d size=%u", &size) == 1 &&
       quote != std::string::npos) {
     Moved* moved = &exchange->moved[own ? kPulled : kPushed];
-    moved->paths.insert(text.substr(quote));
+    add_path(moved, text.substr(quote));
     moved->bytes += size;
     return true;
   }
   const bool deletes =
       starts_with(text, "SYNC Deleting file ") || starts_with(text, "@@ Pull del:");
-  if (deletes) exchange->moved[kDeleted].paths.insert(text);
+  if (deletes) add_path(&exchange->moved[kDeleted], text);
   return deletes;
+}
+
+// Adds a text behind the others, once.
+void add_failure(TraceStep* step, const std::string& text) {
+  auto last = step->failures.before_begin();
+  for (auto next = step->failures.begin(); next != step->failures.end(); last = next++)
+    if (*next == text) return;
+  step->failures.insert_after(last, text);
 }
 
 bool take_failure(TracedExchange* exchange, const std::string& text) {
@@ -231,14 +303,115 @@ bool take_failure(TracedExchange* exchange, const std::string& text) {
         starts_with(text, "Sync Error: ") ? behind(text, "Sync Error: ") : text;
     if (exchange->failure.empty()) exchange->failure = reason;
     if (exchange->steps.empty()) return true;
-    std::vector<std::string>* failures = &exchange->steps.back().failures;
-    if (failures->empty() || failures->back() != reason) failures->push_back(reason);
+    add_failure(&exchange->steps.back(), reason);
     return true;
   }
   return false;
 }
 
-void take_line(Reader* reader, const TraceLine& line) {
+// Adds to what the requester's log tells of an exchange what the other log does.
+void add_view(TracedExchange* exchange, const TracedExchange& other) {
+  if (exchange->failure.empty()) exchange->failure = other.failure;
+  auto from = other.steps.begin();
+  for (TraceStep& step : exchange->steps) {
+    const auto last = other.steps.end() - from > kSearched ? from + kSearched : other.steps.end();
+    const auto same = std::find_if(from, last, [&](const TraceStep& theirs) {
+      return theirs.message == step.message && theirs.sequence_id == step.sequence_id;
+    });
+    if (same == last) continue;
+    step.responder_state = same->responder_state;
+    if (step.bytes < 0) step.bytes = same->bytes;
+    if (step.what.empty()) step.what = same->what;
+    for (const std::string& failure : same->failures)
+      add_failure(&step, failure);
+    from = same + 1;
+  }
+}
+
+// Gives the times of one EM's clock in those of the other.
+void shift_times(TracedExchange* exchange, double seconds) {
+  if (seconds == 0) return;
+  exchange->begin += seconds;
+  exchange->end += seconds;
+  for (TraceStep& step : exchange->steps)
+    step.time += seconds;
+}
+
+// The exchanges of the second log by requester and id, which begins anew with the daemon.
+using Places = std::unordered_map<uint64_t, std::vector<size_t>>;
+
+uint64_t key_of(const TracedExchange& exchange) {
+  return uint64_t{exchange.id} * 2 + static_cast<uint64_t>(exchange.requester);
+}
+
+// The difference of the clocks on which most pairs with the same id agree.
+double find_clock_difference(const std::vector<TracedExchange>& first,
+                             const std::vector<TracedExchange>& second, const Places& places) {
+  std::map<int64_t, std::vector<double>> votes;  // by the whole second
+  for (const TracedExchange& exchange : first) {
+    const auto candidates = places.find(key_of(exchange));
+    if (candidates == places.end() || candidates->second.size() > kLateMessages) continue;
+    for (const size_t place : candidates->second) {
+      const double difference = second[place].begin - exchange.begin;
+      votes[llround(difference)].push_back(difference);
+    }
+  }
+  const auto most = std::max_element(votes.begin(), votes.end(), [](const auto& a, const auto& b) {
+    return a.second.size() != b.second.size() ? a.second.size() < b.second.size()
+                                              : std::abs(a.first) > std::abs(b.first);
+  });
+  if (most == votes.end()) return 0;
+  std::vector<double>& differences = most->second;
+  const auto middle = differences.begin() + static_cast<ptrdiff_t>(differences.size() / 2);
+  std::nth_element(differences.begin(), middle, differences.end());
+  return *middle;
+}
+
+// The place in the second log of an exchange of the first one; npos when it is not there. One with
+// an id that comes only once is the same, whatever the clocks say.
+size_t find_same(const TracedExchange& exchange, const std::vector<TracedExchange>& second,
+                 const Places& places, double ahead) {
+  const auto candidates = places.find(key_of(exchange));
+  if (candidates == places.end()) return std::string::npos;
+  size_t best = std::string::npos;
+  double least = kSameExchange;
+  for (const size_t place : candidates->second) {
+    const double distance = fabs(second[place].begin - exchange.begin - ahead);
+    if (distance > least) continue;
+    least = distance;
+    best = place;
+  }
+  return best;
+}
+
+// The same exchange in the other log, a place there.
+using Matches = std::vector<size_t>;
+
+Matches match_exchanges(const std::vector<TracedExchange>& first,
+                        const std::vector<TracedExchange>& second, const Places& places,
+                        double ahead) {
+  std::vector<bool> taken(second.size(), false);
+  Matches matches;
+  for (const TracedExchange& exchange : first) {
+    size_t place = find_same(exchange, second, places, ahead);
+    if (place != std::string::npos && taken[place]) place = std::string::npos;
+    if (place != std::string::npos) taken[place] = true;
+    matches.push_back(place);
+  }
+  return matches;
+}
+
+// Makes one of what both logs tell, in the times of the first.
+void join_views(TracedExchange* exchange, TracedExchange* other) {
+  const double begin = exchange->begin;
+  if (exchange->requester != 0) std::swap(*exchange, *other);
+  shift_times(exchange, begin - exchange->begin);
+  add_view(exchange, *other);
+}
+
+}  // namespace
+
+void take_trace_line(Reader* reader, const TraceLine& line) {
   const std::string& text = line.text;
   int id = 0;
   take_cause(reader, text);
@@ -263,57 +436,34 @@ void take_line(Reader* reader, const TraceLine& line) {
   }
 }
 
-// Whether the logs of both EMs tell of the same exchange.
-bool is_same(const TracedExchange& a, const TracedExchange& b) {
-  return a.id == b.id && a.requester == b.requester && fabs(a.begin - b.begin) <= kSameExchange;
-}
-
-// Adds to what the requester's log tells of an exchange what the other log does.
-void add_view(TracedExchange* exchange, const TracedExchange& other) {
-  if (exchange->failure.empty()) exchange->failure = other.failure;
-  auto from = other.steps.begin();
-  for (TraceStep& step : exchange->steps) {
-    const auto same = std::find_if(from, other.steps.end(), [&](const TraceStep& theirs) {
-      return theirs.message == step.message && theirs.sequence_id == step.sequence_id;
-    });
-    if (same == other.steps.end()) continue;
-    step.responder_state = same->responder_state;
-    if (step.bytes < 0) step.bytes = same->bytes;
-    if (step.what.empty()) step.what = same->what;
-    for (const std::string& failure : same->failures)
-      if (std::find(step.failures.begin(), step.failures.end(), failure) == step.failures.end())
-        step.failures.push_back(failure);
-    from = same + 1;
-  }
-}
-
-}  // namespace
-
-std::vector<TracedExchange> find_exchanges(const std::vector<TraceLine>& lines, int log) {
-  Reader reader = {log, {}, false, kNoStep, "", ""};
-  for (const TraceLine& line : lines)
-    take_line(&reader, line);
-  return reader.found;
-}
-
-std::vector<TracedExchange> join_exchanges(std::vector<TracedExchange> first,
-                                           std::vector<TracedExchange> second) {
-  std::vector<TracedExchange> all;
-  auto next = second.begin();
-  for (TracedExchange& exchange : first) {
-    const auto other = std::find_if(next, second.end(), [&](const TracedExchange& candidate) {
-      return is_same(candidate, exchange) || candidate.begin > exchange.begin + kSameExchange;
-    });
-    if (other != second.end() && is_same(*other, exchange)) {
-      all.insert(all.end(), next, other);
-      if (exchange.requester != 0) std::swap(exchange, *other);
-      add_view(&exchange, *other);
-      next = other + 1;
+JoinedExchanges join_exchanges(std::vector<TracedExchange> first,
+                               std::vector<TracedExchange> second) {
+  Places places;
+  for (size_t i = 0; i < second.size(); ++i)
+    places[key_of(second[i])].push_back(i);
+  JoinedExchanges joined;
+  joined.clock_ahead = find_clock_difference(first, second, places);
+  const Matches matches = match_exchanges(first, second, places, joined.clock_ahead);
+  std::vector<bool> told(second.size(), false);
+  for (const size_t place : matches)
+    if (place != std::string::npos) told[place] = true;
+  size_t next = 0;  // in the second log
+  const auto take_second = [&](size_t end) {
+    for (; next < end; ++next) {
+      if (told[next]) continue;
+      shift_times(&second[next], -joined.clock_ahead);
+      joined.all.push_back(std::move(second[next]));
     }
-    all.push_back(exchange);
+  };
+  for (size_t i = 0; i < first.size(); ++i) {
+    if (matches[i] != std::string::npos) {
+      take_second(matches[i]);
+      join_views(&first[i], &second[matches[i]]);
+    }
+    joined.all.push_back(std::move(first[i]));
   }
-  all.insert(all.end(), next, second.end());
-  std::stable_sort(all.begin(), all.end(),
+  take_second(second.size());
+  std::stable_sort(joined.all.begin(), joined.all.end(),
                    [](const auto& a, const auto& b) { return a.begin < b.begin; });
-  return all;
+  return joined;
 }

@@ -4,29 +4,31 @@
 #include <stdint.h>
 
 #include <array>
-#include <set>
+#include <forward_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/trace_line.h"
 
-// One group message, or an event between two of them.
+// One group message, or an event between two of them. Its names are kept once for all.
 struct TraceStep {
   double time = 0;
-  std::string message;          // "MSG_LOCK_REQ", "ON_CPG_LEFT"
-  uint32_t sequence_id = 0;     // of the message
-  bool by_requester = true;     // who sent it
-  bool delivered = true;        // false: sent, but the group never brought it back
-  int64_t bytes = -1;           // of its payload, -1 when the log does not say
-  std::string what;             // of an update: "PUSH_REQ name"
-  std::string requester_state;  // after it, where the log says so
-  std::string responder_state;
-  std::vector<std::string> failures;  // texts of the errors that followed it
+  std::string_view message;          // "MSG_LOCK_REQ", "ON_CPG_LEFT"
+  uint32_t sequence_id = 0;          // of the message
+  bool by_requester = true;          // who sent it
+  bool delivered = true;             // false: sent, but the group never brought it back
+  int64_t bytes = -1;                // of its payload, -1 when the log does not say
+  std::string what;                  // of an update: "PUSH_REQ name"
+  std::string_view requester_state;  // after it, where the log says so
+  std::string_view responder_state;
+  size_t left_out = 0;                      // messages before it that are not kept
+  std::forward_list<std::string> failures;  // texts of the errors that followed it
 };
 
 // Files that an exchange moved in one direction.
 struct Moved {
-  std::set<std::string> paths;
+  std::vector<size_t> paths;  // a number for each, one after the other without repetition
   uint64_t bytes = 0;
 };
 
@@ -47,11 +49,28 @@ struct TracedExchange {
   std::string failure;  // its first error
 };
 
-// The exchanges of a log, in its order; `log` is its index, 0 or 1.
-std::vector<TracedExchange> find_exchanges(const std::vector<TraceLine>& lines, int log);
+// What is known at one line of a log.
+struct TraceReader {
+  int log;
+  std::vector<TracedExchange> found = {};
+  bool open = false;          // found.back() goes on
+  size_t handled = SIZE_MAX;  // the step of found.back() between "Enter" and "Exit"
+  std::string why = "";       // of the next exchange of this EM
+  std::string what = "";      // of the next message sent
+};
 
-// Joins those that the logs of both EMs tell, in the order of their times.
-std::vector<TracedExchange> join_exchanges(std::vector<TracedExchange> first,
-                                           std::vector<TracedExchange> second);
+// Reads the next line of a log. `log` of the reader is the log's index, 0 or 1. Of a long run of
+// updates that went well only the ends are kept.
+void take_trace_line(TraceReader* reader, const TraceLine& line);
+
+// The exchanges that the logs of both EMs tell, in the order of their times by the first one's
+// clock.
+struct JoinedExchanges {
+  std::vector<TracedExchange> all;
+  double clock_ahead = 0;  // seconds that the second EM's clock is ahead, where it can be known
+};
+
+JoinedExchanges join_exchanges(std::vector<TracedExchange> first,
+                               std::vector<TracedExchange> second);
 
 #endif  // TOOLS_EXCHANGE_TRACE_H_

@@ -1,12 +1,17 @@
 // What the trace of the daemons tells: a row for each exchange, or one of them drawn.
 
 #include <errno.h>
+#include <math.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <utility>
 
 #include "tools/commands.h"
 #include "tools/exchange_trace.h"
@@ -20,26 +25,42 @@ constexpr char kTooLow[] =
     "/etc/default/cluster_sync_daemon and a restart, or without one 'cluster_sync_ctl diag "
     "log-size=10000000' and then the file /tmp/cluster_sync_daemon.log";
 
-// Reads one log, "-" for standard input. `*traced` becomes false when it holds dumps only.
-bool read_log(const std::string& path, int log, std::vector<TracedExchange>* exchanges,
-              bool* traced) {
+// What is known of the logs that were named.
+struct Logs {
+  std::vector<TracedExchange> exchanges[2];
+  LogSource sources[2];
+  bool both = false;
+  bool traced = true;  // false: one of them holds dumps only
+};
+
+// Reads one log, "-" for standard input.
+bool read_log(const std::string& path, int log, Logs* logs) {
   std::ifstream file;
   errno = 0;
   if (path != "-") file.open(path);
   std::istream* stream = path == "-" ? &std::cin : &file;
   if (!stream->fail()) {
-    const Trace trace = read_trace(stream);
-    *exchanges = find_exchanges(trace.recorded, log);
-    const std::vector<TracedExchange> logged = find_exchanges(trace.logged, log);
-    exchanges->insert(exchanges->end(), logged.begin(), logged.end());
-    *traced = *traced && !trace.logged.empty();
+    TraceReader recorded = {.log = log};
+    TraceReader logged = {.log = log};
+    const bool traced =
+        read_trace(stream, &logs->sources[log], [&](const TraceLine& line, bool is_recorded) {
+          take_trace_line(is_recorded ? &recorded : &logged, line);
+        });
+    std::vector<TracedExchange>* exchanges = &logs->exchanges[log];
+    *exchanges = std::move(recorded.found);
+    if (traced) std::move(logged.found.begin(), logged.found.end(), std::back_inserter(*exchanges));
+    logs->traced = logs->traced && traced;
   }
   return !stream->bad() && (path == "-" || file.is_open()) && errno != EISDIR;
 }
 
-std::string em_name(int em, bool both_logs) {
-  if (both_logs) return em == 0 ? "first EM" : "second EM";
-  return em == 0 ? "this EM" : "other EM";
+// The names of both EMs: those of their machines where the logs have them and they differ.
+std::array<std::string, 2> em_names(const Logs& logs) {
+  const std::string& here = logs.sources[0].host;
+  const std::string& there = logs.sources[1].host;
+  if (!logs.both) return {here.empty() ? "this EM" : here, "other EM"};
+  if (!here.empty() && !there.empty() && here != there) return {here, there};
+  return {"first EM", "second EM"};
 }
 
 bool has_step(const TracedExchange& exchange, const char* message) {
@@ -61,56 +82,120 @@ std::string cause(const TracedExchange& exchange) {
   return exchange.complete ? "asked there" : "its beginning is not in the log";
 }
 
+const char* const kMoveNames[kMoveKinds] = {"pushed", "pulled", "deleted"};
+
+size_t file_count(const Moved& moved) {
+  std::vector<size_t> paths = moved.paths;
+  std::sort(paths.begin(), paths.end());
+  return static_cast<size_t>(std::unique(paths.begin(), paths.end()) - paths.begin());
+}
+
 std::string moved_text(const TracedExchange& exchange) {
-  static const char* const kNames[kMoveKinds] = {"pushed", "pulled", "deleted"};
   std::string text;
   for (size_t kind = 0; kind < kMoveKinds; ++kind) {
     const Moved& moved = exchange.moved[kind];
     if (moved.paths.empty()) continue;
     if (!text.empty()) text += ", ";
-    text += std::to_string(moved.paths.size()) + " " + kNames[kind];
+    text += std::to_string(file_count(moved)) + " " + kMoveNames[kind];
     if (kind != kDeleted) text += " (" + std::to_string(moved.bytes) + " B)";
   }
   return text.empty() ? "nothing" : text;
 }
 
-void print_table(const std::vector<TracedExchange>& exchanges, bool both_logs) {
-  printf("%4s  %-19s  %-9s  %7s  %-44s  %s\n", "#", "time", "asked by", "took", "moved",
+using Names = std::array<std::string, 2>;
+
+const std::string& requester_name(const TracedExchange& exchange, const Names& names) {
+  return names[static_cast<size_t>(exchange.requester)];
+}
+
+void print_table(const std::vector<TracedExchange>& exchanges, const Names& names) {
+  const int width = static_cast<int>(std::max({size_t{9}, names[0].size(), names[1].size()}));
+  printf("%4s  %-19s  %-*s  %7s  %-44s  %s\n", "#", "time", width, "asked by", "took", "moved",
          "why, and how it ended");
   for (size_t i = 0; i < exchanges.size(); ++i) {
     const TracedExchange& exchange = exchanges[i];
-    printf("%4zu  %-19s  %-9s  %5.*f s  %-44s  %s: %s\n", i + 1,
-           clock_text(exchange.begin, true).c_str(), em_name(exchange.requester, both_logs).c_str(),
+    printf("%4zu  %-19s  %-*s  %5.*f s  %-44s  %s: %s\n", i + 1,
+           clock_text(exchange.begin, true).c_str(), width,
+           printable(requester_name(exchange, names)).c_str(),
            exchange.begin != static_cast<double>(static_cast<int64_t>(exchange.begin)) ? 3 : 0,
            exchange.end - exchange.begin, moved_text(exchange).c_str(),
            printable(cause(exchange)).c_str(), printable(outcome(exchange)).c_str());
   }
 }
 
-void print_json(const std::vector<TracedExchange>& exchanges) {
-  std::string json;
-  for (const TracedExchange& exchange : exchanges) {
-    char numbers[96];
-    snprintf(numbers, sizeof numbers, "{\"time\":%.6f,\"seconds\":%.6f,\"em\":%d,", exchange.begin,
-             exchange.end - exchange.begin, exchange.requester + 1);
-    json += (json.empty() ? "[" : ",") + std::string(numbers) +
-            "\"why\":" + json_string(cause(exchange)) +
-            ",\"moved\":" + json_string(moved_text(exchange)) +
-            ",\"success\":" + json_bool(exchange.ended && exchange.failure.empty()) +
-            ",\"outcome\":" + json_string(outcome(exchange)) + "}";
+std::string number_text(double number) {
+  char text[40];
+  snprintf(text, sizeof text, "%.6f", number);
+  return text;
+}
+
+std::string exchange_json(const TracedExchange& exchange, const Names& names) {
+  std::string json = "{\"time\":" + number_text(exchange.begin) +
+                     ",\"seconds\":" + number_text(exchange.end - exchange.begin) +
+                     ",\"em\":" + std::to_string(exchange.requester + 1) +
+                     ",\"asked_by\":" + json_string(requester_name(exchange, names)) +
+                     ",\"why\":" + json_string(cause(exchange)) +
+                     ",\"moved\":" + json_string(moved_text(exchange));
+  for (size_t kind = 0; kind < kMoveKinds; ++kind) {
+    const Moved& moved = exchange.moved[kind];
+    json += std::string(",\"") + kMoveNames[kind] +
+            "\":{\"files\":" + std::to_string(file_count(moved)) +
+            ",\"bytes\":" + std::to_string(moved.bytes) + "}";
   }
-  printf("%s]\n", json.c_str());
+  return json + ",\"success\":" + json_bool(exchange.ended && exchange.failure.empty()) +
+         ",\"outcome\":" + json_string(outcome(exchange));
+}
+
+void print_json(const std::vector<TracedExchange>& exchanges, const Names& names) {
+  const char* separator = "[";
+  for (const TracedExchange& exchange : exchanges) {
+    printf("%s%s}", separator, exchange_json(exchange, names).c_str());
+    separator = ",";
+  }
+  printf("]\n");
+}
+
+std::string step_json(const TraceStep& step, const TracedExchange& exchange, const Names& names) {
+  const int sender = step.by_requester ? exchange.requester : 1 - exchange.requester;
+  std::string failures;
+  for (const std::string& failure : step.failures)
+    failures += (failures.empty() ? "" : ",") + json_string(failure);
+  return "{\"time\":" + number_text(step.time) +
+         ",\"from\":" + json_string(names[static_cast<size_t>(sender)]) +
+         ",\"message\":" + json_string(std::string(step.message)) +
+         ",\"sequence\":" + std::to_string(step.sequence_id) +
+         ",\"bytes\":" + (step.bytes < 0 ? "null" : std::to_string(step.bytes)) +
+         ",\"what\":" + json_string(step.what) + ",\"delivered\":" + json_bool(step.delivered) +
+         ",\"requester_state\":" + json_string(std::string(step.requester_state)) +
+         ",\"responder_state\":" + json_string(std::string(step.responder_state)) +
+         ",\"left_out_before\":" + std::to_string(step.left_out) + ",\"failures\":[" + failures +
+         "]}";
+}
+
+void print_steps_json(const TracedExchange& exchange, const Names& names) {
+  printf("%s,\"steps\":", exchange_json(exchange, names).c_str());
+  const char* separator = "[";
+  for (const TraceStep& step : exchange.steps) {
+    printf("%s%s", separator, step_json(step, exchange, names).c_str());
+    separator = ",";
+  }
+  printf("%s]}\n", exchange.steps.empty() ? "[" : "");
 }
 
 // Prints one exchange, or writes its picture.
-int draw(const Options& options, const TracedExchange& exchange, bool both_logs) {
-  const std::string left = em_name(exchange.requester, both_logs);
-  const std::string right = em_name(1 - exchange.requester, both_logs);
+int draw(const Options& options, const TracedExchange& exchange, const Names& names) {
+  const std::string left = requester_name(exchange, names);
+  const std::string right = names[static_cast<size_t>(1 - exchange.requester)];
   const std::string title =
       clock_text(exchange.begin, true) + ", " + cause(exchange) + ": " + outcome(exchange);
   const std::vector<Rung> rungs = make_rungs(exchange);
+  if (options.svg.empty() && options.json) {
+    print_steps_json(exchange, names);
+    return kDone;
+  }
   if (options.svg.empty()) {
-    printf("%s\n%s", printable(title).c_str(), draw_text(rungs, left, right).c_str());
+    printf("%s\n%s", printable(title).c_str(),
+           draw_text(rungs, printable(left), printable(right)).c_str());
     return kDone;
   }
   std::ofstream file(options.svg);
@@ -119,29 +204,48 @@ int draw(const Options& options, const TracedExchange& exchange, bool both_logs)
   return kDone;
 }
 
+// Beside the answer: what it rests on.
+void tell_limits(const Logs& logs, double clock_ahead, const Names& names) {
+  if (!logs.traced)
+    fprintf(stderr, "cluster_sync_ctl: what the flight recorder dumped, nothing else%s\n", kTooLow);
+  const long seconds = lround(clock_ahead);
+  if (seconds != 0)
+    fprintf(stderr,
+            "cluster_sync_ctl: the clock of %s is %ld s %s that of %s, whose times these are\n",
+            printable(names[1]).c_str(), labs(seconds), seconds > 0 ? "ahead of" : "behind",
+            printable(names[0]).c_str());
+}
+
+std::string why_no_exchange(const Logs& logs) {
+  for (const LogSource& source : logs.sources)
+    if (!source.unread.empty())
+      return "no exchange: the format " + source.unread +
+             " is not read; take journalctl without -o, or -o json, export or short-iso-precise";
+  return std::string("no exchange") + kTooLow;
+}
+
 }  // namespace
 
 int explain_trace(const Options& options, const Words& words) {
   if (!options.svg.empty() && options.exchange == 0)
     return usage_error("--svg draws the exchange that --exchange names");
-  std::vector<TracedExchange> logs[2];
-  const bool both_logs = words.size() == 2;
-  bool traced = true;
-  for (size_t i = 0; i < 1 + size_t{both_logs}; ++i) {
+  Logs logs;
+  logs.both = words.size() == 2;
+  for (size_t i = 0; i < 1 + size_t{logs.both}; ++i) {
     const std::string path = words.empty() ? "-" : words[i];
-    if (!read_log(path, static_cast<int>(i), &logs[i], &traced))
+    if (!read_log(path, static_cast<int>(i), &logs))
       return report_error(options, path + ": " + strerror(errno));
   }
-  const std::vector<TracedExchange> exchanges = join_exchanges(logs[0], logs[1]);
-  if (exchanges.empty())
-    return report_error(options, std::string("no exchange") + kTooLow, kFailed);
-  if (!traced)
-    fprintf(stderr, "cluster_sync_ctl: what the flight recorder dumped, nothing else%s\n", kTooLow);
+  const Names names = em_names(logs);
+  const JoinedExchanges joined =
+      join_exchanges(std::move(logs.exchanges[0]), std::move(logs.exchanges[1]));
+  if (joined.all.empty()) return report_error(options, why_no_exchange(logs), kFailed);
+  tell_limits(logs, joined.clock_ahead, names);
   if (options.exchange != 0) {
     const size_t index = static_cast<size_t>(options.exchange) - 1;
-    if (index >= exchanges.size()) return report_error(options, "no such exchange", kFailed);
-    return draw(options, exchanges[index], both_logs);
+    if (index >= joined.all.size()) return report_error(options, "no such exchange", kFailed);
+    return draw(options, joined.all[index], names);
   }
-  options.json ? print_json(exchanges) : print_table(exchanges, both_logs);
+  options.json ? print_json(joined.all, names) : print_table(joined.all, names);
   return kDone;
 }

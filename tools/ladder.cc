@@ -21,15 +21,16 @@ constexpr int kRight = 810;
 constexpr int kWidth = 1020;
 constexpr int kTop = 60;  // of the first rung, below the title
 constexpr int kTitleHeight = 18;
+constexpr int kCharacterWidth = 8;   // of the bold ones, at most
 constexpr size_t kTitleWidth = 135;  // characters of a line
 
 bool is_good_update(const TraceStep& step) {
-  return step.message.rfind("MSG_UPDATE_", 0) == 0 && step.delivered && step.failures.empty();
+  return step.message.starts_with("MSG_UPDATE_") && step.delivered && step.failures.empty();
 }
 
 std::string describe(const TraceStep& step) {
-  std::string text = step.message;
-  if (step.message.rfind("MSG_UPDATE_", 0) == 0) text += " " + std::to_string(step.sequence_id);
+  std::string text(step.message);
+  if (step.message.starts_with("MSG_UPDATE_")) text += " " + std::to_string(step.sequence_id);
   if (!step.what.empty()) text += " " + step.what;
   if (step.bytes > 0) text += ", " + std::to_string(step.bytes) + " B";
   if (!step.delivered) text += ", not delivered";
@@ -37,10 +38,10 @@ std::string describe(const TraceStep& step) {
 }
 
 void add_step(const TraceStep& step, std::vector<Rung>* rungs) {
-  const bool event = step.message.rfind("MSG_", 0) != 0;
+  const bool event = !step.message.starts_with("MSG_");
   rungs->push_back({event ? Rung::kEvent : Rung::kMessage, clock_text(step.time, false),
-                    describe(step), step.by_requester, step.delivered, step.requester_state,
-                    step.responder_state});
+                    describe(step), step.by_requester, step.delivered,
+                    std::string(step.requester_state), std::string(step.responder_state)});
   for (const std::string& failure : step.failures)
     rungs->push_back({Rung::kFailure, "", failure, true, true, "", ""});
 }
@@ -81,6 +82,13 @@ std::string svg_line(int x1, int y1, int x2, int y2, const std::string& attribut
          std::to_string(x2) + "\" y2=\"" + std::to_string(y2) + "\" " + attributes + "/>\n";
 }
 
+// White below a text of so many characters around `x`, so that no line runs through it.
+std::string svg_background(int x, int y, size_t characters) {
+  const int width = static_cast<int>(characters) * kCharacterWidth + 8;
+  return "<rect x=\"" + std::to_string(x - width / 2) + "\" y=\"" + std::to_string(y - 13) +
+         "\" width=\"" + std::to_string(width) + "\" height=\"18\" fill=\"white\"/>\n";
+}
+
 std::string svg_rung(const Rung& rung, int y) {
   constexpr int kMiddle = (kLeft + kRight) / 2;
   const char* const centred = "text-anchor=\"middle\"";
@@ -88,7 +96,10 @@ std::string svg_rung(const Rung& rung, int y) {
   std::string svg = svg_text(8, y, "", rung.time) +
                     svg_text(kLeft - 8, y, "text-anchor=\"end\"", rung.requester_state) +
                     svg_text(kRight + 8, y, "", rung.responder_state);
-  if (rung.kind == Rung::kFailure) return svg + svg_text(kMiddle, y, failed, cut(rung.text, 130));
+  if (rung.kind == Rung::kFailure) {
+    const std::string text = cut(rung.text, 130);
+    return svg + svg_background(kMiddle, y, text.size()) + svg_text(kMiddle, y, failed, text);
+  }
   if (rung.kind != Rung::kMessage) return svg + svg_text(kMiddle, y, centred, rung.text);
   const int from = rung.to_right ? kLeft : kRight;
   const int to = rung.to_right ? kRight : kLeft;
@@ -110,6 +121,11 @@ std::string draw_arrow(const Rung& rung, const std::string& text) {
 
 std::string clock_text(double time, bool date) {
   if (time == 0) return date ? "-" : "";
+  if (time < kFirstDate) {  // since the boot
+    char since_boot[32];
+    snprintf(since_boot, sizeof since_boot, "%.3f", time);
+    return since_boot;
+  }
   const time_t seconds = static_cast<time_t>(time);
   tm parts = {};
   localtime_r(&seconds, &parts);
@@ -125,14 +141,16 @@ std::vector<Rung> make_rungs(const TracedExchange& exchange) {
   std::vector<Rung> rungs;
   for (size_t i = 0; i < steps.size();) {
     size_t end = i;
+    size_t dropped = 0;
     while (end < steps.size() && is_good_update(steps[end]))
-      ++end;
+      dropped += steps[end++].left_out;
     const size_t left_out = end - i > 2 * kShownUpdates + 1 ? end - i - 2 * kShownUpdates : 0;
     for (size_t shown = 0; left_out != 0 && shown < kShownUpdates; ++shown)
       add_step(steps[i++], &rungs);
     if (left_out != 0)
-      rungs.push_back({Rung::kLeftOut, "", "... " + std::to_string(left_out) + " more messages ...",
-                       true, true, "", ""});
+      rungs.push_back({Rung::kLeftOut, "",
+                       "... " + std::to_string(left_out + dropped) + " more messages ...", true,
+                       true, "", ""});
     i += left_out;
     do {
       add_step(steps[i++], &rungs);
@@ -151,8 +169,9 @@ std::string draw_text(const std::vector<Rung>& rungs, const std::string& left,
     if (rung.kind == Rung::kFailure) {
       drawing << indent << ">>> " << text << "\n";
     } else {
-      drawing << padded(rung.time, kTimeWidth) << padded(rung.requester_state, kStateWidth) << "|"
-              << draw_arrow(rung, text) << "| " << rung.responder_state << "\n";
+      drawing << padded(rung.time, kTimeWidth)
+              << padded(printable(rung.requester_state), kStateWidth) << "|"
+              << draw_arrow(rung, text) << "| " << printable(rung.responder_state) << "\n";
     }
   }
   return drawing.str();

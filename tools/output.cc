@@ -12,26 +12,17 @@
 
 namespace {
 
+// Whether a character is one that a terminal obeys. The last byte of U+0080 to U+009F is the
+// number.
+bool is_control(const std::string& character) {
+  const auto last = static_cast<unsigned char>(character.back());
+  if (character.size() == 1) return last < 0x20 || last == 0x7F;
+  return character.size() == 2 && character[0] == '\xC2' && last < 0xA0;
+}
+
 constexpr int64_t kProgressIntervalMs = 200;
 
 bool g_progress_shown = false;
-
-// Length of the well-formed UTF-8 sequence at `text`, 0 when there is none.
-size_t utf8_length(const unsigned char* text, size_t size) {
-  const unsigned char lead = text[0];
-  if (lead < 0x80) return 1;
-  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC2 || lead > 0xF4 || length > size) return 0;
-  // The first two bytes tell overlong forms, surrogates and numbers beyond Unicode.
-  const unsigned char second = text[1];
-  if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
-      (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
-    return 0;
-  for (size_t i = 1; i < length; ++i) {
-    if ((text[i] & 0xC0) != 0x80) return 0;
-  }
-  return length;
-}
 
 bool progress_is_due() {
   static int64_t last = 0;
@@ -46,18 +37,17 @@ bool progress_is_due() {
 }  // namespace
 
 std::string json_string(const std::string& text) {
-  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text.data());
   std::string json = "\"";
   for (size_t i = 0; i < text.size();) {
-    const size_t length = utf8_length(bytes + i, text.size() - i);
+    const size_t length = utf8_length(text.data() + i, text.size() - i);
     if (length == 0) {
       json += "\\ufffd";
-    } else if (bytes[i] < 0x20 || bytes[i] == 0x7F) {
+    } else if (is_control(text.substr(i, length))) {
       char code[7];
-      snprintf(code, sizeof code, "\\u%04x", bytes[i]);
+      snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned char>(text[i + length - 1]));
       json += code;
     } else {
-      if (bytes[i] == '"' || bytes[i] == '\\') json += '\\';
+      if (text[i] == '"' || text[i] == '\\') json += '\\';
       json.append(text, i, length);
     }
     i += length == 0 ? 1 : length;

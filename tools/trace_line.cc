@@ -1,19 +1,20 @@
 #include "tools/trace_line.h"
 
 #include <ctype.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include <algorithm>
+#include <deque>
 #include <istream>
-#include <iterator>
-#include <utility>
+#include <vector>
 
 namespace {
 
-// Other numbers at the head of a line are no time.
-constexpr double kFirstTime = 1e8;
-constexpr double kLastTime = 1e11;
+constexpr double kLastTime = 1e11;      // a larger number at the head of a line is no time
+constexpr size_t kLongestDump = 20000;  // lines of a dump that are compared with those before
 
 constexpr time_t kDay = time_t{24} * 60 * 60;
 
@@ -44,27 +45,69 @@ size_t find_text(const std::string& line, size_t* name, size_t* name_end) {
   return std::string::npos;
 }
 
-// The time at the head of a line: seconds since 1970 (private log, short-unix), an ISO date, or
-// the date of syslog, which has no year: the last such day.
+// "+0100", "+01:00" or "Z" behind a time; seconds east of Greenwich. False when there is none.
+bool parse_offset(const char* text, long* offset) {
+  if (*text == 'Z' || strncmp(text, " UTC", 4) == 0) {
+    *offset = 0;
+    return true;
+  }
+  int hours = 0;
+  int minutes = 0;
+  if (*text != '+' && *text != '-') return false;
+  const bool colon = strlen(text) > 3 && text[3] == ':';
+  if (sscanf(text + 1, colon ? "%2d:%2d" : "%2d%2d", &hours, &minutes) != 2) return false;
+  *offset = (hours * 60L + minutes) * 60 * (*text == '-' ? -1 : 1);
+  return true;
+}
+
+// Skips the name of a day in front of a date that has a year.
+const char* skip_weekday(const char* text) {
+  const bool weekday = strlen(text) > 5 && text[3] == ' ' && is_digit(text[4]);
+  return weekday ? text + 4 : text;
+}
+
+// A date with a year, of ISO or with a blank between day and time. Null when it is none.
+const char* parse_date(const char* text, tm* date) {
+  const char* rest = strptime(text, "%Y-%m-%dT%H:%M:%S", date);
+  return rest != nullptr ? rest : strptime(skip_weekday(text), "%Y-%m-%d %H:%M:%S", date);
+}
+
+double local_time(tm* date, bool has_year, time_t now) {
+  date->tm_isdst = -1;
+  time_t seconds = mktime(date);
+  if (!has_year && seconds > now + kDay) {
+    --date->tm_year;
+    date->tm_isdst = -1;
+    seconds = mktime(date);
+  }
+  return static_cast<double>(seconds);
+}
+
+// The time at the head of a line: seconds since 1970 (private log, short-unix) or, in brackets,
+// since the boot, a date with a year, or the date of syslog, which has none: the last such day.
 double parse_time(const std::string& line) {
+  if (line[0] == '[') return std::clamp(strtod(line.c_str() + 1, nullptr), 0.0, kFirstDate - 1);
   char* end = nullptr;
   const double number = strtod(line.c_str(), &end);
-  if (number >= kFirstTime && number < kLastTime) return number;
+  if (number >= kFirstDate && number < kLastTime) return number;
   const time_t now = time(nullptr);
   tm date = {};
-  localtime_r(&now, &date);
-  const char* rest = strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &date);
+  const char* rest = parse_date(line.c_str(), &date);
   const bool has_year = rest != nullptr;
-  if (!has_year) rest = strptime(line.c_str(), "%b %d %H:%M:%S", &date);
-  if (rest == nullptr) return 0;
-  date.tm_isdst = -1;
-  time_t seconds = mktime(&date);
-  if (!has_year && seconds > now + kDay) {
-    --date.tm_year;
-    date.tm_isdst = -1;
-    seconds = mktime(&date);
+  if (!has_year) {
+    localtime_r(&now, &date);
+    rest = strptime(line.c_str(), "%b %d %H:%M:%S", &date);
   }
-  return static_cast<double>(seconds) + (*rest == '.' ? strtod(rest, nullptr) : 0);
+  if (rest == nullptr) return 0;
+  double fraction = 0;
+  if (*rest == '.' || *rest == ',') {
+    const std::string digits = "0." + std::string(rest + 1, strspn(rest + 1, "0123456789"));
+    fraction = strtod(digits.c_str(), nullptr);
+    rest += digits.size() - 1;
+  }
+  long offset = 0;
+  if (!parse_offset(rest, &offset)) return local_time(&date, has_year, now) + fraction;
+  return static_cast<double>(timegm(&date) - offset) + fraction;
 }
 
 bool parse_line(const std::string& line, TraceLine* parsed) {
@@ -82,41 +125,51 @@ bool is_same_line(const TraceLine& a, const TraceLine& b) {
   return a.time == b.time && a.function == b.function && a.text == b.text;
 }
 
+// The dumps of a log.
+struct Dumps {
+  std::vector<TraceLine> open;   // the dump that is being read
+  std::deque<TraceLine> passed;  // what was taken last, as many lines as a dump can repeat
+};
+
 // Takes a dump over. It begins with what the recorder still held of the dump before.
-void add_dump(std::vector<TraceLine>* dump, std::vector<TraceLine>* recorded) {
-  size_t known = std::min(dump->size(), recorded->size());
-  while (!std::equal(dump->begin(), dump->begin() + static_cast<ptrdiff_t>(known),
-                     recorded->end() - static_cast<ptrdiff_t>(known), is_same_line))
+void take_dump(Dumps* dumps, const TakeTraceLine& take) {
+  const std::vector<TraceLine>& dump = dumps->open;
+  std::deque<TraceLine>& passed = dumps->passed;
+  size_t known = std::min(dump.size(), passed.size());
+  while (!std::equal(dump.begin(), dump.begin() + static_cast<ptrdiff_t>(known),
+                     passed.end() - static_cast<ptrdiff_t>(known), is_same_line))
     --known;
-  std::move(dump->begin() + static_cast<ptrdiff_t>(known), dump->end(),
-            std::back_inserter(*recorded));
-  dump->clear();
+  for (size_t i = known; i < dump.size(); ++i) {
+    take(dump[i], true);
+    passed.push_back(dump[i]);
+    if (passed.size() > kLongestDump) passed.pop_front();
+  }
+  dumps->open.clear();
 }
 
 // Whether a line is the first of a dump that follows another without a line between.
 bool begins_dump(const TraceLine& line, const std::vector<TraceLine>& dump) {
-  return !dump.empty() && (is_same_line(line, dump.front()) || line.time < dump.back().time);
+  return !dump.empty() && (is_same_line(line, dump.front()) || line.time < dump.back().time ||
+                           dump.size() >= kLongestDump);
 }
 
 }  // namespace
 
-Trace read_trace(std::istream* log) {
-  Trace trace;
-  std::vector<TraceLine> dump;
+bool read_trace(std::istream* log, LogSource* source, const TakeTraceLine& take) {
+  Dumps dumps;
   bool traced = false;
-  for (std::string line; std::getline(*log, line);) {
+  for (std::string line; next_log_line(log, source, &line);) {
     TraceLine parsed;
     if (!parse_line(line, &parsed)) continue;
     TraceLine inner;
     const bool dumped = parsed.function == "dump_flight_recorder";
     const bool recorded = dumped && !traced && parse_line(parsed.text, &inner);
-    if (!dumped || begins_dump(inner, dump)) add_dump(&dump, &trace.recorded);
-    if (recorded) dump.push_back(inner);
+    if (!dumped || begins_dump(inner, dumps.open)) take_dump(&dumps, take);
+    if (recorded) dumps.open.push_back(inner);
     if (dumped) continue;
     traced = traced || parsed.function == "on_sync_state_change";
-    trace.logged.push_back(parsed);
+    take(parsed, false);
   }
-  add_dump(&dump, &trace.recorded);
-  if (!traced) trace.logged.clear();
-  return trace;
+  take_dump(&dumps, take);
+  return traced;
 }

@@ -14,6 +14,7 @@
 #include "redundancy_health/catalog/scan_failure.h"
 #include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 
@@ -193,6 +194,7 @@ bool may_have_digest_file(const ScannedFile& file) {
 FILE* create_digest_file(const ScannedFile& data, int data_fd) {
   const std::string name = digest_name_of(data.name);
   if (unlinkat(data.dir_fd, name.c_str(), 0) == 0 && fsync(data.dir_fd) != 0) return nullptr;
+  beat(kSyncing);
   if (fsync(data_fd) != 0) return nullptr;
   return open_stream(data.dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644, "w");
 }

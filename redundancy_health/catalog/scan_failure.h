@@ -3,6 +3,7 @@
 
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/sync_context.h"
 
 // Records a failure of the scan: logs it and makes it the outcome of the exchange, which stops at
@@ -12,6 +13,7 @@
     char* _failure = nullptr;                                              \
     CHECK_NOT_NEGATIVE(asprintf(&_failure, __VA_ARGS__));                  \
     LOG_AS(__func__, 3, dump, "%s", _failure);                             \
+    note_failure(_failure);                                                \
     RpcResult _result;                                                     \
     storage_cfg_set_result(&_result, RESULT_APPLY_FAILED, "%s", _failure); \
     (ctx)->cpg_result = _result;                                           \

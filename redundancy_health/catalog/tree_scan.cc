@@ -17,6 +17,7 @@
 #include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 
 namespace {
@@ -112,6 +113,7 @@ int hash_chunks(const Scan& scan, const ScannedFile& file, int data_file, Digest
   bool at_end = false;
   while (!at_end) {
     size_t size;
+    beat(kHashing);
     if (!read_chunk(data_file, data, file.status.st_size, offset, &size, &at_end)) return errno;
     if (offset + size > UINT32_MAX) return EFBIG;  // it grew past what the formats can carry
     add_chunk(scan, file, data, static_cast<uint32_t>(offset), static_cast<uint32_t>(size), writer);
@@ -201,6 +203,7 @@ void scan_subdir(const Scan& scan, const ScannedFile& subdir, int depth) {
 
 // Lists one name of a directory.
 void scan_name(const Scan& scan, const ScannedDir& dir, const char* name) {
+  beat(kListing);
   FileEntry* entry = new_file_entry(scan.root_index, dir.path, name);
   ScannedFile file = {dir.fd, name, entry, {}, scan.tag, dir.holds_digests};
   if (fstatat(dir.fd, name, &file.status, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -20,6 +20,7 @@
 #include "redundancy_health/exchange/checkpoint.h"
 #include "redundancy_health/exchange/rpc_request.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/cpg_message.h"
 
@@ -69,6 +70,7 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
     storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",
                            strerror(errno), destination_path.c_str());
     LOG(3, "%s", ctx->cpg_result.reason);
+    note_failure(ctx->cpg_result.reason);
   }
 }
 
@@ -109,6 +111,7 @@ void serve_listing_request(SyncContext* ctx, const uint8_t* payload, uint32_t pa
   if (!ctx->cpg_result.canceled) {
     send_cpg_command(ctx, MSG_LISTING_ACK, FLAG_PEER_EXCHANGE, &ctx->cpg_result, listing,
                      total_size);
+    note_listing_served();
   }
   free(listing);
   stats.n_syncs_from_peer += 1;

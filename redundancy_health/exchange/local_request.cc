@@ -15,6 +15,7 @@
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 
@@ -169,6 +170,7 @@ bool apply_local_request(SyncContext* ctx) {
     REFUSE(ctx, RESULT_REFUSED, "Received unparseable RPC message");
     return false;
   }
+  beat(kSyncing);
   const bool applied = apply_request(ctx, request);
   // The syncs of a slow medium are no lack of progress of an exchange.
   ctx->state_time = get_uptime();

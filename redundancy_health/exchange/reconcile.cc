@@ -15,6 +15,7 @@
 #include "redundancy_health/exchange/comparison.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/transfer/exchange_notes.h"
 
 namespace {
@@ -102,6 +103,7 @@ void queue_updates(SyncContext* ctx, Comparison* comparison) {
 }  // namespace
 
 void compare_synced_files(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
+  beat(kComparing);
   free_file_list(&ctx->update_queue);
   Comparison comparison;
   if (gather_comparison(ctx, payload, payload_size, &comparison)) {

@@ -13,6 +13,7 @@
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transfer/incoming.h"
@@ -150,6 +151,7 @@ void on_lock_req(SyncContext* ctx, const Event& event) {
 
 void on_lock_rel(SyncContext* ctx) {
   if (ctx->cur_state == ST_UNLOCKED || ctx->cur_state == ST_PEERLOCK || ctx->cur_state == ST_DONE) {
+    if (ctx->cur_state == ST_PEERLOCK) report_served_exchange(ctx->cpg_result);
     ctx->cur_state = ST_UNLOCKED;
   } else {
     end_exchange_error(ctx, "Received early LOCK_REL message in state %s",

@@ -10,7 +10,10 @@
 #include "redundancy_health/frame/exit_wait.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/service_status.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/sync_context.h"
+#include "redundancy_health/frame/version.h"
 #include "redundancy_health/rpc/notification.h"
 #include "redundancy_health/transport/sync_thread.h"
 
@@ -19,14 +22,16 @@ int32_t g_cmd_socket_num = 2006;
 
 namespace {
 
-constexpr int kLookSeconds = 3600;  // nothing to look at: only an exit wakes the main thread
+constexpr int kLookSeconds = 5;  // from one look at the heartbeat to the next
 
 }  // namespace
 
 int daemon_main(int, char**) {
   LOG(6, "Starting cluster_sync_daemon");
+  LOG(6, "Version %s", kVersion);
   check_em_number();
   init_context(&g_context);
+  start_state_report();
   // A worker may outlive this function, so its server stays, known to the end.
   static CmdServer* cmd_server;
   cmd_server = cmd_server_create(g_cmd_socket_num, on_rpc_notification);
@@ -39,12 +44,14 @@ int daemon_main(int, char**) {
   CHECK_ZERO(Create_Thread(&cpg_pthread_sync, nullptr, sync_thread_fn, &g_context, "sync_thread"));
   CHECK_ZERO(
       Create_Thread(&cleanup_pthread, nullptr, cleanup_thread_fn, nullptr, "cleanup_thread"));
+  announce_main_process();
   if (!g_foreground) daemon_signal_daemonize_complete();
   CHECK_ZERO(cmd_server_start(cmd_server));
 
   sleep(1);
-  while (!exit_requested_within(kLookSeconds)) {
-  }
+  do {
+    tell_service_manager(watch_heartbeat());
+  } while (!exit_requested_within(kLookSeconds));
 
   LOG(4, "cluster_sync_daemon clean shutdown requested");
   const pthread_t cmd_server_pthread = cmd_server->thread;

@@ -6,8 +6,8 @@
 #include "platform/util.h"
 #include "redundancy_health/frame/checked_lock.h"
 
-FlightRecorder g_flight_recorder = {PTHREAD_MUTEX_INITIALIZER,
-                                    SIMPLEQ_HEAD_INITIALIZER(g_flight_recorder.entries), 500, 0, 0};
+FlightRecorder g_flight_recorder = {
+    PTHREAD_MUTEX_INITIALIZER, SIMPLEQ_HEAD_INITIALIZER(g_flight_recorder.entries), 500, 0, {}};
 
 // The recorder is below the log, which fills it.
 #define PLATFORM_LINE(...) DbgOutput(__FILE__, __LINE__, __func__, 3, __VA_ARGS__)

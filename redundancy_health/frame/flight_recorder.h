@@ -6,6 +6,7 @@
 #include <sys/queue.h>
 
 #include "platform/mutex.h"
+#include "redundancy_health/frame/relaxed.h"
 
 // The most recent log lines, kept in memory so that the first error can show what led up to it.
 
@@ -20,8 +21,9 @@ struct FlightRecorder {
   entries GUARDED_BY(mutex);               // oldest first
   uint32_t max_entries GUARDED_BY(mutex);  // 0 records nothing
   uint32_t count GUARDED_BY(mutex);
-  // Set by the first dump: the lines before the first error are the precious ones.
-  uint8_t paused GUARDED_BY(mutex);
+  // Set by the first dump: the lines before the first error are the precious ones. Written with the
+  // mutex held.
+  Relaxed<uint8_t> paused;
 };
 
 extern FlightRecorder g_flight_recorder;

@@ -3,6 +3,7 @@
 #include "platform/util.h"
 #include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 
 SyncContext g_context;
 
@@ -44,6 +45,7 @@ void init_context(SyncContext* ctx) {
 
 void reset_cpg_result(SyncContext* ctx) {
   storage_cfg_set_result(&ctx->cpg_result, RESULT_OK, nullptr);
+  forget_exchange();
 }
 
 uint32_t read_rpc_stage(SyncContext* ctx) {

@@ -131,7 +131,7 @@ void run_flight_rec(const char* argument) {
     g_flight_recorder.max_entries = static_cast<uint32_t>(decimal(argument));
   }
   LOG_PLATFORM_ONLY(4, "Received flight-rec diag command. Paused=%d Max size-%u",
-                    g_flight_recorder.paused, g_flight_recorder.max_entries);
+                    static_cast<int>(g_flight_recorder.paused), g_flight_recorder.max_entries);
 }
 
 void reset_statistics() {

@@ -1,12 +1,13 @@
 #include "redundancy_health/rpc/notification.h"
 
 #include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/rpc/diagnostics.h"
 #include "redundancy_health/rpc/rpc_service.h"
 
 namespace {
 
-enum MessageType : uint32_t { kRpcUpdate = 0, kDiagnostic = 1, kCompare = 3 };
+enum MessageType : uint32_t { kRpcUpdate = 0, kDiagnostic = 1, kStateQuery = 2, kCompare = 3 };
 
 }  // namespace
 
@@ -20,6 +21,12 @@ uint32_t on_rpc_notification(uint32_t type, const uint8_t* message, uint32_t siz
     }
     case kDiagnostic:
       return run_diagnostic(message, size);
+    case kStateQuery: {
+      StateRecord state;
+      read_state(&state);
+      cmd_rsp_attach_payload(&state, sizeof(state), rsp);
+      return kHandled;
+    }
     case kCompare: {
       RpcResult result;
       const int report = on_rpc_compare(&result);

@@ -18,6 +18,7 @@
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transfer/clear_way.h"
 #include "redundancy_health/transfer/exchange_notes.h"
@@ -114,6 +115,7 @@ int replace_file(const FileEntry* local, const Update& update, const PinnedPath&
     storage_close(handle);
     return error != 0 ? error : errno;
   }
+  beat(kSyncing);
   bool replaced;
   const int error = close_replacement(file, handle, &replaced);
   if (replaced) {
@@ -187,6 +189,7 @@ int fill_file(int fd, const FileEntry* local, const Update& update) {
   }
   const int error = write_fully(fd, update.data, update.data_size);
   if (error != 0) return error;
+  beat(kSyncing);
   // Not fdatasync: with an old modification time, old digests would pass for those of the new
   // bytes.
   if (fsync(fd) != 0) {
@@ -238,6 +241,7 @@ int write_update(const FileEntry* local, const Update& update, bool atomic) {
 }
 
 void update_file(const FileEntry* local, const Update& update, RpcResult* result) {
+  beat(kWriting);
   if (!update.header.data_ok) {
     LOG(7, "SYNC update IGNORED due to error on sender side %s", update.relative_path);
     return;
@@ -257,6 +261,7 @@ void update_file(const FileEntry* local, const Update& update, RpcResult* result
 }
 
 void delete_file(SyncContext* ctx, const FileEntry* local, RpcResult* result) {
+  beat(kWriting);
   // `cluster_sync_ctl explain` reads this format.
   LOG(7, "SYNC Deleting file %s", local->path);
   PinnedPath file;
@@ -315,6 +320,7 @@ void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, File
     default:
       break;
   }
+  if (!result.success) note_failure(result.reason);
 }
 
 }  // namespace

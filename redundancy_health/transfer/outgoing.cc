@@ -12,6 +12,7 @@
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/cpg_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -112,6 +113,7 @@ void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* l
   char* msg = static_cast<char*>(malloc(static_cast<size_t>(msg_size)));
   CHECK_NOT_NULL(msg);
 
+  beat(kReading);
   UpdateHeader header = make_header(entry);
   char* p = msg + sizeof(header);
   memcpy(p, entry->relative_path, path_size);
@@ -124,6 +126,7 @@ void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* l
     storage_cfg_set_result(&msg_result, RESULT_READ_FAILED, "Could not read file (%s): %s",
                            strerror(error), local_path);
     LOG(3, "%s", msg_result.reason);
+    note_failure(msg_result.reason);
   }
   p += read_size;
   memcpy(msg, &header, sizeof(header));

@@ -11,6 +11,7 @@
 #include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/transport/cpg_message.h"
 
 namespace {
@@ -93,6 +94,17 @@ void hand_back_to_rpc(SyncContext* ctx) {
   CHECK_ZERO(pthread_cond_broadcast(&ctx->rpc_cond));
 }
 
+// For whoever asks for the state: what came of this EM's exchange with the peer.
+void report_outcome(const SyncContext& ctx, uint32_t flags) {
+  if ((flags & kCodeNoExchange) != 0) return;
+  const bool synchronised = ctx.cur_state == ST_LISTREQ || ctx.cur_state == ST_UPDATE;
+  if (!ctx.cpg_result.success) {
+    report_failure(ctx.cpg_result.reason);
+  } else if (synchronised && ctx.cpg_result.peer_present == 'Y') {
+    report_success();
+  }
+}
+
 }  // namespace
 
 void arm_resync(SyncContext* ctx) {
@@ -106,6 +118,7 @@ int pause_before_exchange(const SyncContext* ctx) {
 }
 
 void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, va_list args) {
+  if (!ctx->cpg_result.success) note_failure(ctx->cpg_result.reason);
   if ((flags & kCodeError) != 0) {
     storage_cfg_set_result_v(&ctx->cpg_result, flags, format, args);
     // `cluster_sync_ctl explain` reads this format.
@@ -114,6 +127,7 @@ void end_exchange_full_v(SyncContext* ctx, uint32_t flags, const char* format, v
   ctx->cpg_result.peer_present =
       (ctx->cpg_membership_flags & kPeerMember) != 0 ? uint32_t{'Y'} : 'N';
   account_for_faults(ctx, flags);
+  report_outcome(*ctx, flags);
   if ((flags & kCodeError) != 0 && (flags & kCodeNoExchange) == 0) begin_pause(ctx);
   if (ctx->cpg_result.success) ctx->exchange_pause = 0;
   free_file_list(&ctx->update_queue);

@@ -14,6 +14,7 @@
 #include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/exit_flag.h"
 #include "redundancy_health/frame/log.h"
+#include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/sync_context.h"
 #include "redundancy_health/transport/cpg_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
@@ -150,6 +151,7 @@ int poll_timeout(const SyncContext* ctx) {
 
 void run_loop(SyncContext* ctx, int cpg_fd) {
   while (!get_exit_daemon()) {
+    beat(kAtRest);
     struct pollfd fds[2] = {{cpg_fd, POLLIN, 0}, {ctx->rpc_fd, POLLIN, 0}};
     if (poll(fds, 2, poll_timeout(ctx)) < 0) FATAL("Call to poll failed: %s", strerror(errno));
     dispatch_cpg(ctx, fds[0].revents);
@@ -157,6 +159,7 @@ void run_loop(SyncContext* ctx, int cpg_fd) {
     if (request_is_put_off(ctx)) serve_deferred_request(ctx);
     watch_timeouts(ctx);
     count_down_to_resync(ctx);
+    report_context(*ctx);
   }
 }
 
@@ -207,6 +210,7 @@ void on_cpg_message(cpg_handle_t handle, const struct cpg_name*, uint32_t nodeid
       on_sync_state_change(ctx, header.command, sender, &header,
                            static_cast<const uint8_t*>(message) + sizeof(header),
                            static_cast<uint32_t>(message_size - sizeof(header)));
+      report_context(*ctx);
       return;
     }
   }
@@ -224,6 +228,7 @@ void on_cpg_config(cpg_handle_t handle, const struct cpg_name* group_name,
       compute_membership_flags(nodeid, joined, joined_count, kSelfJoined, kPeerJoined) |
       compute_membership_flags(nodeid, left, left_count, kSelfLeft, kPeerLeft);
   ctx->cpg_membership_flags = flags;
+  report_members(members, member_count);
   if ((flags & (kSelfLeft | kPeerLeft)) != 0) {
     on_sync_state_change(ctx, ON_CPG_LEFT, nodeid, nullptr, nullptr, 0);
   }
@@ -232,6 +237,7 @@ void on_cpg_config(cpg_handle_t handle, const struct cpg_name* group_name,
   }
   LOG(7, "CPG config change [%.*s]: flags=%02x", static_cast<int>(sizeof(group_name->value)),
       group_name->value, ctx->cpg_membership_flags);
+  report_context(*ctx);
 }
 
 uint32_t compute_membership_flags(uint32_t local_nodeid, const struct cpg_address* addresses,

@@ -294,12 +294,14 @@ void fuzz_command(Input* in) {
 void fuzz_trace(Input* in) {
   std::istringstream logs[] = {std::istringstream(in->ConsumeRandomLengthString()),
                                std::istringstream(in->ConsumeRemainingBytesAsString())};
-  std::vector<TracedExchange> found[2];
-  for (int log : {0, 1}) {
-    const Trace trace = read_trace(&logs[log]);
-    found[log] = find_exchanges(trace.logged.empty() ? trace.recorded : trace.logged, log);
-  }
-  for (const TracedExchange& exchange : join_exchanges(found[0], found[1])) {
+  TraceReader readers[2] = {{.log = 0}, {.log = 1}};
+  LogSource source;
+  for (int log : {0, 1})
+    read_trace(&logs[log], &source,
+               [&](const TraceLine& line, bool) { take_trace_line(&readers[log], line); });
+  const JoinedExchanges joined =
+      join_exchanges(std::move(readers[0].found), std::move(readers[1].found));
+  for (const TracedExchange& exchange : joined.all) {
     clock_text(exchange.begin, true);
     draw_text(make_rungs(exchange), "1", "2");
     draw_svg(make_rungs(exchange), exchange.why + exchange.failure, "1", "2");

@@ -8,7 +8,9 @@
 
 #include "client/cluster_sync.h"
 #include "platform/cmdsockserver.h"
+#include "platform/escape.h"
 #include "platform/event.h"
+#include "redundancy_health/frame/state_record.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
@@ -43,6 +45,10 @@ std::string result_bytes(uint32_t code, const char* reason, char peer_present) {
   storage_cfg_set_result(&result, code, "%s", reason);
   result.peer_present = static_cast<uint32_t>(peer_present);
   return {reinterpret_cast<const char*>(&result), sizeof result};
+}
+
+std::string bytes_of_state(const StateRecord& state) {
+  return {reinterpret_cast<const char*>(&state), sizeof state};
 }
 
 // Records a state of the replication fault.
@@ -148,8 +154,8 @@ TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
       result_bytes(4, "\" \\ \t \x7f \xc3\xa9 \xff \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82", 'N');
   EXPECT_EQ(run_answered("sync 2>&1", 0, hostile), 1);
   EXPECT_EQ(out_,
-            "cluster_sync_ctl: not synchronised: \" \\ \\x09 \\x7f \xc3\xa9 \xff \xed\xa0\x80 "
-            "\xf4\x90\x80\x80 \xe2\x82\n");
+            "cluster_sync_ctl: not synchronised: \" \\ \\x09 \\x7f \xc3\xa9 \\xff \\xed\\xa0\\x80 "
+            "\\xf4\\x90\\x80\\x80 \\xe2\\x82\n");
   run_answered("--json sync", 0, hostile);
   EXPECT_EQ(
       out_,
@@ -475,27 +481,71 @@ TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
     record_fault(status, fault_id, size);
     EXPECT_EQ(run("fault"), exit_status) << fault_id << " " << status << " " << size;
   }
-  // The tool that lists the group.
-  setenv("PATH", (std::string("/mnt:") + getenv("PATH")).c_str(), 1);
-  write_file("/mnt/corosync-cpgtool", "#!/bin/sh\ncat /mnt/group\n", 0755);
-  const std::string both = "em-sync 12 1\nother 7 1\nem-sync 34 2\n";
-  for (const auto& [answer, fault, role, group, exit_status] :
-       {std::tuple(0u, 1u, "active", both, 0),
-        {0u, 4u, "active", both, 1},
-        {0u, 4u, "standby", both, 0},
-        {0u, 1u, "active", std::string("em-sync 34 2\n"), 1},
-        {6u, 1u, "standby", both, 3}}) {
+  StateRecord state = {};
+  state.size = sizeof state;
+  state.joined = state.peer_present = 1;
+  state.last_success_age = 3;
+  state.last_error_age = state.resync_in = -1;
+  state.member_count = 2;
+  state.members[0] = {1, 12};
+  state.members[1] = {2, 34};
+  state.counters.filesys_bytes_scanned = uint64_t{1} << 40;
+  strcpy(state.version, "1.2.3");
+  unlink("/var/run/em/number");
+  for (const auto& [status, fault, role, field, value, exit_status] :
+       {std::tuple(0u, 1u, "active", &state.waiting, 7, 0),
+        {0u, 4u, "active", &state.waiting, 7, 1},
+        {0u, 4u, "standby", &state.waiting, 7, 0},
+        {0u, 1u, "standby", &state.last_error_age, 2, 1},
+        {0u, 1u, "active", &state.consecutive_errors, 1, 1},
+        {6u, 1u, "standby", &state.waiting, 7, 3}}) {
     record_fault(fault);
-    write_file("/mnt/group", group);
     EXPECT_EQ(run(std::string("role --force ") + role), 0);
     EXPECT_EQ(exists("/var/run/em/active"), *role == 'a');
-    EXPECT_EQ(run_answered("status", answer, ""), exit_status);
-    EXPECT_EQ(request_, "1stats");
+    const int32_t before = std::exchange(*field, value);
+    EXPECT_EQ(run_answered("status", status, bytes_of_state(state)), exit_status) << out_;
+    *field = before;
+    EXPECT_EQ(request_, "2");
   }
-  EXPECT_EQ(out_,
-            "daemon: refuses with status 6\nEM:     1, standby\nfault:  replication with EM 2 is "
-            "healthy, recorded when this EM was active\ngroup:  2 members: node 1 pid 12, node 2 "
-            "pid 34\n");
+  for (uint32_t* flag : {&state.peer_present, &state.joined, &state.hung, &state.both_active}) {
+    const uint32_t before = std::exchange(*flag, *flag ^ 1);
+    EXPECT_EQ(run_answered("status", 0, bytes_of_state(state)), 1) << out_;
+    *flag = before;
+  }
+  EXPECT_EQ(run_answered("status", 0, bytes_of_state(state).substr(0, 300)), 3);
+  write_file("/var/run/em/number", "3\n");
+  EXPECT_EQ(run_answered("status", 0, bytes_of_state(state)), 1) << out_;
+  write_file("/var/run/em/number", "1\n");
+  state.last_error_age = 4;
+  strcpy(state.last_error, "Operation timed out");
+  strcpy(state.last_cause, "could not open file (I/O): \x9b\n");
+  ASSERT_EQ(run_answered("status", 0, bytes_of_state(state)), 0) << out_;
+  EXPECT_NE(
+      out_.find("\nfault:    replication with EM 2 is healthy, recorded when this EM was "
+                "active\nstate:    standby, all is well\nexchange: idle for 0 s, last success "
+                "with the other EM 3 s ago\nerror:    4 s ago: Operation timed out; the cause: "
+                "could not open file (I/O): \\x9b\\x0a\ngroup:    2 members: node 1 pid 12, "
+                "node 2 pid 34\n"),
+      std::string::npos)
+      << out_;
+  ASSERT_EQ(run_answered("status --json", 0, bytes_of_state(state)), 0);
+  for (const char* part : {R"("version":"1.2.3")", R"("last_error":{"text":"Operation timed out",)",
+                           R"("resync_in":null)", R"("filesys_bytes_scanned":1099511627776)",
+                           R"("members":[{"node":1,"pid":12},{"node":2,"pid":34}])"})
+    EXPECT_NE(out_.find(part), std::string::npos) << out_;
+  ASSERT_EQ(run_answered("metrics --textfile m.prom", 0, bytes_of_state(state)), 0) << out_;
+  EXPECT_EQ(mode_of("/mnt/m.prom"), 0644u);
+  const std::string metrics = read_file("/mnt/m.prom");
+  for (const char* line : {"\ncluster_sync_filesys_bytes_scanned_total 1099511627776\n",
+                           "\ncluster_sync_last_success_age_seconds 3\n", "\ncluster_sync_up 1\n"})
+    EXPECT_NE(("\n" + metrics).find(line), std::string::npos) << metrics;
+  cluster_sync_state taken;
+  g_status = 0;
+  state.size += 3;
+  g_payload = bytes_of_state(state) + "new";
+  g_turn.release();
+  EXPECT_EQ(cluster_sync_get_state(nullptr, 9000, &taken, sizeof taken), 0);
+  EXPECT_STREQ(taken.last_error, "Operation timed out");
   EXPECT_EQ(run("role standby"), 0) << "as it is already";
 }
 
@@ -583,6 +633,7 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
   for (std::string& line : scanned) {
     line[0] = line[0] == 'Q' ? '1' : line[0] == 'P' ? '2' : line[0];
     line.erase(2, 40);
+    line = escape_control_bytes(line);
   }
   EXPECT_EQ(std::multiset(lines.begin(), lines.end()),
             std::multiset(scanned.begin(), scanned.end()))

@@ -52,7 +52,7 @@ TEST_F(DiagnosticsTest, EachCommandChangesItsSettingAndWhatIsNoneNothing) {
   unlink("/tmp/cluster_sync_daemon.log");
   for (const char* message : {"", "stats ", "=exit", "log-size", "fail-scan", "fail-write", "exi"})
     EXPECT_EQ(run(message), 6u) << message;
-  EXPECT_EQ(run("exit", 2), 6u);
+  EXPECT_EQ(run("exit", 9), 6u);
   EXPECT_EQ(settings(), "001 12 0 ,,,");
   EXPECT_FALSE(get_exit_daemon());
   EXPECT_EQ(run("exit=later"), 0u);

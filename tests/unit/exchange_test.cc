@@ -178,13 +178,38 @@ TEST_F(ExchangeTest, IsExplainedFromItsTrace) {
   const std::string at = "|Y-11-14 22:13:20|", explain = "cluster_sync_ctl explain ";
   const std::string alone = " EM|0 s|nothing|sync: success here, the other EM is away\n|2" + at;
   const std::string failure = "Operation timed out\n";
-  const std::string row = " EM|0 s|1 pushed (3 B)|update " + source + " -> " +
-                          tree_path(0, "\\x1b<a>: FAILED: ") + failure + "0\n";
+  const std::string row = " EM|0 s|1 pushed (3 B)|put \\x1b<a>: FAILED: " + failure + "0\n";
   const std::string table = "it ended\n|1" + at + "this" + alone + "this" + row;
+  const std::string of_host = "it ended\n|1" + at + "em" + alone.substr(3) + "em" + row.substr(3);
+  const auto records = [](const std::string& head, const std::string& tail) {
+    return "sed 's/\x1b/\\\\x1b/; s/^.*) //; s/^/" + head + "/; s/$/" + tail + "/' log | ";
+  };
+  const std::string time = "__REALTIME_TIMESTAMP";
   for (const auto& [command, printed] : std::vector<std::pair<std::string, std::string>>{
            {explain + "log", table},
-           {"sed 's/^.*) /Nov 14 22:13:20 em CLUS_SYNC[1]: /; s/\x1b/\\\\x1b/' log | " + explain,
-            table},
+           {records("Nov 14 22:13:20 em CLUS_SYNC[1]: ", "") + explain, of_host},
+           {records("Tue 2023-11-14 22:13:20 UTC em d.service[1]: ", "") + "TZ=CET " + explain,
+            "it ended\n|1|Y-11-14 23:13:20|em" + alone.substr(3, alone.size() - at.size() - 3) +
+                "|Y-11-14 23:13:20|em" + row.substr(3)},
+           {records("2023-11-14T23:13:20+0100 em CLUS_SYNC[1]: ", "") + explain, of_host},
+           {records("{\"" + time + "\":\"1700000000000000\",\"_HOSTNAME\":\"em\",\"MESSAGE\":\"",
+                    "\"}") +
+                "sed 's/.x1b/\\\\\\\\x1b/' | " + explain,
+            of_host},
+           {records("__CURSOR=1\\n" + time + "=1700000000000000\\n_HOSTNAME=em\\nMESSAGE=", "\\n") +
+                explain,
+            of_host},
+           {"echo { | " + explain, "or short-iso-precise\n1\n"},
+           // The clock of the second EM is a minute ahead.
+           {"sed s/1700000000/1700000060/ log > late; " + explain + "peer late 2>&1 | tail -n 1; " +
+                explain + "peer late 2>&1 > /dev/null",
+            "second" + row.substr(0, row.size() - 2) +
+                "cluster_sync_ctl: the clock of second EM is 60 s ahead of that of first EM, whose "
+                "times these are\n0\n"},
+           {explain +
+                "log --json --exchange 2 | /usr/bin/python3 -c 'import json,sys; "
+                "x = json.load(sys.stdin); print(x[\"pushed\"], x[\"steps\"][-1][\"sequence\"])'",
+            "{'files': 1, 'bytes': 3} 1\n0\n"},
            {"sed 's/^/<3> dump_flight_recorder:7: /' log log | " + explain + "-", table},
            {explain + "peer log", "|1" + at + "second" + alone + "second" + row},
            // The end of one exchange and the beginning of the next are lost.

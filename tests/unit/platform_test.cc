@@ -156,11 +156,12 @@ TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
     setenv("BREL_LOG_LEVEL", value, 1);
     debug_log_to_stdout(1);
     testing::internal::CaptureStdout();
-    DbgOutput("file.cc", 42, "f", threshold, "a\n\x1b[2J\x7f\xc3\xa9%d", 7);
+    DbgOutput("file.cc", 42, "f", threshold, "a\n\x1b[2J\x7f\xc3\xa9\xc2\x9b\xff%d", 7);
     // Formatting this argument would end the process.
     DbgOutput("file.cc", 1, "f", threshold + 1, "%s", reinterpret_cast<const char*>(1));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "<" + std::to_string(threshold) + "> f:42: a\\x0a\\x1b[2J\\x7f\xc3\xa9" + "7\n");
+              "<" + std::to_string(threshold) +
+                  "> f:42: a\\x0a\\x1b[2J\\x7f\xc3\xa9\\xc2\\x9b\\xff" + "7\n");
   }
   debug_log_to_stdout(0);
   EXPECT_EQ(run_forked([] {

@@ -130,6 +130,39 @@ _OnDifference = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_char, c
                                  ctypes.c_char_p)
 
 
+_COUNTERS = ("syncs_from_self", "syncs_from_peer", "chunk_writes_from_peer",
+             "digest_files_created", "atomic_updates_from_self", "digest_files_scanned",
+             "digest_chunks_scanned", "digest_bytes_elided", "filesys_files_scanned",
+             "filesys_chunks_scanned", "filesys_bytes_scanned")
+
+
+class _State(ctypes.Structure):
+    _fields_ = [("size", ctypes.c_uint32), ("em_number", ctypes.c_uint32),
+                ("number_source", ctypes.c_uint32), ("active", ctypes.c_uint32),
+                ("joined", ctypes.c_uint32), ("peer_present", ctypes.c_uint32),
+                ("exchange_state", ctypes.c_uint32), ("exchange_state_age", ctypes.c_int32),
+                ("activity", ctypes.c_uint32), ("heartbeat_age", ctypes.c_int32),
+                ("hung", ctypes.c_uint32), ("uptime", ctypes.c_int32),
+                ("last_success_age", ctypes.c_int32), ("last_error_age", ctypes.c_int32),
+                ("consecutive_errors", ctypes.c_int32), ("resync_in", ctypes.c_int32),
+                ("waiting", ctypes.c_int32), ("fault", ctypes.c_uint32),
+                ("both_active", ctypes.c_uint32), ("recorder_paused", ctypes.c_uint32),
+                ("rpc_stage", ctypes.c_uint32), ("member_count", ctypes.c_uint32),
+                ("members", ctypes.c_uint32 * 16), ("counters", ctypes.c_uint64 * 11),
+                ("version", ctypes.c_char * 24), ("last_error", ctypes.c_char * 116),
+                ("last_cause", ctypes.c_char * 116)]
+
+    def fields(self) -> dict[str, Any]:
+        values: dict[str, Any] = {}
+        for name, kind in self._fields_:  # type: ignore[misc]
+            value = getattr(self, name)
+            values[name] = os.fsdecode(value) if isinstance(value, bytes) else value
+        pairs = list(self.members)
+        values["members"] = list(zip(pairs[::2], pairs[1::2]))[:self.member_count]
+        values["counters"] = dict(zip(_COUNTERS, self.counters))
+        return values
+
+
 _library = ctypes.CDLL("libcluster-sync.so.1")
 for _function in ("strerror", "version"):
     getattr(_library, f"cluster_sync_{_function}").restype = ctypes.c_char_p
@@ -405,3 +438,12 @@ def compare(*, timeout: float | None = TIMEOUT, socket: Path | None = None) -> C
         connection.send_compare()
         _answer(connection, deadline)
         return connection.receive_compare()
+
+
+def state(*, timeout: float | None = TIMEOUT, socket: Path | None = None) -> dict[str, Any]:
+    """The state of the daemon, as the fields of struct cluster_sync_state: ages in seconds, -1 for
+    never; the members of the group as pairs of node and process id; the counters by name."""
+    answer = _State()
+    _check(_library.cluster_sync_get_state(_text(socket), _Deadline(timeout).left_ms(),
+                                           ctypes.byref(answer), ctypes.sizeof(answer)))
+    return answer.fields()
