@@ -21,6 +21,7 @@ ROOTS = (
 )
 PREFIX = "TempUpdate_"
 MAX_AGE_SECONDS = 3600
+MAX_DEPTH = 16  # of directories below a root: nothing deeper is replicated
 
 
 def report(action, path, error):
@@ -52,7 +53,9 @@ def clean_up(root, oldest_kept):
     unreadable = []
     failures = 0
     try:
-        for directory, _, names, descriptor in os.fwalk(root, onerror=unreadable.append):
+        for directory, below, names, descriptor in os.fwalk(root, onerror=unreadable.append):
+            if directory.count("/", len(root)) >= MAX_DEPTH - 1:
+                below.clear()
             for name in names:
                 if name.startswith(PREFIX):
                     path = os.path.join(directory, name)

@@ -98,14 +98,14 @@ void take_cause(Reader* reader, const std::string& text) {
   }
 }
 
-// Bytes of a path. The journal has control bytes as "\\xNN", whatever stands in the name.
+// Bytes of a path. The journal has bytes that are not printed as "\\xNN", whatever stands in the name.
 int64_t path_size(const std::string& path) {
   int64_t size = 0;
   for (size_t i = 0; i < path.size(); ++size) {
     const std::string digits = path.compare(i, 2, "\\x") == 0 ? path.substr(i + 2, 2) : "";
     char* end = nullptr;
     const unsigned long byte = strtoul(digits.c_str(), &end, 16);
-    const bool escaped = *end == '\0' && digits.size() == 2 && (byte < 0x20 || byte == 0x7F);
+    const bool escaped = *end == '\0' && digits.size() == 2 && (byte < 0x20 || byte >= 0x7F);
     i += escaped ? 4 : 1;
   }
   return size;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <iterator>
+#include <string_view>
 
 #include "platform/escape.h"
 
@@ -39,7 +40,7 @@ bool progress_is_due() {
 std::string json_string(const std::string& text) {
   std::string json = "\"";
   for (size_t i = 0; i < text.size();) {
-    const size_t length = utf8_length(text.data() + i, text.size() - i);
+    const size_t length = utf8_length(std::string_view(text).substr(i));
     if (length == 0) {
       json += "\\ufffd";
     } else if (is_control(text.substr(i, length))) {

@@ -29,7 +29,7 @@ constexpr time_t kOnItsWay = 2;  // s that a change may take from one EM to the 
 // Tag of the tree and path of a file.
 using FileKey = std::pair<char, std::string>;
 
-// Trees of one EM as text lines; control bytes and backslashes in paths are escaped.
+// Trees of one EM as text lines; what is not printed, and backslashes in paths, are escaped.
 struct Listing {
   unsigned em;
   time_t begun;  // by the clock of that EM
@@ -49,8 +49,8 @@ constexpr char kChangedMeanwhile[] = "changed meanwhile";
 std::string escaped(const std::string& line) {
   std::string text;
   for (const char c : line)
-    text += c == '\\' ? "\\x5c" : printable(std::string(1, c));
-  return text;
+    text += c == '\\' ? std::string("\\x5c") : std::string(1, c);
+  return printable(text);
 }
 
 // Reads the trees. False, and told on standard error, when not all of them can be read.

@@ -3,7 +3,28 @@
 #include <errno.h>
 #include <stdlib.h>
 
+#include <new>
+
 #include "platform/util.h"
+
+namespace {
+
+// For the last line of a process that has no memory left. Below the size that would be mapped, so
+// that the heap has it back at once.
+void* g_reserve = nullptr;
+
+[[noreturn]] void fail_new() {
+  std::set_new_handler(nullptr);
+  free(g_reserve);
+  check_failed_null(__FILE__, __LINE__, __func__, "operator new");
+}
+
+}  // namespace
+
+void install_out_of_memory_check() {
+  g_reserve = malloc(size_t{64} * 1024);
+  std::set_new_handler(fail_new);
+}
 
 void check_failed(const char* file, int line, const char* function, const char* expression,
                   int value) {

@@ -13,6 +13,9 @@
 void check_failed_close(const char* file, int line, const char* function, const char* expression,
                         int value);
 
+// From now on a failed operator new ends the process with such a line, too.
+void install_out_of_memory_check();
+
 // A call that answers 0 or an error code.
 #define CHECK_ZERO(expression)                                                                    \
   do {                                                                                            \

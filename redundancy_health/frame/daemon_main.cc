@@ -27,6 +27,7 @@ constexpr int kLookSeconds = 5;  // from one look at the heartbeat to the next
 }  // namespace
 
 int daemon_main(int, char**) {
+  install_out_of_memory_check();
   LOG(6, "Starting cluster_sync_daemon");
   LOG(6, "Version %s", kVersion);
   check_em_number();

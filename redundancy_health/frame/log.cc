@@ -8,7 +8,12 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <string>
+#include <string_view>
+#include <utility>
 
+#include "platform/descriptor.h"
+#include "platform/escape.h"
 #include "redundancy_health/frame/checked_lock.h"
 #include "redundancy_health/frame/diag_params.h"
 #include "redundancy_health/frame/flight_recorder.h"
@@ -23,28 +28,37 @@ uint32_t read_max_log_size() {
   return static_cast<uint32_t>(g_diag_params.max_log_size);
 }
 
-// False when the line is to be dropped: its file cannot be looked at or moved away.
-bool make_room_in_log_file(uint32_t max_log_size) {
-  struct stat status;
-  // No link is followed, here as little as when the file is opened: one that leads in a circle
-  // would cost the flight recorder its lines.
-  if (lstat(kLogFile, &status) != 0) return errno == ENOENT;
-  if (static_cast<uint64_t>(status.st_size) <= max_log_size) return true;
-  return rename(kLogFile, kOldLogFile) == 0;
+// What becomes of a line in the private log file.
+enum class LogFile {
+  kReady,
+  kSkipped,  // somebody has put a thing of his own in the way: only the flight recorder gets it
+  kFailed,   // the line is lost
+};
+
+// Anybody can plant a file, a link or a FIFO in /tmp.
+bool is_own_file(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
-void append_to_log_file(const char* text) {
-  // Anybody can plant a link or a FIFO in /tmp.
-  const int fd =
-      open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-  if (fd < 0) return;
+LogFile make_room_in_log_file(uint32_t max_log_size) {
   struct stat status;
-  FILE* f = nullptr;
-  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) f = fdopen(fd, "a");
-  if (f == nullptr) {
-    close(fd);
-    return;
-  }
+  if (lstat(kLogFile, &status) != 0) return errno == ENOENT ? LogFile::kReady : LogFile::kFailed;
+  if (!is_own_file(status)) return LogFile::kSkipped;
+  if (static_cast<uint64_t>(status.st_size) <= max_log_size) return LogFile::kReady;
+  if (rename(kLogFile, kOldLogFile) == 0) return LogFile::kReady;
+  return errno == EISDIR ? LogFile::kSkipped : LogFile::kFailed;
+}
+
+// Names of files that only root may list are in the log.
+void append_to_log_file(const char* text) {
+  Descriptor fd(
+      open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+  struct stat status;
+  if (!fd.is_open() || fstat(fd.get(), &status) != 0 || !is_own_file(status)) return;
+  if ((status.st_mode & 077) != 0 && fchmod(fd.get(), 0600) != 0) return;
+  FILE* f = fdopen(fd.get(), "a");
+  if (f == nullptr) return;
+  fd.release();
   fprintf(f, "%s\n", text);
   CHECK_CLOSE(fclose(f));
 }
@@ -104,6 +118,15 @@ class Line {
     va_end(again);
     length_ = length;
   }
+  // A line feed in a file name would make a line of its own in the log file.
+  void escape() {
+    const std::string_view made(message(), length_ - prefix_length_);
+    if (!may_need_escapes(made)) return;
+    const std::string escaped = escape_control_bytes(made);
+    if (text_ != space_) free(std::exchange(text_, space_));
+    length_ = prefix_length_;
+    add("%s", escaped.c_str());
+  }
   const char* message() const {
     return text_ + prefix_length_;
   }
@@ -111,8 +134,9 @@ class Line {
   void keep(int level, int dump) const {
     const uint32_t max_log_size = read_max_log_size();
     if (max_log_size != 0) {
-      if (!make_room_in_log_file(max_log_size)) return;
-      append_to_log_file(text_);
+      const LogFile log_file = make_room_in_log_file(max_log_size);
+      if (log_file == LogFile::kFailed) return;
+      if (log_file == LogFile::kReady) append_to_log_file(text_);
     }
     record_line(level, dump, text_, length_);
   }
@@ -132,6 +156,7 @@ __attribute__((format(printf, 6, 0))) void write_line(const char* file, int line
   const int saved_errno = errno;
   Line text(function, line);
   text.add_v(format, args);
+  text.escape();
   if (file != nullptr) DbgOutput(file, line, function, level, "%s", text.message());
   text.keep(level, dump);
   errno = saved_errno;

@@ -31,8 +31,9 @@ void log_line(const char* file, int line, const char* function, int level, int d
 
 // Appends the line to /tmp/cluster_sync_daemon.log (when a size limit is set) and to the flight
 // recorder; the first line of level 3 or less with bit 0 of `dump` set dumps the recorder and
-// pauses it. Any thread; leaves errno as it was. A line whose file cannot be looked at or renamed
-// is lost.
+// pauses it. Any thread; leaves errno as it was. What could break a line or drive a terminal is
+// escaped. A line whose file cannot be looked at or renamed is lost; where something stands that is
+// not the daemon's own file, only the recorder gets it.
 void private_log(int level, const char* function, int line, int dump, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 

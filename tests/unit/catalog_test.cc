@@ -91,6 +91,41 @@ TEST_F(DigestFileTest, WhatIsNoFileIsNeitherFollowedNorWaitedFor) {
   EXPECT_FALSE(exists("/run/nowhere"));
 }
 
+// What somebody else has planted, or could have written to, vouches for nothing.
+TEST_F(DigestFileTest, OnlyTheDaemonsOwnIsBelieved) {
+  std::string lies = kHeader;
+  for (const std::string& chunk : kChunks)
+    lies += std::string(40, '0') + chunk.substr(40) + "\n";
+  const std::pair<const char*, std::function<void()>> doings[] = {
+      {"another's", [&] { chown(digest_.c_str(), 4711, 0); }},
+      {"the group's", [&] { chmod(digest_.c_str(), 0664); }},
+      {"everybody's", [&] { chmod(digest_.c_str(), 0646); }},
+      {"a second link", [&] { link(digest_.c_str(), tree_path(0, "d/TempUpdate_1").c_str()); }},
+      {"too long", [&] { write_file(digest_, lies + lies.substr(kHeader.size())); }},
+  };
+  for (const auto& [what, plant] : doings) {
+    SCOPED_TRACE(what);
+    write_file(digest_, lies);
+    plant();
+    EXPECT_EQ(fresh_scan(), data_lines_);
+    EXPECT_TRUE(ctx->cpg_result.success);
+    EXPECT_EQ(read_file(digest_), good_digest_);
+    EXPECT_EQ(mode_of(digest_), 0644);
+    struct stat info;
+    ASSERT_EQ(lstat(digest_.c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, geteuid());
+    fs::remove(tree_path(0, "d/TempUpdate_1"));
+  }
+  // A million lines beside one byte are not even read.
+  write_data(1, 'x', kMtime);
+  std::string million = "Digest-V1 1 5000000000\n";
+  for (int i = 0; i < 1000000; ++i)
+    million += kOneX + " 00000000 00000001\n";
+  write_file(digest_, million);
+  EXPECT_EQ(fresh_scan(), Lines{"A " + kOneX + " 00000000 00000001 G d/data"});
+  EXPECT_EQ(stats.n_digest_chunks_scanned, 0u);
+}
+
 // Power fails at any byte of a digest cache file, or its disk changes one.
 TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
   for (size_t i = 0; i < good_digest_.size(); ++i) {

@@ -66,6 +66,43 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
 }
 
+// Nor does it get the names of files that only root may list, or cost the recorder a line.
+TEST_F(LogTest, OnlyAFileOfTheDaemonsOwnIsWrittenTo) {
+  g_diag_params.max_log_size = 1000;
+  LOG(4, "|own");
+  EXPECT_EQ(mode_of(kLogFile), 0600);
+  chmod(kLogFile, 0644);  // of an earlier version
+  LOG(4, "|own");
+  EXPECT_EQ(mode_of(kLogFile), 0600);
+  const std::string own = read_file(kLogFile);
+  link(kLogFile, "/tmp/second link");
+  LOG(4, "|linked");
+  EXPECT_EQ(read_file(kLogFile), own);
+  remove("/tmp/second link");
+  truncate(kLogFile, 1001);
+  mkdir(kOldLogFile, 0777);  // it cannot be moved there
+  LOG(4, "|full");
+  EXPECT_EQ(fs::file_size(kLogFile), 1001u);
+  remove(kLogFile);
+  write_file(kLogFile, "");
+  truncate(kLogFile, 5000);
+  chown(kLogFile, 4711, 4711);
+  LOG(4, "|foreign");
+  EXPECT_EQ(fs::file_size(kLogFile), 5000u);
+  EXPECT_EQ(recorded(), Lines({"|own", "|own", "|linked", "|full", "|foreign"}));
+}
+
+TEST_F(LogTest, AByteOfANameMakesNoLineAndDrivesNoTerminal) {
+  g_diag_params.max_log_size = 10000;
+  const std::string long_name(600, 'n');
+  LOG(4, "|a\n\x1b\xc2\x9b\xff\xc3\xa9");
+  LOG(4, "|%s\n", long_name.c_str());
+  const Lines lines = {"|a\\x0a\\x1b\\xc2\\x9b\\xff\xc3\xa9", "|" + long_name + "\\x0a"};
+  EXPECT_EQ(recorded(), lines);
+  for (const std::string& line : lines)
+    EXPECT_NE(read_file(kLogFile).find(": " + line + "\n"), std::string::npos);
+}
+
 TEST_F(LogTest, TheFirstErrorDumpsWhatLedToItAndPauses) {
   LOG_NO_DUMP(3, "|expected");
   LOG(4, "|no error");
@@ -93,6 +130,8 @@ TEST_F(LogTest, ChecksQuoteTheirExpressionAndAFailedCloseEndsOnlyForABadDescript
   const char* missing = nullptr;
   EXPECT_ABORT("EXCEPTION: 4 . 3 = 7\n", CHECK_ZERO(4 + 3));
   EXPECT_ABORT("EXCEPTION: missing is NULL\n", CHECK_NOT_NULL(missing));
+  EXPECT_ABORT("EXCEPTION: operator new is NULL\n",
+               (install_out_of_memory_check(), std::get_new_handler()()));
   EXPECT_ABORT("EXCEPTION: close.-1. ended with EBADF\n", CHECK_CLOSE(close(-1)));
   Mutex mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
   EXPECT_ABORT("EXCEPTION: pthread_mutex_lock.&mutex. = 35\n", pthread_mutex_lock(&mutex);

@@ -76,13 +76,26 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
   const Mount persistent("/mnt/part.persistent"), read_only(locked);
   for (const std::string& directory : {root, outside, root + "deep", root + "TempUpdate_directory"})
     mkdir(directory.c_str(), 0755);
+  // Deeper than any walk with a directory open for each level; others before and behind it.
+  mkdir((root + "before").c_str(), 0755);
+  ASSERT_EQ(run_forked([&] {
+              for (int level = 0; level < 3000; ++level) {
+                if (mkdir(level == 0 ? (root + "well").c_str() : "d", 0755) != 0 ||
+                    chdir(level == 0 ? (root + "well").c_str() : "d") != 0)
+                  return 1;
+              }
+              return 0;
+            }),
+            0);
+  mkdir((root + "behind").c_str(), 0755);
   fs::create_symlink(outside + "TempUpdate_d", root + "TempUpdate_link");
   fs::create_symlink(outside, root + "link");
   const std::tuple<std::string, int, bool> cases[] = {
-      {root + "TempUpdate_\xff\n", 3700, true}, {root + "deep/TempUpdate_b", 86400, true},
-      {root + "TempUpdate_young", 3000, false}, {root + "data_TempUpdate_a", 3700, false},
-      {outside + "TempUpdate_d", 3700, false},  {root + "TempUpdate_link", 3700, false},
-      {locked + "TempUpdate_e", 3700, false},   {root + "TempUpdate_directory", 3700, false}};
+      {root + "TempUpdate_\xff\n", 3700, true},   {root + "deep/TempUpdate_b", 86400, true},
+      {root + "before/TempUpdate_a", 3700, true}, {root + "behind/TempUpdate_a", 3700, true},
+      {root + "TempUpdate_young", 3000, false},   {root + "data_TempUpdate_a", 3700, false},
+      {outside + "TempUpdate_d", 3700, false},    {root + "TempUpdate_link", 3700, false},
+      {locked + "TempUpdate_e", 3700, false},     {root + "TempUpdate_directory", 3700, false}};
   for (const auto& [path, age, removed] : cases) {
     if (!exists(path)) write_file(path, "x");
     const timespec times[] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
