@@ -25,7 +25,7 @@ trap 'rm -rf "$work"' EXIT
 source=$work/source
 mkdir -p "$source"
 cd "$repo"
-cp -a CMakeLists.txt README.md client redundancy_health platform tools bench docs packaging "$source"
+cp -a CMakeLists.txt README.md SECURITY.md client redundancy_health platform tools bench docs packaging "$source"
 cp -a packaging/debian "$source"
 cp packaging/changelog "$source/debian"
 

@@ -299,10 +299,19 @@ test_machine() {
   # With the file system as the running service sees it.
   check "nothing but trees, /run and /tmp can be written" \
     nsenter -t "$(pgrep --ns "$init" --nslist pid -x cluster_sync_da)" -m -r -w -- sh -e -c '
-      for path in /etc/x /usr/bin/x /var/lib/x /home/x /root/x; do ! touch $path || exit 1; done
+      for path in /etc/x /usr/bin/x /var/lib/x /home/x /root/x /run/systemd/x; do ! touch $path || exit 1; done
       cd /mnt/part.persistent
       touch /tmp/x /run/em/x replicated_by_this_em/x
       rm /tmp/x /run/em/x replicated_by_this_em/x'
+  check "its exposure is 1.7 at most" \
+    inside systemd-analyze security --no-pager --threshold=17 cluster_sync_daemon
+  check_inside "diagnostic commands work under these limits" 'for command in sync stats=dump \
+      log-size=1000 flight-rec=dump flight-rec=resume fail-none; do
+      cluster_sync_ctl diag $command || exit 1
+    done
+    test "$(stat -c %a /tmp/cluster_sync_daemon.log)" = 600
+    cluster_sync_ctl diag log-size=0
+    rm /tmp/cluster_sync_daemon.log'
   check "killed, Corosync and daemon come back, even after a failed start" \
     restarts break_and_mend_corosync
   for signal in HUP TERM INT PIPE; do
