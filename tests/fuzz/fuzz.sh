@@ -10,7 +10,7 @@ if [[ ${1:-} =~ ^[0-9]+$ ]]; then
   seconds=$1
   shift
 fi
-[ $# -gt 0 ] || set -- group listing update digest rpc repeat diagnostic command trace
+[ $# -gt 0 ] || set -- group listing update digest rpc repeat diagnostic command trace trees
 
 mkdir -p "$build/crashes" "$build/logs"
 cd "$build"

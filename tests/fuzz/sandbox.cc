@@ -26,12 +26,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr unsigned kRunsPerLook = 1000;  // trees are planted anew, too
 const fs::path kCanary = "/mnt/canary";
 constexpr char kActiveFile[] = "/run/em/active";
 
 std::string g_planted;  // the world outside the roots
 unsigned g_runs;
+unsigned g_runs_per_look;  // trees are planted anew, too
 bool g_plants_trees;
 
 void require(bool done, const char* what) {
@@ -92,8 +92,9 @@ void plant_trees() {
 
 }  // namespace
 
-void enter_sandbox(bool plants_trees) {
+void enter_sandbox(bool plants_trees, unsigned runs_per_look) {
   g_plants_trees = plants_trees;
+  g_runs_per_look = runs_per_look;
   const fs::path directory = fs::current_path();
   require(unshare(CLONE_NEWNS) == 0, "unshare");
   require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
@@ -129,7 +130,7 @@ void enter_sandbox(bool plants_trees) {
 }
 
 void start_run(bool active) {
-  if (g_runs++ % kRunsPerLook == 0 && g_plants_trees) plant_trees();
+  if (g_runs++ % g_runs_per_look == 0 && g_plants_trees) plant_trees();
   g_cpg = ScriptedCpg();
   g_cpg.context = &g_context;
   empty_flight_recorder();
@@ -144,7 +145,7 @@ void start_run(bool active) {
 
 void end_run() {
   free_file_list(&g_context.update_queue);
-  if (g_runs % kRunsPerLook == 0) look_at_world();
+  if (g_runs % g_runs_per_look == 0) look_at_world();
 }
 
 void look_at_world() {

@@ -2,6 +2,7 @@
 // names. Writes what chance would hardly find to the directory corpus/FUZZ_TARGET first.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <limits.h>
 #include <stdio.h>
@@ -12,14 +13,19 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <random>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "platform/cmdsockserver.h"
 #include "redundancy_health/catalog/file_entry.h"
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/reconcile.h"
 #include "redundancy_health/exchange/state_machine.h"
@@ -308,9 +314,120 @@ void fuzz_trace(Input* in) {
   }
 }
 
+// Somebody who may write to a tree, at work there while the daemon is. Works in directories that
+// are held open, so that nothing outside is ever its own doing.
+class TreeAttacker {
+ public:
+  TreeAttacker(uint32_t root_index, uint32_t seed)
+      : root_(open(root_paths[root_index], O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+        dir_(openat(root_, "dir", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)),
+        random_(seed) {
+    // What an earlier run left may be the link.
+    if (dir_ < 0) dir_ = openat(root_, "link_dir", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    static_cast<void>(symlinkat("/mnt/canary/dir", root_, "link_dir"));
+    thread_ = std::thread([this] {
+      while (!stop_)
+        act();
+    });
+  }
+  TreeAttacker(const TreeAttacker&) = delete;
+  TreeAttacker& operator=(const TreeAttacker&) = delete;
+  ~TreeAttacker() {
+    stop_ = true;
+    thread_.join();
+    close(root_);
+    close(dir_);
+  }
+
+ private:
+  void put(const char* name, const char* text) const {
+    const int fd = openat(dir_, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0) return;
+    if (write(fd, text, strlen(text)) < 0) abort();
+    close(fd);
+  }
+
+  // What fails has lost its race.
+  void act() {
+    const char* name = std::array{"file", "data", "new"}[random_() % 3];
+    int r = 0;
+    switch (random_() % 9) {
+      case 0:
+      case 1:
+      case 2:
+        r = renameat2(root_, "dir", root_, "link_dir", RENAME_EXCHANGE);
+        break;
+      case 3:
+        r = renameat2(dir_, "deep", dir_, "link", RENAME_EXCHANGE);
+        break;
+      case 4:
+        r = unlinkat(dir_, name, 0) + mkfifoat(dir_, name, 0666);
+        break;
+      case 5:
+        r = unlinkat(dir_, name, 0) + linkat(root_, "small", dir_, name, 0);
+        break;
+      case 6:
+        r = unlinkat(dir_, name, 0) + symlinkat("/mnt/canary/file", dir_, name);
+        break;
+      case 7:
+        r = unlinkat(dir_, name, 0);
+        put(name, "content");
+        break;
+      case 8:
+        r = symlinkat("/mnt/canary/file", dir_, ".$SyncDigest$data");
+        put(".$SyncDigest$file", "Digest-V1 10 1\n");
+        break;
+    }
+    static_cast<void>(r);
+  }
+
+  int root_;
+  int dir_;
+  std::minstd_rand random_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// One step of an exchange on a tree that somebody else turns upside down meanwhile.
+void fuzz_trees(Input* in) {
+  start_run(false);
+  const uint32_t seed = in->ConsumeIntegral<uint32_t>();
+  const char* name =
+      in->PickValueInArray({"dir/file", "dir/deep/file", "dir/new", "dir/data", "dir"});
+  const int step = in->ConsumeIntegralInRange(0, 4);
+  const std::string nul(1, '\0');
+  const std::string own = root_paths[kThisEmRoot];
+  const TreeAttacker attacker(step == 3 ? kThisEmRoot : kOtherEmRoot, seed);
+  for (int i = 0; i < 20; ++i) {
+    reset_cpg_result(ctx);
+    switch (step) {
+      case 0:
+        start_comparison("");  // the copies go
+        break;
+      case 1:
+        serve_peer(MSG_LISTING_REQ, own + "small" + nul + own + name + nul);
+        break;
+      case 2:  // in place
+        serve_peer(MSG_UPDATE_REQ, make_update(PUSH_REQ, name, 11));
+        break;
+      case 3:
+        request((i % 2 == 0 ? own + "dir/data" : "") + nul + own + name + nul);
+        break;
+      case 4:
+        serve_peer(MSG_UPDATE_REQ, make_update(in->ConsumeIntegralInRange(0U, 4U), name, 10));
+        break;
+    }
+    free_file_list(&ctx->update_queue);
+    ctx->cur_state = ST_UNLOCKED;
+    ctx->rpc_stage = RPC_IDLE;
+  }
+  release_kept_directory();
+}
+
 struct Target {
   void (*run)(Input*);
   bool plants_trees;  // else they are empty, and it is only about bytes
+  unsigned runs_per_look = 1000;
 };
 
 const std::map<std::string, Target> kTargets = {
@@ -318,7 +435,7 @@ const std::map<std::string, Target> kTargets = {
     {"update", {fuzz_update, true}},    {"digest", {fuzz_digest, true}},
     {"rpc", {fuzz_rpc, true}},          {"repeat", {fuzz_repeat, true}},
     {"command", {fuzz_command, false}}, {"diagnostic", {fuzz_diagnostic, false}},
-    {"trace", {fuzz_trace, false}},
+    {"trace", {fuzz_trace, false}},     {"trees", {fuzz_trees, true, 10}},
 };
 void (*g_run)(Input*);
 
@@ -368,7 +485,7 @@ void write_seeds(const std::string& target) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const std::string target = getenv("FUZZ_TARGET");
-  enter_sandbox(kTargets.at(target).plants_trees);
+  enter_sandbox(kTargets.at(target).plants_trees, kTargets.at(target).runs_per_look);
   write_seeds(target);
   g_run = kTargets.at(target).run;
   return 0;
