@@ -98,7 +98,8 @@ void take_cause(Reader* reader, const std::string& text) {
   }
 }
 
-// Bytes of a path. The journal has bytes that are not printed as "\\xNN", whatever stands in the name.
+// Bytes of a path. The journal has bytes that are not printed as "\\xNN", whatever stands in the
+// name.
 int64_t path_size(const std::string& path) {
   int64_t size = 0;
   for (size_t i = 0; i < path.size(); ++size) {
