@@ -398,7 +398,7 @@ void fuzz_trees(Input* in) {
   const std::string nul(1, '\0');
   const std::string own = root_paths[kThisEmRoot];
   const TreeAttacker attacker(step == 3 ? kThisEmRoot : kOtherEmRoot, seed);
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < 8; ++i) {
     reset_cpg_result(ctx);
     switch (step) {
       case 0:
