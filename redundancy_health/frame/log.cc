@@ -10,7 +10,6 @@
 #include <charconv>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "platform/descriptor.h"
 #include "platform/escape.h"
@@ -122,10 +121,11 @@ class Line {
   void escape() {
     const std::string_view made(message(), length_ - prefix_length_);
     if (!may_need_escapes(made)) return;
-    const std::string escaped = escape_control_bytes(made);
-    if (text_ != space_) free(std::exchange(text_, space_));
-    length_ = prefix_length_;
-    add("%s", escaped.c_str());
+    const std::string escaped = std::string(text_, prefix_length_) + escape_control_bytes(made);
+    if (text_ != space_) free(text_);
+    text_ = strdup(escaped.c_str());
+    CHECK_NOT_NULL(text_);
+    length_ = escaped.size();
   }
   const char* message() const {
     return text_ + prefix_length_;
