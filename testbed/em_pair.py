@@ -85,12 +85,13 @@ class EmPair:
     on_disk    /mnt/part.persistent is a directory beneath the work directory instead of memory
     visible    further directories that the EMs must see, if they are beneath /tmp, /mnt or /run
     work_dir   directory to make; a new one beneath the temporary directory by default
+    environment  further variables for the daemons
     """
 
     def __init__(self, build_dir: Path | str = REPO / "build", form: str = "two-node",
                  transport: str | None = None, log_level: int = 6, wrapper: Sequence[str] = (),
                  arm: Sequence[int] | None = None, on_disk: bool = False, visible: Sequence[str] = (),
-                 work_dir: Path | str | None = None):
+                 work_dir: Path | str | None = None, environment: dict[str, str] | None = None):
         transport = transport or os.environ.get("EM_PAIR_TRANSPORT", "udpu")
         if form not in ("two-node", "one-node") or transport not in OVERRIDES:
             raise ValueError(f"no such form or transport: {form}, {transport}")
@@ -98,7 +99,7 @@ class EmPair:
         self.form, self.transport = form, transport
         self.wrapper = list(wrapper)
         self.arm = list(map(int, os.environ.get("EM_PAIR_ARM", "").split()) if arm is None else arm)
-        self.environment = {"BREL_LOG_LEVEL": str(log_level)}
+        self.environment = {"BREL_LOG_LEVEL": str(log_level)} | (environment or {})
         self._on_disk, self._visible = on_disk, list(visible)
         self._wanted_work_dir = work_dir
         self._keeper: subprocess.Popen | None = None

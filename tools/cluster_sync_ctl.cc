@@ -83,6 +83,7 @@ Options:
   --mode MODE           for put and edit: 600 or 644; without it as FILE and DEST
                         have it
   --force               for role active: without those checks
+  --allow-deletions     for sync: delete even what MAX_DELETED_PERCENT withholds
   --progress            for sync: show the time on a terminal
   --json                print the answer as one line of JSON
   -q, --quiet           print nothing when a change has succeeded
@@ -102,21 +103,15 @@ Exit status:
      EM is away
 )";
 
-constexpr option kLongOptions[] = {{"json", no_argument, nullptr, 'j'},
-                                   {"quiet", no_argument, nullptr, 'q'},
-                                   {"socket", required_argument, nullptr, 's'},
-                                   {"timeout", required_argument, nullptr, 't'},
-                                   {"list", no_argument, nullptr, 'l'},
-                                   {"against", required_argument, nullptr, 'a'},
-                                   {"mode", required_argument, nullptr, 'm'},
-                                   {"progress", no_argument, nullptr, 'p'},
-                                   {"exchange", required_argument, nullptr, 'e'},
-                                   {"svg", required_argument, nullptr, 'g'},
-                                   {"force", no_argument, nullptr, 'f'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {"textfile", required_argument, nullptr, 'x'},
-                                   {nullptr, 0, nullptr, 0}};
+constexpr option kLongOptions[] = {
+    {"json", no_argument, nullptr, 'j'},           {"quiet", no_argument, nullptr, 'q'},
+    {"socket", required_argument, nullptr, 's'},   {"timeout", required_argument, nullptr, 't'},
+    {"list", no_argument, nullptr, 'l'},           {"against", required_argument, nullptr, 'a'},
+    {"mode", required_argument, nullptr, 'm'},     {"progress", no_argument, nullptr, 'p'},
+    {"exchange", required_argument, nullptr, 'e'}, {"svg", required_argument, nullptr, 'g'},
+    {"force", no_argument, nullptr, 'f'},          {"allow-deletions", no_argument, nullptr, 'd'},
+    {"help", no_argument, nullptr, 'h'},           {"version", no_argument, nullptr, 'V'},
+    {"textfile", required_argument, nullptr, 'x'}, {nullptr, 0, nullptr, 0}};
 
 // The option as it is written, given its letter.
 std::string option_name(char letter) {
@@ -175,6 +170,8 @@ bool take_option(char letter, const char* value, Options* options) {
       return parse_number(value, 8, 0, 0777, &options->mode);
     case 'f':
       return options->force = true;
+    case 'd':
+      return options->allow_deletions = true;
     case 'p':
       return options->progress = true;
     case 'e':
@@ -229,7 +226,7 @@ constexpr Command kCommands[] = {
     {"watch", 0, 0, "", watch_fault},       {"compare", 0, 0, "", compare_trees},
     {"verify", 0, 0, "la", verify_trees},   {"put", 2, 2, "m", put_file},
     {"edit", 1, 1, "m", edit_file},         {"update", 2, 2, "", request_update},
-    {"delete", 1, 1, "", request_deletion}, {"sync", 0, 0, "p", request_sync},
+    {"delete", 1, 1, "", request_deletion}, {"sync", 0, 0, "pd", request_sync},
     {"role", 1, 1, "f", set_role},          {"diag", 1, 1, "", send_diagnostic},
     {"metrics", 0, 0, "x", show_metrics},   {"explain", 0, 2, "eg", explain_trace},
     {"help", 0, 1, "", show_help},

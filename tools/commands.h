@@ -17,14 +17,15 @@ struct Options {
   bool quiet = false;  // no word of success
   std::string socket = CLUSTER_SYNC_SOCKET;
   int timeout_ms = 60 * 1000;
-  bool list = false;      // verify: every listing line too
-  bool force = false;     // role: without a look at what becomes of the files
-  bool progress = false;  // sync: show how long it takes
-  int mode = -1;          // put, edit: the mode of the file; negative when not given
-  std::string against;    // verify: a listing of the other EM, "-" for standard input
-  int exchange = 0;       // explain: the row of the exchange to draw, 0 for the table
-  std::string textfile;   // metrics: the file to replace, empty for standard output
-  std::string svg;        // explain: the file for its picture
+  bool list = false;             // verify: every listing line too
+  bool force = false;            // role: without a look at what becomes of the files
+  bool progress = false;         // sync: show how long it takes
+  int mode = -1;                 // put, edit: the mode of the file; negative when not given
+  std::string against;           // verify: a listing of the other EM, "-" for standard input
+  int exchange = 0;              // explain: the row of the exchange to draw, 0 for the table
+  std::string textfile;          // metrics: the file to replace, empty for standard output
+  std::string svg;               // explain: the file for its picture
+  bool allow_deletions = false;  // sync: however many
 };
 
 // The arguments of a command, as many as it takes and none of them empty.

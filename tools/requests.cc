@@ -59,6 +59,10 @@ int request_deletion(const Options& options, const Words& words) {
 }
 
 int request_sync(const Options& options, const Words& /*words*/) {
+  if (options.allow_deletions) {
+    const DiagnosticAnswer answer = ask_diagnostic(options, "allow-deletions");
+    if (answer.error != 0) return report_client_error(options, answer.error, "");
+  }
   cluster_sync_result result = {};
   const int error = options.progress
                         ? sync_with_progress(options, &result)

@@ -13,6 +13,7 @@
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/exchange/comparison.h"
+#include "redundancy_health/exchange/deletion_guard.h"
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/state_report.h"
@@ -59,17 +60,17 @@ void sync_deletions(SyncContext* ctx, const Deletions& deletions) {
 
 // Decides for one file, chunk by chunk.
 void decide_file(SyncContext* ctx, const Comparison& comparison, const ComparedFile& file,
-                 Deletions* deletions) {
+                 bool may_delete, Deletions* deletions) {
   const bool from_peer = comparison.index[file.first]->root_index == kOtherEmRoot;
   for (uint32_t i = file.first; i < file.end; ++i) {
     FileEntry* entry = comparison.index[i];
     if (from_peer && !file.there) {
       // What looks absent may have been in a line that was dropped.
-      if (!comparison.lines_dropped) delete_local_copy(ctx, deletions, entry);
+      if (may_delete && !comparison.lines_dropped) delete_local_copy(ctx, deletions, entry);
     } else if (from_peer) {
       if (!entry->is_local && !entry->matched) entry->update_type = PULL_REQ;
     } else if (!file.here) {
-      entry->update_type = PUSH_DEL_REQ;
+      if (may_delete) entry->update_type = PUSH_DEL_REQ;
     } else if (entry->is_local && !entry->matched) {
       entry->update_type = PUSH_REQ;
     }
@@ -77,10 +78,13 @@ void decide_file(SyncContext* ctx, const Comparison& comparison, const ComparedF
 }
 
 void decide_files(SyncContext* ctx, const Comparison& comparison) {
+  const Withheld withheld = withhold_deletions(ctx, comparison);
   Deletions deletions;
   ComparedFile file = {};
-  while (next_compared_file(comparison, &file))
-    decide_file(ctx, comparison, file, &deletions);
+  while (next_compared_file(comparison, &file)) {
+    const uint32_t root_index = comparison.index[file.first]->root_index;
+    decide_file(ctx, comparison, file, !withheld.roots[root_index], &deletions);
+  }
   sync_deletions(ctx, deletions);
 }
 
@@ -105,6 +109,7 @@ void queue_updates(SyncContext* ctx, Comparison* comparison) {
 void compare_synced_files(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
   beat(kComparing);
   free_file_list(&ctx->update_queue);
+  ctx->guarded_root = nullptr;
   Comparison comparison;
   if (gather_comparison(ctx, payload, payload_size, &comparison)) {
     decide_files(ctx, comparison);

@@ -5,7 +5,7 @@
 
 #include "redundancy_health/frame/checked_lock.h"
 
-DiagParams g_diag_params = {PTHREAD_MUTEX_INITIALIZER, 0, 0, "", "", "", "", 0};
+DiagParams g_diag_params = {PTHREAD_MUTEX_INITIALIZER, 0, 0, "", "", "", "", 0, 0};
 
 bool have_error_injection(const char* fault_path, const char* path) {
   HOLD_MUTEX(g_diag_params.mutex);

@@ -22,6 +22,8 @@ struct DiagParams {
   char fail_write_path[kFaultPathSize] GUARDED_BY(mutex);
   // no local request can rename onto this one.
   char fail_rename_path[kFaultPathSize] GUARDED_BY(mutex);
+  // The next exchange may delete any number of files.
+  uint8_t allow_deletions GUARDED_BY(mutex);
   // In bytes, compared unsigned; 0 = no private log file.
   int32_t max_log_size GUARDED_BY(mutex);
 };

@@ -85,6 +85,7 @@ void report_context(const SyncContext& ctx) {
   report.membership_flags = ctx.cpg_membership_flags;
   report.consecutive_errors = ctx.consecutive_errors;
   report.resync_countdown = ctx.resync_countdown;
+  report.both_active = static_cast<uint8_t>(ctx.both_active);
 }
 
 void report_members(const struct cpg_address* members, size_t count) {

@@ -34,6 +34,9 @@ void init_context(SyncContext* ctx) {
   ctx->update_queue = nullptr;
   ctx->notes = {};
   ctx->both_active = 0;
+  ctx->guarded_root = nullptr;
+  ctx->guarded_deletions = 0;
+  ctx->guarded_files = 0;
   ctx->rpc_stage = RPC_IDLE;
   ctx->rpc_msg = nullptr;
   ctx->current_rpc_size = 0;

@@ -73,6 +73,9 @@ struct SyncContext {
   FileEntry* update_queue;            // entries still to send; owned
   ExchangeNotes notes;
   Relaxed<uint8_t> both_active;  // the peer acts as the active EM while this one is active
+  const char* guarded_root;      // whose deletions the exchange leaves out, or null
+  uint32_t guarded_deletions;    // files that it would delete there
+  uint32_t guarded_files;        // of so many
   alignas(4096) uint8_t data_chunk_buf[kChunkSize];
 
   Mutex rpc_mutex;

@@ -51,6 +51,11 @@ void clear_faults() {
   g_diag_params.fail_rename_path[0] = '\0';
 }
 
+void allow_deletions() {
+  HOLD_MUTEX(g_diag_params.mutex);
+  g_diag_params.allow_deletions = 1;
+}
+
 void run_exit(const char*) {
   LOG(4, "Received exit diag command. Stopping daemon.");
   set_exit_daemon();
@@ -115,6 +120,11 @@ void run_fail_rename(const char* argument) {
 void run_fail_none(const char*) {
   clear_faults();
   LOG(4, "Received fail-none diag command. Disabling all error injections");
+}
+
+void run_allow_deletions(const char*) {
+  allow_deletions();
+  LOG(4, "Received allow-deletions diag command. The next exchange may delete any number of files.");
 }
 
 void run_flight_rec(const char* argument) {
@@ -194,6 +204,7 @@ constexpr DiagnosticCommand kCommands[] = {
     {"fail-write", true, run_fail_write},
     {"fail-rename", true, run_fail_rename},
     {"fail-none", false, run_fail_none},
+    {"allow-deletions", false, run_allow_deletions},
     {"flight-rec", false, run_flight_rec},
     {"stats", false, run_stats},
 };

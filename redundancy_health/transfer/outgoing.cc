@@ -153,5 +153,11 @@ void update_next_chunk(SyncContext* ctx) {
     free_file_entry(entry);
     return;
   }
+  if (ctx->guarded_root != nullptr) {
+    storage_cfg_set_result(&ctx->cpg_result, RESULT_EXCHANGE_FAILED,
+                           "Exchange would delete %u of %u files in '%s'", ctx->guarded_deletions,
+                           ctx->guarded_files, ctx->guarded_root);
+    LOG(3, "Sync Error: %s", ctx->cpg_result.reason);
+  }
   end_exchange(ctx);
 }

@@ -6,7 +6,7 @@ import errno
 from caller import socket_path
 from cluster_sync import Tree, compare
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
-from support import DEADLINE, ROOTS, PairTest
+from support import DEADLINE, FAILING, ROOTS, PairTest
 
 
 class GuardTest(PairTest):
@@ -58,3 +58,32 @@ class GuardTest(PairTest):
         self.assertEqual(0, self.ctl(1, "role", "active").returncode)
         self.synced(1)
         self.assert_identical()
+
+
+class DeletionGuardTest(PairTest):
+    options = {"environment": {"MAX_DELETED_PERCENT": "90"}}
+
+    def test_an_em_with_a_new_disk_gets_its_tree_back_from_the_survivor(self):
+        """The procedure for replacing an EM, whose own tree only the other one still has."""
+        for number in range(20):
+            self.write(1, f"{ACTIVE}/{number}", str(number))
+            self.write(2, f"{OWN}/{number}", str(number))
+        self.synced(1)
+        self.pair.kill(2, "daemon")
+        self.pair.run(2, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
+        self.pair.start_daemon(2)
+        self.pair.wait_joined()
+        text = f"Exchange would delete 20 of 20 files in '{PEERS}/'"
+        self.wait(lambda: text in self.log(1), "the active EM says what it does not do")
+        self.wait(lambda: (result := self.ask(1)) and result.reason == text, "so does an answer")
+        self.assertEqual(FAILING, self.fault())
+        self.assertEqual(20, len(self.tree(1, PEERS)))
+        self.assertEqual(20, len(self.tree(2, ACTIVE)), "the rest was done")
+        for name in self.tree(1, PEERS):
+            self.write(2, f"{OWN}/{name}", self.read(1, f"{PEERS}/{name}"))
+        self.settle()
+        self.pair.run(1, ["find", ACTIVE, "-mindepth", "1", "-delete"], check=True)
+        self.assertIn("would delete 20 of 20", self.ask(1).reason)
+        allowed = self.pair.ctl(1, "sync", "--allow-deletions", timeout=DEADLINE)
+        self.assertEqual(0, allowed.returncode, allowed.stdout)
+        self.assertEqual(set(), self.tree(2, ACTIVE))

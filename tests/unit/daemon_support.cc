@@ -38,7 +38,7 @@ DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
 
   g_cpg = ScriptedCpg();
   g_cpg.context = ctx;
-  g_diag_params = {PTHREAD_MUTEX_INITIALIZER, 0, 0, "", "", "", "", 0};
+  g_diag_params = {PTHREAD_MUTEX_INITIALIZER, 0, 0, "", "", "", "", 0, 0};
   clear_statistics();
   empty_flight_recorder();
   g_flight_recorder.max_entries = 500;

@@ -1,6 +1,7 @@
 #include "redundancy_health/exchange/reconcile.h"
 
 #include "redundancy_health/exchange/state_machine.h"
+#include "redundancy_health/transfer/outgoing.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
@@ -59,6 +60,53 @@ TEST_F(ReconcileTest, EachTreeFlowsInItsDirection) {
       EXPECT_EQ(exists(tree_path(root, "f")), row.mode != 0 && (root != 2 || !peer.empty()));
       unlink(tree_path(root, "f").c_str());
     }
+  }
+}
+
+TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
+  const struct {
+    const char* percent;
+    uint32_t root;
+    bool active;
+    int lost, kept;  // files that the owner has no more, and still has
+    bool allowed, withheld;
+  } rows[] = {
+      {nullptr, 0, true, 20, 0, false, false}, {"90", 0, true, 20, 0, false, true},
+      {"90", 3, true, 11, 1, false, true},     {"90", 3, true, 18, 2, false, false},
+      {"90", 0, true, 20, 0, true, false},     {"90", 0, true, 10, 0, false, false},
+      {"90", 0, false, 20, 0, false, false},   {"90", 1, false, 20, 0, false, true},
+      {"90", 2, false, 20, 0, false, true},    {"90", 2, false, 20, 0, true, false},
+      {"", 2, false, 20, 0, false, false},     {"0", 1, false, 11, 90, false, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    row.percent != nullptr ? setenv("MAX_DELETED_PERCENT", row.percent, 1)
+                           : unsetenv("MAX_DELETED_PERCENT");
+    ctx->cur_exchange_em_is_active = row.active;
+    g_diag_params.allow_deletions = row.allowed;
+    const bool from_peer = row.root == 2;
+    Lines listing;
+    for (int i = 0; i < row.lost + row.kept; ++i) {
+      const std::string name = std::to_string(i);
+      if (from_peer || i >= row.lost) make_file(row.root, name, "");
+      if (!from_peer || i >= row.lost)
+        listing.push_back(std::string{"AQPV"[row.root]} + " " SHA_EMPTY " 00000000 00000000 G " +
+                          name);
+    }
+    const Lines queue = compare(listing);
+    const size_t deleted = from_peer ? static_cast<size_t>(row.lost + row.kept) -
+                                           names_in(tree_path(row.root, "")).size()
+                                     : queue.size();
+    EXPECT_EQ(deleted, row.withheld ? 0u : static_cast<size_t>(row.lost));
+    EXPECT_EQ(g_diag_params.allow_deletions, 0) << "once only";
+    free_file_list(&ctx->update_queue);
+    update_next_chunk(ctx);
+    const std::string text = "Exchange would delete " + std::to_string(row.lost) + " of " +
+                             std::to_string(row.lost + row.kept) + " files in '" +
+                             root_paths[row.root] + "'";
+    EXPECT_EQ(ctx->cpg_result.reason, row.withheld ? text : "");
+    fs::remove_all(root_paths[row.root]);
+    mkdir(root_paths[row.root], 0755);
   }
 }
 
