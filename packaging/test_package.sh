@@ -246,6 +246,7 @@ watch_for_changes() {
       timeout 20 sh -c "until [ \$(journalctl -q -u sync-on-change | grep -c peer_present) -ge $n ]; do sleep 0.1; done"
     done
     systemctl stop watch {reload,sync}-on-change.path
+    sleep 3  # after each change the services look once more
     rm /usr/local/sbin/* /etc/systemd/system/*-on-change.* /run/seen.* /run/*-on-change.service.seen
     rm $shared/app.conf $own/app.db'
 }
