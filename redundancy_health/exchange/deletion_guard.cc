@@ -40,9 +40,9 @@ void count_losses(const Comparison& comparison, Loss (&losses)[kRootCount]) {
 }
 
 bool is_too_much(const Loss& loss, long percent) {
-  return loss.deleted > kFewFiles && uint64_t{loss.deleted} * 100 >
-                                         static_cast<uint64_t>(percent > 0 ? percent : 0) *
-                                             loss.files;
+  return loss.deleted > kFewFiles &&
+         uint64_t{loss.deleted} * 100 >
+             static_cast<uint64_t>(percent > 0 ? percent : 0) * loss.files;
 }
 
 }  // namespace

@@ -124,7 +124,8 @@ void run_fail_none(const char*) {
 
 void run_allow_deletions(const char*) {
   allow_deletions();
-  LOG(4, "Received allow-deletions diag command. The next exchange may delete any number of files.");
+  LOG(4,
+      "Received allow-deletions diag command. The next exchange may delete any number of files.");
 }
 
 void run_flight_rec(const char* argument) {
