@@ -62,7 +62,7 @@ int cluster_sync_receive_compare(cluster_sync_connection* connection, int timeou
   if ((error == 0 || error == ECANCELED) && result != nullptr) *result = record;
   if (error == 0 && record.peer_present == 'N') error = EHOSTDOWN;
   if (error == 0 && descriptor < 0) error = EPROTO;
-  FILE* report = error == 0 ? fdopen(descriptor, "r") : nullptr;
+  FILE* report = error == 0 && descriptor >= 0 ? fdopen(descriptor, "r") : nullptr;
   if (error == 0 && report == nullptr) error = errno;
   if (report == nullptr) {
     if (descriptor >= 0) close(descriptor);

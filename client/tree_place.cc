@@ -71,7 +71,7 @@ bool is_spelled(const char* path) {
 bool is_replicated(const char* below) {
   if (strchr(kBlanks, below[0]) != nullptr || strstr(below, kDigestPrefix) != nullptr) return false;
   int depth = -1;
-  const char* name = nullptr;
+  const char* name = below;
   for (const char* next = below; next != nullptr; next = strchr(next, '/')) {
     name = next == below ? below : ++next;
     ++depth;

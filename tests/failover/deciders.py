@@ -89,6 +89,15 @@ class Decider:
         if self.processes[n].poll() is not None:
             self.start(n)
 
+    def start(self, n: int) -> None:
+        raise NotImplementedError
+
+    def crash(self, n: int) -> None:
+        raise NotImplementedError
+
+    def orderly(self, n: int) -> None:
+        raise NotImplementedError
+
     def configure(self) -> None:
         pass
 

@@ -22,8 +22,8 @@ class EnduranceTest(PairTest):
     def wake_ups(self, n: int) -> int:
         """How often EM `n`'s daemon has waited for something, all its threads together."""
         tasks = Path(f"/proc/{self.pair.process(n, 'daemon').pid}/task")
-        return sum(int(re.search(r"(?m)^voluntary_ctxt_switches:\s*(\d+)", status.read_text())[1])
-                   for status in tasks.glob("*/status"))
+        return sum(int(count) for status in tasks.glob("*/status") for count in re.findall(
+            r"(?m)^voluntary_ctxt_switches:\s*(\d+)", status.read_text()))
 
     def test_an_idle_daemon_sleeps(self):
         self.footprint(1)  # waits for the threads of closed connections
