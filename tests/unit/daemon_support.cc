@@ -49,8 +49,10 @@ DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
   ctx->cpg_local_nodeid = 1;
   ctx->cpg_membership_flags = kSelfMember | kPeerMember;
   std::error_code busy;  // of a mount
-  for (const auto& entry : fs::directory_iterator("/mnt"))
-    fs::remove_all(entry, busy);
+  for (const char* folder : {"/mnt", "/run"}) {
+    for (const auto& entry : fs::directory_iterator(folder))
+      fs::remove_all(entry, busy);
+  }
   for (const char* root : root_paths) {
     fs::remove_all(root);
     fs::create_directories(root);
