@@ -37,6 +37,7 @@ UPWARD='
 CIRCLES='
   transport/cpg_message.cc:transport/exchange_outcome.h
   client/connection.h:client/put.h
+  frame/sync_context.cc:frame/state_report.h
 '
 # What runs on the callers' threads knows nothing of what runs on the replicating one.
 RPC_INCLUDES='^rpc/[^:]*:(redundancy_health/)?(rpc|frame|platform)/'

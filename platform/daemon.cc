@@ -88,7 +88,7 @@ pid_t fork_detached() {
   if (between != 0) return between;
   setsid();
   const pid_t pid = fork();
-  if (pid != 0) _exit(pid < 0);
+  if (pid != 0) _exit(pid < 0 ? 1 : 0);
   return 0;
 }
 

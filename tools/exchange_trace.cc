@@ -404,9 +404,9 @@ Matches match_exchanges(const std::vector<TracedExchange>& first,
 
 // Makes one of what both logs tell, in the times of the first.
 void join_views(TracedExchange* exchange, TracedExchange* other) {
-  const double begin = exchange->begin;
+  const double first = exchange->begin;
   if (exchange->requester != 0) std::swap(*exchange, *other);
-  shift_times(exchange, begin - exchange->begin);
+  shift_times(exchange, first - exchange->begin);
   add_view(exchange, *other);
 }
 

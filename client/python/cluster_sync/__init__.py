@@ -154,7 +154,7 @@ class _State(ctypes.Structure):
 
     def fields(self) -> dict[str, Any]:
         values: dict[str, Any] = {}
-        for name, kind in self._fields_:  # type: ignore[misc]
+        for name, kind in self._fields_:
             value = getattr(self, name)
             values[name] = os.fsdecode(value) if isinstance(value, bytes) else value
         pairs = list(self.members)
