@@ -243,7 +243,7 @@ watch_for_changes() {
     sort -nc /run/seen.path
     for n in 1 2 3; do
       echo $n > $own/app.db
-      timeout 20 sh -c "until [ \$(journalctl -q -u sync-on-change | grep -c peer_present) -ge $n ]; do sleep 0.1; done"
+      timeout 20 sh -c "until [ \$(journalctl -q -u sync-on-change | grep -c exchanged) -ge $n ]; do sleep 0.1; done"
     done
     systemctl stop watch {reload,sync}-on-change.path
     sleep 3  # after each change the services look once more
