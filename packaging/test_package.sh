@@ -182,7 +182,8 @@ boot_machine() {
 # Everything that an installation could leave, without what the machine itself writes: what its overlay
 # took, but for the directories that were there before, and what is in memory.
 list_machine() {
-  inside find /media/upper /mnt /run /tmp -xdev \( -path '*/var/log' -o -path '*/var/lib/dpkg' \
+  inside find /media/upper /mnt /run /tmp -xdev \( -path '*/var/log' -o -path '*/var/lib/dpkg' -o -path '*/var/lib/apt' \
+    -o -path '*/var/lib/PackageKit' -o -path '*/var/lib/systemd' \
     -o -path '*/var/cache' -o -path '*/etc/ld.so.cache' -o -path '/run/systemd' -o -path /run/log -o -path /run/credentials \
     -o -path '*/var/lib/corosync' -o -path '*/systemd-private-*' -o -type c \) -prune -o -print |
     while IFS= read -r path; do

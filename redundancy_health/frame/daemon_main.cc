@@ -22,7 +22,7 @@ int32_t g_cmd_socket_num = 2006;
 
 namespace {
 
-constexpr int kLookSeconds = 5;  // from one look at the heartbeat to the next
+constexpr int kLookSeconds = 10;  // from one look at the heartbeat to the next
 
 }  // namespace
 
