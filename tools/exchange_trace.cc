@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <set>
 #include <unordered_map>
@@ -298,16 +299,14 @@ void add_failure(TraceStep* step, const std::string& text) {
 }
 
 bool take_failure(TracedExchange* exchange, const std::string& text) {
-  for (const char* error : kErrors) {
-    if (!starts_with(text, error)) continue;
-    const std::string reason =
-        starts_with(text, "Sync Error: ") ? behind(text, "Sync Error: ") : text;
-    if (exchange->failure.empty()) exchange->failure = reason;
-    if (exchange->steps.empty()) return true;
-    add_failure(&exchange->steps.back(), reason);
-    return true;
-  }
-  return false;
+  const bool is_failure = std::any_of(std::begin(kErrors), std::end(kErrors),
+                                      [&](const char* error) { return starts_with(text, error); });
+  if (!is_failure) return false;
+  const std::string reason =
+      starts_with(text, "Sync Error: ") ? behind(text, "Sync Error: ") : text;
+  if (exchange->failure.empty()) exchange->failure = reason;
+  if (!exchange->steps.empty()) add_failure(&exchange->steps.back(), reason);
+  return true;
 }
 
 // Adds to what the requester's log tells of an exchange what the other log does.

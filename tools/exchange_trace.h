@@ -55,8 +55,8 @@ struct TraceReader {
   std::vector<TracedExchange> found = {};
   bool open = false;          // found.back() goes on
   size_t handled = SIZE_MAX;  // the step of found.back() between "Enter" and "Exit"
-  std::string why = "";       // of the next exchange of this EM
-  std::string what = "";      // of the next message sent
+  std::string why = {};       // of the next exchange of this EM
+  std::string what = {};      // of the next message sent
 };
 
 // Reads the next line of a log. `log` of the reader is the log's index, 0 or 1. Of a long run of

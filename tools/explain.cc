@@ -185,7 +185,7 @@ void print_steps_json(const TracedExchange& exchange, const Names& names) {
 // Prints one exchange, or writes its picture.
 int draw(const Options& options, const TracedExchange& exchange, const Names& names) {
   const std::string left = requester_name(exchange, names);
-  const std::string right = names[static_cast<size_t>(1 - exchange.requester)];
+  const std::string& right = names[static_cast<size_t>(1 - exchange.requester)];
   const std::string title =
       clock_text(exchange.begin, true) + ", " + cause(exchange) + ": " + outcome(exchange);
   const std::vector<Rung> rungs = make_rungs(exchange);

@@ -33,7 +33,7 @@ bool is_copy(uint32_t root_index, bool active) {
 
 bool is_to_come_again(const FileEntry* entry) {
   const auto file = g_files.find(entry->path);
-  return file != g_files.end() && file->second.count(entry->begin_offs) == 0;
+  return file != g_files.end() && !file->second.contains(entry->begin_offs);
 }
 
 // Returns 0 or an error number. A directory that is gone has nothing left to sync.
@@ -63,7 +63,7 @@ void forget_unsynced_file(const char* path) {
 }
 
 bool file_is_unsynced(const char* path) {
-  return !g_files.empty() && g_files.count(path) != 0;
+  return !g_files.empty() && g_files.contains(path);
 }
 
 bool any_file_is_unsynced() {
@@ -87,10 +87,10 @@ int sync_received_name(int dir_fd) {
 
 void note_unsynced_directory(int dir_fd) {
   const int error = errno;
-  char link[40];
+  char fd_link[40];
   char path[PATH_MAX];
-  snprintf(link, sizeof(link), "/proc/self/fd/%d", dir_fd);
-  const ssize_t length = readlink(link, path, sizeof(path));
+  snprintf(fd_link, sizeof(fd_link), "/proc/self/fd/%d", dir_fd);
+  const ssize_t length = readlink(fd_link, path, sizeof(path));
   if (length > 0) g_directories.insert(std::string(path, static_cast<size_t>(length)));
   errno = error;
 }

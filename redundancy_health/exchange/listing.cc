@@ -48,8 +48,10 @@ bool pin_copy(const char* requesters, std::string* path, PinnedPath* copy) {
 void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
   RpcRequest request;
   if (!parse_rpc_request(payload, payload_size, &request)) return;
-  std::string source_path, destination_path;
-  PinnedPath source, destination;
+  std::string source_path;
+  std::string destination_path;
+  PinnedPath source;
+  PinnedPath destination;
   if (!pin_copy(request.source, &source_path, &source) ||
       !pin_copy(request.destination, &destination_path, &destination)) {
     return;
