@@ -79,9 +79,14 @@ class DeletionGuardTest(PairTest):
         self.assertEqual(FAILING, self.fault())
         self.assertEqual(20, len(self.tree(1, PEERS)))
         self.assertEqual(20, len(self.tree(2, ACTIVE)), "the rest was done")
+        # No exchange may meet a tree that is half there: its loss would be below the limit.
+        self.pair.kill(2, "daemon")
         for name in self.tree(1, PEERS):
             self.write(2, f"{OWN}/{name}", self.read(1, f"{PEERS}/{name}"))
+        self.pair.start_daemon(2)
+        self.pair.wait_joined()
         self.settle()
+        self.assertEqual(20, len(self.tree(1, PEERS)))
         self.pair.run(1, ["find", ACTIVE, "-mindepth", "1", "-delete"], check=True)
         self.assertIn("would delete 20 of 20", self.ask(1).reason)
         allowed = self.pair.ctl(1, "sync", "--allow-deletions", timeout=DEADLINE)

@@ -49,7 +49,7 @@ class SocketAbuseTest(PairTest):
         for packet in (b"", b"\1\2\3", bytes(5 + LONGEST), bytes(150_000)):
             with suppress(ConnectionResetError):
                 self.assertEqual(b"", self.raw(packet).recv(LONGEST), len(packet))
-        for kind, size in ((0, 132), (1, 4), (2, 4), (0xFFFFFFFF, 4)):
+        for kind, size in ((0, 132), (1, 4), (2, 500), (4, 4), (0xFFFFFFFF, 4)):
             client = self.raw(struct.pack("<I", kind) + b"\xff" + chance.randbytes(LONGEST - 1))
             self.assertEqual(size, len(client.recv(LONGEST)))
         one_way = self.raw(bytes(6))
