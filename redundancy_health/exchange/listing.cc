@@ -22,6 +22,7 @@
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
+#include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transport/cpg_message.h"
 
 namespace {
@@ -66,6 +67,8 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
   // The digests of what is replaced would fit a file of the same size and second.
   remove_digest_file(destination, destination_path.c_str());
   if (renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name) != 0) return;
+  if (is_shared_root(root_of_path(destination_path.c_str())))
+    note_shared_change(ctx, destination_path.c_str());
   // What is found to be the same is never sent again, so it has to stay.
   if (sync_received_name(destination.dir_fd()) != 0 ||
       (source.directory != destination.directory && sync_received_name(source.dir_fd()) != 0)) {

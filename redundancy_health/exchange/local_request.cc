@@ -171,6 +171,7 @@ bool apply_local_request(SyncContext* ctx) {
     return false;
   }
   beat(kSyncing);
+  ctx->change_overtaken = 0;
   const bool applied = apply_request(ctx, request);
   // The syncs of a slow medium are no lack of progress of an exchange.
   ctx->state_time = get_uptime();

@@ -80,13 +80,14 @@ void on_sync_req(SyncContext* ctx) {
 }
 
 // Ends the exchange when it serves a local change to a shared tree that it has no right to carry to
-// the peer: the role has moved since the change was made.
+// the peer: the role has moved since the change was made, though it may have come back.
 void fail_change_without_rights(SyncContext* ctx) {
   RpcRequest request;
   const uint8_t* message;
   uint32_t size;
   read_rpc_request(ctx, &message, &size);
-  if (ctx->cur_exchange_em_is_active || !parse_rpc_request(message, size, &request) ||
+  const bool has_right = ctx->cur_exchange_em_is_active && !ctx->change_overtaken;
+  if (has_right || !parse_rpc_request(message, size, &request) ||
       !is_shared_root(root_of_path(request.destination))) {
     return;
   }

@@ -33,6 +33,7 @@ void init_context(SyncContext* ctx) {
   ctx->no_exchange_before = 0;
   ctx->update_queue = nullptr;
   ctx->notes = {};
+  ctx->change_overtaken = 0;
   ctx->both_active = 0;
   ctx->guarded_root = nullptr;
   ctx->guarded_deletions = 0;

@@ -72,6 +72,7 @@ struct SyncContext {
   int64_t no_exchange_before;         // uptime in ms when that pause is over
   FileEntry* update_queue;            // entries still to send; owned
   ExchangeNotes notes;
+  uint8_t change_overtaken;      // the peer has changed a shared tree since a local change was made
   Relaxed<uint8_t> both_active;  // the peer acts as the active EM while this one is active
   const char* guarded_root;      // whose deletions the exchange leaves out, or null
   uint32_t guarded_deletions;    // files that it would delete there

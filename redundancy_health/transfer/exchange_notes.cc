@@ -13,6 +13,7 @@ void note_deletion(SyncContext* ctx, const char* path) {
 }
 
 void note_shared_change(SyncContext* ctx, const char* path) {
+  if (read_rpc_stage(ctx) == RPC_PENDING) ctx->change_overtaken = 1;
   if (ctx->notes.shared_change) return;
   ctx->notes.shared_change = 1;
   ctx->both_active = this_em_is_active();

@@ -9,7 +9,8 @@
 // A file was deleted here because the EM that owns its tree no longer has it.
 void note_deletion(SyncContext* ctx, const char* path);
 
-// The peer changes the file `path` of a shared tree. It does so as the active EM; when this EM is
+// The peer changes the file `path` of a shared tree. It does so as the active EM: a local change to
+// a shared tree that still waits has lost its rights, even if they come back. When this EM is
 // the active one, too, the first such change of an exchange is logged, and both_active is set.
 void note_shared_change(SyncContext* ctx, const char* path);
 

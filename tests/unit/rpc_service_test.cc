@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "redundancy_health/exchange/state_machine.h"
+#include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "tests/unit/daemon_support.h"
 
@@ -135,6 +136,20 @@ TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
     EXPECT_EQ(ctx->rpc_result.local_ok, 1);
     EXPECT_EQ(strncmp(ctx->rpc_result.reason, "Attempt to update shared", 24) == 0, !still_active);
     change_membership(true);
+  }
+
+  // The role went to the peer, which undid the change, and came back.
+  for (const bool undone : {false, true}) {
+    set_active(true);
+    serve("", make_file(0, "f", "f"));
+    deliver_from_peer(message_bytes(MSG_LOCK_REQ, 9, 0));
+    if (undone) note_shared_change(ctx, shared.c_str());
+    deliver_from_peer(message_bytes(MSG_LOCK_REL, 9, 0));
+    deliver_own(SentMessage(g_cpg.sent.back()));
+    EXPECT_EQ(ctx->cur_state == ST_DONE, undone);
+    end_exchange(ctx);
+    EXPECT_EQ(strncmp(ctx->rpc_result.reason, "Attempt to update shared", 24) == 0, undone);
+    deliver_own(SentMessage(g_cpg.sent.back()));
   }
 
   g_diag_params.statemachine_stuck = 1;
