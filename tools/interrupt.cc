@@ -59,7 +59,8 @@ void end_by_signal() {
 
 int wait_readable(int fd, int64_t* left_ms) {
   const int64_t start = now_ms();
-  const timespec limit = {static_cast<time_t>(*left_ms / 1000), *left_ms % 1000 * 1000000};
+  const timespec limit = {static_cast<time_t>(*left_ms / 1000),
+                          static_cast<long>(*left_ms % 1000 * 1000000)};
   pollfd readable = {fd, POLLIN, 0};
   const int ready = ppoll(&readable, 1, &limit, &g_mask_before);
   if (g_signal != 0) return EINTR;

@@ -110,7 +110,7 @@ std::string take_bytes(std::istream* log) {
   for (int i = 0; i < 8; ++i)
     size |= static_cast<uint64_t>(log->get() & 0xFF) << (8 * i);
   if (!*log || size > kLargestField) return "";
-  std::string bytes(size, '\0');
+  std::string bytes(static_cast<size_t>(size), '\0');
   log->read(bytes.data(), static_cast<std::streamsize>(size));
   log->get();
   return bytes;

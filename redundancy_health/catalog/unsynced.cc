@@ -87,10 +87,10 @@ int sync_received_name(int dir_fd) {
 
 void note_unsynced_directory(int dir_fd) {
   const int error = errno;
-  char fd_link[40];
+  char link_name[40];
   char path[PATH_MAX];
-  snprintf(fd_link, sizeof(fd_link), "/proc/self/fd/%d", dir_fd);
-  const ssize_t length = readlink(fd_link, path, sizeof(path));
+  snprintf(link_name, sizeof(link_name), "/proc/self/fd/%d", dir_fd);
+  const ssize_t length = readlink(link_name, path, sizeof(path));
   if (length > 0) g_directories.insert(std::string(path, static_cast<size_t>(length)));
   errno = error;
 }

@@ -20,6 +20,7 @@
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/frame/flight_recorder.h"
 #include "redundancy_health/frame/sync_context.h"
+#include "redundancy_health/transfer/exchange_notes.h"
 #include "tests/unit/scripted_cpg.h"
 
 namespace fs = std::filesystem;
@@ -145,6 +146,7 @@ void start_run(bool active) {
 
 void end_run() {
   free_file_list(&g_context.update_queue);
+  close_notes(&g_context);
   if (g_runs % g_runs_per_look == 0) look_at_world();
 }
 
