@@ -162,20 +162,20 @@ int renew_inode(const PinnedPath& file, int old_fd, bool restricted, bool copied
 int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool* created) {
   constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   *created = false;
-  fd->reset(openat(file.dir_fd(), file.name, flags));
-  if (fd->is_open()) {
+  for (bool renewed = false;; renewed = true) {
+    fd->reset(openat(file.dir_fd(), file.name, flags));
+    if (!fd->is_open()) break;
     struct stat status;
     if (fstat(fd->get(), &status) != 0) return errno;
     if (!needs_new_inode(status, restricted)) return 0;
+    if (renewed) return EBUSY;  // another process has put a file of its own there since
     const bool copied = mode_is_restricted(status.st_mode) == restricted;
     const int error = renew_inode(file, fd->get(), restricted, copied);
     if (error != 0) return error;
-    fd->reset(openat(file.dir_fd(), file.name, flags));
-    return fd->is_open() ? 0 : errno;
   }
   if (errno != ENOENT) return errno;
   const mode_t mode = restricted ? 0600 : 0644;
-  fd->reset(openat(file.dir_fd(), file.name, flags | O_CREAT, mode));
+  fd->reset(openat(file.dir_fd(), file.name, flags | O_CREAT | O_EXCL, mode));
   *created = fd->is_open();
   // A default ACL of the directory has its say in the mode of a new file.
   return *created && fchmod(fd->get(), mode) == 0 ? 0 : errno;

@@ -144,6 +144,27 @@ TEST_F(AttackTest, NorDoesItOnAnOlderKernel) {
             0);
 }
 
+TEST_F(AttackTest, AFileThatBecomesALinkToOneOutsideIsNotWritten) {
+  const std::string held = update(PUSH_REQ, 0, "d/f", 0, 3, 9, "new", kRestricted);  // is renewed
+  const std::string made = update(PUSH_REQ, 0, "d/new", 0, 3, 9, "new");
+  for (const auto& [name, payload] : {std::pair("d/f", held), {"d/new", made}}) {
+    for (int moment = 0, calls = 1; moment < calls; ++moment) {
+      plant();
+      calls = 0;
+      g_before_call = [&, path = tree_path(0, name)](const std::string&) {
+        if (calls++ != moment) return 0;
+        fs::remove(path);
+        fs::create_hard_link(kOutside + "f", path);
+        return 0;
+      };
+      ctx->cur_state = ST_PEERLOCK;
+      deliver_from_peer(message_bytes(MSG_UPDATE_REQ, 0, 0, payload));
+      g_before_call = nullptr;
+      EXPECT_EQ(read_file(kOutside + "f"), "outside") << name << ", call " << moment;
+    }
+  }
+}
+
 // A directory that is kept open is not believed for longer than it is there.
 TEST_F(AttackTest, AKeptDirectoryIsOpenedAnewWhenItWasRemoved) {
   PinnedPath file;
