@@ -88,10 +88,10 @@ int sync_received_name(int dir_fd) {
 void note_unsynced_directory(int dir_fd) {
   const int error = errno;
   char link_name[40];
-  char path[PATH_MAX];
+  char target[PATH_MAX];
   snprintf(link_name, sizeof(link_name), "/proc/self/fd/%d", dir_fd);
-  const ssize_t length = readlink(link_name, path, sizeof(path));
-  if (length > 0) g_directories.insert(std::string(path, static_cast<size_t>(length)));
+  const ssize_t length = readlink(link_name, target, sizeof(target));
+  if (length > 0) g_directories.insert(std::string(target, static_cast<size_t>(length)));
   errno = error;
 }
 
