@@ -1,14 +1,12 @@
 #!/bin/bash
-# Static checks of the whole repository. Needs a configured build directory with the compiler's
-# command lines, clang-format-14, clang-tidy-14, cppcheck, shellcheck, pyflakes3 and mypy. The first check, of our
-# own, is that includes run down and in no circle.
+# Static checks of the whole repository. Needs a configured build directory with compile_commands.json,
+# clang-format-14, clang-tidy-14, cppcheck, shellcheck, pyflakes3 and mypy.
 #
 #   lint/lint.sh BUILD_DIRECTORY [COMMIT]
 #
-# COMMIT is the one since which subjects of commit messages keep to 72 characters.
-# One check per tool; prints "N passed, N failed" at the end, and the status is 0 when nothing
-# failed. clang-tidy and cppcheck leave tests/ out: half of the time would be GoogleTest's headers,
-# and an assertion that returns early looks like a leak.
+# Subjects of commit messages are checked since COMMIT. Prints one line per check and "N passed, N failed"
+# at the end; the exit status is 0 when nothing failed. clang-tidy and cppcheck leave tests/ out: half of the
+# time would be GoogleTest's headers, and an assertion that returns early looks like a leak.
 set -uo pipefail
 [ $# = 1 ] || [ $# = 2 ] || { echo "Usage: lint.sh BUILD_DIRECTORY [COMMIT]" >&2; exit 2; }
 build=$(realpath "$1")
@@ -17,38 +15,37 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit
 
 PROGRAM=(client platform redundancy_health tools bench)
 CPPCHECK_SUPPRESSIONS=(
-  useStlAlgorithm       # plain loops are wanted
+  useStlAlgorithm       # we prefer plain loops
   usleepCalled          # fine on Linux
-  readdirCalled         # safe on a stream of one's own
+  readdirCalled         # safe when each stream has one thread
   unusedStructMember    # tables mirror their source
 )
 
-# The rooms from the ground up; includes run down. Those that run up are named, with the file that
-# they are in ("*": any room): the two files that put the rooms together, and where the protocol
-# recurses. The client library neither includes a room nor is included by one.
-ROOMS="platform frame catalog transport transfer exchange rpc"
+# The layers, lowest first; a file includes only its own layer and lower ones. UPWARD lists the exceptions as
+# file:header ("*": any header): the two files that connect the layers, and a recursion of the protocol. The
+# client library neither includes a layer nor is included by one.
+LAYERS="platform frame catalog transport transfer exchange rpc"
 UPWARD='
   frame/daemon_main.cc:*
   transport/sync_thread.cc:*
   catalog/digest_file.cc:transport/exchange_outcome.h
 '
-# Within a room no module includes itself by way of others, but where the protocol recurses, and a
-# connection holds the file that is being put over it.
-CIRCLES='
+# Allowed include cycles within a layer: the protocol recurses, and a connection holds the file of its put.
+CYCLES='
   transport/cpg_message.cc:transport/exchange_outcome.h
   client/connection.h:client/put.h
   frame/sync_context.cc:frame/state_report.h
 '
-# What runs on the callers' threads knows nothing of what runs on the replicating one.
+# Code on the callers' threads does not include code of the sync thread.
 RPC_INCLUDES='^rpc/[^:]*:(redundancy_health/)?(rpc|frame|platform)/'
-# Only their starters include the two files that put the rooms together.
+# Only their callers include the two files that connect the layers.
 TOP='(daemon_main|sync_thread)\.h'
 STARTERS='frame/main.cc:|daemon_main.cc:|sync_thread.cc:'
 
 passed=0
 failed=0
 
-# check COMMAND...: counts, and shows what a failing command printed.
+# check COMMAND...: runs and counts one check; shows its output when it fails.
 check() {
   local start=$SECONDS output
   if output=$("$@" 2>&1); then
@@ -61,14 +58,14 @@ check() {
   fi
 }
 
-# The files below the places given whose names match, apart from what a build made.
+# files PATTERN DIRECTORY...: the files with matching names, except build output.
 files() {
   local pattern=$1
   shift
   find "$@" -path './build*' -prune -o -path ./.git -prune -o -type f -name "$pattern" -print
 }
 
-# Starts as many as there are processors; fails when one does.
+# Runs one process per processor; fails when one of them fails.
 in_parallel() {
   xargs --no-run-if-empty --max-args=1 --max-procs="$(nproc)" "$@"
 }
@@ -78,7 +75,7 @@ clang_format() {
 }
 
 clang_tidy() {
-  # Thread safety: what GUARDED_BY and REQUIRES in the headers promise (platform/mutex.h).
+  # Thread safety: checks GUARDED_BY and REQUIRES in the headers (platform/mutex.h).
   files '*.cc' "${PROGRAM[@]}" |
     in_parallel clang-tidy-14 -p "$build" --quiet --extra-arg=-Wthread-safety
 }
@@ -98,32 +95,32 @@ run_shellcheck() {
 includes() {
   grep -rn '^#include "' --include='*.h' --include='*.cc' client platform redundancy_health |
     sed -E 's|redundancy_health/||g; s|:[0-9]+:#include "(.*)"|:\1|' > "$build/includes.txt"
-  awk -F '[/:]' -v rooms="$ROOMS" -v upward="$UPWARD" '
+  awk -F '[/:]' -v layers="$LAYERS" -v upward="$UPWARD" '
     BEGIN {
-      for (n = split(rooms, room, " "); n > 0; --n) height[room[n]] = n
+      for (n = split(layers, layer, " "); n > 0; --n) height[layer[n]] = n
       split(upward, lines, " ")
       for (i in lines) named[lines[i]]
     }
     !($3 in height) || !($1 in height) || height[$3] > height[$1] {
       if ($1 == "client" && $3 == "client") next
       if ($0 in named || $1 "/" $2 ":*" in named) next
-      print "runs up: " $0
+      print "includes a higher layer: " $0
       failed = 1
     }
     END { exit failed }' "$build/includes.txt" &&
     ! grep -E ":.*$TOP" "$build/includes.txt" | grep -vE "$STARTERS" &&
     ! grep '^rpc/' "$build/includes.txt" | grep -vE "$RPC_INCLUDES" &&
-    circles
+    cycles
 }
 
-# Takes away, again and again, the modules that include none of those that are left, or are included
-# by none: what stays is a circle.
-circles() {
-  awk -F : -v named="$UPWARD $CIRCLES" '
+# Repeatedly removes the modules that include no remaining module or are included by none. The rest are in
+# cycles.
+cycles() {
+  awk -F : -v named="$UPWARD $CYCLES" '
     function module(file) { sub(/\.(h|cc)$/, "", file); return file }
-    function room(file) { sub(/\/.*/, "", file); return file }
+    function layer(file) { sub(/\/.*/, "", file); return file }
     BEGIN { split(named, lines, " "); for (i in lines) except[lines[i]] }
-    !($0 in except) && room($1) == room($2) && module($1) != module($2) {
+    !($0 in except) && layer($1) == layer($2) && module($1) != module($2) {
       from[NR] = module($1); to[NR] = module($2); left[module($1)]; line[NR] = $0
     }
     END {
@@ -132,14 +129,13 @@ circles() {
         for (i in from) if (from[i] in left && to[i] in left) { includes[from[i]]; included[to[i]] }
         for (m in left) if (!(m in includes && m in included)) { delete left[m]; gone = 1 }
       } while (gone)
-      for (i in from) if (from[i] in left && to[i] in left) { print "in a circle: " line[i]; failed = 1 }
+      for (i in from) if (from[i] in left && to[i] in left) { print "in a cycle: " line[i]; failed = 1 }
       exit failed
     }' "$build/includes.txt"
 }
 
-# What the sources have is in the documents: every diagnostic command, in bold, every option and
-# variable, every text in a constant, and the first literal of every call that logs at level 3 or
-# answers. Prints what is missing.
+# Checks that the documents mention every diagnostic command (in bold), every option and variable, every text
+# in a constant, and the first literal of every call that logs at level 3 or answers. Prints what is missing.
 documents() {
   local calls='LOG\(3|LOG_NO_DUMP\(3|LOG_PLATFORM_ONLY\(\s*3|FATAL\(|REFUSE\(|end_exchange_error\('
   calls+='|end_exchange_full\(|RECORD_SCAN_FAILURE\(|storage_cfg_set_result\('
@@ -163,7 +159,8 @@ run_pyflakes() {
   files '*.py' . | xargs pyflakes3
 }
 
-# What programs import, strictly; then all, folder by folder, because two of them have a __main__.
+# Strict for the package that programs import; then all, one directory at a time, because several have a
+# __main__.
 run_mypy() {
   local check=(mypy --config-file lint/mypy.ini --no-error-summary --cache-dir "$build/mypy") folder
   "${check[@]}" --strict client/python/cluster_sync || return 1
@@ -173,7 +170,7 @@ run_mypy() {
   "${check[@]}" --scripts-are-modules testbed/pair
 }
 
-# A copy without the history has no subjects to check.
+# A copy without history has no subjects to check.
 subjects() {
   git cat-file -e "$since^{commit}" 2> /dev/null || return 0
   git log --format=%s "$since..HEAD" | { ! grep -E '.{73}'; }
