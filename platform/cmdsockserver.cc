@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <utility>
 #include <vector>
 
 #include "platform/descriptor.h"
@@ -44,9 +45,12 @@ struct Connection {
 
 struct CmdConnections {
   Mutex mutex;
-  pthread_cond_t changed;  // tells the accepting thread that a connection ended
+  pthread_cond_t changed;      // tells the accepting thread that a connection ended
+  pthread_cond_t handed_over;  // tells the idle worker that `next` is for it, or to end
   bool stopping GUARDED_BY(mutex);
   int count GUARDED_BY(mutex);
+  bool idle_worker GUARDED_BY(mutex);  // one waits for the next connection
+  Connection* next GUARDED_BY(mutex);
   Connection slots[kMaxConnections] GUARDED_BY(mutex);
 };
 
@@ -109,17 +113,15 @@ bool server_is_stopping(CmdConnections* connections) {
   return connections->stopping;
 }
 
-// Receives one request packet. False at the end of the connection and for an invalid packet.
-bool receive_request(int fd, std::vector<uint8_t>* packet) {
+// Receives one request packet of at most `room` bytes and returns its size; 0 at the end of the
+// connection and for an invalid packet.
+size_t receive_request(int fd, uint8_t* packet, size_t room) {
   ssize_t size;
   do {
-    size = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);  // cppcheck-suppress nullPointer; no room
+    size = recv(fd, packet, room, MSG_TRUNC);
   } while (size < 0 && errno == EINTR);
-  if (size < static_cast<ssize_t>(kTypeSize) ||
-      size > static_cast<ssize_t>(kTypeSize + kCmdMaxMessageSize))
-    return false;
-  packet->resize(static_cast<size_t>(size));
-  return recv(fd, packet->data(), packet->size(), 0) == size;
+  const bool valid = size >= static_cast<ssize_t>(kTypeSize) && size <= static_cast<ssize_t>(room);
+  return valid ? static_cast<size_t>(size) : 0;
 }
 
 bool send_response(int fd, uint32_t status, CmdRsp* response) {
@@ -145,17 +147,15 @@ bool send_response(int fd, uint32_t status, CmdRsp* response) {
 }
 
 void serve_requests(const Connection& connection) {
-  std::vector<uint8_t> packet;
-  while (receive_request(connection.fd, &packet) &&
-         !server_is_stopping(connection.server->connections)) {
+  uint8_t packet[kTypeSize + kCmdMaxMessageSize];
+  while (const size_t size = receive_request(connection.fd, packet, sizeof packet)) {
+    if (server_is_stopping(connection.server->connections)) return;
     uint32_t type;
-    memcpy(&type, packet.data(), kTypeSize);
+    memcpy(&type, packet, kTypeSize);
     CmdRsp response;
-    const uint32_t status =
-        connection.server->handler(le32toh(type), packet.data() + kTypeSize,
-                                   static_cast<uint32_t>(packet.size() - kTypeSize), &response);
+    const uint32_t status = connection.server->handler(
+        le32toh(type), packet + kTypeSize, static_cast<uint32_t>(size - kTypeSize), &response);
     if (!send_response(connection.fd, status, &response)) return;
-    packet = {};  // an idle connection keeps no buffer
   }
 }
 
@@ -168,10 +168,26 @@ void free_slot(Connection* connection) {
   pthread_cond_signal(&connections->changed);
 }
 
-void* serve_connection(void* argument) {
+// Waits for the next connection. nullptr when another worker waits already, and when the server
+// stops: this one ends then.
+Connection* wait_for_connection(CmdConnections* connections) {
+  const MutexLock lock(connections->mutex);
+  if (connections->idle_worker) return nullptr;
+  connections->idle_worker = true;
+  while (connections->next == nullptr && !connections->stopping)
+    pthread_cond_wait(&connections->handed_over, &connections->mutex);
+  connections->idle_worker = false;
+  return std::exchange(connections->next, nullptr);
+}
+
+void* serve_connections(void* argument) {
   Connection* connection = static_cast<Connection*>(argument);
-  serve_requests(*connection);
-  free_slot(connection);
+  CmdConnections* connections = connection->server->connections;
+  while (connection != nullptr) {
+    serve_requests(*connection);
+    free_slot(connection);
+    connection = wait_for_connection(connections);
+  }
   return nullptr;
 }
 
@@ -188,13 +204,26 @@ Connection* take_slot(CmdServer* server, int fd) {
   return nullptr;
 }
 
+// Most callers ask once and go: one worker stays, because a new thread for each costs as much as
+// all other work of the server. False when there is no idle one.
+bool hand_over(Connection* connection) {
+  CmdConnections* connections = connection->server->connections;
+  {
+    const MutexLock lock(connections->mutex);
+    if (!connections->idle_worker || connections->next != nullptr) return false;
+    connections->next = connection;
+  }
+  pthread_cond_signal(&connections->handed_over);
+  return true;
+}
+
 bool start_worker(Connection* connection) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setstacksize(&attributes, kWorkerStackSize);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread;
-  const int rc = Create_Thread(&thread, &attributes, serve_connection, connection, "cmd_worker");
+  const int rc = Create_Thread(&thread, &attributes, serve_connections, connection, "cmd_worker");
   pthread_attr_destroy(&attributes);
   return rc == 0;
 }
@@ -217,7 +246,7 @@ void accept_connection(CmdServer* server) {
   Connection* connection = take_slot(server, accepted.get());
   if (connection == nullptr) return;
   accepted.release();
-  if (!start_worker(connection)) free_slot(connection);
+  if (!hand_over(connection) && !start_worker(connection)) free_slot(connection);
 }
 
 void accept_until_stopped(CmdServer* server) {
@@ -235,6 +264,7 @@ void drain_connections(CmdConnections* connections) {
   deadline.tv_sec += kGraceSeconds;
   const MutexLock lock(connections->mutex);
   connections->stopping = true;
+  pthread_cond_signal(&connections->handed_over);
   for (const Connection& slot : connections->slots) {
     if (slot.fd != kFreeSlot) shutdown(slot.fd, SHUT_RD);
   }
@@ -259,6 +289,7 @@ CmdConnections* make_connections() {
     slot.fd = kFreeSlot;
   pthread_mutex_init(&connections->mutex, nullptr);
   _brel_cond_init(&connections->changed);
+  _brel_cond_init(&connections->handed_over);
   return connections;
 }
 

@@ -16,8 +16,8 @@ constexpr uint32_t kCmdMaxMessageSize = 64 * 1024;
 
 struct CmdRsp;  // one response under construction, valid until the handler returns
 
-// Answers one request; runs on the connection's own thread, many at once. Returns the status of
-// the response. `message` is not terminated and belongs to the server.
+// Answers one request; runs on a thread that serves this connection alone, many at once. Returns
+// the status of the response. `message` is not terminated and belongs to the server.
 using CmdHandler = uint32_t (*)(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp);
 
 struct CmdConnections;  // the server's own bookkeeping

@@ -1,6 +1,7 @@
 #include "platform/em.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <string.h>
@@ -10,6 +11,7 @@
 
 #include <string>
 
+#include "platform/descriptor.h"
 #include "platform/util.h"
 
 namespace {
@@ -19,11 +21,11 @@ constexpr char kUseReplicatedData[] = "/etc/em/use_replicated_data";
 
 // The first bytes of the number file without the blanks around them. False when there is no file.
 bool read_number_file(std::string* text) {
-  FILE* file = fopen(kNumberFile, "re");
-  if (file == nullptr) return errno != ENOENT;
+  const Descriptor file(open(kNumberFile, O_RDONLY | O_CLOEXEC));
+  if (!file.is_open()) return errno != ENOENT;
   char bytes[64];
-  text->assign(bytes, fread(bytes, 1, sizeof bytes, file));
-  fclose(file);
+  const ssize_t size = read(file.get(), bytes, sizeof bytes);
+  text->assign(bytes, size > 0 ? static_cast<size_t>(size) : 0);
   constexpr char blanks[] = " \t\n\v\f\r";
   text->erase(text->find_last_not_of(blanks) + 1);
   text->erase(0, text->find_first_not_of(blanks));

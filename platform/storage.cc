@@ -167,6 +167,7 @@ int storage_sync_content(int dir_fd, const char* name) {
 }
 
 bool storage_can_rename(int source_dir_fd, int destination_dir_fd) {
+  if (source_dir_fd == destination_dir_fd) return true;
   struct statx from;
   struct statx to;
   if (statx(source_dir_fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &from) != 0 ||

@@ -137,6 +137,11 @@ TEST(Event, IsReplacedWithoutRoomForATemporary) {
   const Mount full("/var/run/em", "size=16k");
   const std::string record = "/var/run/em/events/0x80000702", healthy(1036, 'h'), ill(1036, 'i');
   ASSERT_EQ(event_send(0x80000702, healthy.data(), 1036), 0);
+  struct stat first, second;
+  stat(record.c_str(), &first);
+  EXPECT_EQ(event_send(0x80000702, healthy.data(), 1036), 0);
+  stat(record.c_str(), &second);
+  EXPECT_EQ(second.st_ino, first.st_ino) << "what is there already is not written again";
   write_file("/var/run/em/filler", std::string(65536, 'x'));
   EXPECT_EQ(event_send(0x80000702, ill.data(), 1036), 0);
   EXPECT_EQ(read_file(record), ill);
