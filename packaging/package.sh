@@ -3,11 +3,10 @@
 #
 #   packaging/package.sh [--arm] [DIRECTORY]
 #
-# They go to DIRECTORY, build/ by default; their paths are the last lines of the output, that of the
-# daemon the first of them. With --arm they are those for armhf, built with the libraries that
-# cmake/arm_sysroot.sh has put in build-arm/. What is missing for the build is an error: install
-# debhelper, dh-python, cmake, ninja-build, g++ (or g++-arm-linux-gnueabihf), libcpg-dev,
-# libssl-dev and pkgconf.
+# Writes them to DIRECTORY, build/ by default. The last lines of the output are their paths; the daemon's
+# package is the first of them. With --arm it builds for armhf, with the libraries that
+# cmake/arm_sysroot.sh has put in build-arm/. Install first: debhelper, dh-python, cmake, ninja-build,
+# g++ (or g++-arm-linux-gnueabihf), libcpg-dev, libssl-dev and pkgconf.
 set -euo pipefail
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 architecture=$(dpkg --print-architecture)
@@ -19,7 +18,7 @@ if [ "${1:-}" = --arm ]; then
 fi
 destination=$(realpath -m "${1:-$repo/build}")
 
-# The packaging tools write beside and into the source, so they get a copy.
+# dpkg-buildpackage writes into and next to the source, so it gets a copy.
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 source=$work/source
@@ -33,7 +32,7 @@ cd "$source"
 version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 [ "$version" = "$(dpkg-parsechangelog -S Version)" ] ||
   { echo "package.sh: CMakeLists.txt says $version, packaging/changelog another version" >&2; exit 1; }
-# The libraries of another architecture are not installed here, which is what -d would check.
+# Libraries of another architecture are not installed here, so -d skips the check of build dependencies.
 DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$(nproc)" \
   dpkg-buildpackage -b -us -uc -a "$architecture" ${CSD_CROSS:+-d}
 mkdir -p "$destination"

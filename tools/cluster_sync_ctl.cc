@@ -1,4 +1,4 @@
-// Command-line client of cluster_sync_daemon: asks for updates and diagnostics on its command
+// Command-line client of cluster_sync_daemon: sends updates and diagnostic commands to its command
 // socket, shows the state of replication and compares the trees of the two EMs.
 
 #include <errno.h>
@@ -24,44 +24,46 @@ namespace {
 
 constexpr double kMaxTimeoutSeconds = 24.0 * 60 * 60;
 
-constexpr char kCommonOptions[] = "jqsthV";  // letters of the options that every command takes
+constexpr char kCommonOptions[] = "jqsthV";  // letters of the options of every command
 
 constexpr char kHelp[] =
     R"(Usage: cluster_sync_ctl [OPTION]... COMMAND
 
 Is replication working?
-  status                is the daemon there, this EM's number and role, the last
-                        state of the replication fault, who is in the group
+  status                show the daemon, this EM's number and role, the last
+                        recorded state of the fault, the state of replication
+                        and the members of the group
   metrics [--textfile FILE]
-                        the same for Prometheus; FILE is replaced in one step
-  fault                 only the last state of the fault; works without the daemon
-  watch                 the state of the fault and then one line per change,
+                        the same for Prometheus; FILE is replaced atomically
+  fault                 show only the last recorded state of the fault; works
+                        without the daemon
+  watch                 show the state of the fault, then one line per change,
                         until interrupted
 
 Do both EMs hold the same files?
-  compare               ask both daemons, through an exchange that changes no file:
-                        a line with counts for each tree, then one for each file
-                        that is only here (<), only there (>) or differs (!)
-  verify                read the four trees; one line with a digest for each, the
-                        same on both EMs when the trees are identical
-  verify --list         one line per chunk, to be kept or sent to the other EM
+  compare               compare through both daemons, changing no file: a line
+                        with counts for each tree, then one for each file that
+                        is only here (<), only there (>) or differs (!)
+  verify                read the four trees and print a line with a digest for
+                        each, the same on both EMs if the trees are identical
+  verify --list         print one line per chunk, for use on the other EM
   verify --against FILE compare with the other EM's list ("-": standard input)
                         and name the files that differ, for example
                         ssh OTHER cluster_sync_ctl verify --list |
                           cluster_sync_ctl verify --against -
 
 What happened?
-  explain [LOG [LOG]]   the exchanges that are in the daemon's log, or in those of
-                        both EMs (the journal, the private log, a dump of the
-                        flight recorder; none or "-": standard input), one row
-                        each
+  explain [LOG [LOG]]   show one row for each exchange in the daemon's log or in
+                        the logs of both EMs: the journal, the private log or a
+                        dump of the flight recorder (none or "-": standard
+                        input)
   explain --exchange N  draw the exchange of row N, message by message
   explain --exchange N --svg FILE
                         the same as a picture
 
-Change files, on this EM and the other:
-  put FILE DEST         publish FILE ("-": standard input) as the replicated file
-                        DEST, from any file system
+Change files on both EMs:
+  put FILE DEST         publish FILE ("-": standard input), from any file system,
+                        as the replicated file DEST
   edit DEST             open a copy of DEST in $VISUAL or $EDITOR and publish it
   update SRC DEST       rename SRC, on the same file system, onto the replicated
                         file DEST
@@ -69,38 +71,39 @@ Change files, on this EM and the other:
   sync                  only run an exchange with the other EM
 
 Operate:
-  role active|standby   make this EM the active or the standby one, in the order
-                        standby there, active here, then sync; active is refused
-                        when a tree is missing, the partition is not mounted, or
-                        the other EM would lose more than half of a shared tree
-  help [COMMAND]        show this text, or what it says of a command
+  role active|standby   set the role of this EM. To switch, run standby there,
+                        active here, then sync here. active is refused if a tree
+                        is missing, the partition is not mounted, or the other
+                        EM would lose more than half of a shared tree
+  help [COMMAND]        show this text, or its part about a command
   diag COMMAND[=ARG]    send a diagnostic command to the daemon; the manual page
                         lists them
 
 put and edit: DEST belongs to the caller afterwards.
 
 Options:
-  --mode MODE           for put and edit: 600 or 644; without it as FILE and DEST
-                        have it
-  --force               for role active: without those checks
-  --allow-deletions     for sync: delete even what MAX_DELETED_PERCENT withholds
-  --progress            for sync: show the time on a terminal
+  --mode MODE           for put and edit: 600 or 644; without it, the mode of
+                        FILE and DEST decides
+  --force               for role active: skip the checks
+  --allow-deletions     for sync: also make deletions that MAX_DELETED_PERCENT
+                        would prevent
+  --progress            for sync: show the elapsed time on a terminal
   --json                print the answer as one line of JSON
   -q, --quiet           print nothing when a change has succeeded
   --socket N            number of the daemon's command socket (default 2006)
-  --timeout SECONDS     longest wait for input and answer (default 60; 0.5 is valid)
-  -h, --help            show this text, or what it says of a command
+  --timeout SECONDS     time limit for input and answer (default 60), such as 0.5
+  -h, --help            show this text, or its part about a command
   --version             show the version
 
 Exit status:
   0  success; for fault: healthy, or nothing recorded yet
-  1  the daemon reports a failure, or what was asked for is impossible; for status
-     and fault: replication is failing or the other EM is away; for verify: the
-     trees differ; for compare: the same
+  1  the daemon reports a failure, or the request is impossible; for status and
+     fault: replication is failing or the other EM is away; for verify and
+     compare: the trees differ
   2  wrong usage
-  3  no daemon answers, or not in time, or what came back cannot be understood;
-     for verify: something could not be read; for compare: also when the other
-     EM is away
+  3  no daemon answers, it does not answer in time, or the answer cannot be
+     understood; for verify: something could not be read; for compare: also
+     when the other EM is away
 )";
 
 constexpr option kLongOptions[] = {
@@ -113,7 +116,7 @@ constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, 'h'},           {"version", no_argument, nullptr, 'V'},
     {"textfile", required_argument, nullptr, 'x'}, {nullptr, 0, nullptr, 0}};
 
-// The option as it is written, given its letter.
+// The name of an option, given its letter.
 std::string option_name(char letter) {
   const option* found = kLongOptions;
   while (found->name != nullptr && found->val != letter)
@@ -121,7 +124,7 @@ std::string option_name(char letter) {
   return found->name != nullptr ? std::string("--") + found->name : std::string("-") + letter;
 }
 
-// Reads seconds, which may have a fraction, as milliseconds.
+// Converts seconds, which may have a fraction, to milliseconds.
 bool parse_seconds(const char* text, int* ms) {
   char* end = nullptr;
   const double seconds = strtod(text, &end);
@@ -131,7 +134,7 @@ bool parse_seconds(const char* text, int* ms) {
   return true;
 }
 
-// Reads a whole number between the bounds into `*number`.
+// Parses a whole number from `least` to `most`.
 bool parse_number(const char* text, int base, long least, long most, int* number) {
   char* end = nullptr;
   errno = 0;
@@ -147,7 +150,7 @@ std::string socket_path(int number) {
   return path;
 }
 
-// Takes one option. Returns false when its value is none.
+// Stores one option. Returns false when its value is invalid.
 bool take_option(char letter, const char* value, Options* options) {
   int number = 0;
   switch (letter) {
@@ -187,8 +190,8 @@ bool take_option(char letter, const char* value, Options* options) {
   }
 }
 
-// Fills `*options`; afterwards argv[optind] is the command. Returns what is wrong, or nothing.
-// Options that are not for every command are given in the table of commands by their letters.
+// Fills `*options`; afterwards argv[optind] is the command. Returns what is wrong, or an empty
+// text.
 std::string parse_options(int argc, char** argv, Options* options) {
   opterr = 0;
   for (;;) {
@@ -210,14 +213,14 @@ bool begins_entry(const std::string& line) {
   return line.starts_with("  ") && line[2] != ' ';
 }
 
-// Prints the part of the help about a command, or all of it.
+// Prints the help, or its part about a command.
 int show_help(const Options& /*options*/, const Words& words);
 
 struct Command {
   const char* name;
   size_t least_words;
   size_t most_words;    // SIZE_MAX: any number
-  const char* options;  // letters of its own options
+  const char* options;  // letters of the command's own options
   int (*run)(const Options& options, const Words& words);
 };
 
@@ -232,7 +235,7 @@ constexpr Command kCommands[] = {
     {"help", 0, 1, "", show_help},
 };
 
-// Whether an entry of the help is about the command, or about an option of its own.
+// Whether an entry of the help is about the command or one of its own options.
 bool concerns(const std::string& line, const Command& command) {
   const std::string entry = line.substr(2, line.find_first_of(" |", 2) - 2);
   if (entry == command.name) return true;
@@ -299,5 +302,5 @@ int main(int argc, char** argv) {
   const int status = run_command(options, command, words);
   const bool shown = fflush(stdout) == 0;
   end_by_signal();
-  return shown ? status : kNoAnswer;  // an answer that could not be shown was not given
+  return shown ? status : kNoAnswer;
 }

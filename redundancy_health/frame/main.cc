@@ -16,8 +16,8 @@ constexpr char kHelp[] =
 Keeps directory trees identical on the two enclosure managers of a pair. Without
 an argument it runs in the background and logs to syslog.
 
-  -x [NUMBER]    run in the foreground and log to standard output, too; NUMBER is
-                 that of the command socket (default 2006)
+  -x [NUMBER]    run in the foreground and also log to standard output; NUMBER is
+                 the number of the command socket (default 2006)
   -h, --help     show this text
   --version      show the version
 )";
@@ -27,7 +27,7 @@ bool is_one_of(const char* word, const char* first, const char* second) {
 }
 
 // "-xy", "x" and "--x" have always started the daemon in the background, and start scripts may
-// rely on it. Any other word is a mistake.
+// rely on that. Any other argument is an error.
 bool is_spelled_like_x(const char* word) {
   return word[strspn(word, "-")] == 'x';
 }
