@@ -216,12 +216,9 @@ void tell_limits(const Logs& logs, double clock_ahead, const Names& names) {
             printable(names[0]).c_str());
 }
 
-std::string why_no_exchange(const Logs& logs) {
-  for (const LogSource& source : logs.sources)
-    if (!source.unread.empty())
-      return "no exchange: the format " + source.unread +
-             " is not read; take journalctl without -o, or -o json, export or short-iso-precise";
-  return std::string("no exchange") + kTooLow;
+// The name of the format that a log is in, if that is none of those that are read.
+std::string unread_format(const Logs& logs) {
+  return logs.sources[0].unread.empty() ? logs.sources[1].unread : logs.sources[0].unread;
 }
 
 }  // namespace
@@ -229,6 +226,7 @@ std::string why_no_exchange(const Logs& logs) {
 int explain_trace(const Options& options, const Words& words) {
   if (!options.svg.empty() && options.exchange == 0)
     return usage_error("--svg draws the exchange that --exchange names");
+  setenv("TZ", ":/etc/localtime", 0);  // unset, it would be looked up anew for every line
   Logs logs;
   logs.both = words.size() == 2;
   for (size_t i = 0; i < 1 + size_t{logs.both}; ++i) {
@@ -236,10 +234,17 @@ int explain_trace(const Options& options, const Words& words) {
     if (!read_log(path, static_cast<int>(i), &logs))
       return report_error(options, path + ": " + strerror(errno));
   }
+  if (const std::string format = unread_format(logs); !format.empty())
+    return report_error(options,
+                        "the format " + format +
+                            " is not read; take journalctl without -o, or -o json, export or "
+                            "short-iso-precise",
+                        kFailed);
   const Names names = em_names(logs);
   const JoinedExchanges joined =
       join_exchanges(std::move(logs.exchanges[0]), std::move(logs.exchanges[1]));
-  if (joined.all.empty()) return report_error(options, why_no_exchange(logs), kFailed);
+  if (joined.all.empty())
+    return report_error(options, std::string("no exchange") + kTooLow, kFailed);
   tell_limits(logs, joined.clock_ahead, names);
   if (options.exchange != 0) {
     const size_t index = static_cast<size_t>(options.exchange) - 1;

@@ -609,6 +609,97 @@ TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
   EXPECT_TRUE(exists("/var/run/em/active"));
 }
 
+// What the two daemons of a pair log of a put that the second one cannot write.
+const Lines kAsking = {
+    "on_cpg_config:238: CPG config change [em-sync]: flags=05",
+    "rename_to_destination:115: SYNC RPC rename: src=/var/run/replicated_by_active_em/TempUpdate_5 "
+    "dest=/var/run/replicated_by_active_em/cfg",
+    "on_sync_req:76: Starting new exchange id=14 active=1",
+    "on_sync_state_change:354: Enter state change: ST_LOCKREQ   self:MSG_LOCK_REQ     RPC_PENDING  "
+    " "
+    "   id=14.0 hid=14.0",
+    "send_update_message:105: Send PUSH_REQ cfg",
+    "send_cpg_command:55: Send CPG msg: MSG_UPDATE_REQ   xid=14 sid=1 payload-len=38",
+    "on_sync_state_change:354: Enter state change: ST_UPDATE    self:MSG_UPDATE_REQ   RPC_PENDING  "
+    " "
+    "   id=14.1 hid=14.1",
+    "on_sync_state_change:354: Enter state change: ST_DONE      self:MSG_LOCK_REL     RPC_IDLE     "
+    " "
+    "   id=14.1 hid=14.1",
+    "on_sync_state_change:366: Exit  state change: ST_UNLOCKED  self:MSG_LOCK_REL     RPC_IDLE     "
+    " "
+    "   id=14.1"};
+const Lines kServing = {
+    "on_sync_state_change:354: Enter state change: ST_UNLOCKED  peer:MSG_LOCK_REQ     RPC_IDLE     "
+    " "
+    "   id=0.0 hid=14.0",
+    "on_sync_state_change:354: Enter state change: ST_PEERLOCK  peer:MSG_UPDATE_REQ   RPC_IDLE     "
+    " "
+    "   id=0.0 hid=14.1",
+    "update_file:252: Unable to update file (No space left on device): cfg",
+    "on_sync_state_change:354: Enter state change: ST_PEERLOCK  peer:MSG_LOCK_REL     RPC_IDLE     "
+    " "
+    "   id=0.0 hid=14.1"};
+
+void write_log(const char* path, const Lines& lines, const std::string& before,
+               const std::string& behind = "") {
+  std::string log;
+  for (const std::string& line : lines)
+    log += before + line + behind + "\n";
+  write_file(path, log);
+}
+
+TEST_F(CtlTest, ExplainReadsEveryFormatOfTheJournalAndMatchesBothLogs) {
+  setenv("TZ", "UTC", 1);
+  const std::string json = R"({"MESSAGE":")", export_begin = "__CURSOR=x\n_HOSTNAME=em1\n";
+  const std::string fields = R"(","_HOSTNAME":"em1","__REALTIME_TIMESTAMP":"1764000001000051"})";
+  for (const auto& [before, behind, row] : std::vector<std::array<std::string, 3>>{
+           {"<7> ", "", "  -                    this EM  "},
+           {"1764000001 ( 77-sync_thread) ", "", "  2025-11-24 16:00:01  this EM  "},
+           {"Nov 24 16:00:01 em1 CLUS_SYNC[77]: ", "", "-11-24 16:00:01  em1  "},
+           {"Mon 2025-11-24 16:00:01 UTC em1 CLUS_SYNC[77]: ", "", "2025-11-24 16:00:01  em1  "},
+           {"Mon 2025-11-24 16:00:01 UTC em1 cluster_sync_daemon.service[77]: ", "",
+            "  2025-11-24 16:00:01  em1  "},
+           {"2025-11-24T18:30:01+0230 em1 CLUS_SYNC[77]: ", "", "  2025-11-24 16:00:01  em1  "},
+           {"2025-11-24T15:00:01.05-01:00 em1 CLUS_SYNC[77]: ", "", "  2025-11-24 16:00:01  em1  "},
+           {"1764000001.000051 em1 CLUS_SYNC[77]: ", "", "  2025-11-24 16:00:01  em1  "},
+           {"[    5.000051] em1 CLUS_SYNC[77]: ", "", "  5.000                em1  "},
+           {json, fields, "  2025-11-24 16:00:01  em1  "},
+           {"data: " + json, fields, "  2025-11-24 16:00:01  em1  "},
+           {export_begin + "MESSAGE=", "\n__REALTIME_TIMESTAMP=1764000001000051\n",
+            "  2025-11-24 16:00:01  em1  "}}) {
+    write_log("/mnt/em1", kAsking, before, behind);
+    EXPECT_EQ(run("explain em1"), 0) << before;
+    EXPECT_NE(out_.find(row), std::string::npos) << before << out_;
+    EXPECT_EQ(split(out_, '\n').size(), 2u) << "one exchange, one row: " << out_;
+    EXPECT_NE(out_.find(" 1 pushed (2 B) "), std::string::npos) << out_;
+    EXPECT_NE(out_.find("  put cfg: success here, the other EM is away\n"), std::string::npos);
+  }
+  const std::string dumped = "dump_flight_recorder:1: 1764000001 ( 1-sync_thread) ";
+  for (const auto& [format, before] : {std::pair("verbose", "Mon [s=1;i=2]\n  MESSAGE="),
+                                       {"json-pretty", "{\n\t\"MESSAGE\" : \""}}) {
+    write_log("/mnt/em1", kAsking, before + dumped);
+    EXPECT_EQ(run("explain em1 2>&1"), 1);
+    EXPECT_NE(out_.find(std::string("format ") + format + " is not read"), std::string::npos);
+  }
+  write_log("/mnt/em1", kAsking, "2025-11-24T17:00:01+0100 em1 CLUS_SYNC[77]: ");
+  write_log("/mnt/em2", kServing, "2025-11-24T16:00:17+0000 em2 CLUS_SYNC[5]: ");
+  EXPECT_EQ(run("explain em1 em2 2>&1"), 0);
+  EXPECT_EQ(split(out_, '\n').size(), 3u) << out_;
+  EXPECT_NE(out_.find("the clock of em2 is 16 s ahead of that of em1"), std::string::npos) << out_;
+  EXPECT_NE(out_.find("put cfg: FAILED: Unable to update file (No space left on device): cfg\n"),
+            std::string::npos);
+  EXPECT_EQ(run("explain em1 em2 --exchange 1 --json"), 0);
+  EXPECT_NE(out_.find(R"("from":"em1","message":"MSG_UPDATE_REQ","sequence":1,"bytes":38,)"),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(run("explain em1 em2 --exchange 1 --svg picture"), 0);
+  const std::string picture = read_file("/mnt/picture");
+  const size_t error = picture.find(">Unable to update");
+  const size_t white = picture.rfind("fill=\"white\"", error);
+  EXPECT_EQ(picture.substr(white, error - white).find("<line"), std::string::npos) << picture;
+}
+
 TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
   make_file(0, "a/full", pattern(kChunkSize));
   make_file(0, "a/b/large", pattern(3 * kChunkSize + 7));
