@@ -9,8 +9,8 @@
 
 namespace {
 
-// For the last line of a process that has no memory left. Below the size that would be mapped, so
-// that the heap has it back at once.
+// Freed for the last log line of a process without memory. Smaller than a mapped block, so that
+// free() returns it to the heap.
 void* g_reserve = nullptr;
 
 [[noreturn]] void fail_new() {

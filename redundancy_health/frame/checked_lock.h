@@ -4,8 +4,8 @@
 #include "platform/mutex.h"
 #include "redundancy_health/frame/check.h"
 
-// Holds `mutex` to the end of the scope. A failure aborts like a failed CHECK_ZERO of the call,
-// whose text is part of the log: "EXCEPTION: pthread_mutex_lock(&g_exit_mutex) = 22".
+// Holds `mutex` until the end of the scope. A failure aborts like a failed CHECK_ZERO of the call.
+// The text of the call is part of the log: "EXCEPTION: pthread_mutex_lock(&g_exit_mutex) = 22".
 #define HOLD_MUTEX(mutex)                                              \
   const CheckedLock checked_lock_(mutex, __FILE__, __LINE__, __func__, \
                                   "pthread_mutex_lock(&" #mutex ")",   \

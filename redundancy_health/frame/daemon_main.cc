@@ -22,7 +22,7 @@ int32_t g_cmd_socket_num = 2006;
 
 namespace {
 
-constexpr int kLookSeconds = 10;  // from one look at the heartbeat to the next
+constexpr int kLookSeconds = 10;  // between two checks of the heartbeat
 
 }  // namespace
 
@@ -33,7 +33,7 @@ int daemon_main(int, char**) {
   check_em_number();
   init_context(&g_context);
   start_state_report();
-  // A worker may outlive this function, so its server stays, known to the end.
+  // Static: a worker may outlive this function and still use its server.
   static CmdServer* cmd_server;
   cmd_server = cmd_server_create(g_cmd_socket_num, on_rpc_notification);
   CHECK_NOT_NULL(cmd_server);

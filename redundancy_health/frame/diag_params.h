@@ -5,22 +5,22 @@
 
 #include "platform/mutex.h"
 
-constexpr unsigned kFaultPathSize = 100;  // longer paths are stored cut to 99 bytes
+constexpr unsigned kFaultPathSize = 100;  // longer paths are cut to 99 bytes
 
-// Diagnostic and fault-injection settings, changed by diagnostic commands at run time.
+// Settings for diagnosis and fault injection, changed by diagnostic commands at run time.
 struct DiagParams {
   Mutex mutex;  // held for a single read or write
   // Every group send fails.
   uint8_t cpg_send_fail GUARDED_BY(mutex);
   // The state machine ignores every event.
   uint8_t statemachine_stuck GUARDED_BY(mutex);
-  // Files, by their paths; empty = off: the scan cannot open this one,
+  // Paths of files, empty for none. The scan cannot open this file.
   char fail_scan_path[kFaultPathSize] GUARDED_BY(mutex);
-  // no outgoing chunk of this one can be read,
+  // No outgoing chunk of this file can be read.
   char fail_read_path[kFaultPathSize] GUARDED_BY(mutex);
-  // this one cannot be replaced as a whole,
+  // This file cannot be replaced as a whole.
   char fail_write_path[kFaultPathSize] GUARDED_BY(mutex);
-  // no local request can rename onto this one.
+  // No local request can rename a file onto this path.
   char fail_rename_path[kFaultPathSize] GUARDED_BY(mutex);
   // The next exchange may delete any number of files.
   uint8_t allow_deletions GUARDED_BY(mutex);

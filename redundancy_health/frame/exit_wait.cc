@@ -10,7 +10,7 @@ timespec after(const timespec& begin, time_t seconds) {
   return {begin.tv_sec + seconds, begin.tv_nsec};
 }
 
-// Seconds that have begun since `begin`.
+// Seconds since `begin`, a started second counted as a whole one.
 time_t seconds_begun(const timespec& begin) {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);

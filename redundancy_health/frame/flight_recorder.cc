@@ -9,7 +9,7 @@
 FlightRecorder g_flight_recorder = {
     PTHREAD_MUTEX_INITIALIZER, SIMPLEQ_HEAD_INITIALIZER(g_flight_recorder.entries), 500, 0, {}};
 
-// The recorder is below the log, which fills it.
+// Bypasses the log, which calls the recorder.
 #define PLATFORM_LINE(...) DbgOutput(__FILE__, __LINE__, __func__, 3, __VA_ARGS__)
 
 namespace {

@@ -8,10 +8,10 @@
 #include "platform/mutex.h"
 #include "redundancy_health/frame/relaxed.h"
 
-// The most recent log lines, kept in memory so that the first error can show what led up to it.
+// Keeps the latest log lines in memory, to show what happened before the first error.
 
 struct FlightRecorderEntry {
-  char* text;  // prefix and message without a newline; behind the entry
+  char* text;  // prefix and message without a newline; stored after the entry
   SIMPLEQ_ENTRY(FlightRecorderEntry) next;
 };
 
@@ -21,22 +21,21 @@ struct FlightRecorder {
   entries GUARDED_BY(mutex);               // oldest first
   uint32_t max_entries GUARDED_BY(mutex);  // 0 records nothing
   uint32_t count GUARDED_BY(mutex);
-  // Set by the first dump: the lines before the first error are the precious ones. Written with the
-  // mutex held.
+  // Set by the first dump, to keep the lines before the first error. Written with the mutex held.
   Relaxed<uint8_t> paused;
 };
 
 extern FlightRecorder g_flight_recorder;
 
-// Records one line (`length` bytes and a NUL), dumps and pauses when it is the first error, and
-// trims. Takes the mutex.
+// Records one line (`length` bytes and a NUL). If it is the first error, dumps and pauses. Removes
+// the oldest lines above max_entries. Takes the mutex.
 void record_line(int level, int dump, const char* text, size_t length);
 
 // Writes every line to the platform log at level 3.
 void dump_flight_recorder() REQUIRES(g_flight_recorder.mutex);
 
-// Drops every line. Takes the mutex: at the end of the process a request that outlived the command
-// server's patience may still log.
+// Drops every line. Takes the mutex, because a request that is still running when the command
+// server has shut down may still log.
 void empty_flight_recorder();
 
 #endif  // FRAME_FLIGHT_RECORDER_H_

@@ -27,14 +27,14 @@ uint32_t read_max_log_size() {
   return static_cast<uint32_t>(g_diag_params.max_log_size);
 }
 
-// What becomes of a line in the private log file.
+// What happens to a line in the private log file.
 enum class LogFile {
   kReady,
-  kSkipped,  // somebody has put a thing of his own in the way: only the flight recorder gets it
+  kSkipped,  // the path is not the daemon's own file: only the flight recorder gets the line
   kFailed,   // the line is lost
 };
 
-// Anybody can plant a file, a link or a FIFO in /tmp.
+// In /tmp any user can create a file, a link or a FIFO.
 bool is_own_file(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
@@ -48,7 +48,7 @@ LogFile make_room_in_log_file(uint32_t max_log_size) {
   return errno == EISDIR ? LogFile::kSkipped : LogFile::kFailed;
 }
 
-// Names of files that only root may list are in the log.
+// Creates the file with mode 0600: the log has names of files that only root may list.
 void append_to_log_file(const char* text) {
   Descriptor fd(
       open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
@@ -62,7 +62,7 @@ void append_to_log_file(const char* text) {
   CHECK_CLOSE(fclose(f));
 }
 
-// The part of a prefix that is the same for all lines of a thread in one second.
+// The part of a prefix that all lines of a thread have in common during one second.
 struct Stamp {
   time_t second;
   size_t length;
@@ -84,8 +84,8 @@ const Stamp& current_stamp() {
   return stamp;
 }
 
-// A line in the making: prefix and message are formatted where they stay, on the stack unless they
-// are long. The trace is written many times for each file that is replicated.
+// A log line. Prefix and message are formatted in place, on the stack unless they are long, because
+// several lines are written for each replicated file.
 class Line {
  public:
   Line(const char* function, int line) {
@@ -117,7 +117,7 @@ class Line {
     va_end(again);
     length_ = length;
   }
-  // A line feed in a file name would make a line of its own in the log file.
+  // Without this, a newline in a file name would start a new line in the log file.
   void escape() {
     const std::string_view made(message(), length_ - prefix_length_);
     if (!may_need_escapes(made)) return;
@@ -130,7 +130,7 @@ class Line {
   const char* message() const {
     return text_ + prefix_length_;
   }
-  // Hands the line to the private log file and the flight recorder.
+  // Writes the line to the private log file and the flight recorder.
   void keep(int level, int dump) const {
     const uint32_t max_log_size = read_max_log_size();
     if (max_log_size != 0) {
@@ -142,14 +142,14 @@ class Line {
   }
 
  private:
-  static constexpr size_t kNameSize = 200;  // above that of any function; what is longer is cut
+  static constexpr size_t kNameSize = 200;  // longer than any function name; the rest is cut
   char space_[512];
   char* text_ = space_;
   size_t length_ = 0;
   size_t prefix_length_ = 0;
 };
 
-// `file` is null for a line that the platform log is not to have.
+// `file` is null for a line that does not go to the platform log.
 __attribute__((format(printf, 6, 0))) void write_line(const char* file, int line,
                                                       const char* function, int level, int dump,
                                                       const char* format, va_list args) {
@@ -185,8 +185,8 @@ void on_severe_error() {
 }
 
 int32_t get_uptime() {
-  // What sysinfo(2) tells, a started second counted in, without the count of the memory that it
-  // makes each time: this is asked for at every message.
+  // The uptime of sysinfo(2), rounded up, but faster: sysinfo also counts memory, and this is
+  // called for every message.
   struct timespec uptime;
   if (clock_gettime(CLOCK_BOOTTIME, &uptime) != 0) {
     LOG(3, "Call to sysinfo() failed: %s", strerror(errno));

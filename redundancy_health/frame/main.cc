@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
     if (argc > 2) g_cmd_socket_num = static_cast<int32_t>(strtol(argv[2], nullptr, 10));
     g_foreground = 1;
     debug_log_to_stdout(1);
-    // The modes of created files are part of what is replicated; the caller's umask is not.
+    // The modes of created files are replicated, so they must not depend on the caller's umask.
     umask(0022);
     return daemon_main(argc, argv);
   }

@@ -3,10 +3,10 @@
 
 #include <atomic>
 
-// A number that one thread changes and others read without a lock, on purpose: every access is
-// whole, with no order against anything else. It is one plain load or store, but for 64 bits on
-// 32-bit ARM, where it takes exclusive ones. += and -= are for the thread that changes it (or under
-// a lock); they are not one step.
+// A number that one thread changes and others read without a lock, deliberately. Each access is
+// atomic but not ordered with others. It compiles to one plain load or store, except for 64 bits on
+// 32-bit ARM. += and -= are not atomic: only the thread that changes the number, or a lock holder,
+// may use them.
 template <typename T>
 class Relaxed {
  public:

@@ -1,13 +1,13 @@
 #ifndef FRAME_SERVICE_STATUS_H_
 #define FRAME_SERVICE_STATUS_H_
 
-// What the service manager is told. The main thread's.
+// What the service manager is told. Main thread only.
 
-// This process is the service, whoever started it: before its parent ends.
+// Names this process as the main process of the service. Call it before the parent exits.
 void announce_main_process();
 
-// The start is complete once the group is joined; the state in words when it has changed; and,
-// while `alive`, food for the watchdog. About once a second.
+// Sends READY=1 once the group is joined, the status text when it has changed, and, while `alive`,
+// WATCHDOG=1. Call it well within WatchdogSec=, about every 10 s.
 void tell_service_manager(bool alive);
 
 #endif  // FRAME_SERVICE_STATUS_H_

@@ -4,21 +4,21 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// The answer to a state query on the command socket, little-endian. It begins with its own size:
-// later versions add fields at the end, and whoever reads it takes what it knows.
+// The answer to a state query on the command socket, little-endian. It begins with its own size.
+// Later versions add fields at the end; a reader uses the fields that it knows.
 
 constexpr size_t kStateMembers = 8;
 constexpr size_t kStateTextSize = 116;
 
-// What the replicating thread is doing; when it hangs, where.
+// What sync_thread is doing, and where it hangs if it does.
 enum Activity : uint32_t {
-  kAtRest = 0,  // it waits for messages and requests
+  kAtRest = 0,  // waits for messages and requests
   kListing = 1,
   kHashing = 2,
   kComparing = 3,
   kWriting = 4,
-  kSyncing = 5,  // it waits for the medium
-  kReading = 6,  // what an update carries
+  kSyncing = 5,  // waits for the disk
+  kReading = 6,  // reads data for an update
 };
 
 struct StateMember {
@@ -26,7 +26,7 @@ struct StateMember {
   uint32_t pid;
 };
 
-// In the order of the wire; see Statistics for what they count.
+// In wire order; see Statistics for the meaning.
 struct StateCounters {
   uint64_t syncs_from_self;
   uint64_t syncs_from_peer;
@@ -41,14 +41,14 @@ struct StateCounters {
   uint64_t filesys_bytes_scanned;
 };
 
-// Ages and times are in seconds; -1 where something never happened or is not planned.
+// Ages and times are in seconds; -1 if something never happened or is not planned.
 struct StateRecord {
   uint32_t size;  // of the whole record
   uint32_t em_number;
   uint32_t number_source;   // NumberSource (platform/em.h)
-  uint32_t active;          // this EM has the role
+  uint32_t active;          // this EM has the active role
   uint32_t joined;          // the daemon is in the group
-  uint32_t peer_present;    // and so is another one
+  uint32_t peer_present;    // another daemon is in the group, too
   uint32_t exchange_state;  // SyncState
   int32_t exchange_state_age;
   uint32_t activity;  // Activity
@@ -64,7 +64,7 @@ struct StateRecord {
   uint32_t both_active;
   uint32_t recorder_paused;
   uint32_t rpc_stage;     // RpcStage
-  uint32_t member_count;  // may be more than there is room for
+  uint32_t member_count;  // may exceed kStateMembers
   StateMember members[kStateMembers];
   StateCounters counters;
   char version[24];

@@ -16,9 +16,9 @@ StateReport g_state_report;
 
 namespace {
 
-constexpr int32_t kHangTime = 60;  // seconds without a heartbeat
+constexpr int32_t kHangTime = 60;  // seconds without a change of the heartbeat
 
-// Of the running exchange; sync_thread's own.
+// Notes on the running exchange; sync_thread only.
 char g_first_failure[kStateTextSize];
 bool g_listing_served = false;
 
@@ -53,7 +53,7 @@ void read_texts(StateRecord* record, int32_t now) {
   memcpy(record->members, g_state_report.members, sizeof record->members);
 }
 
-// What has moved since the main thread looked is alive now.
+// A heartbeat that changed since the main thread's last check has age 0.
 int32_t heartbeat_age(int32_t now) {
   const StateReport& report = g_state_report;
   const bool moved = report.heartbeat != report.heartbeat_seen;

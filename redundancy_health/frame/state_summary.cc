@@ -6,7 +6,7 @@
 
 namespace {
 
-// A service manager refuses a status that is no UTF-8.
+// Escaped, because a service manager refuses a status that is not UTF-8.
 std::string visible(const char* text) {
   std::string shown;
   for (; *text != '\0'; ++text) {

@@ -5,8 +5,8 @@
 
 #include "redundancy_health/frame/relaxed.h"
 
-// Counters since the start or the last reset. sync_thread raises them, the diagnostic commands
-// read and clear them, nobody locks.
+// Counters since the start or the last reset. sync_thread increments them, diagnostic commands read
+// and clear them. Deliberately without a lock.
 struct Statistics {
   Relaxed<uint32_t> n_syncs_from_self;
   Relaxed<uint32_t> n_syncs_from_peer;

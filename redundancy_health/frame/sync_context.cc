@@ -8,7 +8,7 @@
 SyncContext g_context;
 
 void init_context(SyncContext* ctx) {
-  // Log text: stays as it is, NULL and all.
+  // Log text: keep it unchanged, including NULL.
   CHECK_ZERO(pthread_mutex_init(&ctx->rpc_mutex, NULL));
   _brel_cond_init(&ctx->rpc_cond);
   HOLD_MUTEX(ctx->rpc_mutex);
