@@ -1,4 +1,4 @@
-// Comparisons of the trees of both EMs, and the report that comes back as a file.
+// Comparisons of the trees of both EMs. The report is received as a file.
 
 #include <errno.h>
 #include <stdio.h>
@@ -18,8 +18,8 @@ bool read_counts(const char* text, cluster_sync_tree* tree) {
          text[end] == '\0';
 }
 
-// Hands "<tree/path" on. Returns EPROTO when the text is none, else what the caller's function
-// says.
+// Passes "<tree/path" to the caller's function and returns its result. EPROTO if the text is
+// invalid.
 int hand_on(char* text, cluster_sync_difference_fn on_difference, void* argument) {
   char* slash = strchr(text, '/');
   if (slash == nullptr || strchr("<>!", text[0]) == nullptr) return EPROTO;

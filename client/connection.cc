@@ -1,4 +1,4 @@
-// A connection to the command socket: requests and answers as packets.
+// A connection to the command socket, which carries requests and answers as packets.
 
 #include "client/connection.h"
 
@@ -15,7 +15,7 @@
 
 namespace {
 
-// Lets connect(2) wait, and end with EAGAIN when the time is up.
+// Makes connect(2) wait until the time limit, and then fail with EAGAIN.
 int let_connect_wait(int fd, const Deadline& deadline) {
   const int left = deadline.left_ms();
   if (left == 0) return ETIMEDOUT;
@@ -28,7 +28,7 @@ int let_connect_wait(int fd, const Deadline& deadline) {
   return fcntl(fd, F_SETFL, 0) == 0 ? 0 : errno;
 }
 
-// The descriptor does not block at first.
+// Expects a non-blocking descriptor.
 int connect_within(int fd, const sockaddr_un& address, const Deadline& deadline) {
   while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     if (errno == ENOENT) return ECONNREFUSED;
@@ -64,7 +64,7 @@ int send_packet(int fd, const msghdr& packet, const Deadline& deadline) {
   return 0;
 }
 
-// Receives the next packet, its whole size into `*size`.
+// Receives the next packet and stores its whole size in `*size`.
 int receive_packet(int fd, msghdr* packet, const Deadline& deadline, size_t* size) {
   for (;;) {
     const int error = wait_readable(fd, deadline);
@@ -157,7 +157,7 @@ int receive_answer(cluster_sync_connection* connection, RequestType type, const 
   packet.msg_iov = parts;
   packet.msg_iovlen = 2;
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-  if (type == kCompareRequest) {  // nobody else has a use for a descriptor
+  if (type == kCompareRequest) {  // only a comparison returns a descriptor
     packet.msg_control = control;
     packet.msg_controllen = sizeof control;
   }

@@ -10,45 +10,45 @@
 #include "client/deadline.h"
 #include "client/put.h"
 
-// What a connection can be asked for: the type of a request packet, and what stands behind a
-// little-endian number in the answer packet.
+// The type of a request packet. The comments say what follows the little-endian status in the
+// answer packet.
 enum RequestType : uint32_t {
   kUpdateRequest = 0,      // the 128 bytes of a cluster_sync_result
   kDiagnosticRequest = 1,  // nothing
-  kStateRequest = 2,       // a cluster_sync_state, or what another version has of it
-  kCompareRequest = 3,     // as for an update, and the descriptor of a report
+  kStateRequest = 2,       // a cluster_sync_state, longer or shorter in other versions
+  kCompareRequest = 3,     // a cluster_sync_result, and the descriptor of a report
 };
 
 struct cluster_sync_connection {
   int fd;
-  bool is_asked;          // an answer of `request` is outstanding
-  bool is_lost;           // the daemon has hung up: every further call says so
+  bool is_asked;          // the answer to `request` is outstanding
+  bool is_lost;           // the daemon has closed the connection; every further call fails
   RequestType request;    // the last one
-  char source[PATH_MAX];  // of the last update, empty without one
+  char source[PATH_MAX];  // source of the last update; empty if there is none
   Put put;
 };
 
-// Sends a request; its answer is outstanding then. `message` are the `count` parts, two at most, of
-// what stands behind the type. Returns 0 or an error number, EBUSY when an answer is outstanding
-// already or a put was begun.
+// Sends a request; its answer is then outstanding. `message` are `count` parts, two at most, that
+// follow the type. Returns 0 or an error number: EBUSY if an answer is outstanding or a put was
+// begun.
 int send_request(cluster_sync_connection* connection, RequestType type, const iovec* message,
                  size_t count, const Deadline& deadline);
 
-// An answer packet; the payload goes to `room` bytes of the caller's.
+// An answer packet. The payload goes to a buffer of `room` bytes.
 struct Answer {
-  uint32_t status;  // 0, or the daemon's number for a refusal
+  uint32_t status;  // 0, or the number with which the daemon refused the request
   void* payload;
   size_t room;
-  size_t size;     // of the whole payload, which may be more than there is room for
-  int descriptor;  // that came with it, the caller's to close; -1 without one
+  size_t size;     // of the whole payload; may exceed `room`
+  int descriptor;  // received with the answer, or -1; the caller closes it
 };
 
-// Takes the answer to a request of this type. Returns 0 or an error number: EAGAIN when it is not
-// there in time, ENOMSG when no such request was sent, ECANCELED for a status other than 0.
+// Takes the answer to a request of this type. Returns 0 or an error number: EAGAIN if it has not
+// arrived in time, ENOMSG if no such request was sent, ECANCELED for a status other than 0.
 int receive_answer(cluster_sync_connection* connection, RequestType type, const Deadline& deadline,
                    Answer* answer);
 
-// Waits until the descriptor can be read. ETIMEDOUT when the time is up.
+// Waits until the descriptor is readable. ETIMEDOUT if the time limit expires.
 int wait_readable(int fd, const Deadline& deadline);
 
 #endif  // CLIENT_CONNECTION_H_

@@ -5,19 +5,19 @@
 #include <stdint.h>
 #include <time.h>
 
-// A time limit in milliseconds as the moment when it is over. None when it was negative.
+// The end of a time limit given in milliseconds. A negative limit means none.
 class Deadline {
  public:
   explicit Deadline(int timeout_ms) : limited_(timeout_ms >= 0), end_ms_(now_ms() + timeout_ms) {}
 
-  // What is left: 0 when the time is up, negative without a limit; as poll(2) takes it.
+  // The remaining time as for poll(2): 0 when it has expired, -1 without a limit.
   int left_ms() const {
     if (!limited_) return -1;
     const int64_t left = end_ms_ - now_ms();
     return left <= 0 ? 0 : left < INT_MAX ? static_cast<int>(left) : INT_MAX;
   }
 
-  // Leaves out the time since `start_ms`, which was not spent waiting.
+  // Does not count the time since `start_ms`.
   void exclude_since(int64_t start_ms) {
     end_ms_ += now_ms() - start_ms;
   }

@@ -1,4 +1,4 @@
-/* Publishes what standard input holds as the replicated file that the argument names. */
+/* Publishes standard input as the replicated file named by the argument. */
 #include <cluster_sync.h>
 #include <errno.h>
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// Publishing: a temporary file beside the destination, and the request to rename it.
+// Publishing: writes a temporary file in the directory of the destination and asks for its rename.
 
 #include "client/put.h"
 
@@ -30,7 +30,7 @@ void make_name(char name[sizeof Put::name]) {
   *end = '\0';
 }
 
-// Calls `try_name`, which returns 0 or -1 with errno, with new names until one is free. Afterwards
+// Calls `try_name`, which returns 0 or -1 with errno, until it finds a free name. Afterwards
 // put->name is that name, or empty.
 template <typename TryName>
 int with_free_name(Put* put, TryName try_name) {
@@ -43,12 +43,12 @@ int with_free_name(Put* put, TryName try_name) {
   return error;
 }
 
-// Makes the file, without a name where the file system can.
+// Creates the file, without a name if the file system allows that.
 int make_file(Put* put) {
   const int directory = put->place.directory;
   put->fd = openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kRestrictedMode);
   if (put->fd >= 0) return 0;
-  // EISDIR: a kernel that does not know O_TMPFILE.
+  // EISDIR: the kernel does not know O_TMPFILE.
   if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) return errno;
   return with_free_name(put, [put, directory] {
     put->fd =
@@ -77,7 +77,7 @@ int begin_put(Put* put, const char* destination, mode_t mode) {
 }
 
 int append(Put* put, const char* data, size_t size) {
-  // A larger file would fail every exchange from then on.
+  // A larger file would fail every later exchange.
   if (uint64_t{size} > UINT32_MAX - put->size) return EFBIG;
   put->size += size;
   while (size > 0) {
@@ -90,7 +90,7 @@ int append(Put* put, const char* data, size_t size) {
   return 0;
 }
 
-// Brings the file to the disk and gives it its name.
+// Syncs the file and gives it its name.
 int finish_file(Put* put) {
   if (fsync(put->fd) != 0) return errno;
   const int error = name_file(put);
@@ -109,7 +109,7 @@ int send_put(cluster_sync_connection* connection, const Deadline& deadline) {
   return send_paths(connection, source, put.place.spelling, deadline);
 }
 
-// Appends what can be read from `fd`. The time limit is for input that does not come.
+// Appends the bytes read from `fd`. The time limit covers only waiting for input.
 int append_input(cluster_sync_connection* connection, int fd, Deadline* deadline) {
   char buffer[65536];
   for (;;) {
@@ -133,7 +133,7 @@ int check_size(int fd) {
   return S_ISREG(status.st_mode) && status.st_size > int64_t{UINT32_MAX} ? EFBIG : 0;
 }
 
-// Publishes what `add_content` appends to the put that was begun on a connection.
+// Publishes the bytes that `add_content` appends to the put of a connection.
 template <typename AddContent>
 int publish(const char* socket, const char* destination, mode_t mode, int timeout_ms,
             cluster_sync_result* result, AddContent add_content) {

@@ -1,4 +1,4 @@
-// What error numbers and the daemon's texts mean.
+// The meaning of error numbers and of the daemon's texts.
 
 #include <errno.h>
 #include <stddef.h>
@@ -13,10 +13,10 @@ using Reason = cluster_sync_reason_code;
 struct ErrorMeaning {
   int error;
   Reason reason;
-  const char* text;  // null: the system's
+  const char* text;  // null: use the system's text
 };
 
-// Any other number is that of a system call that failed here.
+// Any other number comes from a system call that failed here.
 constexpr ErrorMeaning kErrors[] = {
     {0, CLUSTER_SYNC_NO_REASON, nullptr},
     {ECONNREFUSED, CLUSTER_SYNC_NO_DAEMON, "no daemon answers on the command socket"},
@@ -52,8 +52,8 @@ const ErrorMeaning* meaning_of(int error) {
   return nullptr;
 }
 
-// How the daemon's texts begin. A request that was not applied failed here; where the change
-// stands, `applied` tells.
+// How the daemon's texts begin. `applied` is the reason if the change is applied here. Otherwise
+// the system's text in the message decides, if there is one.
 struct TextMeaning {
   const char* text;
   Reason applied;
@@ -91,7 +91,7 @@ bool begins_with(const char* text, const char* beginning) {
   return strncmp(text, beginning, strlen(beginning)) == 0;
 }
 
-// The reason of a refused "Could not ... file (SYSTEM'S TEXT): PATH".
+// The reason for "Could not ... file (SYSTEM'S TEXT): PATH" without an applied change.
 Reason refused_for(const char* text) {
   const char* system_text = strchr(text, '(') + 1;
   if (begins_with(system_text, strerrordesc_np(EXDEV))) return CLUSTER_SYNC_OTHER_FILE_SYSTEM;

@@ -1,4 +1,4 @@
-// Updates and diagnostic commands, in steps and from the connection to the answer.
+// Updates and diagnostic commands, in steps or in one call.
 
 #include "client/request.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kMaxMessageSize = 65536;
 
-// What an answer with a number instead of a record means.
+// Fills in the result for an answer that has a status but no record.
 void fill_unknown(cluster_sync_result* result) {
   *result = {};
   result->canceled = 1;
@@ -21,7 +21,7 @@ void fill_unknown(cluster_sync_result* result) {
   strcpy(result->reason, "the daemon does not know this request");
 }
 
-// Turns the bytes into a record. False when they are none.
+// Converts the received bytes to a record. Returns false if they are invalid.
 bool read_record(cluster_sync_result* record) {
   record->peer_present = le32toh(record->peer_present);
   return memchr(record->reason, '\0', sizeof record->reason) != nullptr &&

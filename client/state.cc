@@ -1,4 +1,4 @@
-// The state of the daemon, asked for in one packet and answered in one.
+// The state query: one packet each for the request and the answer.
 
 #include <errno.h>
 #include <string.h>

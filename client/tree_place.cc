@@ -12,7 +12,7 @@
 
 namespace {
 
-// The last one is a copy, written by the other EM alone.
+// The last one is a copy, which only the other EM writes.
 constexpr const char* kRoots[] = {
     "/mnt/part.persistent/replicated_by_active_em/",
     "/mnt/part.persistent/replicated_by_this_em/",
@@ -21,13 +21,13 @@ constexpr const char* kRoots[] = {
 };
 constexpr const char* kPeersRoot = kRoots[3];
 
-// Names below a root that are not replicated as they are.
+// Names below a root that are not replicated unchanged.
 constexpr char kTempPrefix[] = "TempUpdate_";
 constexpr char kDigestPrefix[] = ".$SyncDigest$";
 constexpr char kBlanks[] = " \t\n\v\f\r";
 constexpr int kMaxDepth = 16;
 
-// Joins the parts into `path`; ENAMETOOLONG when they do not fit.
+// Joins the parts into `path`. ENAMETOOLONG if they do not fit.
 int join(char path[PATH_MAX], const char* first, const char* second, const char* third) {
   const int length = snprintf(path, PATH_MAX, "%s%s%s", first, second, third);
   return length < PATH_MAX ? 0 : ENAMETOOLONG;
@@ -53,12 +53,13 @@ const char* root_of(const char* path) {
   return nullptr;
 }
 
-// Whether the daemon can take the path as it stands: below a root, no component empty or of dots.
+// Whether the daemon accepts the path unchanged: it is below a root, and no component is empty, "."
+// or "..".
 bool is_spelled(const char* path) {
   if (root_of(path) == nullptr) return false;
   const char* name = path;
   while (name != nullptr) {
-    ++name;  // behind the slash
+    ++name;  // after the slash
     const char* end = strchr(name, '/');
     if (is_dots(name, end != nullptr ? static_cast<size_t>(end - name) : strlen(name)))
       return false;
@@ -67,7 +68,7 @@ bool is_spelled(const char* path) {
   return true;
 }
 
-// Whether a file of this path below a root is replicated under just this name.
+// Whether a file with this path below a root is replicated under exactly this name.
 bool is_replicated(const char* below) {
   if (strchr(kBlanks, below[0]) != nullptr || strstr(below, kDigestPrefix) != nullptr) return false;
   int depth = -1;
@@ -77,13 +78,12 @@ bool is_replicated(const char* below) {
     ++depth;
     if (strncmp(name, kTempPrefix, strlen(kTempPrefix)) == 0) return false;
   }
-  // A digest cache file must find room for its name; one that no file can have is left to the
-  // system.
+  // The name of a digest cache file must fit. A name above NAME_MAX fails by itself.
   const size_t length = strlen(name);
   return depth <= kMaxDepth && (length > NAME_MAX || length + strlen(kDigestPrefix) <= NAME_MAX);
 }
 
-// Opens the component of `path` that is `length` bytes long; a link is none.
+// Opens the first `length` bytes of `path` as a directory. ELOOP for a symlink.
 int open_component(int directory, const char* path, size_t length) {
   char name[NAME_MAX + 1];
   struct stat status;
@@ -102,8 +102,8 @@ int open_component(int directory, const char* path, size_t length) {
   return fd;
 }
 
-// Opens the directory of `place->spelling`, from the root down. The root itself may be reached
-// through links.
+// Opens the directory of `place->spelling`, starting at the root. The path of the root may contain
+// symlinks.
 int open_directory(const char* root, TreePlace* place) {
   place->directory = open(root, O_PATH | O_DIRECTORY | O_CLOEXEC);
   const char* component = place->spelling + strlen(root);
@@ -119,7 +119,7 @@ int open_directory(const char* root, TreePlace* place) {
   return place->directory >= 0 ? 0 : errno;
 }
 
-// What stands in the place must be a file, or nothing.
+// The place must hold a file or nothing.
 int check_kind(const TreePlace& place) {
   struct stat status;
   if (fstatat(place.directory, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0)
@@ -127,7 +127,7 @@ int check_kind(const TreePlace& place) {
   return S_ISLNK(status.st_mode) ? ELOOP : S_ISDIR(status.st_mode) ? EISDIR : 0;
 }
 
-// The root that the directory is, or null.
+// The root that is this directory, or null.
 const char* root_at(const char* directory) {
   struct stat status;
   if (stat(directory, &status) != 0) return nullptr;
@@ -139,7 +139,7 @@ const char* root_at(const char* directory) {
   return nullptr;
 }
 
-// Looks for the root from the directory of `path`, which is absolute, upwards.
+// Finds the tree of an absolute path by going up from its directory.
 int find_tree(const char* path, char spelling[PATH_MAX]) {
   const char* name = strrchr(path, '/') + 1;
   if (is_dots(name, strlen(name))) return EISDIR;
@@ -149,7 +149,7 @@ int find_tree(const char* path, char spelling[PATH_MAX]) {
   parent[name - path] = '\0';
   if (realpath(parent, directory) == nullptr) return errno;
 
-  char below[PATH_MAX];  // what is cut off the directory on the way up, and the name
+  char below[PATH_MAX];  // the directories passed on the way up, and the name
   int error = join(below, name, "", "");
   while (error == 0) {
     if (const char* root = root_at(directory)) return join(spelling, root, below, "");
@@ -172,7 +172,7 @@ int spell_destination(const char* path, char spelling[PATH_MAX]) {
   return is_spelled(absolute) ? join(spelling, absolute, "", "") : find_tree(absolute, spelling);
 }
 
-// A source outside the trees, or one that is not there, is the daemon's to judge.
+// The daemon checks a source that is outside the trees or does not exist.
 int spell_source(const char* path, char spelling[PATH_MAX]) {
   char absolute[PATH_MAX];
   const int error = make_absolute(path, absolute);

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Removes temporary files that a crash or a power failure left in the replicated trees.
 
-Every writer replaces a file through a temporary TempUpdate_<something> beside it. One that is
-older than an hour belongs to nobody any more. Each removal and each failure goes to syslog. The
-exit status is 0, or 1 when something could not be read or removed.
+Writers replace a file through a temporary file TempUpdate_<something> in the same directory. One that is
+older than an hour was abandoned. Every removal and every failure is logged to syslog. The exit status is 0,
+or 1 if something could not be read or removed.
 """
 
 import os
@@ -12,7 +12,7 @@ import sys
 import syslog
 import time
 
-# With the slash fwalk enters a root that is a link; it follows none below.
+# The trailing slash lets fwalk enter a root that is a symlink. Below it, symlinks are not followed.
 ROOTS = (
     "/mnt/part.persistent/replicated_by_active_em/",
     "/mnt/part.persistent/replicated_by_this_em/",
@@ -21,23 +21,23 @@ ROOTS = (
 )
 PREFIX = "TempUpdate_"
 MAX_AGE_SECONDS = 3600
-MAX_DEPTH = 16  # of directories below a root: nothing deeper is replicated
+MAX_DEPTH = 16  # directories below a root; deeper ones are not replicated
 
 
 def report(action, path, error):
-    # repr keeps a name of any bytes printable and on one line.
+    # repr keeps any name printable and on one line.
     syslog.syslog(syslog.LOG_ERR, f"Could not {action} {path!r}: {error}")
 
 
 def remove_if_old(name, directory, path, oldest_kept):
-    """Removes one temporary, found in the open `directory`; returns the number of failures."""
+    """Removes one temporary file in the open `directory` if it is old; returns the number of failures."""
     try:
         info = os.stat(name, dir_fd=directory, follow_symlinks=False)
         if stat.S_ISREG(info.st_mode) and info.st_mtime < oldest_kept:
             os.unlink(name, dir_fd=directory)
             syslog.syslog(syslog.LOG_INFO, f"Removed old temporary file {path!r}")
     except FileNotFoundError:
-        pass  # its writer was faster
+        pass  # its writer has removed or renamed it
     except OSError as error:
         report("remove", path, error)
         return 1
@@ -45,10 +45,10 @@ def remove_if_old(name, directory, path, oldest_kept):
 
 
 def clean_up(root, oldest_kept):
-    """Removes the temporaries last written before `oldest_kept`; returns the number of failures.
+    """Removes temporary files last written before `oldest_kept`; returns the number of failures.
 
-    fwalk opens each directory without following links and the names are resolved in it, so a
-    directory that is swapped for a link meanwhile leads nowhere else.
+    fwalk opens each directory without following symlinks, and names are resolved in the open directory. So
+    replacing a directory with a symlink has no effect.
     """
     unreadable = []
     failures = 0

@@ -28,28 +28,28 @@ namespace {
 
 constexpr int kMaxConnections = 256;
 constexpr int kListenBacklog = 64;
-constexpr int kGraceSeconds = 5;     // for handlers in flight at shutdown
-constexpr int kSendSeconds = 5;      // for a client to make room for its answer
-constexpr int kAcceptPauseMs = 100;  // after accept failed for want of descriptors or memory
+constexpr int kGraceSeconds = 5;     // for running handlers at shutdown
+constexpr int kSendSeconds = 5;      // for a client to accept its answer
+constexpr int kAcceptPauseMs = 100;  // after accept failed for lack of descriptors or memory
 constexpr int kFreeSlot = -1;
 constexpr size_t kTypeSize = sizeof(uint32_t);
-// 256 stacks must fit the address space of a 32-bit process.
+// Small, because 256 stacks must fit into the address space of a 32-bit process.
 constexpr size_t kWorkerStackSize = size_t{512} * 1024;
 
 struct Connection {
   CmdServer* server;
-  int fd;  // kFreeSlot while nobody uses the slot
+  int fd;  // kFreeSlot if the slot is free
 };
 
 }  // namespace
 
 struct CmdConnections {
   Mutex mutex;
-  pthread_cond_t changed;      // tells the accepting thread that a connection ended
-  pthread_cond_t handed_over;  // tells the idle worker that `next` is for it, or to end
+  pthread_cond_t changed;      // signals the accepting thread that a connection ended
+  pthread_cond_t handed_over;  // signals the idle worker that `next` is set or the server stops
   bool stopping GUARDED_BY(mutex);
   int count GUARDED_BY(mutex);
-  bool idle_worker GUARDED_BY(mutex);  // one waits for the next connection
+  bool idle_worker GUARDED_BY(mutex);  // a worker waits for the next connection
   Connection* next GUARDED_BY(mutex);
   Connection slots[kMaxConnections] GUARDED_BY(mutex);
 };
@@ -67,8 +67,8 @@ Descriptor open_socket() {
   return Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
-// Removes a socket file that nobody listens on. Returns false with errno set when the path is
-// taken by something else.
+// Removes a socket file that no process listens on. Returns false with errno set if the path is in
+// use.
 bool remove_stale_socket(const sockaddr_un& address) {
   struct stat info;
   if (lstat(address.sun_path, &info) != 0) return errno == ENOENT;
@@ -92,8 +92,8 @@ int listen_on(int number) {
   if (!remove_stale_socket(address)) return -1;
   Descriptor listener = open_socket();
   if (!listener.is_open()) return -1;
-  // bind(2) gives the file the mode of the descriptor, so it is never open to others; the chmod
-  // only undoes a umask that would take the owner's bits away.
+  // bind(2) gives the file the mode of the descriptor, so it is never open to other users. The
+  // chmod is for a umask that removes bits of the owner.
   if (fchmod(listener.get(), 0600) == 0 &&
       bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
       chmod(address.sun_path, 0600) == 0 && listen(listener.get(), kListenBacklog) == 0)
@@ -113,7 +113,7 @@ bool server_is_stopping(CmdConnections* connections) {
   return connections->stopping;
 }
 
-// Receives one request packet of at most `room` bytes and returns its size; 0 at the end of the
+// Receives one request packet of at most `room` bytes. Returns its size; 0 at the end of the
 // connection and for an invalid packet.
 size_t receive_request(int fd, uint8_t* packet, size_t room) {
   ssize_t size;
@@ -168,8 +168,8 @@ void free_slot(Connection* connection) {
   pthread_cond_signal(&connections->changed);
 }
 
-// Waits for the next connection. nullptr when another worker waits already, and when the server
-// stops: this one ends then.
+// Waits for the next connection. Returns null, which ends this worker, if another worker already
+// waits or the server stops.
 Connection* wait_for_connection(CmdConnections* connections) {
   const MutexLock lock(connections->mutex);
   if (connections->idle_worker) return nullptr;
@@ -191,7 +191,7 @@ void* serve_connections(void* argument) {
   return nullptr;
 }
 
-// Takes a slot for `fd`; nullptr when all are taken.
+// Takes a slot for `fd`. Null if there is no free slot.
 Connection* take_slot(CmdServer* server, int fd) {
   CmdConnections* connections = server->connections;
   const MutexLock lock(connections->mutex);
@@ -204,8 +204,8 @@ Connection* take_slot(CmdServer* server, int fd) {
   return nullptr;
 }
 
-// Most callers ask once and go: one worker stays, because a new thread for each costs as much as
-// all other work of the server. False when there is no idle one.
+// Passes the connection to the idle worker. Returns false if there is none. Most callers send one
+// request, and a new thread for each would cost as much as all other work of the server.
 bool hand_over(Connection* connection) {
   CmdConnections* connections = connection->server->connections;
   {
@@ -229,10 +229,10 @@ bool start_worker(Connection* connection) {
 }
 
 void accept_connection(CmdServer* server) {
-  // cppcheck-suppress nullPointer; nobody asks for the address
+  // cppcheck-suppress nullPointer; the address is not needed
   Descriptor accepted(accept4(server->listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
   if (!accepted.is_open()) {
-    // Without descriptors the listener stays readable: wait instead of spinning.
+    // Without free descriptors the listener stays readable. Wait instead of spinning.
     pollfd stop = {server->stop_fd, POLLIN, 0};
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
       poll(&stop, 1, kAcceptPauseMs);
@@ -257,7 +257,7 @@ void accept_until_stopped(CmdServer* server) {
   }
 }
 
-// Wakes the workers that wait for a request and gives those in a handler time to answer.
+// Wakes the workers that wait for a request and waits for running handlers.
 void drain_connections(CmdConnections* connections) {
   timespec deadline;
   clock_gettime(CLOCK_MONOTONIC, &deadline);
@@ -276,7 +276,7 @@ void drain_connections(CmdConnections* connections) {
 void* accept_thread_fn(void* argument) {
   CmdServer* server = static_cast<CmdServer*>(argument);
   accept_until_stopped(server);
-  // Unlinked while it is still listened on, so that it cannot be a successor's.
+  // Unlinked while still listening, so it cannot be the socket of a successor.
   unlink(socket_address(server->number).sun_path);
   close(server->listen_fd);
   drain_connections(server->connections);
@@ -313,7 +313,7 @@ int cmd_server_start(CmdServer* server) {
 
 void cmd_server_shutdown(CmdServer* server) {
   const uint64_t one = 1;
-  // Only a full counter could refuse the value, and then the thread is awake already.
+  // Fails only if the counter is full. Then the thread is awake already.
   [[maybe_unused]] const ssize_t written = write(server->stop_fd, &one, sizeof one);
 }
 

@@ -17,14 +17,14 @@
 
 namespace {
 
-// Child's end of the connection on which the parent waits, -1 without a waiting parent.
+// The child's end of the socket pair on which the parent waits; -1 without a waiting parent.
 int g_complete_fd = -1;
 
-// The pid file is held by a lock, not by its content: after a crash the lock is gone, however
-// the number in the file has been used since.
-// Who can open it can hold that lock, so only its owner may, also where a file with another mode
-// is found. Returns the locked descriptor, or -1 with errno set; EWOULDBLOCK when another process
-// holds it.
+// Opens and locks the pid file. Returns the descriptor, or -1 with errno set; EWOULDBLOCK if
+// another process holds the lock. The lock, not the content, marks a running daemon: after a crash
+// the lock is released, even if another process has the same pid. Only the owner may open the file,
+// because any user who can open it could hold the lock. So the mode of an existing file is
+// corrected.
 int lock_pid_file(const char* path) {
   for (;;) {
     const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -37,7 +37,7 @@ int lock_pid_file(const char* path) {
       errno = error;
       return -1;
     }
-    // A holder that ended in between has removed the file that was opened here.
+    // If not, the previous holder has removed this file.
     if (stat(path, &named) == 0 && named.st_ino == locked.st_ino && named.st_dev == locked.st_dev)
       return fd;
     close(fd);
@@ -50,8 +50,7 @@ bool write_pid(int fd) {
          write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// Whatever the caller had blocked or ignored (nohup(1), a shell's background job) is not the
-// daemon's choice.
+// Undoes what the caller has blocked or ignored (nohup(1), a background job of a shell).
 void reset_signals() {
   for (int number = 1; number < NSIG; ++number)
     signal(number, SIG_DFL);
@@ -60,7 +59,7 @@ void reset_signals() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// A caller may have closed standard streams: what is opened later must not take their numbers.
+// The caller may have closed standard streams. Descriptors opened later must not get their numbers.
 void fill_standard_streams() {
   int fd;
   do {
@@ -69,7 +68,7 @@ void fill_standard_streams() {
   if (fd >= 0) close(fd);
 }
 
-// Keeps no directory in use, no terminal and none of the caller's standard streams.
+// Leaves the working directory, the caller's standard streams and its umask.
 bool leave_surroundings() {
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   if (null < 0) return false;
@@ -80,9 +79,9 @@ bool leave_surroundings() {
   return chdir("/") == 0;
 }
 
-// Forks twice: the process that goes on is no leader of its session, so no terminal that it opens
-// becomes its own. Returns 0 in it, and in the caller the number of the process between, which
-// only waits to be collected; -1 with errno set when there is none.
+// Forks twice, so that the daemon is not a session leader and no terminal that it opens becomes its
+// own. Returns 0 in the daemon. In the caller, returns the id of the intermediate process, which
+// must be waited for; -1 with errno set on failure.
 pid_t fork_detached() {
   const pid_t between = fork();
   if (between != 0) return between;
@@ -107,8 +106,8 @@ int run_in_child(const std::string& pid_path, int pid_fd, int (*daemon_main)(int
   return result;
 }
 
-// Returns 0 when the child reported that it is complete. The pipe also ends when the child dies,
-// so there is no need of a limit.
+// Returns 0 when the child reports that it is complete. Needs no time limit, because the connection
+// closes if the child dies.
 int wait_for_child(const char* name, int complete_fd) {
   char byte;
   ssize_t size;
@@ -152,8 +151,8 @@ int fork_and_run(const char* name, const std::string& pid_path, int pid_fd,
 int daemon_create(const char* name, int (*daemon_main)(int, char**), int argc, char** argv) {
   fill_standard_streams();
   const std::string pid_path = std::string("/var/run/") + name + ".pid";
-  // Locked before the fork, so that a refusal can still be told on the caller's terminal; the
-  // lock belongs to the open file, which the new process inherits.
+  // Locked before the fork, so that a failure can be reported to the caller. The new process
+  // inherits the lock with the open file.
   const int pid_fd = lock_pid_file(pid_path.c_str());
   if (pid_fd < 0) {
     const char* reason = errno == EWOULDBLOCK ? "another instance is running" : strerror(errno);
@@ -167,7 +166,7 @@ int daemon_create(const char* name, int (*daemon_main)(int, char**), int argc, c
 
 void daemon_signal_daemonize_complete() {
   if (g_complete_fd < 0) return;
-  // A parent that is gone needs no answer.
+  // If the parent has exited, this does nothing.
   send(g_complete_fd, "", 1, MSG_NOSIGNAL);
   close(g_complete_fd);
   g_complete_fd = -1;

@@ -5,8 +5,8 @@
 #include <stddef.h>
 #include <unistd.h>
 
-// Owns an open file descriptor, or none (-1): closes it at the end of its scope and leaves errno as
-// it was, so that a function can return with the reason of its failure.
+// Owns an open file descriptor, or none (-1), and closes it at the end of the scope. errno is
+// unchanged, so that a function can return with the reason of its failure.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -28,13 +28,13 @@ class Descriptor {
   int get() const {
     return fd_;
   }
-  // Gives the descriptor away, for example to fdopen(3) or to a caller that checks its close.
+  // Gives up ownership, for example to fdopen(3) or to a caller that checks the result of close.
   int release() {
     const int fd = fd_;
     fd_ = -1;
     return fd;
   }
-  // Closes what it holds and takes `fd`. Leaves errno as it was.
+  // Closes the descriptor and takes ownership of `fd`. errno is unchanged.
   void reset(int fd = -1) {
     const int error = errno;
     if (fd_ >= 0) close(fd_);
@@ -46,7 +46,7 @@ class Descriptor {
   int fd_ = -1;
 };
 
-// Writes all bytes, also when a signal interrupts. Returns 0 or an error number.
+// Writes all bytes, even if interrupted by signals. Returns 0 or an error number.
 int write_fully(int fd, const void* data, size_t size);
 
 #endif  // PLATFORM_DESCRIPTOR_H_

@@ -19,7 +19,8 @@ namespace {
 constexpr char kNumberFile[] = "/var/run/em/number";
 constexpr char kUseReplicatedData[] = "/etc/em/use_replicated_data";
 
-// The first bytes of the number file without the blanks around them. False when there is no file.
+// Reads the first bytes of the number file without leading and trailing blanks. False if there is
+// no file.
 bool read_number_file(std::string* text) {
   const Descriptor file(open(kNumberFile, O_RDONLY | O_CLOEXEC));
   if (!file.is_open()) return errno != ENOENT;
@@ -37,9 +38,9 @@ bool is_executable_file(const char* path) {
   return stat(path, &info) == 0 && S_ISREG(info.st_mode) && access(path, X_OK) == 0;
 }
 
-// Starts the program as a grandchild, so that nobody here has to wait for its end: the child
-// only starts it and hands the error number back as its own exit status. Between fork and _exit
-// the child makes no call but those, other threads may hold any lock.
+// Starts the program as a grandchild, so that this process need not wait for its end. The child
+// only starts it and returns the error number as its exit status. Between fork and _exit the child
+// must make no other call, because other threads may hold any lock.
 int start_detached(const char* const argv[], const posix_spawn_file_actions_t* actions) {
   const pid_t child = fork();
   if (child < 0) return errno;

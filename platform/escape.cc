@@ -10,8 +10,7 @@ unsigned char byte_at(std::string_view text, size_t position) {
   return static_cast<unsigned char>(text[position]);
 }
 
-// How many bytes at the start of `text` make a character that is only read. 0: the first makes
-// none.
+// Number of bytes of the printable character at the start of `text`; 0 if there is none.
 size_t printable_length(std::string_view text) {
   const unsigned char first = byte_at(text, 0);
   if (first < 0x20 || first == 0x7F) return 0;
@@ -26,7 +25,7 @@ size_t utf8_length(std::string_view text) {
   if (lead < 0x80) return 1;
   const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
   if (lead < 0xC2 || lead > 0xF4 || length > text.size()) return 0;
-  // The first two bytes tell overlong forms, surrogates and numbers beyond Unicode.
+  // The first two bytes show overlong forms, surrogates and numbers beyond Unicode.
   const unsigned char second = byte_at(text, 1);
   if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
       (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
@@ -63,7 +62,7 @@ size_t utf8_length(const char* bytes, size_t size) {
   if (lead < 0x80) return 1;
   const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
   if (lead < 0xC2 || lead > 0xF4 || length > size) return 0;
-  // The first two bytes tell overlong forms, surrogates and numbers beyond Unicode.
+  // The first two bytes show overlong forms, surrogates and numbers beyond Unicode.
   const unsigned char second = text[1];
   if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
       (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))

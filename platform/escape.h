@@ -6,15 +6,14 @@
 #include <string>
 #include <string_view>
 
-// The text with every byte that could do more than be read as "\x" and two hexadecimal digits:
-// control bytes, C1 controls and what is not UTF-8. A file name may hold any byte; such a byte
-// would break a log line in two or drive the terminal.
+// Replaces control bytes, C1 controls and bytes that are not UTF-8 by "\x" and two hexadecimal
+// digits. A file name may hold any byte, and these could break a log line or control a terminal.
 std::string escape_control_bytes(std::string_view text);
 
-// Whether escape_control_bytes may change the text. Quick: most texts are printable ASCII.
+// Whether escape_control_bytes may change the text. Fast, because most texts are printable ASCII.
 bool may_need_escapes(std::string_view text);
 
-// Length of the well-formed UTF-8 sequence at the start of `text`, which is not empty; 0 when there
+// Length of the well-formed UTF-8 sequence at the start of `text`, which is not empty. 0 if there
 // is none.
 size_t utf8_length(std::string_view text);
 

@@ -13,8 +13,8 @@
 
 namespace {
 
-// The healthy state is sent after each exchange: a record that is there already is not written
-// again. What cannot be read is replaced.
+// Whether the file already holds this record. The healthy state is sent after each exchange and
+// need not be written again. A file that cannot be read is replaced.
 bool is_recorded(const char* path, const void* record, uint32_t size) {
   const Descriptor fd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd.is_open()) return false;
@@ -26,17 +26,17 @@ bool is_recorded(const char* path, const void* record, uint32_t size) {
 int replace_record(const char* path, const void* record, uint32_t size) {
   StorageHandle* file = nullptr;
   if (storage_open(0, path, kStorageOpenWrite, &file) != 0) {
-    // Directories that are missing are made; any other failure shows again.
+    // Create missing directories. Any other failure occurs again.
     mkdir("/var/run/em", 0755);
     mkdir("/var/run/em/events", 0755);
     if (storage_open(0, path, kStorageOpenWrite, &file) != 0) return -1;
   }
-  // After a failed write the close reports that failure.
+  // If this fails, storage_close reports it.
   storage_write_all(file, record, size);
   return storage_close(file);
 }
 
-// Writes over a record of the same size, which needs no room on a full file system.
+// Overwrites a record of the same size, which needs no space on a full file system.
 int overwrite_record(const char* path, const void* record, uint32_t size) {
   const int fd = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return -1;

@@ -3,8 +3,8 @@
 
 #include <pthread.h>
 
-// Which mutex guards what, in words that clang checks (-Wthread-safety, see `./run lint`). Other
-// compilers see a plain pthread_mutex_t.
+// Annotations that say which mutex guards what; clang checks them (-Wthread-safety, see `./run
+// lint`). Other compilers see a plain pthread_mutex_t.
 
 #ifdef __clang__
 #define THREAD_ANNOTATION(attribute) __attribute__((attribute))
@@ -12,11 +12,11 @@
 #define THREAD_ANNOTATION(attribute)
 #endif
 
-// On a field or a variable: read and written only with `mutex` held.
+// For a field or a variable: access it only with `mutex` held.
 #define GUARDED_BY(mutex) THREAD_ANNOTATION(guarded_by(mutex))
-// On a function: its caller holds `mutex`.
+// For a function: call it only with `mutex` held.
 #define REQUIRES(mutex) THREAD_ANNOTATION(requires_capability(mutex))
-// On a function that reads without the mutex on purpose.
+// For a function that deliberately reads without the mutex.
 #define READS_WITHOUT_MUTEX THREAD_ANNOTATION(no_thread_safety_analysis)
 #define ACQUIRES(mutex) THREAD_ANNOTATION(acquire_capability(mutex))
 #define RELEASES() THREAD_ANNOTATION(release_capability())
@@ -24,7 +24,7 @@
 
 typedef pthread_mutex_t THREAD_ANNOTATION(capability("mutex")) Mutex;
 
-// Holds a mutex to the end of the scope.
+// Holds a mutex until the end of the scope.
 class LOCK_SCOPE MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) ACQUIRES(mutex) : mutex_(&mutex) {

@@ -20,7 +20,7 @@ void notify_service_manager(const char* assignments) {
   address.sun_family = AF_UNIX;
   if (length >= sizeof address.sun_path) return;
   memcpy(address.sun_path, path, length);
-  if (*path == '@') address.sun_path[0] = '\0';  // a name outside the file system
+  if (*path == '@') address.sun_path[0] = '\0';  // an abstract name
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return;
   sendto(fd, assignments, strlen(assignments), MSG_DONTWAIT | MSG_NOSIGNAL,

@@ -1,11 +1,11 @@
 #ifndef PLATFORM_SERVICE_MANAGER_H_
 #define PLATFORM_SERVICE_MANAGER_H_
 
-// Whether the service manager that started this process wants to hear of it (sd_notify(3)).
+// Whether the service manager that started this process accepts notifications (sd_notify(3)).
 bool service_manager_listens();
 
-// Sends it assignments, one a line ("READY=1\nSTATUS=..."). Never waits: what does not get through
-// is lost. Any thread.
+// Sends assignments, one per line ("READY=1\nSTATUS=..."). Never blocks; a message that cannot be
+// sent is lost. Any thread.
 void notify_service_manager(const char* assignments);
 
 #endif  // PLATFORM_SERVICE_MANAGER_H_

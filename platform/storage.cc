@@ -14,14 +14,15 @@
 
 #include "platform/descriptor.h"
 
-// A replacement under way. After a failure `error` holds its errno and the temporary is gone.
+// A replacement in progress. After a failure `error` is its errno and the temporary file is
+// removed.
 struct StorageHandle {
   int fd;
   int error;
   int dir_fd;
   std::string name;
   std::string temporary;     // in the same directory
-  Descriptor own_directory;  // unless it is the caller's
+  Descriptor own_directory;  // none if the directory is the caller's
 };
 
 namespace {
@@ -33,20 +34,20 @@ int fail(int error) {
   return -1;
 }
 
-// A number that nobody can foresee, or 0 with errno. One system call gives many.
+// An unpredictable number, or 0 with errno. Fetches several with one system call.
 uint64_t next_random() {
   constexpr size_t kNumbers = 32;
   static thread_local uint64_t numbers[kNumbers];
   static thread_local size_t left = 0;
   if (left == 0) {
-    errno = EIO;  // of a short answer
+    errno = EIO;  // for a short answer
     if (getrandom(numbers, sizeof numbers, 0) != static_cast<ssize_t>(sizeof numbers)) return 0;
     left = kNumbers;
   }
   return numbers[--left] | 1;
 }
 
-// Makes a file with a fresh name in a directory. Returns the descriptor and sets `*name`, or
+// Creates a file with a new name in a directory. Returns the descriptor and sets `*name`, or
 // returns -1 with errno set.
 int create_temporary(int dir_fd, mode_t mode, std::string* name) {
   for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
@@ -71,7 +72,7 @@ int sync_and_close(int fd, int (*sync)(int)) {
   return owned.is_open() ? sync(owned.get()) : -1;
 }
 
-// Gives the replacement up; the first failure's errno is the one that counts.
+// Gives up the replacement. Keeps the errno of the first failure.
 int give_up(StorageHandle* handle, int error) {
   if (handle->error == 0) {
     handle->error = error;
@@ -84,7 +85,7 @@ int give_up(StorageHandle* handle, int error) {
 
 void storage_cfg_set_result_v(RpcResult* result, uint32_t code, const char* format, va_list args) {
   const int saved_errno = errno;
-  // Built aside, because the arguments may point into the old record.
+  // A copy, because the arguments may point into the old record.
   RpcResult made = {};
   made.peer_present = 'N';
   if (code == 0) {

@@ -22,13 +22,13 @@ namespace {
 constexpr int kDefaultLogLevel = 6;
 constexpr int kLogLevelUnread = -1;
 constexpr size_t kThreadStackSize = size_t{4} * 1024 * 1024;
-constexpr size_t kThreadNameSize = 16;  // what the kernel keeps, the terminator included
+constexpr size_t kThreadNameSize = 16;  // the kernel's limit, including the NUL
 constexpr int kCannotStart = 127;
 
 std::atomic<int> g_log_level{kLogLevelUnread};
 std::atomic<bool> g_log_to_stdout{false};
 
-// Name of a thread that Create_Thread made; empty in every other thread.
+// Name of a thread started by Create_Thread; empty in every other thread.
 thread_local char t_thread_name[kThreadNameSize];
 
 struct ThreadStart {
@@ -57,7 +57,7 @@ void write_to_stdout(int level, const char* function, int line, const std::strin
   whole += std::to_string(level) + "> " + function + ":" + std::to_string(line) + ": ";
   whole += text;
   whole += '\n';
-  // A log line that nobody can take is no reason to fail.
+  // Ignore errors: a failed log line must not stop the daemon.
   [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, whole.data(), whole.size());
 }
 
@@ -74,7 +74,7 @@ void* run_thread(void* argument) {
 
 void DbgOutput(const char* file, int line, const char* function, int level, const char* format,
                ...) {
-  (void)file;  // the function and the line name the place
+  (void)file;  // the line has the function and line number instead
   if (!level_is_logged(level)) return;
   const int saved_errno = errno;
   static pthread_once_t once = PTHREAD_ONCE_INIT;
@@ -97,7 +97,7 @@ void DbgOutput(const char* file, int line, const char* function, int level, cons
 
 void debug_log_to_stdout(int enable) {
   read_log_level();
-  if (enable != 0) signal(SIGPIPE, SIG_IGN);  // of a reader that has gone
+  if (enable != 0) signal(SIGPIPE, SIG_IGN);  // the reader may have exited
   g_log_to_stdout.store(enable != 0, std::memory_order_relaxed);
 }
 

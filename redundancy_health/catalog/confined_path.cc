@@ -13,7 +13,7 @@
 
 namespace {
 
-// What the reader of a listing line swallows before a path.
+// The blanks that the parser of a listing line skips before a path.
 constexpr char kBlanks[] = " \t\n\v\f\r";
 
 bool is_dots(const char* name, size_t length) {
@@ -25,8 +25,8 @@ bool is_temporary(const char* name, size_t length) {
   return length >= prefix_length && strncmp(name, kTempPrefix, prefix_length) == 0;
 }
 
-// Whether a digest cache file can have its name beside a file of this one. A name above NAME_MAX
-// can be left to the file system.
+// Whether the name of the digest cache file fits into NAME_MAX. A name above NAME_MAX fails by
+// itself.
 bool leaves_room_for_prefix(size_t name_length) {
   constexpr size_t prefix_length = sizeof(kDigestPrefix) - 1;
   return name_length > NAME_MAX || name_length + prefix_length <= NAME_MAX;

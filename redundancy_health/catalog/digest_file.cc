@@ -23,7 +23,7 @@ namespace {
 constexpr size_t kPrefixLength = sizeof(kDigestPrefix) - 1;
 constexpr size_t kLineSize = 256;
 
-// What one digest cache file gave; the counters take it when the file is done with.
+// Chunks and bytes loaded from one digest cache file, for the statistics.
 struct LoadedLines {
   uint32_t count;
   int64_t bytes;
@@ -31,12 +31,12 @@ struct LoadedLines {
 
 enum class LoadState {
   kComplete,
-  kStale,   // of another state of the data file, or cut short
-  kTorn,    // no scan has written this
+  kStale,   // for an older state of the data file, or truncated
+  kTorn,    // damaged: not as a scan writes it
   kFailed,  // could not be read
 };
 
-// The name of the digest cache file beside a data file.
+// The name of the digest cache file of a data file.
 std::string digest_name_of(const char* data_name) {
   return std::string(kDigestPrefix) + data_name;
 }
@@ -49,11 +49,11 @@ char* sibling_path(const ScannedFile& file, const char* name) {
   return path;
 }
 
-// Deletes a digest cache file whose data file is gone.
+// Deletes a digest cache file whose data file does not exist.
 void delete_if_orphaned(SyncContext* ctx, const ScannedFile& digest) {
   const char* data_name = digest.name + kPrefixLength;
   const char* path = digest.entry->path;
-  // The bare prefix has the directory itself as its data file.
+  // For the bare prefix, the data file would be the directory itself.
   if (*data_name == '\0' || faccessat(digest.dir_fd, data_name, F_OK, 0) == 0) return;
   const int error = errno;
   if (error == ENOENT) {
@@ -70,7 +70,7 @@ void delete_if_orphaned(SyncContext* ctx, const ScannedFile& digest) {
   }
 }
 
-// Reads the header line; what is a failure is recorded.
+// Reads the header line. Failures are recorded.
 LoadState read_header(SyncContext* ctx, FILE* f, const char* digest_path,
                       const struct stat& status) {
   char line[kLineSize];
@@ -92,8 +92,8 @@ LoadState read_header(SyncContext* ctx, FILE* f, const char* digest_path,
   return fits ? LoadState::kComplete : LoadState::kStale;
 }
 
-// Makes the entry of one chunk line, or returns null when the line does not parse. A chunk above
-// kChunkSize was not written by a scan, and no message could carry it.
+// Makes the entry of one chunk line, or returns null if the line is invalid. A chunk above
+// kChunkSize is invalid: no scan writes one and no message could carry it.
 FileEntry* parse_chunk_line(const char* line, const ScannedFile& data) {
   FileEntry* chunk = new_file_entry(data.entry->root_index, nullptr, data.entry->path);
   chunk->file_size = static_cast<uint32_t>(data.status.st_size);
@@ -119,7 +119,7 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Sc
                           digest_path);
       return LoadState::kFailed;
     }
-    // More lines than chunks: not even the first are worth memory, and a place in the listing.
+    // Too many lines: stop before they fill the memory and the listing.
     if (loaded->count == n_chunks) return LoadState::kStale;
     FileEntry* chunk = parse_chunk_line(line, data);
     if (chunk == nullptr) {
@@ -132,12 +132,13 @@ LoadState read_chunk_lines(SyncContext* ctx, FILE* f, FileEntry** list, const Sc
     chunk->next = *list;
     *list = chunk;
   }
-  // Power fails on an EM while a digest cache file is being written.
+  // Too few lines: the power failed while the file was being written.
   return loaded->count < n_chunks ? LoadState::kStale : LoadState::kComplete;
 }
 
-// Whoever could write a digest cache file could keep a change of its data file from the other EM:
-// it has to be this daemon's own work. That a directory cannot be read is told when it is tried.
+// Whether a digest cache file can be trusted. A user who could write it could hide a change of its
+// data file from the other EM, so it must be the daemon's own work. A directory passes here;
+// reading it then fails with an error.
 bool may_be_believed(int digest_file) {
   struct stat status;
   if (fstat(digest_file, &status) != 0) return false;
@@ -146,7 +147,8 @@ bool may_be_believed(int digest_file) {
           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
 }
 
-// Takes the chunks of `data` from its digest cache file. False when the data file is to be hashed.
+// Loads the chunks of `data` from its digest cache file. Returns false if the data file must be
+// hashed.
 bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& data,
                       const char* digest_name, const char* digest_path) {
   FILE* f = open_stream(data.dir_fd, digest_name, O_RDONLY, 0, "r");
@@ -175,22 +177,23 @@ bool load_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& dat
     if (state == LoadState::kComplete) stats.n_digest_files_scanned += 1;
   }
   CHECK_CLOSE(fclose(f));
-  // Power has failed while it was written. Beside a large file it is written anew; beside one that
-  // has become small it would fail every scan to come.
+  // Torn by a power failure. For a large file it is rewritten anyway; for a file that has become
+  // small it would fail every later scan.
   if (state == LoadState::kTorn) unlinkat(data.dir_fd, digest_name, 0);
   return state == LoadState::kComplete;
 }
 
 // Whether to look for the digest cache file of `file`. Looking up a missing name is the most
-// expensive call of a scan, and most directories have no digest cache file. A name that would be
+// expensive call of a scan, and most directories have no digest cache files. A name that would be
 // too long must still fail.
 bool may_have_digest_file(const ScannedFile& file) {
   return file.near_digests || strlen(file.name) + kPrefixLength > NAME_MAX;
 }
 
-// Makes room for the digests of bytes that a local program may have written a moment ago. After a
-// loss of power neither may the old ones vouch for the half-written new bytes, nor the new ones for
-// bytes that were still in memory: a small file reaches the disk sooner than a large one.
+// Removes the old digest cache file, syncs the data file and creates the new one. A local program
+// may have written the data just now. After a power failure, old digests must not match
+// half-written data, and new digests must not match data that was still in memory: a small file may
+// reach the disk before a large one.
 FILE* create_digest_file(const ScannedFile& data, int data_fd) {
   const std::string name = digest_name_of(data.name);
   if (unlinkat(data.dir_fd, name.c_str(), 0) == 0 && fsync(data.dir_fd) != 0) return nullptr;
@@ -208,12 +211,12 @@ char* compute_digest_path(const char* path) {
   char* digest_path = nullptr;
   const int r =
       asprintf(&digest_path, "%.*s%s%s", static_cast<int>(base - path), path, kDigestPrefix, base);
-  CHECK_TRUE(r >= 0);  // log text: stays as it is
+  CHECK_TRUE(r >= 0);  // log text: keep it unchanged
   return digest_path;
 }
 
 bool remove_digest_file(const PinnedPath& file, const char* path) {
-  // A name with a slash behind it is that of a directory.
+  // A name with a trailing slash names a directory.
   if (is_digest_name(file.name) || strchr(file.name, '/') != nullptr) return false;
   const bool removed = unlinkat(file.dir_fd(), digest_name_of(file.name).c_str(), 0) == 0;
   if (!removed && errno != ENOENT) {
@@ -250,7 +253,7 @@ DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const Scanned
 DigestWriter start_digest_file(const ScannedFile& data, int data_fd) {
   DigestWriter writer = {nullptr, nullptr, 0};
   if (data.status.st_size <= static_cast<off_t>(kChunkSize)) return writer;
-  // Digests would vouch, after a loss of power, for bytes that never reached the disk.
+  // After a power failure, digests would match bytes that never reached the disk.
   if (file_is_unsynced(data.entry->path)) return writer;
   writer.path = compute_digest_path(data.entry->path);
   writer.file = create_digest_file(data, data_fd);

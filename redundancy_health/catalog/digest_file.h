@@ -7,51 +7,52 @@
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/catalog/pinned_path.h"
 
-// Digest cache files: beside every data file above kChunkSize bytes the scan leaves a text file
-// with its size, its modification second and one line per chunk, which stands in for the data file
-// as long as size and second are the same. Everything here runs on sync_thread.
+// Digest cache files. Next to every data file above kChunkSize bytes, the scan writes a text file
+// with its size, its modification second and one line per chunk. As long as size and second match,
+// a scan uses it instead of reading the data file. Everything here runs on sync_thread.
 
-// The path of the digest cache file of `path` (a bare name gives a bare name), or null when the
-// last component already is one. The caller frees it.
+// The path of the digest cache file of `path` (a bare name gives a bare name). Null if the last
+// component already names one. The caller frees it.
 extern "C" __attribute__((visibility("default"))) char* compute_digest_path(const char* path);
 
-// Removes the digest cache file of a data file that is about to change, or has changed; a failure
-// other than ENOENT is only logged, with what `path` gives. True when it has removed one.
+// Removes the digest cache file of a data file that is about to change or has changed. Returns true
+// if it removed one. A failure other than ENOENT is only logged, with `path`.
 bool remove_digest_file(const PinnedPath& file, const char* path);
 
-// A regular file that the scan has met.
+// A regular file found by the scan.
 struct ScannedFile {
-  int dir_fd;              // its directory, for calls that need not walk the path again
+  int dir_fd;              // its directory; saves resolving the path again
   const char* name;        // its last component
-  const FileEntry* entry;  // holds its path and root
+  const FileEntry* entry;  // holds the path and the root
   struct stat status;      // just taken
-  char tag;                // of its listing lines
-  bool near_digests;       // its directory holds digest cache files
+  char tag;                // of its listing lines, see roots.h
+  bool near_digests;       // its directory has digest cache files
 };
 
-// What the scan is to do with a regular file.
+// What the scan has to do with a regular file.
 enum class DigestLookup {
-  kIsDigestFile,  // nothing: the file is itself a digest cache file (orphans are deleted)
+  kIsDigestFile,  // nothing: it is a digest cache file (an orphan is deleted)
   kLoaded,        // nothing: its chunks were taken from its digest cache file
   kHashData,      // read and hash it
 };
 
-// Looks for the digest cache file of `file` and, when it can be trusted, pushes its chunks at the
-// head of `list`. Failures are recorded in cpg_result.
+// Looks for the digest cache file of `file`. If it is valid, pushes its chunks at the head of
+// `list`. Failures are recorded in cpg_result.
 DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& file);
 
-// Writes the digest cache file of one data file while it is hashed.
+// Writes the digest cache file of a data file while that is hashed.
 struct DigestWriter {
-  char* path;  // owned; null: no digest cache file for this data file
-  FILE* file;  // null: it could not be created
-  int error;   // errno of the first failure, 0 = none; the scan sets it when the data file fails
+  char* path;  // owned; null: this data file gets no digest cache file
+  FILE* file;  // null: could not be created
+  int error;   // errno of the first failure, 0 = none; set by the scan if it cannot read the data
+               // file
 };
 
-// Creates the file and writes its header when the data file, open as `data_fd`, is above kChunkSize
-// bytes. Finish must follow.
+// Creates the file and writes its header if the data file, open as `data_fd`, is above kChunkSize
+// bytes. Call finish_digest_file afterwards.
 DigestWriter start_digest_file(const ScannedFile& data, int data_fd);
 void append_digest_line(DigestWriter* writer, const FileEntry* chunk);
-// Closes the file, and removes it after a failure; when even that fails, ends the exchange.
+// Closes the file. After a failure, removes it; if that fails, ends the exchange.
 void finish_digest_file(SyncContext* ctx, const ScannedFile& data, DigestWriter* writer);
 
 #endif  // CATALOG_DIGEST_FILE_H_

@@ -49,7 +49,7 @@ FileEntry* new_file_entry(uint32_t root_index, const char* dir_path, const char*
   CHECK_NOT_NULL(root_path);
   const size_t root_length = strlen(root_path);
   const int r = strncmp(entry->path, root_path, root_length);
-  CHECK_TRUE(0 == r);  // log text: stays as it is
+  CHECK_TRUE(0 == r);  // log text: keep it unchanged
   entry->relative_path = entry->path + root_length;
   return entry;
 }
@@ -63,8 +63,8 @@ char* put_chunk_fields(char* out, const FileEntry* chunk) {
 }
 
 int compute_xmit_line(FileEntry* entry, char tag) {
-  CHECK_TRUE(NULL == entry->xmit_line);  // log text: stays as it is
-  // Formatted by hand: one line a chunk is what a scan of small files consists of.
+  CHECK_TRUE(NULL == entry->xmit_line);  // log text: keep it unchanged
+  // Formatted by hand, because this is most of the cost of scanning small files.
   constexpr size_t head_size = sizeof("T ") + kChunkFieldsSize + sizeof(" P ");
   entry->xmit_line = static_cast<char*>(malloc(head_size + strlen(entry->relative_path)));
   int r = -1;
@@ -79,7 +79,7 @@ int compute_xmit_line(FileEntry* entry, char tag) {
     p = stpcpy(p, entry->relative_path);
     r = static_cast<int>(p - entry->xmit_line);
   }
-  CHECK_TRUE(r > 0);  // log text: stays as it is
+  CHECK_TRUE(r > 0);  // log text: keep it unchanged
   return r;
 }
 

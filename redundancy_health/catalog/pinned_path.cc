@@ -16,14 +16,15 @@ namespace {
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
 
-// The directory of the last pinned path: most files of an exchange lie beside the one before.
+// The directory of the last pinned path. In an exchange, most files are in the same directory as
+// the previous one.
 struct KeptDirectory {
   std::string path;
   std::shared_ptr<const Descriptor> directory;
 };
 KeptDirectory g_kept_directory;
 
-// Where the last component of a path begins. Slashes at the end belong to it.
+// The start of the last component of a path. Trailing slashes belong to it.
 const char* last_component(const char* path) {
   const char* end = path + strlen(path);
   while (end > path && end[-1] == '/')
@@ -33,8 +34,8 @@ const char* last_component(const char* path) {
   return end;
 }
 
-// Splits a path below a root: `above` becomes the directories between the root and the last
-// component, and the result points to that.
+// Splits a path below a root: `above` gets the directories between the root and the last component.
+// Returns the last component.
 const char* split_below_root(uint32_t root_index, const char* path, std::string* above) {
   const char* below_root = path + strlen(root_paths[root_index]);
   below_root += strspn(below_root, "/");
@@ -43,7 +44,7 @@ const char* split_below_root(uint32_t root_index, const char* path, std::string*
   return name;
 }
 
-// All steps in one call. Fails with ENOSYS where the kernel (before 5.6) does not have it.
+// Resolves all steps in one call. Fails with ENOSYS on kernels before 5.6.
 int open_beneath(int root_fd, const char* path) {
   struct open_how how = {};
   how.flags = kDirectoryFlags;
@@ -51,7 +52,8 @@ int open_beneath(int root_fd, const char* path) {
   return static_cast<int>(syscall(SYS_openat2, root_fd, path, &how, sizeof(how)));
 }
 
-// Goes down `above`, step by step. Takes over `fd`. Returns a descriptor, or -1 with errno.
+// Opens the directory `above` step by step, starting at `fd`, which it closes. Returns a
+// descriptor, or -1 with errno.
 // cppcheck-suppress passedByValue  ; strtok_r(3) cuts it up
 int walk_down(int fd, std::string above, EnterDirectory enter) {
   char* rest = nullptr;
@@ -68,12 +70,12 @@ int open_root(uint32_t root_index) {
   return open(root_paths[root_index], kDirectoryFlags);
 }
 
-// Returns a descriptor of the directory `above` below a root, or -1 with errno.
+// Opens the directory `above` below a root. Returns a descriptor, or -1 with errno.
 int open_below_root(uint32_t root_index, const std::string& above) {
   const int root_fd = open_root(root_index);
   if (root_fd < 0 || above.empty()) return root_fd;
   const int fd = open_beneath(root_fd, above.c_str());
-  // A filter of system calls that does not know this one yet says EPERM.
+  // A seccomp filter that does not know openat2 makes it fail with EPERM.
   if (fd < 0 && (errno == ENOSYS || errno == EPERM))
     return walk_down(root_fd, above, open_directory);
   const Descriptor root(root_fd);
@@ -87,8 +89,8 @@ int keep(int fd, std::string path, PinnedPath* pinned) {
   return 0;
 }
 
-// Whether the kept directory is `path`, and still is a directory of the tree: one that was removed
-// takes no new file.
+// Whether the kept directory is `path` and has not been removed: a removed directory takes no new
+// file.
 bool kept_directory_is(const std::string& path) {
   struct stat status;
   return g_kept_directory.directory != nullptr && g_kept_directory.path == path &&

@@ -7,17 +7,17 @@
 
 #include "platform/descriptor.h"
 
-// A path in a tree is resolved once. Service users may write to the trees: a path that is checked
-// and then handed to the kernel again can lead through a link that took a directory's place in
-// between. A pinned path is a name in a directory that is held open; openat(2) and its relatives
-// work on the name in that directory, wherever the path leads by then.
+// Resolves a path in a tree only once. Service users may write to the trees. If a path were checked
+// and then passed to the kernel again, a symlink could have replaced one of its directories in
+// between. A pinned path is a name in a directory that is held open. Use it with openat(2) and the
+// like; what happens to the path afterwards does not matter.
 //
 // Everything here runs on sync_thread.
 
 struct PinnedPath {
   std::shared_ptr<const Descriptor> directory;
-  // The last component, with the slashes behind it; points into the path. Empty or "." for a path
-  // that names the directory itself.
+  // The last component, with any trailing slashes; points into the path. Empty or "." if the path
+  // names the directory itself.
   const char* name;
 
   int dir_fd() const {
@@ -25,25 +25,25 @@ struct PinnedPath {
   }
 };
 
-// Pins an absolute path that begins with the root `root_index` and has no "..". The root itself may
-// be reached through links, nothing below it: returns 0 or an error number, ELOOP for a link above
-// the last component. The directory stays open for the next path in it until
-// release_kept_directory, which must follow at the end of an exchange.
+// Pins an absolute path that begins with the root `root_index` and has no "..". The path of the
+// root may contain symlinks, but no directory below it may be one. Returns 0 or an error number:
+// ELOOP for a symlink above the last component. Keeps the directory open for the next path in it;
+// call release_kept_directory at the end of an exchange.
 int pin_path(uint32_t root_index, const char* path, PinnedPath* pinned);
 
-// The same with `enter` for every step from one directory into the next.
+// The same, with `enter` for every step from a directory into the next.
 using EnterDirectory = int (*)(int dir_fd, const char* name);  // a descriptor, or -1 with errno
 int pin_path_entering(uint32_t root_index, const char* path, EnterDirectory enter,
                       PinnedPath* pinned);
 
-// Pins any path, following links on the way as rename(2) does. Returns 0 or an error number.
+// Pins any path, following symlinks as rename(2) does. Returns 0 or an error number.
 int pin_outside_path(const char* path, PinnedPath* pinned);
 
-// Closes the directory that pin_path has kept.
+// Closes the directory that pin_path keeps open.
 void release_kept_directory();
 
-// Opens the directory `name` without following a link. Returns a descriptor, or -1 with errno,
-// ELOOP for a link.
+// Opens the directory `name` without following a symlink. Returns a descriptor, or -1 with errno:
+// ELOOP for a symlink.
 int open_directory(int dir_fd, const char* name);
 
 #endif  // CATALOG_PINNED_PATH_H_

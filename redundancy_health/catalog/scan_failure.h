@@ -6,8 +6,8 @@
 #include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/sync_context.h"
 
-// Records a failure of the scan: logs it and makes it the outcome of the exchange, which stops at
-// its next checkpoint while the scan goes on. A later failure replaces an earlier one.
+// Logs a failure of the scan and makes it the outcome of the exchange. The scan continues; the
+// exchange stops at its next checkpoint. A later failure replaces an earlier one.
 #define RECORD_SCAN_FAILURE(ctx, dump, ...)                                \
   do {                                                                     \
     char* _failure = nullptr;                                              \

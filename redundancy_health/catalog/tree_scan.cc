@@ -28,7 +28,7 @@ struct ScannedRoot {
   char responder_tag;
 };
 
-// In scan order. 'P' is the responder's own tree on both sides, 'Q' the requester's.
+// In scan order. On both sides 'P' is the responder's own tree and 'Q' the requester's.
 constexpr ScannedRoot kScannedRoots[] = {
     {kActivePersistentRoot, 'A', 'A'},
     {kActiveVolatileRoot, 'V', 'V'},
@@ -40,24 +40,24 @@ constexpr ScannedRoot kScannedRoots[] = {
 struct Scan {
   SyncContext* ctx;
   FileEntry** list;
-  EVP_MD_CTX* digest_context;  // serves the whole listing
+  EVP_MD_CTX* digest_context;  // for the whole listing
   uint32_t root_index;
   char tag;
 };
 
-// An algorithm that was fetched once is not looked up at every init.
+// Fetches the algorithm once, so that it is not looked up at every init.
 const EVP_MD* sha1_algorithm() {
   static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA1", nullptr);
   return algorithm;
 }
 
-// Writes the 40 lower-case hexadecimal digits of the SHA-1 of `data` and a NUL to `out`.
+// Writes the SHA-1 of `data` to `out`: 40 lower-case hexadecimal digits and a NUL.
 void compute_sha1(EVP_MD_CTX* digest_context, const void* data, size_t length, char* out) {
   static const char digits[] = "0123456789abcdef";
   constexpr unsigned digest_size = 20;
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned md_size = 0;
-  // These calls return 1 for success. The odd form of the check is log text: stays as it is.
+  // These calls return 1 for success. The odd form of the check is log text: keep it unchanged.
   int mdr = EVP_DigestInit_ex(digest_context, sha1_algorithm(), nullptr);
   CHECK_ZERO(0 == mdr);
   mdr = EVP_DigestUpdate(digest_context, data, length);
@@ -72,9 +72,9 @@ void compute_sha1(EVP_MD_CTX* digest_context, const void* data, size_t length, c
   *out = '\0';
 }
 
-// Reads the next chunk; `*size` bytes, and `*at_end` when the read met the end of the file. False
-// with errno on failure. A short read of a regular file is its end, but for file systems that
-// deliver in parts.
+// Reads the next chunk of `*size` bytes. Sets `*at_end` if the read reached the end of the file.
+// False with errno on failure. Reads on after a short read, unless the file ends there: some file
+// systems return less than requested.
 bool read_chunk(int data_file, uint8_t* data, off_t file_size, uint64_t offset, size_t* size,
                 bool* at_end) {
   *size = 0;
@@ -105,8 +105,8 @@ void add_chunk(const Scan& scan, const ScannedFile& file, const uint8_t* data, u
   stats.n_filesys_chunks_scanned += 1;
 }
 
-// Hashes an open file chunk by chunk. Returns 0 or an error number. A chunk that ends at the end of
-// the file is followed by an empty one, because only a read tells the end.
+// Hashes an open file chunk by chunk. Returns 0 or an error number. If a chunk ends exactly at the
+// end of the file, an empty chunk follows, because only another read finds the end.
 int hash_chunks(const Scan& scan, const ScannedFile& file, int data_file, DigestWriter* writer) {
   uint8_t* data = scan.ctx->data_chunk_buf;
   uint64_t offset = 0;
@@ -115,14 +115,14 @@ int hash_chunks(const Scan& scan, const ScannedFile& file, int data_file, Digest
     size_t size;
     beat(kHashing);
     if (!read_chunk(data_file, data, file.status.st_size, offset, &size, &at_end)) return errno;
-    if (offset + size > UINT32_MAX) return EFBIG;  // it grew past what the formats can carry
+    if (offset + size > UINT32_MAX) return EFBIG;  // grew beyond 32-bit offsets
     add_chunk(scan, file, data, static_cast<uint32_t>(offset), static_cast<uint32_t>(size), writer);
     offset += size;
   }
   return 0;
 }
 
-// Opens a data file; negative with errno when it cannot, or is not to be, read.
+// Opens a data file. Negative with errno if it cannot be opened or a fault is injected.
 int open_data_file(const ScannedFile& file) {
   if (have_error_injection(g_diag_params.fail_scan_path, file.entry->path)) return -1;
   return openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
@@ -132,7 +132,7 @@ int open_data_file(const ScannedFile& file) {
 void scan_file(const Scan& scan, const ScannedFile& file) {
   const char* path = file.entry->path;
   if (static_cast<uint64_t>(file.status.st_size) > UINT32_MAX) {
-    // Sizes and offsets have 32 bits on the wire: no copy at all is better than a wrong one.
+    // The wire has 32-bit sizes and offsets. Fail rather than make a wrong copy.
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(EFBIG), path);
     return;
   }
@@ -145,10 +145,10 @@ void scan_file(const Scan& scan, const ScannedFile& file) {
   const int error = hash_chunks(scan, file, data_file, &writer);
   if (error != 0) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "could not read file (%s): %s", strerror(error), path);
-    writer.error = error;  // an incomplete digest cache file must not stay
+    writer.error = error;  // removes the incomplete digest cache file
   }
   stats.n_filesys_files_scanned += 1;
-  CHECK_CLOSE_AS("fclose(data_file)", close(data_file));  // log text: stays as it is
+  CHECK_CLOSE_AS("fclose(data_file)", close(data_file));  // log text: keep it unchanged
   finish_digest_file(scan.ctx, file, &writer);
 }
 
@@ -160,11 +160,11 @@ struct ScannedDir {
   bool holds_digests;
 };
 
-// The names in a directory, each with its NUL, in the order in which it yields them.
+// The names in a directory, each with its NUL, in readdir order.
 struct DirNames {
   std::string names;
   bool hold_digests;
-  int error;  // errno of a read that failed; the names so far stay
+  int error;  // errno of a failed read; the names so far are kept
 };
 
 bool is_left_out(const char* name) {
@@ -172,7 +172,7 @@ bool is_left_out(const char* name) {
          strncmp(name, kTempPrefix, sizeof(kTempPrefix) - 1) == 0;
 }
 
-// In one pass: files that a second one misses would look deleted.
+// Reads all names in one pass: files that a second pass misses would look deleted.
 DirNames read_names(DIR* dir) {
   DirNames all = {{}, false, 0};
   errno = 0;
@@ -187,7 +187,7 @@ DirNames read_names(DIR* dir) {
 
 void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth);
 
-// Null with errno when it cannot be opened, or is no longer a directory.
+// Null with errno if it cannot be opened or is no longer a directory.
 DIR* open_subdir(const ScannedFile& subdir) {
   Descriptor fd(open_directory(subdir.dir_fd, subdir.name));
   DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;
@@ -195,7 +195,7 @@ DIR* open_subdir(const ScannedFile& subdir) {
   return dir;
 }
 
-// Lists a directory that was met while listing its parent.
+// Lists a subdirectory.
 void scan_subdir(const Scan& scan, const ScannedFile& subdir, int depth) {
   DIR* dir = depth <= kMaxScanDepth ? open_subdir(subdir) : nullptr;
   scan_dir(scan, dir, subdir.entry->path, depth);
@@ -219,8 +219,8 @@ void scan_name(const Scan& scan, const ScannedDir& dir, const char* name) {
   free_file_entry(entry);
 }
 
-// Lists the directory `path`, open as `dir` (owned; null with errno when it could not be opened),
-// and everything below it.
+// Lists the directory `path` and everything below it. `dir` is its stream (owned; null with errno
+// if it could not be opened).
 void scan_dir(const Scan& scan, DIR* dir, const char* path, int depth) {
   if (depth > kMaxScanDepth) {
     RECORD_SCAN_FAILURE(scan.ctx, 1, "maximum directory depth exceeded in '%s'", path);

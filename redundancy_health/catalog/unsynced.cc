@@ -22,11 +22,11 @@ namespace {
 constexpr size_t kDigestPosition = 2;  // in a listing line
 constexpr size_t kDigestSize = 40;
 
-// By path, the offsets of the chunks that were written again and synced.
+// For each path, the offsets of the chunks that were written again and synced.
 std::map<std::string, std::set<uint32_t>> g_files;
 std::set<std::string> g_directories;
 
-// The trees that come from the peer.
+// Whether the tree is a copy that the peer sends.
 bool is_copy(uint32_t root_index, bool active) {
   return root_index == kOtherEmRoot || (is_shared_root(root_index) && !active);
 }
@@ -36,7 +36,7 @@ bool is_to_come_again(const FileEntry* entry) {
   return file != g_files.end() && !file->second.contains(entry->begin_offs);
 }
 
-// Returns 0 or an error number. A directory that is gone has nothing left to sync.
+// Returns 0 or an error number. A directory that no longer exists needs no sync.
 int sync_directory(const char* path) {
   const Descriptor fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd.is_open()) return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : errno;

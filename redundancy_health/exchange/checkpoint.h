@@ -4,9 +4,9 @@
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/sync_context.h"
 
-// The checkpoint after every step of an exchange that can fail: when the step recorded a failure in
-// cpg_result, leaves with the statements `leave`. It does not end the exchange: the failure has
-// done so, or the short timeout will. `function` is the name that the line is logged under.
+// The checkpoint after every step of an exchange that can fail. If the step recorded a failure in
+// cpg_result, runs the statements `leave`. It does not end the exchange: the failure has done that,
+// or the short timeout will. The log line has the name `function`.
 #define SKIP_IF_CANCELED(ctx, function, leave)              \
   do {                                                      \
     if ((ctx)->cpg_result.canceled) {                       \

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Makes a peer entry of one listing line, or returns null when the line is invalid.
+// Makes a peer entry from one listing line. Null if the line is invalid.
 FileEntry* parse_listing_line(const char* line) {
   char tag = '?';
   int position = -1;
@@ -36,7 +36,7 @@ FileEntry* parse_listing_line(const char* line) {
   return rx_entry;
 }
 
-// Puts an entry for every valid line at the head of the merged list. The payload ends in NUL.
+// Pushes an entry for every valid line at the head of the merged list. The payload ends in NUL.
 void parse_listing(SyncContext* ctx, Comparison* comparison, const char* payload,
                    uint32_t payload_size) {
   const char* end = payload + payload_size;
@@ -44,7 +44,7 @@ void parse_listing(SyncContext* ctx, Comparison* comparison, const char* payload
     FileEntry* rx_entry = parse_listing_line(line);
     if (rx_entry == nullptr) {
       storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED,
-                             // A caller's reason: misspelt, and stays so.
+                             // Callers get this text: keep it unchanged, misspelt.
                              "Malformed enty in CPG message");
       comparison->lines_dropped = true;
       continue;
@@ -55,8 +55,8 @@ void parse_listing(SyncContext* ctx, Comparison* comparison, const char* payload
   }
 }
 
-// Sorts all entries of the merged list so that the chunks of one file stand together and identical
-// lines are neighbours, the local one first.
+// Sorts all entries, so that the chunks of a file are together and identical lines are adjacent,
+// the local one first.
 void sort_entries(Comparison* comparison) {
   // The elements are pointers. NOLINTBEGIN(bugprone-sizeof-expression)
   auto** index = static_cast<FileEntry**>(malloc(comparison->n_entries * sizeof(FileEntry*)));

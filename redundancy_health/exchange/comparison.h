@@ -6,17 +6,17 @@
 #include "redundancy_health/catalog/file_entry.h"
 #include "redundancy_health/frame/sync_context.h"
 
-// The listings of both EMs side by side, as the requester sees them.
+// The listings of both EMs, merged by the requester.
 struct Comparison {
   FileEntry* merged_list;  // peer entries first; owned
-  FileEntry** index;       // the same, the chunks of one file together; owned, null when empty
+  FileEntry** index;       // the same, grouped by file; owned, null when empty
   uint32_t n_entries;
   uint32_t n_peer_entries;
   uint32_t n_matched_chunks;  // identical on both sides
-  bool lines_dropped;         // the peer's listing is not known in full
+  bool lines_dropped;         // the peer's listing is incomplete
 };
 
-// One file: index[first] to index[end - 1] are its chunks on both sides.
+// One file: its chunks on both sides are index[first] to index[end - 1].
 struct ComparedFile {
   uint32_t first;
   uint32_t end;
@@ -25,12 +25,13 @@ struct ComparedFile {
 };
 
 // Scans this EM's trees and pairs their chunks with the lines of the peer's listing (any bytes).
-// False when there is nothing to compare, for a failure, which is recorded in cpg_result or has
-// ended the exchange, or because both sides are empty. The caller frees `*comparison` in any case.
+// Returns false if there is nothing to compare: after a failure, which is recorded in cpg_result or
+// has ended the exchange, or because both sides are empty. The caller frees `*comparison` in any
+// case.
 bool gather_comparison(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size,
                        Comparison* comparison);
 
-// Goes to the next file, by root and path; the first one after `*file` was all zero. False at the
+// Advances to the next file, ordered by root and path. Start with an all-zero `*file`. False at the
 // end.
 bool next_compared_file(const Comparison& comparison, ComparedFile* file);
 

@@ -9,21 +9,21 @@
 
 namespace {
 
-constexpr uint32_t kFewFiles = 10;  // that many may go whatever their share is
+constexpr uint32_t kFewFiles = 10;  // up to this many deletions are always allowed
 
-// Files of a tree where the exchange would delete: how many there are, and would go.
+// Files and deletions in a tree, on the EM where the exchange would delete them.
 struct Loss {
   uint32_t files;
   uint32_t deleted;
 };
 
-// The share that may go, or -1 for any.
+// The limit, or -1 for none.
 long max_deleted_percent() {
   const char* text = getenv("MAX_DELETED_PERCENT");
   return text == nullptr || *text == '\0' ? -1 : strtol(text, nullptr, 10);
 }
 
-// True once after the diagnostic command.
+// Whether the diagnostic command allowed deletions. Resets it.
 bool take_allowance() {
   HOLD_MUTEX(g_diag_params.mutex);
   return std::exchange(g_diag_params.allow_deletions, uint8_t{0}) != 0;
@@ -33,7 +33,7 @@ void count_losses(const Comparison& comparison, Loss (&losses)[kRootCount]) {
   ComparedFile file = {};
   while (next_compared_file(comparison, &file)) {
     const uint32_t root_index = comparison.index[file.first]->root_index;
-    const bool here = root_index == kOtherEmRoot;  // is where it would be deleted
+    const bool here = root_index == kOtherEmRoot;  // where they would be deleted
     losses[root_index].files += here ? file.here : file.there;
     losses[root_index].deleted += here ? !file.there : !file.here;
   }
@@ -56,7 +56,8 @@ Withheld withhold_deletions(SyncContext* ctx, const Comparison& comparison) {
   count_losses(comparison, losses);
   for (uint32_t root_index = 0; root_index < kRootCount; ++root_index) {
     if (!is_too_much(losses[root_index], percent)) continue;
-    if (is_shared_root(root_index) && !ctx->cur_exchange_em_is_active) continue;  // no right to
+    if (is_shared_root(root_index) && !ctx->cur_exchange_em_is_active) continue;  // lacks rights
+                                                                                  // delete anyway
     withheld.roots[root_index] = true;
     if (ctx->guarded_root != nullptr) continue;
     ctx->guarded_root = root_paths[root_index];

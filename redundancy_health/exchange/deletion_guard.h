@@ -4,18 +4,18 @@
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/exchange/comparison.h"
 
-// The guard against a tree that was emptied by accident: a new or unmounted disk, a wrong role. It
-// is off unless MAX_DELETED_PERCENT is in the environment.
+// Protects against a tree that was emptied by accident: a new or unmounted disk, a wrong role. Off
+// unless MAX_DELETED_PERCENT is in the environment.
 
-// Whether the deletions of a tree are left out, by its root here.
+// For each root on this EM, whether its deletions are left out.
 struct Withheld {
   bool roots[kRootCount];
 };
 
-// Withholds the deletions of each tree that would lose more than MAX_DELETED_PERCENT of the files
-// that it has where they would be deleted, and more than ten, unless deletions are allowed this
-// once. The first such tree is remembered: the exchange does the rest and ends as a failure. On
-// sync_thread.
+// Leaves out the deletions of each tree that would lose more than MAX_DELETED_PERCENT of its files,
+// and more than ten, unless deletions are allowed this once. Counts the files on the EM where they
+// would be deleted. The first such tree is remembered; the exchange does the rest and ends as a
+// failure. On sync_thread.
 Withheld withhold_deletions(SyncContext* ctx, const Comparison& comparison);
 
 #endif  // EXCHANGE_DELETION_GUARD_H_

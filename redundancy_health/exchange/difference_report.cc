@@ -28,7 +28,7 @@ const char* tree_name(uint32_t root_index) {
   return names[root_index];
 }
 
-// '=' when both sides have the same file, else the sign of the difference.
+// '=' if the file is the same on both sides, otherwise the sign of the difference.
 char difference_sign(const Comparison& comparison, const ComparedFile& file) {
   if (!file.there) return '<';
   if (!file.here) return '>';
@@ -71,7 +71,7 @@ void write_report(FILE* report, const Comparison& comparison) {
 
 // Returns a descriptor of the finished report, or -1 with errno.
 int make_report(const Comparison& comparison) {
-  FILE* report = tmpfile();  // has no name, so it goes with its last descriptor
+  FILE* report = tmpfile();  // has no name: it disappears with its last descriptor
   if (report == nullptr) return -1;
   write_report(report, comparison);
   int fd = -1;

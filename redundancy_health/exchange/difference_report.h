@@ -5,15 +5,15 @@
 
 #include "redundancy_health/frame/sync_context.h"
 
-// Answers a local request for a comparison: scans this EM's trees, compares them with the peer's
-// listing (any bytes) and changes neither. What differs becomes an unlinked file, whose descriptor
-// goes to rpc_report. Failures are recorded in cpg_result or have ended the exchange; the caller's
-// next checkpoint sees them. On sync_thread.
+// Answers a local request for a comparison. Scans this EM's trees and compares them with the peer's
+// listing (any bytes), changing neither. The differences go to an unlinked file, whose descriptor
+// is stored in rpc_report. Failures are recorded in cpg_result or have ended the exchange; the
+// caller's next checkpoint sees them. On sync_thread.
 //
-// The file is a series of texts, each with its NUL. The first four are counts of files,
-// "=tree here there only-here only-there different", the trees being "active", "volatile", "own"
-// (this EM's, and its copy there) and "copy" (the peer's, and its copy here). Then comes one for
-// each file that differs, "<tree/path" (only here), ">tree/path" (only there) or "!tree/path".
+// The file is a series of texts, each with its NUL. The first four are counts of files, "=tree here
+// there only-here only-there different". The trees are "active", "volatile", "own" (this EM's tree
+// and its copy there) and "copy" (the peer's tree and its copy here). Then follows one text for
+// each file that differs: "<tree/path" (only here), ">tree/path" (only there) or "!tree/path".
 void report_differences(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size);
 
 #endif  // EXCHANGE_DIFFERENCE_REPORT_H_

@@ -27,10 +27,10 @@
 
 namespace {
 
-// Pins this EM's copy of the requester's file; `*path` becomes where it lies. False when there is
-// none that is its to move: the own tree and, on the active EM, the shared ones are no copies. The
-// bytes are the peer's: they lead nowhere out of the roots, nor where a file would fail every later
-// exchange.
+// Pins this EM's copy of the requester's file and sets `*path` to its path. Returns false if this
+// EM has no copy that the requester may move: the own tree and, on the active EM, the shared trees
+// are not copies. `requesters` comes from the peer: a path that leaves the roots, or that would
+// fail every later scan, is refused.
 bool pin_copy(const char* requesters, std::string* path, PinnedPath* copy) {
   TreePath place;
   if (!split_tree_path(requesters, &place)) return false;
@@ -43,9 +43,8 @@ bool pin_copy(const char* requesters, std::string* path, PinnedPath* copy) {
          pin_path(root_index, path->c_str(), copy) == 0;
 }
 
-// Repeats the requester's rename on this EM's own copies, so that the content need not travel. A
-// temporary file has no copy here. Whatever fails, the comparison that follows finds the
-// difference.
+// Repeats the requester's rename on this EM's copies, so that the content need not be sent. A
+// temporary file has no copy here. After any failure the comparison finds the difference.
 void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_size) {
   RpcRequest request;
   if (!parse_rpc_request(payload, payload_size, &request)) return;
@@ -57,19 +56,19 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
       !pin_copy(request.destination, &destination_path, &destination)) {
     return;
   }
-  // Without a source nothing is replaced, and the digests stay. What could not be synced is to come
-  // again, under its own name.
+  // If the source is missing, nothing is replaced and the digests stay valid. If a file is
+  // unsynced, it must be sent again under its own name.
   struct stat status;
   if (any_file_is_unsynced() ||
       fstatat(source.dir_fd(), source.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return;
   }
-  // The digests of what is replaced would fit a file of the same size and second.
+  // The old digests could match the new file, if size and second are equal.
   remove_digest_file(destination, destination_path.c_str());
   if (renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name) != 0) return;
   if (is_shared_root(root_of_path(destination_path.c_str())))
     note_shared_change(ctx, destination_path.c_str());
-  // What is found to be the same is never sent again, so it has to stay.
+  // Identical files are never sent again, so the rename must be on the disk.
   if (sync_received_name(destination.dir_fd()) != 0 ||
       (source.directory != destination.directory && sync_received_name(source.dir_fd()) != 0)) {
     storage_cfg_set_result(&ctx->cpg_result, RESULT_APPLY_FAILED, "Unable to update file (%s): %s",
@@ -79,8 +78,8 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
   }
 }
 
-// Packs the listing into one allocation of its exact size. Returns the size; `*listing` is null
-// for an empty listing and after a failed scan. The caller frees it.
+// Packs the listing into one allocation of its exact size. Returns the size. `*listing` is null for
+// an empty listing and after a failed scan. The caller frees it.
 uint32_t gather_file_listing(SyncContext* ctx, char** listing) {
   *listing = nullptr;
   FileEntry* list = nullptr;

@@ -21,7 +21,7 @@
 
 namespace {
 
-// A printable form of the first bytes of a message, for the log.
+// Formats the first bytes of a message for the log.
 void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) {
   size_t length = 0;
   text[0] = '\0';
@@ -32,8 +32,8 @@ void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) 
   }
 }
 
-// Completes the waiting request with an error; no exchange runs, and no later one hears of it. The
-// caller wakes: its bytes are not to be touched afterwards.
+// Completes the waiting request with an error. No exchange runs, and no later exchange gets the
+// error. The caller wakes up: do not use its bytes afterwards.
 #define REFUSE(ctx, code, ...)                                                      \
   do {                                                                              \
     end_exchange_full(ctx, code, __VA_ARGS__);                                      \
@@ -41,7 +41,7 @@ void format_printable(const uint8_t* message, uint32_t size, char (&text)[100]) 
     reset_cpg_result(ctx);                                                          \
   } while (0)
 
-// Pins a path that is replicated to the peer. Returns 0 or an error number.
+// Pins a path in a tree that this EM replicates to the peer. Returns 0 or an error number.
 int pin_destination(const char* path, PinnedPath* destination) {
   TreePath place;
   const int error = check_tree_path(path, &place);
@@ -49,15 +49,15 @@ int pin_destination(const char* path, PinnedPath* destination) {
   return place.root_index == kOtherEmRoot ? EPERM : pin_path(place.root_index, path, destination);
 }
 
-// Pins a path that the caller may choose anywhere.
+// Pins a source, which may be anywhere. Returns 0 or an error number.
 int pin_source(const char* path, PinnedPath* source) {
   TreePath place;
   return split_tree_path(path, &place) ? pin_path(place.root_index, path, source)
                                        : pin_outside_path(path, source);
 }
 
-// Completes a request whose change stands, but may not outlive a loss of power. It is a failed
-// exchange: the next one takes the change to the peer.
+// Completes a request whose change is applied but may not survive a power failure. Counts as a
+// failed exchange; the next one carries the change to the peer.
 #define FAIL_APPLIED(ctx, ...)            \
   do {                                    \
     mark_applied(ctx);                    \
@@ -81,8 +81,8 @@ bool delete_destination(SyncContext* ctx, const char* destination) {
   return false;
 }
 
-// Returns 0 or an error number. What takes the destination's place is on the disk before it does. A
-// source that cannot get there is not synced first: that takes as long as the medium wants.
+// Syncs the source, then renames it. Returns 0 or an error number. Checks first whether a rename is
+// possible, because a sync may take long.
 int sync_and_rename(const PinnedPath& source, const PinnedPath& destination) {
   if (!storage_can_rename(source.dir_fd(), destination.dir_fd())) return EXDEV;
   if (storage_sync_content(source.dir_fd(), source.name) != 0) return errno;
@@ -90,20 +90,20 @@ int sync_and_rename(const PinnedPath& source, const PinnedPath& destination) {
   return r == 0 ? 0 : errno;
 }
 
-// Returns 0 or an error number. The digest cache file of the old destination goes in any case, and
-// first: whoever ends the daemon between the two would leave digests that fit a file of the same
-// size and second.
+// Returns 0 or an error number. Always removes the digest cache file of the destination, and
+// removes it first: if the daemon were killed in between, its digests could match the new file of
+// the same size and second.
 int rename_onto(const RpcRequest& request, PinnedPath* source, PinnedPath* destination) {
   int error = pin_destination(request.destination, destination);
   if (error == 0) remove_digest_file(*destination, request.destination);
-  if (error != 0 && error != ENOENT) return error;  // a missing directory is met by the rename
+  if (error != 0 && error != ENOENT) return error;  // for a missing directory the rename fails
   if (have_error_injection(g_diag_params.fail_rename_path, request.destination)) return EDOM;
   stats.n_atomic_updates_from_self += 1;
   if (error == 0) error = pin_source(request.source, source);
   return error == 0 ? sync_and_rename(*source, *destination) : error;
 }
 
-// The new name first: a file that is lost under both would be gone.
+// Syncs the new name first: if both names were lost, the file would be gone.
 bool sync_names(const PinnedPath& source, const PinnedPath& destination) {
   return fsync(destination.dir_fd()) == 0 &&
          (source.directory == destination.directory || fsync(source.dir_fd()) == 0);
@@ -125,7 +125,7 @@ bool rename_to_destination(SyncContext* ctx, const RpcRequest& request) {
   return false;
 }
 
-// Applies a request to the local trees. False when it was completed with an error.
+// Applies a request to the local trees. Returns false if it was completed with an error.
 bool apply_request(SyncContext* ctx, const RpcRequest& request) {
   const char* destination = request.destination;
   if (strstr(destination, kDigestPrefix) != nullptr) {
@@ -156,7 +156,7 @@ bool apply_local_request(SyncContext* ctx) {
   ctx->state_time = get_uptime();
   const uint8_t* message;
   uint32_t size;
-  // A wake-up can outlive its request, whose bytes then are gone with its caller.
+  // A wake-up may arrive after its request was answered. Its bytes are invalid then.
   if (read_rpc_request(ctx, &message, &size) != RPC_REQUESTING) return false;
   if (request_is_comparison(ctx)) {
     LOG(7, "SYNC running comparison");
@@ -173,7 +173,7 @@ bool apply_local_request(SyncContext* ctx) {
   beat(kSyncing);
   ctx->change_overtaken = 0;
   const bool applied = apply_request(ctx, request);
-  // The syncs of a slow medium are no lack of progress of an exchange.
+  // Slow syncs do not count as lack of progress of an exchange.
   ctx->state_time = get_uptime();
   if (!applied) release_kept_directory();
   return applied;

@@ -21,7 +21,7 @@
 
 namespace {
 
-// By directory, a file that was deleted there.
+// For each directory, one file that was deleted there.
 using Deletions = std::map<std::string, std::string>;
 
 void record_failed_deletion(SyncContext* ctx, const char* path, int error) {
@@ -30,14 +30,14 @@ void record_failed_deletion(SyncContext* ctx, const char* path, int error) {
   LOG(3, "%s", ctx->cpg_result.reason);
 }
 
-// Deletes a file of the peer's tree that the peer no longer has.
+// Deletes the copy of a file that the peer no longer has.
 void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* entry) {
   // `cluster_sync_ctl explain` reads this format.
   LOG(7, "@@ Pull del:  %s", entry->xmit_line);
   PinnedPath file;
   int error = pin_path(entry->root_index, entry->path, &file);
   if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
-  // Every chunk of the file names the same path: all but the first find it gone.
+  // The file has an entry for every chunk. The first one deletes it; for the others it is gone.
   if (error == 0) {
     note_deletion(ctx, entry->path);
     forget_unsynced_file(entry->path);
@@ -48,7 +48,7 @@ void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* 
   }
 }
 
-// Brings the deletions to the disk, once a directory however many there were.
+// Syncs the deletions, once for each directory.
 void sync_deletions(SyncContext* ctx, const Deletions& deletions) {
   for (const auto& [directory, path] : deletions) {
     PinnedPath file;
@@ -58,14 +58,14 @@ void sync_deletions(SyncContext* ctx, const Deletions& deletions) {
   }
 }
 
-// Decides for one file, chunk by chunk.
+// Decides the updates of one file, chunk by chunk.
 void decide_file(SyncContext* ctx, const Comparison& comparison, const ComparedFile& file,
                  bool may_delete, Deletions* deletions) {
   const bool from_peer = comparison.index[file.first]->root_index == kOtherEmRoot;
   for (uint32_t i = file.first; i < file.end; ++i) {
     FileEntry* entry = comparison.index[i];
     if (from_peer && !file.there) {
-      // What looks absent may have been in a line that was dropped.
+      // The file may have been in a dropped line.
       if (may_delete && !comparison.lines_dropped) delete_local_copy(ctx, deletions, entry);
     } else if (from_peer) {
       if (!entry->is_local && !entry->matched) entry->update_type = PULL_REQ;
@@ -88,8 +88,8 @@ void decide_files(SyncContext* ctx, const Comparison& comparison) {
   sync_deletions(ctx, deletions);
 }
 
-// Moves what is to be sent from the merged list to update_queue, whose order becomes the reverse,
-// and frees the rest.
+// Moves the entries to send from the merged list to update_queue, which reverses their order, and
+// frees the others.
 void queue_updates(SyncContext* ctx, Comparison* comparison) {
   while (comparison->merged_list != nullptr) {
     FileEntry* entry = comparison->merged_list;

@@ -22,7 +22,7 @@
 
 namespace {
 
-// One event as the handlers see it.
+// One event, as passed to the handlers.
 struct Event {
   uint32_t command;
   bool from_self;
@@ -38,7 +38,7 @@ bool state_machine_is_stuck() {
   return g_diag_params.statemachine_stuck != 0;
 }
 
-// Enters ST_PEERLOCK: the exchange with these ids holds this daemon.
+// Enters ST_PEERLOCK for the peer's exchange with these ids.
 void lock_for_peer(SyncContext* ctx, uint32_t exchange_id, uint32_t sequence_id) {
   ctx->cur_state = ST_PEERLOCK;
   ctx->cur_exchange_compares = 0;
@@ -48,7 +48,7 @@ void lock_for_peer(SyncContext* ctx, uint32_t exchange_id, uint32_t sequence_id)
   reset_cpg_result(ctx);
 }
 
-// Makes an applied request pending. Returns the stage before.
+// Makes an applied request pending. Returns the previous stage.
 uint32_t take_up_request(SyncContext* ctx) {
   HOLD_MUTEX(ctx->rpc_mutex);
   const uint32_t stage = ctx->rpc_stage;
@@ -57,7 +57,7 @@ uint32_t take_up_request(SyncContext* ctx) {
   return stage;
 }
 
-// Starts an exchange when a request is pending; a request that lost the lock comes here again.
+// Starts an exchange if a request is pending. A request that lost the lock comes here again.
 void on_sync_req(SyncContext* ctx) {
   if (ctx->cur_state != ST_UNLOCKED) return;
   ctx->state_time = get_uptime();
@@ -67,7 +67,7 @@ void on_sync_req(SyncContext* ctx) {
     return;
   }
   reset_cpg_result(ctx);
-  // The role may have moved since the wish for this exchange arose.
+  // The role may have moved since this exchange was requested.
   ctx->cur_exchange_em_is_active = this_em_is_active();
   ctx->cur_sequence_id = 0;
   ctx->cur_state = ST_LOCKREQ;
@@ -79,8 +79,8 @@ void on_sync_req(SyncContext* ctx) {
   stats.n_syncs_from_self += 1;
 }
 
-// Ends the exchange when it serves a local change to a shared tree that it has no right to carry to
-// the peer: the role has moved since the change was made, though it may have come back.
+// Ends the exchange if it carries a local change to a shared tree without the right to do so: the
+// role has moved since the change was made, even if it has come back.
 void fail_change_without_rights(SyncContext* ctx) {
   RpcRequest request;
   const uint8_t* message;
@@ -94,14 +94,14 @@ void fail_change_without_rights(SyncContext* ctx) {
   end_exchange_error(ctx, kNotActiveFormat, request.destination);
 }
 
-// The own lock request came back first: the pair is locked.
+// The own lock request was delivered first: the pair is locked.
 void on_lock_granted(SyncContext* ctx, const Event& event) {
   check_header_ids(ctx, event.header->exchange_id, &event.header->sequence_id, 0);
   CHECKPOINT(ctx);
   fail_change_without_rights(ctx);
   CHECKPOINT(ctx);
   if ((ctx->cpg_membership_flags & kPeerMember) == 0) {
-    end_exchange(ctx);  // nobody to synchronise with
+    end_exchange(ctx);  // the peer is away
     return;
   }
   ctx->cur_state = ST_LISTREQ;
@@ -134,7 +134,7 @@ void on_lock_req(SyncContext* ctx, const Event& event) {
       }
       break;
     case ST_LISTREQ:
-    case ST_UPDATE:  // from the peer it is the late request of the one that lost
+    case ST_UPDATE:  // from the peer: the late request of the EM that lost the lock
       if (event.from_self) {
         end_exchange_error(ctx, "Unexpected LOCK_REQ message from self in state %s", state);
       }
@@ -207,12 +207,12 @@ void on_update_req(SyncContext* ctx, const Event& event) {
   }
 }
 
-// The peer could not do what it was asked: its reason is the outcome, for the local caller too,
-// whose change stands on this EM, whatever the peer says of its own part.
+// The peer failed to apply an update. Its reason becomes the outcome, also for the local caller.
+// The change is applied on this EM, so local_ok is set whatever the peer says.
 void take_peer_failure(SyncContext* ctx, const RpcResult& result) {
   ctx->cpg_result = result;
   ctx->cpg_result.local_ok = 1;
-  ctx->cpg_result.reason[sizeof(result.reason) - 1] = '\0';  // the peer's bytes
+  ctx->cpg_result.reason[sizeof(result.reason) - 1] = '\0';  // untrusted bytes
   LOG(3, "%s", ctx->cpg_result.reason);
   end_exchange(ctx);
 }
@@ -236,8 +236,8 @@ void on_update_ack(SyncContext* ctx, const Event& event) {
   }
 }
 
-// Marks the wish for the first exchange after a join, which the exit step or a later event starts.
-// False when another request has the stage.
+// Requests the first exchange after a join; the end of this event or a later one starts it. Returns
+// false if another request has rpc_stage.
 bool mark_initial_sync(SyncContext* ctx) {
   // `cluster_sync_ctl explain` reads this format.
   LOG(6, "Initial sync operation to be initiated");
@@ -248,8 +248,8 @@ bool mark_initial_sync(SyncContext* ctx) {
   return true;
 }
 
-// Sees to it that the active EM synchronises a newcomer: now or, when another request or a failure
-// is in the way, by a resync, which the success of that other exchange makes needless.
+// Makes sure that the active EM synchronises a new member. If another request or a failure is in
+// the way, schedules a resync, which a successful exchange before it cancels.
 void request_initial_sync(SyncContext* ctx) {
   if (!this_em_is_active()) return;
   if (ctx->cpg_result.canceled || !mark_initial_sync(ctx)) arm_resync(ctx);
@@ -261,10 +261,10 @@ void on_join_while_unlocked(SyncContext* ctx) {
   if (self_joined && peer_joined) {
     request_initial_sync(ctx);
   } else if (peer_joined) {
-    end_exchange(ctx);  // the release frees the newcomer
+    end_exchange(ctx);  // the release unlocks the new member
     request_initial_sync(ctx);
   } else if (self_joined && (ctx->cpg_membership_flags & kPeerMember) != 0) {
-    ctx->cur_state = ST_PEERLOCK;  // until the peer, seeing the join, releases
+    ctx->cur_state = ST_PEERLOCK;  // until the peer sees the join and releases
     request_initial_sync(ctx);
   }
 }
@@ -273,7 +273,7 @@ void on_cpg_joined(SyncContext* ctx) {
   ctx->state_time = get_uptime();
   switch (ctx->cur_state) {
     case ST_LOCKREQ:
-      break;  // the pending lock request settles it
+      break;  // the pending lock request decides
     case ST_DONE:
       request_initial_sync(ctx);
       break;
@@ -286,8 +286,8 @@ void on_cpg_joined(SyncContext* ctx) {
   }
 }
 
-// Whatever ran is abandoned; what was recorded so far stands. A change that waited for the peer's
-// exchange to end is done alone, with the rights of this moment.
+// Abandons a running exchange with the outcome recorded so far. A change that waited for the end of
+// the peer's exchange is completed on this EM only, with the current rights.
 void on_cpg_left(SyncContext* ctx) {
   ctx->state_time = get_uptime();
   if (!ctx->cpg_result.canceled && read_rpc_stage(ctx) == RPC_PENDING) {
@@ -300,7 +300,7 @@ void on_cpg_left(SyncContext* ctx) {
 
 void handle_command(SyncContext* ctx, const Event& event) {
   if (event.command <= MSG_UPDATE_ACK) {
-    // The name is log text: stays as it is.
+    // The name is log text: keep it unchanged.
     const CpgHeader* cpg_header = event.header;
     CHECK_NOT_NULL(cpg_header);
   }
@@ -324,12 +324,12 @@ void handle_command(SyncContext* ctx, const Event& event) {
     case ON_CPG_LEFT:
       return on_cpg_left(ctx);
     default:
-      // Log text: stays as it is. Fails always.
+      // Always fails. Log text: keep it unchanged.
       CHECK_ZERO(true);
   }
 }
 
-// After an exchange, this daemon's or the peer's: takes up what waited for its end.
+// After the end of an exchange, this daemon's or the peer's: serves waiting requests.
 void serve_what_waited(SyncContext* ctx) {
   close_notes(ctx);
   reset_cpg_result(ctx);
@@ -370,7 +370,7 @@ void on_sync_state_change(SyncContext* ctx, uint32_t command, uint32_t nodeid,
 
 void on_sync_rpc_update(SyncContext* ctx) {
   if (!apply_local_request(ctx)) return;
-  // The event makes the request pending, unless the state machine is frozen and drops it.
+  // The event makes the request pending, unless the state machine is stuck and drops it.
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
   if (ctx->cur_state == ST_UNLOCKED) mark_applied(ctx);
 }

@@ -14,7 +14,7 @@
 
 namespace {
 
-// The low 32 bits, also where long has no more.
+// The low 32 bits, even where long has only 32.
 int32_t decimal(const char* text) {
   return static_cast<int32_t>(strtoll(text, nullptr, 10));
 }
@@ -86,14 +86,14 @@ void run_statemachine_stuck(const char*) {
 
 void run_statemachine_notstuck(const char*) {
   set_statemachine_stuck(0);
-  // Log text: stays as it is, although the command is statemachine-notstuck.
+  // Log text: keep it unchanged, although the command is statemachine-notstuck.
   LOG(4, "Received statemachine-stuck diag command. State machine back to normal.");
 }
 
 void run_log_size(const char* argument) {
   const int32_t max_log_size = decimal(argument);
   set_max_log_size(max_log_size);
-  // Log text: stays as it is, without the blank.
+  // Log text: keep it unchanged, without the blank.
   LOG(4, "Received log-size diag command. Setting max log size to'%d'", max_log_size);
 }
 
@@ -131,7 +131,7 @@ void run_allow_deletions(const char*) {
 void run_flight_rec(const char* argument) {
   HOLD_MUTEX(g_flight_recorder.mutex);
   if (argument == nullptr) {
-    // only tells
+    // only logs the state
   } else if (strcmp(argument, "dump") == 0) {
     dump_flight_recorder();
   } else if (strcmp(argument, "pause") == 0) {
@@ -146,7 +146,7 @@ void run_flight_rec(const char* argument) {
 }
 
 void reset_statistics() {
-  // Log text: stays as it is, misspelt.
+  // Log text: keep it unchanged, misspelt.
   LOG(4, "Received stats reset diag command. Reseting stats counters.");
   clear_statistics();
 }
@@ -189,7 +189,7 @@ void run_stats(const char* argument) {
 struct DiagnosticCommand {
   const char* word;
   bool needs_argument;
-  void (*run)(const char* argument);  // the argument is null when there is none
+  void (*run)(const char* argument);  // null if there is no argument
 };
 
 constexpr DiagnosticCommand kCommands[] = {

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int32_t kMaxWaitingCalls = 100;  // a call that finds more inside is refused
+constexpr int32_t kMaxWaitingCalls = 100;  // refuse a call when more than this many are waiting
 
 // Waits until rpc_stage is `stage`.
 void wait_for_stage(uint32_t stage) REQUIRES(g_context.rpc_mutex) {
@@ -22,7 +22,7 @@ void wait_for_stage(uint32_t stage) REQUIRES(g_context.rpc_mutex) {
   }
 }
 
-// Takes a place and a turn, and publishes the request. False when too many callers are inside.
+// Counts the caller, waits for its turn and publishes the request. False if too many callers wait.
 bool admit_request(const uint8_t* message, uint32_t size, bool compare) {
   HOLD_MUTEX(g_context.rpc_mutex);
   if (g_context.waiting_rpc_count > kMaxWaitingCalls) return false;
@@ -43,7 +43,7 @@ void refuse_request(RpcResult* result) {
   LOG(3, "Too many RPC calls are pending.");
 }
 
-// Wakes sync_thread. False, and `*result` says why, when that fails.
+// Wakes sync_thread. On failure returns false, with the reason in `*result`.
 bool announce_request(RpcResult* result) {
   if (eventfd_write(g_context.rpc_fd, 1) == 0) return true;
   storage_cfg_set_result(result, RESULT_LOCAL_FAILED, "Write to eventfd failed: %s",
@@ -52,8 +52,8 @@ bool announce_request(RpcResult* result) {
   return false;
 }
 
-// Announces the request and waits for the outcome; frees the place. Returns the report of a
-// comparison, or -1.
+// Announces the request, waits for the outcome and lets the next caller proceed. Returns the report
+// of a comparison, or -1.
 int complete_request(RpcResult* result) {
   const bool announced = announce_request(result);
   HOLD_MUTEX(g_context.rpc_mutex);
@@ -95,7 +95,7 @@ int on_rpc_compare(RpcResult* result) {
   }
   const int report = complete_request(result);
   if (report < 0 && result->success && result->peer_present == 'Y') {
-    // Another daemon came in the moment in which the peer left.
+    // Another daemon joined at the moment when the peer left.
     storage_cfg_set_result(result, RESULT_LOCAL_FAILED, "The peer left during the comparison");
   }
   return report;

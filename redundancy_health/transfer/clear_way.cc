@@ -19,8 +19,8 @@ mode_t type_of(int dir_fd, const char* name) {
   return fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
-// Opens a directory on the way to a file. When nothing, or a regular file, stands there it is made,
-// and on the disk. Returns a descriptor, or -1 with errno.
+// Opens a directory above a file. If it is missing or a regular file, creates it and syncs its
+// name. Returns a descriptor, or -1 with errno.
 int enter_directory(int dir_fd, const char* name) {
   const int fd = open_directory(dir_fd, name);
   if (fd >= 0 || (errno != ENOENT && errno != ENOTDIR)) return fd;
@@ -35,7 +35,7 @@ int enter_directory(int dir_fd, const char* name) {
 
 int remove_tree(int dir_fd, const char* name);
 
-// Removes what a directory holds. Returns 0 or an error number.
+// Removes the contents of a directory. Returns 0 or an error number.
 int empty_directory(DIR* dir) {
   errno = 0;
   while (const struct dirent* entry = readdir(dir)) {
@@ -47,7 +47,8 @@ int empty_directory(DIR* dir) {
   return errno;
 }
 
-// Removes a file, or a directory with all in it, following no links. Returns 0 or an error number.
+// Removes a file, or a directory with its contents, without following symlinks. Returns 0 or an
+// error number.
 int remove_tree(int dir_fd, const char* name) {
   if (unlinkat(dir_fd, name, 0) == 0) return 0;
   if (errno != EISDIR) return errno;

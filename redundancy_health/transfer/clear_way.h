@@ -5,19 +5,19 @@
 
 #include "redundancy_health/catalog/pinned_path.h"
 
-// Makes room for a received file. The sender decides what its tree holds, and updates arrive before
-// deletions: a regular file that stands where the sender has a directory goes, and so does what
-// stands where the sender has a file. Each returns 0 or the error of what failed.
+// Makes way for a received file. The sender decides what its tree contains, and updates arrive
+// before deletions. So this removes a regular file where the sender has a directory, and anything
+// else where the sender has a file. Each function returns 0 or an error number.
 
-// Pins a path that begins with the root `root_index` and has no ".." behind it. Missing directories
-// above it are made. ELOOP when a symbolic link stands there: nothing is written through it.
+// Pins a path that begins with the root `root_index` and has no "..". Creates missing directories
+// above it. ELOOP if one of them is a symlink: nothing is written through it.
 int clear_way(uint32_t root_index, const char* path, PinnedPath* file);
 
-// Removes what is no regular file: a directory with all in it, a link, a FIFO, a socket, a device.
-// Only the first needs it when the file is replaced as a whole.
+// Removes a target that is not a regular file: a directory with its contents, a symlink, a FIFO, a
+// socket, a device. If the file is replaced as a whole, only a directory must be removed.
 int clear_target(const PinnedPath& file);
 
-// Makes the missing directories above a path, mode 0755, and pins it.
+// Creates the missing directories above a path, mode 0755, and pins it.
 int ensure_parent_directory(uint32_t root_index, const char* path, PinnedPath* file);
 
 #endif  // TRANSFER_CLEAR_WAY_H_

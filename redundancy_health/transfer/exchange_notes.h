@@ -3,19 +3,19 @@
 
 #include "redundancy_health/frame/sync_context.h"
 
-// What an operator is told of an exchange, the peer's or an own one, once it is over: ten thousand
-// files may go in it without a failure. On sync_thread.
+// Notes for the operator, logged at the end of an exchange, because an exchange may delete
+// thousands of files without a failure. On sync_thread.
 
-// A file was deleted here because the EM that owns its tree no longer has it.
+// Notes that a file was deleted here because the EM that owns its tree no longer has it.
 void note_deletion(SyncContext* ctx, const char* path);
 
-// The peer changes the file `path` of a shared tree. It does so as the active EM: a local change to
-// a shared tree that still waits has lost its rights, even if they come back. When this EM is
-// the active one, too, the first such change of an exchange is logged, and both_active is set.
+// Notes that the peer changes the file `path` of a shared tree, which it does as the active EM. A
+// waiting local change to a shared tree loses its rights, even if the role comes back. If this EM
+// is active, too, logs the first such change of an exchange and sets both_active.
 void note_shared_change(SyncContext* ctx, const char* path);
 
-// The exchange is over: tells what was deleted, in one line, and forgets what was noted. Without a
-// change to a shared tree both_active is cleared.
+// At the end of an exchange: logs the deletions in one line and clears the notes. Clears
+// both_active if no shared tree was changed.
 void close_notes(SyncContext* ctx);
 
 #endif  // TRANSFER_EXCHANGE_NOTES_H_

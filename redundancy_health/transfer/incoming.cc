@@ -30,7 +30,7 @@ namespace {
 
 constexpr int kStorageKind = 7;
 
-// A received update, taken apart. The pointers point into the payload.
+// A parsed update. The pointers point into the payload.
 struct Update {
   UpdateHeader header;
   const char* relative_path;
@@ -39,8 +39,8 @@ struct Update {
   uint32_t local_root_index;
 };
 
-// Files that the platform wants to hear of when they were replaced. The id is the position and the
-// number that use_replicated_data takes.
+// Files whose replacement is reported to the platform. The id is the index and the argument of
+// use_replicated_data.
 struct KnownFile {
   uint32_t id;
   uint32_t kind;
@@ -56,7 +56,7 @@ constexpr KnownFile known_file_table[] = {
 };
 constexpr size_t kKnownFiles = sizeof(known_file_table) / sizeof(known_file_table[0]) - 1;
 
-// Takes a payload apart. False when it is malformed.
+// Parses a payload. Returns false if it is malformed.
 bool parse_update(const uint8_t* payload, uint32_t payload_size, Update* update) {
   if (payload_size <= sizeof(UpdateHeader)) return false;
   memcpy(&update->header, payload, sizeof(UpdateHeader));
@@ -75,9 +75,9 @@ bool parse_update(const uint8_t* payload, uint32_t payload_size, Update* update)
   return true;
 }
 
-// Tells the platform that a file it may care about was replaced as a whole.
+// Reports the replacement of a known file to the platform.
 void process_updated_file(const FileEntry* local) {
-  if (local->root_index == kThisEmRoot) return;  // its own file, written back by the peer
+  if (local->root_index == kThisEmRoot) return;  // its own file, written by the peer
   LOG_PLATFORM_ONLY(6, "%s", local->relative_path);
   for (size_t i = 0; i < kKnownFiles; ++i) {
     if (strcmp(known_file_table[i].name, local->relative_path) != 0) continue;
@@ -95,8 +95,8 @@ int open_replacement(const PinnedPath& file, bool restricted, StorageHandle** ha
   return storage_open_at(kStorageKind, file.dir_fd(), file.name, flags, handle);
 }
 
-// Puts the replacement into place; `*replaced` even if its name may not outlive a loss of power.
-// Returns 0 or an error number.
+// Renames the replacement into place. Sets `*replaced` even if its name may not survive a power
+// failure. Returns 0 or an error number.
 int close_replacement(const PinnedPath& file, StorageHandle* handle, bool* replaced) {
   const int rc = storage_close(handle);
   *replaced = rc == 0 || rc == kStorageReplaced;
@@ -125,15 +125,15 @@ int replace_file(const FileEntry* local, const Update& update, const PinnedPath&
   return error;
 }
 
-// Whether the received bytes belong into a file of its own: whoever holds the old one open, or has
-// another name for it, is to read and change nothing of what follows. Nor may a byte of a secret be
-// in a file that is made public.
+// Whether received bytes need a new inode. A user who has the old file open or has another link to
+// it must not read or change the new content. No byte of a secret may be in a file that becomes
+// public.
 bool needs_new_inode(const struct stat& status, bool restricted) {
   return status.st_uid != geteuid() || status.st_nlink > 1 ||
          mode_is_restricted(status.st_mode) != restricted;
 }
 
-// Copies what is left of an open file. Returns 0 or an error number.
+// Copies the rest of an open file. Returns 0 or an error number.
 int copy_bytes(int fd, StorageHandle* handle) {
   char bytes[kChunkSize];
   for (;;) {
@@ -143,8 +143,8 @@ int copy_bytes(int fd, StorageHandle* handle) {
   }
 }
 
-// Puts a new file into the place of the open one. With another class of mode every chunk is on its
-// way; else only what differs is, and the rest is copied. Returns 0 or an error number.
+// Replaces the open file by a new one. If the mode class changes, all chunks will be sent;
+// otherwise only the differing ones, so the rest is copied. Returns 0 or an error number.
 int renew_inode(const PinnedPath& file, int old_fd, bool restricted, bool copied) {
   StorageHandle* handle = nullptr;
   if (open_replacement(file, restricted, &handle) != 0) return errno;
@@ -157,8 +157,8 @@ int renew_inode(const PinnedPath& file, int old_fd, bool restricted, bool copied
   return close_replacement(file, handle, &replaced);
 }
 
-// Opens the file that a chunk goes to, a new one where there is none or its own cannot stay;
-// `*created` says whether its name is new. Returns 0 or an error number.
+// Opens the file for a chunk. Creates it if it is missing or needs a new inode. `*created` tells
+// whether the name is new. Returns 0 or an error number.
 int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool* created) {
   constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   *created = false;
@@ -168,7 +168,7 @@ int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool
     struct stat status;
     if (fstat(fd->get(), &status) != 0) return errno;
     if (!needs_new_inode(status, restricted)) return 0;
-    if (renewed) return EBUSY;  // another process has put a file of its own there since
+    if (renewed) return EBUSY;  // meanwhile another process has put its own file there
     const bool copied = mode_is_restricted(status.st_mode) == restricted;
     const int error = renew_inode(file, fd->get(), restricted, copied);
     if (error != 0) return error;
@@ -177,11 +177,12 @@ int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool
   const mode_t mode = restricted ? 0600 : 0644;
   fd->reset(openat(file.dir_fd(), file.name, flags | O_CREAT | O_EXCL, mode));
   *created = fd->is_open();
-  // A default ACL of the directory has its say in the mode of a new file.
+  // A default ACL of the directory may change the mode of a new file.
   return *created && fchmod(fd->get(), mode) == 0 ? 0 : errno;
 }
 
-// Gives an open file its length and the received bytes, on the disk. Returns 0 or an error number.
+// Sets the length of an open file, writes the received bytes and syncs them. Returns 0 or an error
+// number.
 int fill_file(int fd, const FileEntry* local, const Update& update) {
   if (ftruncate(fd, update.header.file_size) != 0 ||
       lseek(fd, update.header.begin_offs, SEEK_SET) < 0) {
@@ -190,8 +191,8 @@ int fill_file(int fd, const FileEntry* local, const Update& update) {
   const int error = write_fully(fd, update.data, update.data_size);
   if (error != 0) return error;
   beat(kSyncing);
-  // Not fdatasync: with an old modification time, old digests would pass for those of the new
-  // bytes.
+  // Not fdatasync: after a power failure with the old modification time, old digests would match
+  // the new bytes.
   if (fsync(fd) != 0) {
     const int sync_error = errno;
     note_unsynced_file(local->path);
@@ -213,12 +214,12 @@ int write_chunk(const FileEntry* local, const Update& update, const PinnedPath& 
     CHECK_CLOSE(r);
     if (r < 0 && error == 0) error = errno;
   }
-  // Also after a failure: the next chunk does not find its name new.
+  // Even after a failure, because for the next chunk the name is not new.
   if (created && sync_received_name(file.dir_fd()) != 0 && error == 0) error = errno;
   return error;
 }
 
-// Replaces what stands at the path. Returns 0 or an error number.
+// Replaces whatever is at the path. Returns 0 or an error number.
 int write_whole_file(const FileEntry* local, const Update& update, const PinnedPath& file) {
   remove_digest_file(file, local->path);
   int error = replace_file(local, update, file);
@@ -235,7 +236,7 @@ int write_update(const FileEntry* local, const Update& update, bool atomic) {
   if (atomic) return write_whole_file(local, update, file);
   error = clear_target(file);
   if (error != 0) return error;
-  // After a loss of power the old digests must not vouch for a file that is half new.
+  // After a power failure the old digests must not match a half-written file.
   if (remove_digest_file(file, local->path) && sync_received_name(file.dir_fd()) != 0) return errno;
   return write_chunk(local, update, file);
 }
@@ -278,8 +279,8 @@ void delete_file(SyncContext* ctx, const FileEntry* local, RpcResult* result) {
   }
 }
 
-// Tells the peer what came of its change. A standby does not repeat one that failed here; the
-// active EM comes back to it by itself.
+// Answers a change with its result. If it failed, the active EM schedules a resync; a standby EM
+// does not retry.
 void answer_change(SyncContext* ctx, FileEntry* remote, uint32_t update_type,
                    const char* local_path, const RpcResult& result) {
   remote->update_type = update_type;
@@ -287,7 +288,7 @@ void answer_change(SyncContext* ctx, FileEntry* remote, uint32_t update_type,
   if (!result.success && this_em_is_active()) arm_resync(ctx);
 }
 
-// Carries an update out and answers a request. `local` names the file in this EM's numbering,
+// Applies an update and answers a request. `local` names the file in this EM's root numbering,
 // `remote` in the sender's.
 void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, FileEntry* remote) {
   RpcResult result;
@@ -312,7 +313,7 @@ void apply_update(SyncContext* ctx, const Update& update, FileEntry* local, File
       break;
     case PULL_ACK:
       update_file(local, update, &result);
-      if (!result.success) {  // no answer carries it
+      if (!result.success) {  // there is no answer to carry the failure
         ctx->cpg_result = result;
         LOG(3, "%s", result.reason);
       }

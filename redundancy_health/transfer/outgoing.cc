@@ -27,7 +27,7 @@ bool is_answer(uint32_t update_type) {
   return update_type == PULL_ACK || update_type == PUSH_ACK || update_type == PUSH_DEL_ACK;
 }
 
-// Opens the file of an outgoing chunk; negative with errno when it cannot, or is not to be, read.
+// Opens the file of an outgoing chunk. Negative with errno if that fails or a fault is injected.
 int open_for_reading(const FileEntry* entry, const char* local_path) {
   if (have_error_injection(g_diag_params.fail_read_path, local_path)) return -1;
   PinnedPath file;
@@ -51,7 +51,7 @@ bool read_exactly(int f, uint32_t offset, char* data, size_t size) {
   return true;
 }
 
-// The status of a file that the formats can carry.
+// Reads the status of a file; fails if the wire format cannot carry it.
 bool take_status(int f, struct stat* status) {
   if (fstat(f, status) != 0) return false;
   if (!S_ISREG(status->st_mode)) {
@@ -63,8 +63,8 @@ bool take_status(int f, struct stat* status) {
   return false;
 }
 
-// Reads the chunk of `entry` into `data` and completes the header from the file as it is now.
-// False with errno, and data_ok 0, when any step fails.
+// Reads the chunk of `entry` into `data` and fills in the header from the current state of the
+// file. On failure returns false with errno and data_ok 0.
 bool read_chunk(const FileEntry* entry, const char* local_path, UpdateHeader* header, char* data,
                 size_t size) {
   const int f = open_for_reading(entry, local_path);
@@ -76,7 +76,7 @@ bool read_chunk(const FileEntry* entry, const char* local_path, UpdateHeader* he
     header->data_ok = 1;
   }
   const int error = errno;
-  CHECK_CLOSE_AS("fclose(f)", close(f));  // log text: stays as it is
+  CHECK_CLOSE_AS("fclose(f)", close(f));  // log text: keep it unchanged
   errno = error;
   return header->data_ok != 0;
 }
@@ -104,7 +104,7 @@ void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* l
   // `cluster_sync_ctl explain` reads this format.
   LOG(7, "Send %s %s", update_type_name(entry->update_type), entry->relative_path);
 
-  if (entry->update_type >= PUSH_NOP) CHECK_TRUE(false);  // the queue holds no such entry
+  if (entry->update_type >= PUSH_NOP) CHECK_TRUE(false);  // the queue never contains such an entry
   const size_t read_size =
       carries_data(entry->update_type) ? entry->end_offs - entry->begin_offs : 0;
   CHECK_TRUE(read_size <= sizeof(ctx->data_chunk_buf));
@@ -122,7 +122,7 @@ void send_update_message(SyncContext* ctx, const FileEntry* entry, const char* l
     header.data_ok = 1;
   } else if (!read_chunk(entry, local_path, &header, p, read_size)) {
     const int error = errno;
-    memset(p, 0, read_size);  // nothing of this process's memory travels
+    memset(p, 0, read_size);  // do not send uninitialised memory
     storage_cfg_set_result(&msg_result, RESULT_READ_FAILED, "Could not read file (%s): %s",
                            strerror(error), local_path);
     LOG(3, "%s", msg_result.reason);

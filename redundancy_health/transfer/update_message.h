@@ -5,14 +5,14 @@
 #include <stdint.h>
 
 // Payload of MSG_UPDATE_REQ and MSG_UPDATE_ACK: this header, the relative path with its NUL, and
-// for PULL_ACK and PUSH_REQ the chunk. Wire format, little-endian on both ends.
+// for PULL_ACK and PUSH_REQ the chunk. Wire format, little-endian.
 struct UpdateHeader {
   uint32_t update_type;  // UpdateType
   uint8_t marker;        // always 1, not interpreted
-  uint8_t data_ok;       // 0: the sender could not read the file, the data means nothing
+  uint8_t data_ok;       // 0: the sender could not read the file; ignore the data
   uint8_t padding1[2];
   uint32_t root_index;  // in the sender's numbering
-  uint8_t restricted;   // a file that the receiver creates gets mode 0600 instead of 0644
+  uint8_t restricted;   // the copy has mode 0600 instead of 0644
   uint8_t padding2[3];
   uint32_t reserved;
   uint32_t file_size;   // bytes of the whole file

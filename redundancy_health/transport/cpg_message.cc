@@ -59,7 +59,7 @@ void send_cpg_command(SyncContext* ctx, uint32_t command, uint32_t flags, const 
 
   const cs_error_t rc = send_cpg_message(ctx, &header, payload, payload_size);
   if (rc == CS_OK) return;
-  // The first error of an exchange is the one that tells.
+  // Keep the first error of an exchange, which is the cause.
   if (!ctx->cpg_result.canceled) {
     storage_cfg_set_result(&ctx->cpg_result, RESULT_EXCHANGE_FAILED,
                            "Call to cpg_mcast_joined failed with code %d", rc);
@@ -77,7 +77,7 @@ void check_header_ids(SyncContext* ctx, uint32_t exchange_id, const uint32_t* se
                        exchange_id);
   }
   if ((check_flags & FLAG_CHECK_SEQUENCE) != 0 && *sequence_id != ctx->cur_sequence_id) {
-    // Log text: stays as it is.
+    // Log text: keep it unchanged.
     end_exchange_error(ctx, "Mismatched sequence_id ID in message: expected %u, got %u",
                        ctx->cur_sequence_id, *sequence_id);
   }

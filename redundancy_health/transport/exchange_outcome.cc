@@ -17,8 +17,8 @@
 namespace {
 
 constexpr int32_t kFirstResyncDelay = 5;  // passes of the sync loop
-constexpr int32_t kFirstPause = 20;       // ms, and a random part of up to the same length
-constexpr int32_t kLongestPause = 1000;   // ms, the same
+constexpr int32_t kFirstPause = 20;       // ms, plus a random part of up to the same length
+constexpr int32_t kLongestPause = 1000;   // ms, plus the same
 
 void send_fault_event(uint32_t status) {
   ReplicationFaultEvent event;
@@ -32,8 +32,8 @@ void send_fault_event(uint32_t status) {
   }
 }
 
-// Counts failures on the active EM and reports a lasting one: a single failed exchange is not yet
-// a fault.
+// Counts failures on the active EM and sends the state of the fault. A single failed exchange is
+// not a fault yet.
 void account_for_faults(SyncContext* ctx, uint32_t flags) {
   if (!this_em_is_active()) {
     ctx->consecutive_errors = 0;
@@ -44,7 +44,7 @@ void account_for_faults(SyncContext* ctx, uint32_t flags) {
       (flags & kCodeUncounted) == kCodeUncounted) {
     return;
   }
-  // A comparison that works does not show that changes do.
+  // A successful comparison does not prove that changes work.
   if (ctx->cur_exchange_compares) return;
   uint32_t status = kReplicationHealthy;
   if (ctx->cpg_result.success) {
@@ -59,7 +59,7 @@ void account_for_faults(SyncContext* ctx, uint32_t flags) {
   send_fault_event(status);
 }
 
-// Begins the pause after a failed exchange. Its random part keeps the two EMs from meeting again.
+// Starts the pause after a failed exchange. The random part keeps the two EMs from colliding again.
 void begin_pause(SyncContext* ctx) {
   ctx->exchange_pause =
       ctx->exchange_pause == 0 ? kFirstPause : std::min(ctx->exchange_pause * 2, kLongestPause);
@@ -69,13 +69,14 @@ void begin_pause(SyncContext* ctx) {
   ctx->no_exchange_before = get_uptime_ms() + length + random % length;
 }
 
-// Moves rpc_stage on and wakes whoever waits for it.
+// Advances rpc_stage and wakes the waiting threads.
 void hand_back_to_rpc(SyncContext* ctx) {
   HOLD_MUTEX(ctx->rpc_mutex);
   switch (ctx->rpc_stage) {
     case RPC_REQUESTING:
-      // Its own exchange would have made it pending: it is not even applied. Another one's success
-      // is no answer to it, and once announced it is served next; else it hears of the failure.
+      // This request has not been applied: its own exchange would have made it pending. The success
+      // of another exchange is no answer to it. If it is deferred, it is served next. Otherwise it
+      // gets this failure.
       if (ctx->rpc_deferred || ctx->cpg_result.success) break;
       ctx->rpc_result = ctx->cpg_result;
       ctx->rpc_result.local_ok = 0;
@@ -94,7 +95,7 @@ void hand_back_to_rpc(SyncContext* ctx) {
   CHECK_ZERO(pthread_cond_broadcast(&ctx->rpc_cond));
 }
 
-// For whoever asks for the state: what came of this EM's exchange with the peer.
+// Reports the outcome of this EM's exchange with the peer, for state queries.
 void report_outcome(const SyncContext& ctx, uint32_t flags) {
   if ((flags & kCodeNoExchange) != 0) return;
   const bool synchronised = ctx.cur_state == ST_LISTREQ || ctx.cur_state == ST_UPDATE;

@@ -25,7 +25,7 @@ constexpr char kGroupName[] = "em-sync";
 constexpr int kPollTimeout = 1000;     // ms
 constexpr int32_t kShortTimeout = 10;  // s without progress: the exchange ends
 constexpr int32_t kLongTimeout = 45;   // s without progress: the process ends
-constexpr int32_t kResyncDelay = 100;  // passes from one resync to the next
+constexpr int32_t kResyncDelay = 100;  // passes between resyncs
 constexpr int kMaxJoinCalls = 100;
 constexpr useconds_t kJoinDelay = 10000;  // 10 ms
 
@@ -49,7 +49,7 @@ cs_error_t join_group(SyncContext* ctx) {
   return rc;
 }
 
-// Connects, joins and returns the descriptor to poll.
+// Connects and joins. Returns the descriptor to poll.
 int connect_to_cpg(SyncContext* ctx) {
   ctx->cpg_initialized = 0;
   cpg_model_v1_data_t model;
@@ -79,7 +79,7 @@ void dispatch_cpg(SyncContext* ctx, short revents) {
     const cs_error_t rc = cpg_dispatch(ctx->cpg_handle, CS_DISPATCH_ALL);
     if (rc != CS_OK) FATAL("cpg_dispatch failed: %d", rc);
   } else if ((revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-    // The CPG service has gone away; polling on would spin. The service manager restarts us.
+    // Corosync has gone away, and polling on would spin. The service manager restarts the daemon.
     FATAL("CPG connection lost: revents=0x%x", static_cast<unsigned>(revents));
   }
 }
@@ -96,7 +96,7 @@ void take_rpc_wakeup(SyncContext* ctx) {
   }
 }
 
-// A request that came in the pause after a failed exchange.
+// A request that came during the pause after a failed exchange.
 bool request_is_put_off(const SyncContext* ctx) {
   return ctx->rpc_deferred && ctx->cur_state == ST_UNLOCKED;
 }
@@ -114,15 +114,14 @@ void watch_timeouts(SyncContext* ctx) {
     FATAL("Detected long sync state timeout.");
   } else if (elapsed > kShortTimeout) {
     LOG(3, "Detected short sync state timeout");
-    // Its release was lost: a request that waits for it would never be served.
+    // The own release was lost. Without this, a deferred request would wait for it forever.
     if (ctx->cur_state == ST_DONE) ctx->rpc_deferred = 0;
     end_exchange_error(ctx, "Operation timed out");
     sleep(1);
   }
 }
 
-// Takes the stage for an exchange of the daemon's own. False when a request has it, or a failure
-// asks for a pause.
+// Claims rpc_stage for an exchange of the daemon itself. False if a request has it or a pause runs.
 bool begin_resync(SyncContext* ctx) {
   HOLD_MUTEX(ctx->rpc_mutex);
   if (ctx->rpc_stage != RPC_IDLE || pause_before_exchange(ctx) != 0) return false;
@@ -143,7 +142,7 @@ void count_down_to_resync(SyncContext* ctx) {
   on_sync_state_change(ctx, ON_SYNC_REQ, ctx->cpg_local_nodeid, nullptr, nullptr, 0);
 }
 
-// The end of a pause is not slept through.
+// Wakes up when a pause ends.
 int poll_timeout(const SyncContext* ctx) {
   const int pause = pause_before_exchange(ctx);
   return pause > 0 ? std::min(pause, kPollTimeout) : kPollTimeout;
@@ -180,7 +179,8 @@ bool is_this_process(uint32_t local_nodeid, uint32_t nodeid, uint32_t pid) {
 void* sync_thread_fn(void* context) {
   auto* ctx = static_cast<SyncContext*>(context);
   const int cpg_fd = connect_to_cpg(ctx);
-  // A request may be there before the first idle pass: it is not to be measured from boot.
+  // A request may arrive before the first idle pass. Without this, its timeout would count from
+  // boot.
   ctx->state_time = get_uptime();
   run_loop(ctx, cpg_fd);
   if (ctx->cpg_initialized) {
@@ -197,15 +197,15 @@ void on_cpg_message(cpg_handle_t handle, const struct cpg_name*, uint32_t nodeid
                     void* message, size_t message_size) {
   SyncContext* ctx = context_of(handle);
   uint32_t sender = nodeid;
-  // A second daemon on this node is the peer: it gets a node id that is not ours.
+  // A second daemon on this node is the peer. Give it a node id that differs from ours.
   if (nodeid == ctx->cpg_local_nodeid && !is_this_process(ctx->cpg_local_nodeid, nodeid, pid)) {
     sender = nodeid == 1 ? 2 : 1;
   }
   CpgHeader header;
   if (message_size >= sizeof(header)) {
     memcpy(&header, message, sizeof(header));
-    // Only messages of the protocol reach the state machine; a local event's number from outside
-    // would pass for a membership change or abort.
+    // Only wire messages may reach the state machine: the number of a local event would be taken
+    // for a membership change, or abort.
     if (header.magic == kCpgMagic && header.command <= MSG_UPDATE_ACK) {
       on_sync_state_change(ctx, header.command, sender, &header,
                            static_cast<const uint8_t*>(message) + sizeof(header),

@@ -1,13 +1,13 @@
-"""Asks cluster_sync_daemon to change files that are replicated between two enclosure managers.
+"""Changes files that are replicated between two enclosure managers, through cluster_sync_daemon.
 
     import cluster_sync
     result = cluster_sync.put(b"text", "/mnt/part.persistent/replicated_by_this_em/cfg")
 
-What may be given and what happens is in cluster_sync(3). Times are seconds; None and infinity set no
-limit. Failures are OSErrors, which name the file: ConnectionRefusedError without a daemon,
-ConnectionResetError when it hangs up, TimeoutError when nothing has been changed in time, InProgress
-when the daemon has the change by then, and Refused with the daemon's own answer. reason() says for
-each of them what a program can do.
+cluster_sync(3) explains the arguments and the behaviour. Times are seconds; None and infinity set no limit.
+Failures are OSErrors with the name of the file: ConnectionRefusedError without a daemon, ConnectionResetError
+if the daemon closes the connection, TimeoutError if nothing has been changed in time, InProgress if the
+daemon has the change by then, and Refused with the daemon's answer. reason() tells what a program can do
+about each of them.
 """
 
 import ctypes
@@ -28,17 +28,17 @@ TIMEOUT = 60.0
 Path = str | bytes | os.PathLike[str] | os.PathLike[bytes]
 
 _CHUNK = 65536
-_SLICE_MS = 200  # longest call of the library, during which Python sees no signal
+_SLICE_MS = 200  # longest wait in the library, during which Python handles no signal
 
 
 class Readable(Protocol):
-    """Anything with a read() that gives bytes, and none at its end."""
+    """An object whose read() returns bytes, and empty bytes at the end."""
 
     def read(self, size: int, /) -> bytes | None: ...
 
 
 class Result(NamedTuple):
-    """What became of a request."""
+    """The result of a request."""
 
     success: bool
     local_ok: bool
@@ -50,7 +50,7 @@ class Result(NamedTuple):
 
 
 class Tree(NamedTuple):
-    """How many files of one tree are where."""
+    """Counts of the files of one tree."""
 
     here: int
     there: int
@@ -68,14 +68,14 @@ class Difference(NamedTuple):
 
 
 class Comparison(NamedTuple):
-    """The trees by their names: "active", "volatile", "own" (this EM's) and "copy" (the other's)."""
+    """The trees by name: "active", "volatile", "own" (this EM's) and "copy" (the other EM's)."""
 
     trees: dict[str, Tree]
     differences: list[Difference]
 
 
 class Reason(enum.IntEnum):
-    """Why something failed; what heals it is in cluster_sync(3)."""
+    """The reason of a failure; cluster_sync(3) says what to do about each."""
 
     NO_REASON = 0
     NOT_ACTIVE = 1
@@ -92,11 +92,11 @@ class Reason(enum.IntEnum):
 
     @classmethod
     def _missing_(cls, value: object) -> "Reason":
-        return cls.OTHER  # of a later library
+        return cls.OTHER  # from a later library
 
 
 class Refused(OSError):
-    """The daemon refuses the request or reports a failure; `result` is None for a diag."""
+    """The daemon refused the request or reports a failure; `result` is None for a diag."""
 
     def __init__(self, result: Result | None, filename: Path | None = None,
                  why: Reason = Reason.OTHER):
@@ -107,7 +107,7 @@ class Refused(OSError):
 
 
 class InProgress(TimeoutError):
-    """The time is up; the daemon has the change, and its exchange goes on."""
+    """The time limit expired; the daemon has the change, and its exchange continues."""
 
 
 class _Record(ctypes.Structure):
@@ -180,7 +180,7 @@ def _text(text: Path | None) -> bytes | None:
 
 
 class _Deadline:
-    """A time limit as the moment when it is over."""
+    """The end of a time limit."""
 
     def __init__(self, timeout: float | None):
         if timeout is not None and math.isnan(timeout):
@@ -188,23 +188,23 @@ class _Deadline:
         self._end = math.inf if timeout is None else time.monotonic() + timeout
 
     def left_ms(self) -> int:
-        """What is left, -1 without a limit; as poll(2) takes it."""
+        """The remaining time in milliseconds as for poll(2), -1 without a limit."""
         if self._end == math.inf:
             return -1
         left = math.ceil((self._end - time.monotonic()) * 1000)
         return max(0, min(left, 2**31 - 1))
 
     def slice_ms(self) -> int:
-        """The next short part of what is left."""
+        """The remaining time, at most _SLICE_MS."""
         left = self.left_ms()
         return _SLICE_MS if left < 0 else min(left, _SLICE_MS)
 
     def exclude_since(self, start: float) -> None:
-        """Leaves out the time since then, which was not spent waiting."""
+        """Does not count the time since `start`."""
         self._end += time.monotonic() - start
 
     def wait(self, descriptor: int) -> bool:
-        """Waits for the descriptor to become readable."""
+        """Waits until the descriptor is readable; False if the time limit expires."""
         poll = select.poll()
         poll.register(descriptor, select.POLLIN)
         left = self.left_ms()
@@ -221,16 +221,16 @@ def _check(error: int, filename: Path | None = None, record: _Record | None = No
 
 
 def reason(error: OSError) -> Reason:
-    """Why a function of this module failed."""
+    """The reason for an error of this module."""
     if isinstance(error, Refused):
         return error.why
     return Reason(_library.cluster_sync_reason(error.errno, None))
 
 
 class Connection:
-    """Any number of requests, one after the other, for a caller that does something else meanwhile:
-    fileno() becomes readable when the answer is there. A request is refused with EBUSY as long as the
-    answer to the one before was not received."""
+    """A connection for any number of requests, one after the other, for a caller that must not block: fileno()
+    becomes readable when the answer has arrived. A request is refused with EBUSY until the previous answer is
+    received."""
 
     def __init__(self, socket: Path | None = None, timeout: float | None = TIMEOUT):
         self.timeout = timeout
@@ -263,7 +263,7 @@ class Connection:
         return int(_library.cluster_sync_fd(self._open_handle()))
 
     def close(self) -> None:
-        """Also withdraws a put that was not answered."""
+        """Closes the connection and withdraws a put that was not answered."""
         handle, self._handle = getattr(self, "_handle", None), ctypes.c_void_p()
         if handle:
             _library.cluster_sync_close(handle)
@@ -274,7 +274,7 @@ class Connection:
         self._filename = filename
 
     def send_update(self, source: Path | None = None, destination: Path | None = None) -> None:
-        """Without `source` a deletion, without both an exchange."""
+        """Without `source` it asks for a deletion, without both for an exchange."""
         self._call("send_update", _text(source), _text(destination),
                    _Deadline(self.timeout).left_ms(), filename=destination)
 
@@ -282,7 +282,7 @@ class Connection:
         self._call("send_diag", _text(command), _Deadline(self.timeout).left_ms())
 
     def put_begin(self, destination: Path, mode: int = 0o644) -> None:
-        """Checks the destination. What follows with put_write() is published by put_send()."""
+        """Checks the destination. put_write() appends data, put_send() publishes it."""
         self._call("put_begin", _text(destination), ctypes.c_uint(mode), filename=destination)
 
     def put_write(self, data: bytes) -> None:
@@ -292,25 +292,25 @@ class Connection:
         self._call("put_send", _Deadline(self.timeout).left_ms(), filename=self._filename)
 
     def withdraw(self) -> None:
-        """Gives up the request, or a put that was begun. Raises TimeoutError when nothing has been
-        changed, InProgress when the daemon has it."""
+        """Gives up the request, or a put that was begun. Raises TimeoutError if nothing has been changed,
+        InProgress if the daemon has the request."""
         self._call("withdraw", filename=self._filename)
 
     def receive(self) -> Result:
-        """The answer to an update or a put. BlockingIOError when it is not there in time."""
+        """Returns the answer to an update or a put. BlockingIOError if it has not arrived in time."""
         record = _Record()
         self._receive(record)
         return record.result()
 
     def receive_diag(self) -> None:
-        """The answer to a diagnostic command."""
+        """Takes the answer to a diagnostic command."""
         self._receive(None)
 
     def send_compare(self) -> None:
         self._call("send_compare", _Deadline(self.timeout).left_ms())
 
     def receive_compare(self) -> Comparison:
-        """The answer to a comparison."""
+        """Returns the answer to a comparison."""
         _Deadline(self.timeout).wait(self.fileno())
         trees, record = (_TreeRecord * 4)(), _Record()
         found = Comparison({}, [])
@@ -380,7 +380,7 @@ def _read_descriptor(descriptor: int, deadline: _Deadline) -> Iterator[bytes]:
 def _read_object(content: Readable, deadline: _Deadline) -> Iterator[bytes]:
     while True:
         chunk = content.read(_CHUNK)
-        if chunk is None:  # a raw file that does not block
+        if chunk is None:  # a non-blocking raw file without data
             deadline.wait(content.fileno())  # type: ignore[attr-defined]
         elif not isinstance(chunk, (bytes, bytearray, memoryview)):
             raise TypeError(f"read() must give bytes, not {type(chunk).__name__}")
@@ -405,8 +405,8 @@ def _chunks(content: bytes | bytearray | memoryview | int | Readable,
 
 def put(content: bytes | bytearray | memoryview | int | Readable, destination: Path,
         mode: int = 0o644, *, timeout: float | None = TIMEOUT, socket: Path | None = None) -> Result:
-    """Publishes bytes, or what can be read to its end from a descriptor or from an object whose
-    read() gives bytes, as a file does that was opened with mode "rb"."""
+    """Publishes bytes, or all bytes read from a descriptor or from an object whose read() returns bytes, such as
+    a file opened with mode "rb"."""
     deadline = _Deadline(timeout)
     chunks = _chunks(content, deadline)
     with Connection(socket, timeout) as connection:
@@ -432,7 +432,7 @@ def diag(command: str, *, timeout: float | None = TIMEOUT, socket: Path | None =
 
 
 def compare(*, timeout: float | None = TIMEOUT, socket: Path | None = None) -> Comparison:
-    """What differs between the two EMs, by an exchange that changes no replicated file."""
+    """Compares the two EMs in an exchange that changes no replicated file."""
     deadline = _Deadline(timeout)
     with Connection(socket, timeout) as connection:
         connection.send_compare()
@@ -441,8 +441,8 @@ def compare(*, timeout: float | None = TIMEOUT, socket: Path | None = None) -> C
 
 
 def state(*, timeout: float | None = TIMEOUT, socket: Path | None = None) -> dict[str, Any]:
-    """The state of the daemon, as the fields of struct cluster_sync_state: ages in seconds, -1 for
-    never; the members of the group as pairs of node and process id; the counters by name."""
+    """The state of the daemon: the fields of struct cluster_sync_state. Ages are in seconds, -1 for never;
+    members are pairs of node and process id; counters are by name."""
     answer = _State()
     _check(_library.cluster_sync_get_state(_text(socket), _Deadline(timeout).left_ms(),
                                            ctypes.byref(answer), ctypes.sizeof(answer)))
