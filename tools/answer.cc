@@ -7,7 +7,7 @@
 #include "platform/storage.h"
 #include "tools/output.h"
 
-// What the daemon sends is what the library hands out.
+// The library returns the daemon's record unchanged.
 static_assert(sizeof(cluster_sync_result) == sizeof(RpcResult));
 #define SAME_PLACE(field) \
   static_assert(offsetof(cluster_sync_result, field) == offsetof(RpcResult, field))
@@ -21,7 +21,7 @@ SAME_PLACE(reason);
 
 namespace {
 
-// Words for a wish, in the order of the enumeration.
+// Texts for each Wish, in the order of the enumeration.
 struct Phrases {
   const char* both;
   const char* here;
@@ -37,7 +37,7 @@ constexpr Phrases kPhrases[] = {
      "not synchronised: ", "not synchronised: "},
 };
 
-// Where a change stands, for programs.
+// The value of "published" in JSON.
 const char* published(int error, const cluster_sync_result& result) {
   if (error == EINPROGRESS || error == ECONNRESET || error == EPROTO) return "unknown";
   if (error == 0) return result.peer_present == 'Y' ? "both" : "here";

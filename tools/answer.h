@@ -5,11 +5,11 @@
 
 #include "tools/commands.h"
 
-// What a request was to do.
+// The kind of a request.
 enum class Wish { kPublish, kDelete, kSync };
 
-// Shows in one line what became of a request: `error` is the client library's, `path` what was
-// asked for, or empty. Returns the exit status.
+// Prints the result of a request in one line. `error` is the client library's; `path` is the
+// destination, or empty. Returns the exit status.
 int report_answer(const Options& options, Wish wish, int error, const cluster_sync_result& result,
                   const std::string& path);
 

@@ -10,8 +10,8 @@
 
 namespace {
 
-// The lines of the files, which come behind the counts of the trees, are kept in a file meanwhile:
-// there may be hundreds of thousands.
+// The lines of the files are printed after the counts of the trees. Until then they are kept in a
+// file, because there may be hundreds of thousands.
 struct Lines {
   FILE* file;
   bool json;
@@ -60,7 +60,7 @@ void print_text(const cluster_sync_tree (&trees)[CLUSTER_SYNC_TREES], FILE* line
   copy_lines(lines);
 }
 
-// Says why there is no comparison: nobody can tell then whether the trees are equal.
+// Reports that the comparison failed, so it is unknown whether the trees are equal.
 int report_unknown(const Options& options, int error, const cluster_sync_result& result) {
   const std::string text = error == ECANCELED ? result.reason : client_error_text(options, error);
   return report_error(options, "cannot compare: " + text);

@@ -15,7 +15,7 @@ pid_t listener_pid(const cluster_sync_connection* connection) {
 
 DiagnosticAnswer ask_diagnostic(const Options& options, const std::string& command) {
   DiagnosticAnswer answer;
-  const int limit = options.timeout_ms;  // for each step: only the last one waits for the daemon
+  const int limit = options.timeout_ms;  // for each step: only the last step waits for the daemon
   cluster_sync_connection* connection = nullptr;
   answer.error = cluster_sync_open(options.socket.c_str(), limit, &connection);
   if (answer.error != 0) return answer;

@@ -8,10 +8,10 @@
 
 #include "tools/commands.h"
 
-// What became of a diagnostic command.
+// The result of a diagnostic command.
 struct DiagnosticAnswer {
   int error = 0;         // of the client library
-  uint32_t status = 0;   // the daemon's number for a refusal
+  uint32_t status = 0;   // the number with which the daemon refused it
   pid_t daemon_pid = 0;  // the process that listens on the socket, once it has answered
 };
 

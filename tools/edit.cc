@@ -19,7 +19,7 @@
 
 namespace {
 
-// Nobody has read a file in less; an editor that is only told to open it returns sooner.
+// A user needs longer. An editor that only passes the file to a running instance returns sooner.
 constexpr std::chrono::milliseconds kNoTimeToEdit{300};
 constexpr char kEditorHint[] =
     "not changed: the editor returned at once. If it works on in the background, tell it to wait "
@@ -32,7 +32,7 @@ struct Version {
   std::string content;
 };
 
-// Reads the regular file `path`, or notes that there is none. Returns 0 or an error number.
+// Reads the regular file `path`, or records that there is none. Returns 0 or an error number.
 int read_version(const std::string& path, Version* version) {
   const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT ? 0 : errno;
@@ -60,12 +60,12 @@ bool is_same_version(const Version& version, const std::string& path) {
 }
 
 void remove_copy(const std::string& copy) {
-  std::error_code ignored;  // an editor may have left files of its own
+  std::error_code ignored;  // the editor may have left other files
   std::filesystem::remove_all(std::filesystem::path(copy).parent_path(), ignored);
 }
 
-// Makes a file with the name of `destination` in a new directory that nobody else can look into.
-// Returns its path, or nothing with errno.
+// Creates a file with the name of `destination` in a new private directory. Returns its path, or an
+// empty text with errno.
 std::string make_copy(const std::string& destination, const std::string& content) {
   const char* parent = getenv("TMPDIR");
   std::string path = parent != nullptr && *parent == '/' ? parent : "/tmp";
@@ -82,7 +82,7 @@ std::string make_copy(const std::string& destination, const std::string& content
   return "";
 }
 
-// A word for the shell.
+// Quotes a text as one word for the shell.
 std::string quoted(const std::string& text) {
   std::string word = "'";
   for (const char c : text)
@@ -90,7 +90,7 @@ std::string quoted(const std::string& text) {
   return word + "'";
 }
 
-// Runs the user's editor, whose name may have arguments. Returns its status as waitpid(2) does.
+// Runs the user's editor; its name may include arguments. Returns the status as from waitpid(2).
 int run_editor(const std::string& copy) {
   const char* editor = getenv("VISUAL");
   if (editor == nullptr || *editor == '\0') editor = getenv("EDITOR");
@@ -98,7 +98,8 @@ int run_editor(const std::string& copy) {
   return run_in_foreground((editor + (" " + quoted(copy))).c_str());
 }
 
-// Publishes the copy unless that would be wrong. Nothing when there is nothing to publish.
+// Publishes the copy, or reports why not, and returns the exit status. Nothing if the copy is
+// unchanged.
 std::optional<int> publish_copy(const Options& options, const Version& original, bool succeeded,
                                 const std::string& copy, const std::string& destination) {
   Version edited;

@@ -18,13 +18,12 @@
 namespace {
 
 constexpr double kSameExchange =
-    15;                              // seconds between what both logs tell of one exchange, at most
-constexpr size_t kKeptUpdates = 32;  // at either end of a run
-constexpr ptrdiff_t kSearched =
-    256;  // steps of the other log that one of this log is looked for in
-constexpr size_t kLateMessages = 16;  // exchanges back that a late message may belong to
+    15;  // maximum difference in seconds between the times of one exchange in both logs
+constexpr size_t kKeptUpdates = 32;   // at each end of a run
+constexpr ptrdiff_t kSearched = 256;  // steps of the other log to search for a step of this one
+constexpr size_t kLateMessages = 16;  // how many exchanges back a late message may belong to
 
-// Beginnings of the texts of errors. They have no level in the private log.
+// Beginnings of error texts, because the private log has no levels.
 const char* const kErrors[] = {
     "Sync Error: ", "Unable to ",       "Could not ",      "could not ",
     "failed to ",   "call to lstat ",   "maximum dir",     "Invalid digest ",
@@ -36,7 +35,7 @@ constexpr size_t kNoStep = SIZE_MAX;
 
 using Reader = TraceReader;
 
-// The one copy of a name.
+// Interns a name.
 std::string_view intern(const std::string& name) {
   static std::set<std::string, std::less<>> names;
   return *names.insert(name).first;
@@ -46,7 +45,7 @@ bool starts_with(const std::string& text, const char* prefix) {
   return text.rfind(prefix, 0) == 0;
 }
 
-// The text behind a prefix; `text` has it.
+// The text after a prefix, which `text` contains.
 std::string behind(const std::string& text, const char* prefix) {
   return text.substr(std::string(prefix).size());
 }
@@ -64,7 +63,7 @@ TracedExchange* begin(Reader* reader, bool own, uint32_t id, double time) {
   return &reader->found.back();
 }
 
-// The path behind the root of its tree.
+// The path relative to the root of its tree.
 std::string name_in_tree(const std::string& path) {
   const size_t root = path.find("/replicated_by_");
   const size_t name = root == std::string::npos ? root : path.find('/', root + 1);
@@ -99,8 +98,7 @@ void take_cause(Reader* reader, const std::string& text) {
   }
 }
 
-// Bytes of a path. The journal has bytes that are not printed as "\\xNN", whatever stands in the
-// name.
+// Length of a path in bytes. The journal writes unprintable bytes as "\\xNN".
 int64_t path_size(const std::string& path) {
   int64_t size = 0;
   for (size_t i = 0; i < path.size(); ++size) {
@@ -113,7 +111,7 @@ int64_t path_size(const std::string& path) {
   return size;
 }
 
-// "PUSH_REQ name" with the bytes of its file.
+// Counts "PUSH_REQ name" with the bytes of its payload.
 void count_move(TracedExchange* exchange, const std::string& what, int64_t payload) {
   const size_t blank = what.find(' ');
   if (blank == std::string::npos) return;
@@ -147,7 +145,7 @@ void take_send(Reader* reader, const TraceLine& line) {
   exchange->steps.push_back(std::move(step));
 }
 
-// Whether a message belongs to an exchange that is over: it came too late to change anything.
+// Whether a message is for an exchange that has ended and came too late to have an effect.
 bool is_late(const Reader& reader, int requester, uint32_t id) {
   const std::vector<TracedExchange>& found = reader.found;
   const size_t first = found.size() - std::min(found.size(), kLateMessages);
@@ -157,8 +155,8 @@ bool is_late(const Reader& reader, int requester, uint32_t id) {
                      });
 }
 
-// Makes the exchange to which a message belongs the open one. False when it belongs to none: a
-// request for the lock that came second, a release after a join or a departure.
+// Makes the exchange of a message the open one. Returns false if the message belongs to none: a
+// lock request that came second, or a release after a join or a departure.
 bool find_exchange(Reader* reader, double time, const std::string& state, bool own,
                    const std::string& message, uint32_t id) {
   TracedExchange* current = reader->open ? &reader->found.back() : nullptr;
@@ -186,7 +184,7 @@ bool is_good_update(const TraceStep& step) {
   return step.message.starts_with("MSG_UPDATE_") && step.delivered && step.failures.empty();
 }
 
-// Drops what nobody looks at: of the updates that went well those far from either end.
+// Removes successful updates that are far from either end of a run.
 void drop_middle(Reader* reader) {
   std::vector<TraceStep>* steps = &reader->found.back().steps;
   if (steps->size() < 8 * kKeptUpdates) return;
@@ -207,7 +205,7 @@ void drop_middle(Reader* reader) {
   steps->erase(kept, to);
 }
 
-// The index of an own message that was sent and has come back now, or of a new step.
+// The index of an own message that was sent and is now delivered, or of a new step.
 size_t find_step(std::vector<TraceStep>* steps, bool own, const std::string& message,
                  uint32_t sequence_id) {
   for (size_t i = steps->size(); own && i-- > 0;) {
@@ -247,7 +245,7 @@ void enter_state(Reader* reader, const TraceLine& line) {
   const std::string name = message;
   const bool own = std::string(who) == "self";
   reader->handled = kNoStep;
-  if (std::string(state) == "ST_UNLOCKED") reader->open = false;  // whatever the log has of its end
+  if (std::string(state) == "ST_UNLOCKED") reader->open = false;  // even if the log lacks its end
   if (starts_with(name, "MSG_")) {
     if (find_exchange(reader, line.time, state, own, name, static_cast<uint32_t>(id)))
       take_message(reader, line.time, own, name, static_cast<uint32_t>(sequence_id));
@@ -273,7 +271,7 @@ void leave_state(Reader* reader, const std::string& text) {
   reader->open = !exchange->ended;
 }
 
-// What was written or removed here: for the responder the only word of it.
+// Records a file that was written or deleted here. The responder logs nothing else about it.
 bool take_local_change(TracedExchange* exchange, bool own, const std::string& text) {
   unsigned size = 0;
   const size_t quote = text.find('\'');
@@ -290,7 +288,7 @@ bool take_local_change(TracedExchange* exchange, bool own, const std::string& te
   return deletes;
 }
 
-// Adds a text behind the others, once.
+// Appends a text unless it is already there.
 void add_failure(TraceStep* step, const std::string& text) {
   auto last = step->failures.before_begin();
   for (auto next = step->failures.begin(); next != step->failures.end(); last = next++)
@@ -309,7 +307,7 @@ bool take_failure(TracedExchange* exchange, const std::string& text) {
   return true;
 }
 
-// Adds to what the requester's log tells of an exchange what the other log does.
+// Adds the other log's information about an exchange to that of the requester's log.
 void add_view(TracedExchange* exchange, const TracedExchange& other) {
   if (exchange->failure.empty()) exchange->failure = other.failure;
   auto from = other.steps.begin();
@@ -328,7 +326,7 @@ void add_view(TracedExchange* exchange, const TracedExchange& other) {
   }
 }
 
-// Gives the times of one EM's clock in those of the other.
+// Converts the times of one EM's clock to the other's.
 void shift_times(TracedExchange* exchange, double seconds) {
   if (seconds == 0) return;
   exchange->begin += seconds;
@@ -337,17 +335,17 @@ void shift_times(TracedExchange* exchange, double seconds) {
     step.time += seconds;
 }
 
-// The exchanges of the second log by requester and id, which begins anew with the daemon.
+// The exchanges of the second log by requester and id. Ids start again with the daemon.
 using Places = std::unordered_map<uint64_t, std::vector<size_t>>;
 
 uint64_t key_of(const TracedExchange& exchange) {
   return uint64_t{exchange.id} * 2 + static_cast<uint64_t>(exchange.requester);
 }
 
-// The difference of the clocks on which most pairs with the same id agree.
+// The clock difference that most pairs of exchanges with the same id agree on.
 double find_clock_difference(const std::vector<TracedExchange>& first,
                              const std::vector<TracedExchange>& second, const Places& places) {
-  std::map<int64_t, std::vector<double>> votes;  // by the whole second
+  std::map<int64_t, std::vector<double>> votes;  // by whole seconds
   for (const TracedExchange& exchange : first) {
     const auto candidates = places.find(key_of(exchange));
     if (candidates == places.end() || candidates->second.size() > kLateMessages) continue;
@@ -367,8 +365,8 @@ double find_clock_difference(const std::vector<TracedExchange>& first,
   return *middle;
 }
 
-// The place in the second log of an exchange of the first one; npos when it is not there. One with
-// an id that comes only once is the same, whatever the clocks say.
+// The index in the second log of an exchange in the first log: of those with the same requester and
+// id, the one closest in time. npos if none is within kSameExchange.
 size_t find_same(const TracedExchange& exchange, const std::vector<TracedExchange>& second,
                  const Places& places, double ahead) {
   const auto candidates = places.find(key_of(exchange));
@@ -384,7 +382,7 @@ size_t find_same(const TracedExchange& exchange, const std::vector<TracedExchang
   return best;
 }
 
-// The same exchange in the other log, a place there.
+// For each exchange of one log, the index of the same one in the other log.
 using Matches = std::vector<size_t>;
 
 Matches match_exchanges(const std::vector<TracedExchange>& first,
@@ -401,7 +399,7 @@ Matches match_exchanges(const std::vector<TracedExchange>& first,
   return matches;
 }
 
-// Makes one of what both logs tell, in the times of the first.
+// Merges the information of both logs, with the times of the first.
 void join_views(TracedExchange* exchange, TracedExchange* other) {
   const double first = exchange->begin;
   if (exchange->requester != 0) std::swap(*exchange, *other);
@@ -428,7 +426,7 @@ void take_trace_line(Reader* reader, const TraceLine& line) {
   } else if (line.function == "send_update_message" && starts_with(text, "Send ")) {
     reader->what = behind(text, "Send ");
   } else if (reader->open && line.function != "on_rpc_update" &&
-             line.function != "cleanup_thread_fn") {  // other threads
+             line.function != "cleanup_thread_fn") {  // ignore other threads
     TracedExchange* exchange = &reader->found.back();
     if (take_local_change(exchange, exchange->requester == reader->log, text) ||
         take_failure(exchange, text))

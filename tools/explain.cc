@@ -1,4 +1,4 @@
-// What the trace of the daemons tells: a row for each exchange, or one of them drawn.
+// Explains the daemon's logs: a row for each exchange, or a drawing of one.
 
 #include <errno.h>
 #include <math.h>
@@ -25,12 +25,12 @@ constexpr char kTooLow[] =
     "/etc/default/cluster_sync_daemon and a restart, or without one 'cluster_sync_ctl diag "
     "log-size=10000000' and then the file /tmp/cluster_sync_daemon.log";
 
-// What is known of the logs that were named.
+// The contents of the given logs.
 struct Logs {
   std::vector<TracedExchange> exchanges[2];
   LogSource sources[2];
   bool both = false;
-  bool traced = true;  // false: one of them holds dumps only
+  bool traced = true;  // false: one log has only dumps
 };
 
 // Reads one log, "-" for standard input.
@@ -54,7 +54,7 @@ bool read_log(const std::string& path, int log, Logs* logs) {
   return !stream->bad() && (path == "-" || file.is_open()) && errno != EISDIR;
 }
 
-// The names of both EMs: those of their machines where the logs have them and they differ.
+// The names of the EMs: their host names, if both are known and differ.
 std::array<std::string, 2> em_names(const Logs& logs) {
   const std::string& here = logs.sources[0].host;
   const std::string& there = logs.sources[1].host;
@@ -204,7 +204,7 @@ int draw(const Options& options, const TracedExchange& exchange, const Names& na
   return kDone;
 }
 
-// Beside the answer: what it rests on.
+// Prints limits of the answer on standard error.
 void tell_limits(const Logs& logs, double clock_ahead, const Names& names) {
   if (!logs.traced)
     fprintf(stderr, "cluster_sync_ctl: what the flight recorder dumped, nothing else%s\n", kTooLow);

@@ -24,9 +24,8 @@ std::string local_time() {
   return text;
 }
 
-// Waits until the last state may be another. The directory may not exist yet, or be replaced, so
-// that the watch is set anew each time (the same directory keeps its one watch) and the wait is
-// short.
+// Waits until the state may have changed. The directory may not exist yet or be replaced. So the
+// watch is added again each time (the same directory keeps its one watch), and the wait is short.
 void wait_for_event(int inotify_fd) {
   inotify_add_watch(inotify_fd, kEventDir, IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE);
   pollfd readable = {inotify_fd, POLLIN, 0};

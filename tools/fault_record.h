@@ -5,20 +5,20 @@
 
 #include <string>
 
-// The last state of the replication fault that the daemon has told.
+// The last recorded state of the replication fault.
 struct FaultState {
-  std::string error;  // why there is none to show; empty otherwise
+  std::string error;  // why the state cannot be read; empty otherwise
   bool recorded = false;
-  bool healthy = false;  // both only when one is recorded
+  bool healthy = false;  // this and peer_em are valid only if recorded
   uint32_t peer_em = 0;
 };
 
 FaultState read_fault_state();
 
-// "replication with EM 2 is failing" and the like.
+// The state in words, such as "replication with EM 2 is failing".
 std::string fault_text(const FaultState& state);
 
-// The members of a JSON object, without its braces.
+// The members of a JSON object, without braces.
 std::string fault_json(const FaultState& state);
 
 #endif  // TOOLS_FAULT_RECORD_H_

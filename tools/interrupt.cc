@@ -37,7 +37,7 @@ void hold_signals() {
   for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
     struct sigaction action;
     sigaction(number, nullptr, &action);
-    if (action.sa_handler == SIG_IGN) continue;  // as nohup(1) wants it
+    if (action.sa_handler == SIG_IGN) continue;  // ignored, as by nohup(1)
     sigaddset(&signals, number);
     action = {};
     action.sa_handler = note_signal;

@@ -32,7 +32,8 @@ std::string record_line(const Record& record, LogSource* source) {
   return time + record.message;
 }
 
-// A character of a text in JSON, from behind its backslash. Beyond U+00FF it does not matter here.
+// A character of a JSON string, starting after its backslash. Characters above U+00FF are not
+// needed.
 char unescape(const std::string& json, size_t* at) {
   const char c = json[(*at)++];
   switch (c) {
@@ -54,7 +55,7 @@ char unescape(const std::string& json, size_t* at) {
   }
 }
 
-// Reads the text whose quote is at `*at`.
+// Reads the string that starts with the quote at `*at`.
 std::string take_text(const std::string& json, size_t* at) {
   std::string text;
   ++*at;
@@ -69,7 +70,7 @@ std::string take_text(const std::string& json, size_t* at) {
   return text;
 }
 
-// A value that is no text: null, a number, or the bytes of what is no UTF-8 as a list of numbers.
+// A value that is not a string: null, a number, or a list of numbers for bytes that are not UTF-8.
 std::string take_value(const std::string& json, size_t* at) {
   if (json[*at] == '"') return take_text(json, at);
   std::string bytes;
@@ -104,7 +105,7 @@ Record parse_json(const std::string& json) {
   return record;
 }
 
-// The bytes of a field that holds any: their number, little-endian, and they.
+// A binary field: its length, little-endian, and its bytes.
 std::string take_bytes(std::istream* log) {
   uint64_t size = 0;
   for (int i = 0; i < 8; ++i)
@@ -129,7 +130,7 @@ Record take_export(std::istream* log, std::string line) {
   return record;
 }
 
-// The word before "CLUS_SYNC[1]:".
+// Stores the word before "CLUS_SYNC[1]:" as the host.
 void note_host(const std::string& line, LogSource* source) {
   const size_t end = line.find("]: ");
   if (end == std::string::npos) return;

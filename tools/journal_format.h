@@ -4,14 +4,14 @@
 #include <iosfwd>
 #include <string>
 
-// What a log looked like beside its lines.
+// Properties of a log, in addition to its lines.
 struct LogSource {
-  std::string host;    // that wrote it, empty when the log does not say
-  std::string unread;  // a format that it seems to have and that is not read
+  std::string host;    // that wrote the log, empty if unknown
+  std::string unread;  // name of the format, if it is one that cannot be read
 };
 
-// Reads the next line. What journalctl writes with -o json, json-sse, json-seq and export becomes
-// one line a record, with the time in seconds since 1970 at its head. False at the end.
+// Reads the next line. Converts a record of journalctl -o json, json-sse, json-seq and export to
+// one line that begins with the time in seconds since 1970. False at the end.
 bool next_log_line(std::istream* log, LogSource* source, std::string* line);
 
 #endif  // TOOLS_JOURNAL_FORMAT_H_

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t kShownUpdates = 3;  // at either end of a run
+constexpr size_t kShownUpdates = 3;  // at each end of a run
 constexpr size_t kTimeWidth = 13;
 constexpr size_t kStateWidth = 12;  // the longest name of a state
 constexpr size_t kArrowWidth = 60;
@@ -19,10 +19,10 @@ constexpr int kLineHeight = 26;
 constexpr int kLeft = 210;
 constexpr int kRight = 810;
 constexpr int kWidth = 1020;
-constexpr int kTop = 60;  // of the first rung, below the title
+constexpr int kTop = 60;  // y of the first line, below the title
 constexpr int kTitleHeight = 18;
-constexpr int kCharacterWidth = 8;   // of the bold ones, at most
-constexpr size_t kTitleWidth = 135;  // characters of a line
+constexpr int kCharacterWidth = 8;   // maximum, for bold ones
+constexpr size_t kTitleWidth = 135;  // characters in a line
 
 bool is_good_update(const TraceStep& step) {
   return step.message.starts_with("MSG_UPDATE_") && step.delivered && step.failures.empty();
@@ -46,7 +46,7 @@ void add_step(const TraceStep& step, std::vector<Rung>* rungs) {
     rungs->push_back({Rung::kFailure, "", failure, true, true, "", ""});
 }
 
-// At most `width` bytes of a text.
+// The first `width` bytes of a text, at most.
 std::string cut(const std::string& text, size_t width) {
   return text.size() <= width ? text : text.substr(0, width - 3) + "...";
 }
@@ -55,7 +55,7 @@ std::string padded(const std::string& text, size_t width, char with = ' ') {
   return text.size() < width ? text + std::string(width - text.size(), with) : text;
 }
 
-// Plain ASCII without a character that XML would take for its own.
+// Plain ASCII, with the special characters of XML escaped.
 std::string xml_text(const std::string& text) {
   std::string shown;
   for (const char c : text) {
@@ -82,7 +82,7 @@ std::string svg_line(int x1, int y1, int x2, int y2, const std::string& attribut
          std::to_string(x2) + "\" y2=\"" + std::to_string(y2) + "\" " + attributes + "/>\n";
 }
 
-// White below a text of so many characters around `x`, so that no line runs through it.
+// A white background for a text of this length centred on `x`, so that no line crosses it.
 std::string svg_background(int x, int y, size_t characters) {
   const int width = static_cast<int>(characters) * kCharacterWidth + 8;
   return "<rect x=\"" + std::to_string(x - width / 2) + "\" y=\"" + std::to_string(y - 13) +
@@ -121,7 +121,7 @@ std::string draw_arrow(const Rung& rung, const std::string& text) {
 
 std::string clock_text(double time, bool date) {
   if (time == 0) return date ? "-" : "";
-  if (time < kFirstDate) {  // since the boot
+  if (time < kFirstDate) {  // since boot
     char since_boot[32];
     snprintf(since_boot, sizeof since_boot, "%.3f", time);
     return since_boot;

@@ -26,7 +26,7 @@ void add_gauge(std::string* text, const char* name, const char* help, int64_t va
   add_metric(text, name, "gauge", help, std::to_string(value));
 }
 
-// What never happened is infinitely long ago.
+// +Inf if it never happened.
 void add_age(std::string* text, const char* name, const char* help, int32_t age) {
   add_metric(text, name, "gauge", help, age < 0 ? "+Inf" : std::to_string(age));
 }
@@ -84,9 +84,9 @@ bool write_text(int fd, const std::string& text) {
   return close(fd) == 0 && written;
 }
 
-// Replaces the file in one step, so that nobody reads half of it. Returns 0 or an error number.
+// Replaces the file atomically, so that no reader sees a part of it. Returns 0 or an error number.
 int replace_file(const std::string& path, const std::string& text) {
-  std::string temporary = path + ".XXXXXX";  // the collector reads names that end with .prom
+  std::string temporary = path + ".XXXXXX";  // does not end with .prom, so the collector ignores it
   const int fd = mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) return errno;
   errno = EIO;
@@ -109,6 +109,6 @@ int show_metrics(const Options& options, const Words& /*words*/) {
     if (error != 0)
       return report_error(options, options.textfile + ": " + strerror(error), kFailed);
   }
-  // What was asked for are the numbers, not a judgement of them.
+  // The exit status does not judge the values.
   return state.error.empty() ? kDone : kNoAnswer;
 }

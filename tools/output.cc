@@ -13,8 +13,7 @@
 
 namespace {
 
-// Whether a character is one that a terminal obeys. The last byte of U+0080 to U+009F is the
-// number.
+// Whether a character is a control character. For U+0080 to U+009F, the last byte is the number.
 bool is_control(const std::string& character) {
   const auto last = static_cast<unsigned char>(character.back());
   if (character.size() == 1) return last < 0x20 || last == 0x7F;

@@ -11,26 +11,26 @@
 #include "tools/commands.h"
 #include "tools/fault_record.h"
 
-// What can be known of replication on this EM, with the daemon or without.
+// The state of replication on this EM, with or without an answer of the daemon.
 struct PairState {
-  std::string error;     // why the daemon does not tell; empty when it does
-  pid_t daemon_pid = 0;  // both of a daemon that tells
+  std::string error;     // why the daemon did not answer; empty if it did
+  pid_t daemon_pid = 0;  // this and `record` are valid only if the daemon answered
   StateRecord record = {};
-  FaultState fault;  // the last one that was sent as an event
-  unsigned em = 0;   // from here on also without the daemon
+  FaultState fault;  // last recorded state
+  unsigned em = 0;   // this and the following do not need the daemon
   bool number_valid = false;
   bool active = false;
 };
 
 PairState read_pair_state(const Options& options);
 
-// What the exit status of a command says of the state.
+// The exit status for a state.
 ExitStatus judge(const PairState& state);
 
-// The state of the exchange as a word, "idle" and the like.
+// The name of the state of the exchange, such as "idle".
 const char* exchange_state_name(uint32_t state);
 
-// Names and values of the counters, in their order.
+// Names and values of the counters, in wire order.
 std::vector<std::pair<const char*, uint64_t>> counters_of(const StateRecord& record);
 
 #endif  // TOOLS_PAIR_STATE_H_

@@ -18,9 +18,10 @@
 namespace {
 
 constexpr int64_t kProgressStepMs = 200;
-constexpr uint64_t kShownFromBytes = uint64_t{8} << 20;  // less is done before it is read
+constexpr uint64_t kShownFromBytes = uint64_t{8} << 20;  // smaller files are copied too quickly to
+                                                         // show progress
 
-// Which rule a name breaks that is not replicated. `below` is the path below its tree.
+// The rule that a name breaks. `below` is the path relative to its tree.
 std::string name_rule(const std::string& below) {
   if (below.find(kDigestPrefix) != std::string::npos)
     return std::string("names that begin with ") + kDigestPrefix + " are the daemon's own";
@@ -37,7 +38,7 @@ std::string name_rule(const std::string& below) {
          " directories below its tree";
 }
 
-// One sentence that says why `destination` is refused.
+// A sentence that says why `destination` is refused.
 std::string refusal(int error, const std::string& destination) {
   char spelling[PATH_MAX];
   if (error == EINVAL && cluster_sync_spell(destination.c_str(), spelling, sizeof spelling) == 0)
@@ -57,7 +58,7 @@ bool is_for_active_em_only(const std::string& destination) {
          is_shared_root(root_of_path(spelling));
 }
 
-// Connects and begins a put; says why that is impossible. Returns the exit status.
+// Connects and begins a put. Prints the reason on failure. Returns the exit status.
 int begin(const Options& options, const std::string& destination, mode_t mode,
           cluster_sync_connection** connection) {
   int error = cluster_sync_open(options.socket.c_str(), options.timeout_ms, connection);
@@ -82,7 +83,7 @@ void show_copied(uint64_t copied, int64_t size) {
   show_progress(text + " MiB");
 }
 
-// Appends what can be read from `fd`. Returns 0 or an error number, EINTR after a signal.
+// Appends the bytes read from `fd`. Returns 0 or an error number: EINTR after a signal.
 int copy(cluster_sync_connection* connection, int fd, int64_t* left_ms) {
   struct stat status;
   if (fstat(fd, &status) != 0) return errno;
@@ -103,7 +104,7 @@ int copy(cluster_sync_connection* connection, int fd, int64_t* left_ms) {
   }
 }
 
-// Waits for the answer. Returns 0 or an error number, EINTR after a signal.
+// Waits for the answer. Returns 0 or an error number: EINTR after a signal.
 int wait_for_answer(const cluster_sync_connection* connection, int64_t left_ms) {
   int error = ETIMEDOUT;
   for (int64_t waited = 0; error == ETIMEDOUT && left_ms > 0;) {

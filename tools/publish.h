@@ -7,19 +7,19 @@
 
 #include "tools/commands.h"
 
-// Whether the daemon is there and `destination` could be published now. Says why not. Returns the
-// exit status.
+// Checks whether the daemon answers and `destination` can be published now, and prints why not.
+// Returns the exit status.
 int check_destination(const Options& options, const std::string& destination);
 
-// The same, and then publishes what can be read from `fd` and shows the answer. Returns the exit
-// status; a signal leaves nothing behind.
+// The same; then publishes the bytes read from `fd` and prints the answer. Returns the exit status.
+// After a signal no temporary file is left.
 int publish(const Options& options, int fd, const std::string& destination, mode_t mode);
 
-// The mode that the user wants, or else one that gives nobody more than `mode` and the file that is
-// there already do.
+// The mode given by the user. Otherwise a mode that grants no more than `mode` and the existing
+// destination both do.
 mode_t wanted_mode(const Options& options, mode_t mode, const std::string& destination);
 
-// The mode that a program would give a new file.
+// The mode of a new file under the umask.
 mode_t mode_of_new_file();
 
 #endif  // TOOLS_PUBLISH_H_

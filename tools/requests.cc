@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kProgressStepMs = 200;
 
-// The other EM's share cannot be seen from here; the time can.
+// Shows only the time, because the progress of the other EM is not visible here.
 int sync_with_progress(const Options& options, cluster_sync_result* result) {
   cluster_sync_connection* connection = nullptr;
   int error = cluster_sync_open(options.socket.c_str(), options.timeout_ms, &connection);

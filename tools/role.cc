@@ -18,15 +18,16 @@ namespace {
 constexpr char kActiveMark[] = "/var/run/em/active";
 constexpr char kPersistent[] = "/mnt/part.persistent";
 
-// Becoming active is refused when it would delete more files of a tree than this, and more than
-// half of them.
+// Becoming active is refused if it would delete more files of a tree than this, and more than half
+// of them.
 constexpr uint32_t kFewFiles = 10;
 
-// A comparison that takes longer than a hanging exchange never ends: a failover must not wait.
+// A longer comparison hangs, because an exchange without progress ends after 10 s. A failover must
+// not wait for it.
 constexpr int kLookMs = 12 * 1000;
 
 bool make_mark() {
-  mkdir("/var/run/em", 0755);  // one that exists already is as good
+  mkdir("/var/run/em", 0755);  // may exist already
   const int fd = open(kActiveMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   return fd >= 0 && close(fd) == 0;
 }
@@ -40,7 +41,7 @@ bool is_directory(const char* path) {
   return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// True when the table of mounts at `path` names the place of the persistent trees.
+// Whether the mount table at `path` contains the directory of the persistent trees.
 bool names_persistent(const char* path) {
   FILE* table = setmntent(path, "re");
   bool named = false;
@@ -50,7 +51,7 @@ bool names_persistent(const char* path) {
   return named;
 }
 
-// Why this EM's own disk looks wrong; empty when it does not.
+// What is wrong with this EM's disk; empty if nothing is.
 std::string look_at_disk() {
   if (names_persistent("/etc/fstab") && !names_persistent("/proc/self/mounts"))
     return std::string(kPersistent) + " is in /etc/fstab, but nothing is mounted there";
@@ -60,7 +61,7 @@ std::string look_at_disk() {
   return "";
 }
 
-// What the other EM would lose; empty when that is little, or cannot be known.
+// What the other EM would lose; empty if that is little or unknown.
 std::string look_at_other_em(const Options& options) {
   cluster_sync_tree trees[CLUSTER_SYNC_TREES];
   cluster_sync_result result;
@@ -74,7 +75,7 @@ std::string look_at_other_em(const Options& options) {
             printable(reason).c_str());
     return "";
   }
-  for (const cluster_sync_tree& tree : {trees[0], trees[1]}) {  // the shared ones
+  for (const cluster_sync_tree& tree : {trees[0], trees[1]}) {  // the shared trees
     if (tree.only_there > kFewFiles && tree.only_there > tree.there / 2)
       return "becoming active would delete " + std::to_string(tree.only_there) + " of " +
              std::to_string(tree.there) + " files that the other EM has in '" + tree.name + "'";

@@ -59,7 +59,7 @@ std::string group_text(const StateRecord& record) {
 }
 
 void print_text(const PairState& state) {
-  // Only the active EM tells the state of the fault: what a standby one holds is of earlier.
+  // A standby EM does not update the state of the fault.
   const char* age =
       state.fault.recorded && !state.active ? ", recorded when this EM was active" : "";
   printf("daemon:   %s\nEM:       %u%s, %s\n", daemon_text(state).c_str(), state.em,
@@ -75,7 +75,7 @@ void print_text(const PairState& state) {
          error_text(state.record).c_str(), group_text(state.record).c_str());
 }
 
-// The members of an object that only the daemon knows, null without it.
+// JSON members that are null if the daemon did not answer.
 class JsonFields {
  public:
   explicit JsonFields(bool known) : known_(known) {}

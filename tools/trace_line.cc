@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr double kLastTime = 1e11;      // a larger number at the head of a line is no time
-constexpr size_t kLongestDump = 20000;  // lines of a dump that are compared with those before
+constexpr double kLastTime = 1e11;      // a larger number at the start of a line is not a time
+constexpr size_t kLongestDump = 20000;  // lines of a dump that are compared with earlier ones
 
 constexpr time_t kDay = time_t{24} * 60 * 60;
 
@@ -26,8 +26,8 @@ bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// Finds "function:line: " in front of a text. Returns the index of the text, npos when there is
-// none; what stands before `*name` is the logger's.
+// Finds "function:line: " before a text. Returns the index of the text, or npos. The part before
+// `*name` was added by the logger.
 size_t find_text(const std::string& line, size_t* name, size_t* name_end) {
   for (size_t colon = line.find(": "); colon != std::string::npos;
        colon = line.find(": ", colon + 1)) {
@@ -45,7 +45,7 @@ size_t find_text(const std::string& line, size_t* name, size_t* name_end) {
   return std::string::npos;
 }
 
-// "+0100", "+01:00" or "Z" behind a time; seconds east of Greenwich. False when there is none.
+// Parses "+0100", "+01:00" or "Z" after a time. Seconds east of Greenwich; false if there is none.
 bool parse_offset(const char* text, long* offset) {
   if (*text == 'Z' || strncmp(text, " UTC", 4) == 0) {
     *offset = 0;
@@ -60,13 +60,13 @@ bool parse_offset(const char* text, long* offset) {
   return true;
 }
 
-// Skips the name of a day in front of a date that has a year.
+// Skips the name of a day before a date that has a year.
 const char* skip_weekday(const char* text) {
   const bool weekday = strlen(text) > 5 && text[3] == ' ' && is_digit(text[4]);
   return weekday ? text + 4 : text;
 }
 
-// A date with a year, of ISO or with a blank between day and time. Null when it is none.
+// Parses a date with a year: ISO, or with a blank between day and time. Null if it is invalid.
 const char* parse_date(const char* text, tm* date) {
   const char* rest = strptime(text, "%Y-%m-%dT%H:%M:%S", date);
   return rest != nullptr ? rest : strptime(skip_weekday(text), "%Y-%m-%d %H:%M:%S", date);
@@ -83,8 +83,9 @@ double local_time(tm* date, bool has_year, time_t now) {
   return static_cast<double>(seconds);
 }
 
-// The time at the head of a line: seconds since 1970 (private log, short-unix) or, in brackets,
-// since the boot, a date with a year, or the date of syslog, which has none: the last such day.
+// The time at the start of a line: seconds since 1970 (private log, short-unix), seconds since boot
+// in brackets, a date with a year, or the date of syslog, which has no year and means the last such
+// day.
 double parse_time(const std::string& line) {
   if (line[0] == '[') return std::clamp(strtod(line.c_str() + 1, nullptr), 0.0, kFirstDate - 1);
   char* end = nullptr;
@@ -128,10 +129,10 @@ bool is_same_line(const TraceLine& a, const TraceLine& b) {
 // The dumps of a log.
 struct Dumps {
   std::vector<TraceLine> open;   // the dump that is being read
-  std::deque<TraceLine> passed;  // what was taken last, as many lines as a dump can repeat
+  std::deque<TraceLine> passed;  // the last lines passed on, as many as a dump can repeat
 };
 
-// Takes a dump over. It begins with what the recorder still held of the dump before.
+// Passes a dump on. Its first lines may repeat those of the previous dump.
 void take_dump(Dumps* dumps, const TakeTraceLine& take) {
   const std::vector<TraceLine>& dump = dumps->open;
   std::deque<TraceLine>& passed = dumps->passed;
@@ -147,7 +148,7 @@ void take_dump(Dumps* dumps, const TakeTraceLine& take) {
   dumps->open.clear();
 }
 
-// Whether a line is the first of a dump that follows another without a line between.
+// Whether a line starts a new dump that follows another one without a line in between.
 bool begins_dump(const TraceLine& line, const std::vector<TraceLine>& dump) {
   return !dump.empty() && (is_same_line(line, dump.front()) || line.time < dump.back().time ||
                            dump.size() >= kLongestDump);

@@ -7,25 +7,24 @@
 
 #include "tools/journal_format.h"
 
-// What the daemon wrote with one call.
+// One log call of the daemon.
 struct TraceLine {
-  double time = 0;       // seconds since 1970, or since the boot; 0 when the log does not say
-  std::string function;  // that wrote it
+  double time = 0;       // seconds since 1970 or since boot; 0 if unknown
+  std::string function;  // that wrote the line
   std::string text;
 };
 
-// Times below this one are seconds since the boot.
+// Smaller times are seconds since boot.
 constexpr double kFirstDate = 1e8;
 
-// Takes the lines of a log in their order, those that the flight recorder dumped (`recorded`) apart
-// from the others.
+// Receives the lines of a log in order. Lines dumped by the flight recorder (`recorded`) are
+// separate from the others.
 using TakeTraceLine = std::function<void(const TraceLine& line, bool recorded)>;
 
-// Reads a log of the daemon to its end: the journal or syslog, the private log, standard output,
-// with dumps of the flight recorder in it or nothing else. What the daemon did not write is passed
-// over, and so is what several dumps hold, but for the first time, and every dump that comes after
-// the first message of the log itself. False when the log's level was too low for messages: only
-// the recorded lines tell something then.
+// Reads a log of the daemon to its end: the journal or syslog, the private log or standard output,
+// with or without dumps of the flight recorder. Skips lines that the daemon did not write, repeated
+// lines of overlapping dumps, and every dump after the first message of the log itself. Returns
+// false if the level of the log was too low for messages; then only the recorded lines are useful.
 bool read_trace(std::istream* log, LogSource* source, const TakeTraceLine& take);
 
 #endif  // TOOLS_TRACE_LINE_H_

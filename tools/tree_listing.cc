@@ -18,7 +18,7 @@
 
 namespace {
 
-// The walk of one tree.
+// State of listing one tree.
 struct Walk {
   TreeListing* tree;
   time_t since;
@@ -44,7 +44,7 @@ void add_failure(Walk* walk, const char* what, int error, const std::string& pat
                             "): " + path);
 }
 
-// Reads up to a chunk. Returns the bytes read, fewer at the end of the file, or -1 with errno.
+// Reads one chunk. Returns the number of bytes, fewer at the end of the file, or -1 with errno.
 ssize_t read_chunk(int fd, std::vector<uint8_t>* buffer) {
   size_t size = 0;
   while (size < buffer->size()) {
@@ -70,20 +70,20 @@ void add_chunk(Walk* walk, const std::string& path, const struct stat& status, u
       (mode_is_restricted(status.st_mode) ? "P " : "G ") + relative_path(*walk, path));
 }
 
-// Lists the chunks of an open file; as in the daemon's listing a last chunk that is full is
-// followed by an empty one. Returns 0 or an error number.
+// Lists the chunks of an open file. As in the daemon's listing, a full last chunk is followed by an
+// empty one. Returns 0 or an error number.
 int list_chunks(Walk* walk, int fd, const std::string& path) {
   struct stat status;
   if (fstat(fd, &status) != 0) return errno;
   if (status.st_ctime >= walk->since) walk->tree->fresh.insert(relative_path(*walk, path));
-  if (status.st_size > static_cast<off_t>(UINT32_MAX)) return EFBIG;  // the daemon refuses it too
+  if (status.st_size > static_cast<off_t>(UINT32_MAX)) return EFBIG;  // the daemon refuses it, too
   uint64_t offset = 0;
   size_t size = kChunkSize;
   while (size == kChunkSize) {
     const ssize_t n = read_chunk(fd, &walk->buffer);
     if (n < 0) return errno;
     size = static_cast<size_t>(n);
-    if (offset + size > UINT32_MAX) return EFBIG;  // it grew meanwhile
+    if (offset + size > UINT32_MAX) return EFBIG;  // the file has grown
     add_chunk(walk, path, status, offset, size);
     offset += size;
     walk->tree->bytes += size;
@@ -106,7 +106,7 @@ void list_file(Walk* walk, int dir_fd, const char* name, const std::string& path
 
 void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& path, int depth);
 
-// Lists what the daemon replicates and skips what it skips.
+// Lists a name, or skips it, like the daemon.
 void list_name(Walk* walk, int dir_fd, const char* name, const std::string& path, int depth) {
   struct stat status;
   if (strncmp(name, kTempPrefix, strlen(kTempPrefix)) == 0) return;
@@ -119,7 +119,7 @@ void list_name(Walk* walk, int dir_fd, const char* name, const std::string& path
   }
 }
 
-// A link is no way into a tree, but a root itself (depth 0) may be one.
+// Does not follow symlinks, except for the root itself (depth 0).
 void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& path, int depth) {
   if (depth > kMaxScanDepth) return add_failure(walk, "list directory", ENAMETOOLONG, path);
   const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (depth > 0 ? O_NOFOLLOW : 0);
@@ -140,7 +140,7 @@ void list_dir(Walk* walk, int parent_fd, const char* name, const std::string& pa
   closedir(dir);
 }
 
-// Sorts the lines and computes the digest of all.
+// Sorts the lines and computes their digest.
 void finish_tree(TreeListing* tree) {
   std::sort(tree->lines.begin(), tree->lines.end(), [](const auto& a, const auto& b) {
     const int order = a.compare(kListPathColumn, a.npos, b, kListPathColumn, b.npos);

@@ -19,17 +19,17 @@
 
 namespace {
 
-// First and last line of a listing; what is between is whole only when both are there.
+// First and last line of a listing. Without both, it is incomplete.
 constexpr char kFirstLine[] = "cluster_sync trees of EM %u, SHA-256, begun at %lld";
 constexpr char kLastLine[] = "end of trees, lines: ";
 
-constexpr unsigned kPause = 1;   // s before the second look
-constexpr time_t kOnItsWay = 2;  // s that a change may take from one EM to the other
+constexpr unsigned kPause = 1;   // s before the second check
+constexpr time_t kOnItsWay = 2;  // s that a change may need to reach the other EM
 
 // Tag of the tree and path of a file.
 using FileKey = std::pair<char, std::string>;
 
-// Trees of one EM as text lines; what is not printed, and backslashes in paths, are escaped.
+// The trees of one EM as text lines. Unprintable bytes and backslashes in paths are escaped.
 struct Listing {
   unsigned em;
   time_t begun;  // by the clock of that EM
@@ -37,15 +37,15 @@ struct Listing {
   std::set<FileKey> fresh;  // of this EM only
 };
 
-// Chunks of each file: the lines up to the path.
+// For each file, its chunks: the lines without the path.
 using Files = std::map<FileKey, std::vector<std::string>>;
 
-// What the two EMs differ in, and where.
+// For each differing file, what differs.
 using Differences = std::map<FileKey, const char*>;
 
 constexpr char kChangedMeanwhile[] = "changed meanwhile";
 
-// One line whatever the path, and no two paths alike.
+// Makes one line of any path; different paths stay different.
 std::string escaped(const std::string& line) {
   std::string text;
   for (const char c : line)
@@ -53,7 +53,7 @@ std::string escaped(const std::string& line) {
   return printable(text);
 }
 
-// Reads the trees. False, and told on standard error, when not all of them can be read.
+// Reads the trees. If some cannot be read, reports that on standard error and returns false.
 bool read_trees(unsigned em, time_t since, std::vector<TreeListing>* trees) {
   std::vector<std::string> failures;
   *trees = list_trees(em, since, &failures);
@@ -85,7 +85,7 @@ bool starts_with(const std::string& line, const char* text) {
   return line.compare(0, strlen(text), text) == 0;
 }
 
-// Reads a listing that print_listing made; nothing when it is none or not whole.
+// Reads a listing written by print_listing. Nothing if it is invalid or incomplete.
 std::optional<Listing> read_listing(std::istream& in) {
   Listing listing = {};
   std::string line;
@@ -115,7 +115,7 @@ Files group_by_file(const Listing& listing) {
   return files;
 }
 
-// Tells apart what two lists of chunks of one file differ in.
+// Describes the difference between two lists of chunks of one file.
 const char* compare_chunks(std::vector<std::string> here, std::vector<std::string> there) {
   for (auto* chunks : {&here, &there}) {
     for (std::string& chunk : *chunks)
@@ -147,9 +147,9 @@ Differences compare(const Listing& here, const Listing& there) {
   return differences;
 }
 
-// Takes a second look at what differs. What has arrived meanwhile is no difference, and a file
-// that changed here when the other list was being made, or later, was another one then. False when
-// the trees can no longer be read.
+// Checks each difference again. Removes those that have disappeared, and marks files that changed
+// here since the other list was begun as changed meanwhile. Returns false if the trees can no
+// longer be read.
 bool look_again(unsigned em, const Listing& there, Differences* differences) {
   sleep(kPause);
   std::vector<TreeListing> trees;
@@ -175,7 +175,7 @@ size_t count_lasting(const Differences& differences) {
   return lasting;
 }
 
-// The listing that the option names. Fills `error` when there is none.
+// The listing named by the option. Sets `error` if it cannot be read.
 std::optional<Listing> open_listing(const std::string& name, std::string* error) {
   std::ifstream file;
   if (name != "-") {

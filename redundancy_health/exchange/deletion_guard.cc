@@ -57,7 +57,6 @@ Withheld withhold_deletions(SyncContext* ctx, const Comparison& comparison) {
   for (uint32_t root_index = 0; root_index < kRootCount; ++root_index) {
     if (!is_too_much(losses[root_index], percent)) continue;
     if (is_shared_root(root_index) && !ctx->cur_exchange_em_is_active) continue;  // no rights
-                                                                                  // delete anyway
     withheld.roots[root_index] = true;
     if (ctx->guarded_root != nullptr) continue;
     ctx->guarded_root = root_paths[root_index];
