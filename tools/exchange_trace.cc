@@ -17,8 +17,7 @@
 
 namespace {
 
-constexpr double kSameExchange =
-    15;  // maximum difference in seconds between the times of one exchange in both logs
+constexpr double kSameExchange = 15;  // s, maximum difference between the times in both logs
 constexpr size_t kKeptUpdates = 32;   // at each end of a run
 constexpr ptrdiff_t kSearched = 256;  // steps of the other log to search for a step of this one
 constexpr size_t kLateMessages = 16;  // how many exchanges back a late message may belong to
