@@ -151,6 +151,10 @@ boot() {
   printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' > etc/systemd/system/package-test.target
   rm -f usr/sbin/policy-rc.d  # which may forbid services on this machine
   ip link set lo up
+  ip link add em1 type veth peer name em2
+  ip addr add 169.254.77.1/24 dev em1
+  ip link set em1 up
+  ip link set em2 up
   pivot_root . mnt
   umount -l /mnt
   mount -n -t tmpfs -o mode=755 mnt /mnt
@@ -162,9 +166,9 @@ check_inside() { check "$1" inside sh -e -c "$2"; }
 
 boot_machine() {
   mkdir "$work/top"
-  # The shipped template, with both addresses here.
+  # The shipped template, with the addresses of a link of its own.
   head -c 256 /dev/urandom > "$work/authkey"
-  { sed 's/169.254.77.1/127.0.0.1/; s/169.254.77.2/127.0.0.2/' "$repo/packaging/corosync.conf"
+  { cat "$repo/packaging/corosync.conf"
     printf 'system {\n  sched_rr: no\n  move_to_root_cgroup: no\n}\n'; } > "$work/corosync.conf"
   cp "${debs[@]}" "$work"
   cp -r "$repo/packaging/programs" "$work"
@@ -177,6 +181,32 @@ boot_machine() {
   launcher=$!
   wait_until 60 eval 'init=$(pgrep -P $launcher) && grep -q systemd /proc/$init/comm' &&
     wait_until 60 eval '[[ $(inside systemctl is-system-running) =~ running|degraded ]]'
+}
+
+# Runs EM 2 until it is killed, at the other end of the link.
+other_em() {
+  for dir in /run /dev/shm /mnt /var/lib/corosync; do mount -n -t tmpfs $dir $dir; done
+  mkdir -p /run/em /run/replicated_by_active_em \
+    /mnt/part.persistent/replicated_by_{active,this,other}_em
+  echo 2 > /run/em/number
+  until ip link show em2; do sleep 0.1; done
+  ip addr add 169.254.77.2/24 dev em2
+  ip link set lo up
+  ip link set em2 up
+  corosync -f &
+  until corosync-cpgtool; do sleep 0.2; done
+  exec cluster_sync_daemon -x
+}
+
+on_other_em() { inside sh -c 'nsenter -t "$(cat /run/other_em)" -m -n -i -u -- "$@"' - "$@"; }
+with_other_em() {
+  inside bash -c "$(declare -f other_em)
+    export -f other_em"'
+    unshare -m -n -i -u -p --fork --kill-child --mount-proc bash -c other_em > /run/other_em.log 2>&1 &
+    echo $! > /run/other_em
+    until [ "$(readlink /proc/$!/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do sleep 0.1; done
+    ip link set em2 netns $!'
+  wait_until 60 inside sh -c 'cluster_sync_ctl sync | grep -q "synchronised with"' || { inside cat /run/other_em.log; return 1; }
 }
 
 # Everything that an installation could leave, without what the machine itself writes: what its overlay
@@ -314,6 +344,19 @@ test_machine() {
     test "$(stat -c %a /tmp/cluster_sync_daemon.log)" = 600
     cluster_sync_ctl diag log-size=0
     rm /tmp/cluster_sync_daemon.log'
+  if [ "$root" = / ] && check "the other EM joins" with_other_em; then
+    check_inside "under these limits files reach it" '
+      echo data | cluster_sync_ctl put - /mnt/part.persistent/replicated_by_this_em/f | grep "both EMs"
+      mkdir -p /etc/em
+      printf "#!/bin/sh\necho \$1 > /run/announced\n" > /etc/em/use_replicated_data
+      chmod 755 /etc/em/use_replicated_data'
+    check "  and its files come, and are announced" eval '
+      echo data | on_other_em cluster_sync_ctl put - /mnt/part.persistent/replicated_by_this_em/shadow &&
+      inside grep -qx data /mnt/part.persistent/replicated_by_other_em/shadow &&
+      wait_until 10 inside grep -x 10 /run/announced'
+    inside bash -c 'kill $(cat /run/other_em)
+      rm -r /run/other_em* /run/announced /etc/em /mnt/part.persistent/replicated_by_{this_em/f,other_em/shadow}'
+  fi
   check "killed, Corosync and daemon come back, even after a failed start" \
     restarts break_and_mend_corosync
   for signal in HUP TERM INT PIPE; do
