@@ -65,7 +65,7 @@ int create(const std::string& path) {
   return fd;
 }
 
-// Hashes the chunk that was read and, where there is a digest cache file, appends its line.
+// Hashes the chunk that was read and, if there is a digest cache file, appends its line.
 void hash_chunk(size_t offset, size_t size, FILE* digests) {
   static const EVP_MD* const sha1 = EVP_MD_fetch(nullptr, "SHA1", nullptr);
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -101,7 +101,7 @@ FILE* create_digests(int directory, int data_fd, const std::string& name) {
   return fdopen(fd, "w");
 }
 
-// True when a large file has digests, which are read then.
+// Reads the digests of a large file. False if it has none.
 bool read_digests(int directory, const std::string& name) {
   const int fd = openat(directory, name.c_str(), O_RDONLY);
   if (fd < 0) return false;

@@ -1,8 +1,8 @@
-"""Measures the daemon on the testbed against two floors, rsync, csync2 and unison; see ../run bench.
+"""Compares the daemon on the testbed with two floors, rsync, csync2 and unison; see ../run bench.
 
-Every row is a ratio of two things measured in turn in one run, over the same link between the same
-namespaces and on equal trees: medians, with the spread of ours. A row is printed and saved when it is
-measured. The status is 1 when one could not be measured; no number fails.
+Every row is a ratio of two things measured in turn in one run, over the same link between the same namespaces
+and on equal trees: medians, with the range of ours. A row is printed and saved when it is measured. The exit
+status is 1 if a row could not be measured; a missed target is not a failure.
 """
 
 import argparse
@@ -11,10 +11,10 @@ import sys
 from dataclasses import asdict
 from pathlib import Path
 
-from measure import REPO, Bench, Row  # first: it sets the path to the testbed
+from measure import REPO, Bench, Row  # first, because it sets the path to the testbed
 from rows import ROWS
 
-NOISE = 0.05  # of the other: what varies more is said
+NOISE = 0.05  # of the other; a larger variation is printed
 HEADING = (f"{'work':<66}{'ours':>10} {'':<5}{'other':>10} {'':<5}{'ratio':>7}{'target':>7}  "
            "against")
 
@@ -61,7 +61,7 @@ def main() -> int:
         told = len(bench.findings)
         try:
             measured = ROWS[name](bench)
-        except Exception as error:  # a busy machine must not cost the rows to come
+        except Exception as error:  # one failure must not lose the other rows
             failed.append(f"{name}: {error}")
             print(f"{name} FAILED: {error}", flush=True)
             measured = []
@@ -73,7 +73,7 @@ def main() -> int:
         save(out, options, bench, rows, failed)
     print(f"{len(rows)} rows, also in {out}; {len(failed)} of {len(wanted)} failed to be measured")
     if options.document and not failed:
-        from document import document  # plots want a library that nothing else here needs
+        from document import document  # late, because only the plots need its library
         document(out / "results.json", REPO / "docs/performance.md")
     return 1 if failed else 0
 

@@ -1,14 +1,14 @@
-// The floors under an exchange: the same group messages with the same sizes and answers and nothing
-// else, or with the bare work on files that goes with each. One process answers, the other asks:
+// The floor of an exchange: the same group messages with the same sizes and answers and nothing
+// else, or with the minimum of file work for each. One process answers, the other asks:
 //   cpg_floor answer
 //   cpg_floor ask ROUNDS [--work] < script
-// Each line of the script is "COUNT REQUEST_SIZE ANSWER_SIZE [WORK]" in bytes, headers included;
-// answer size 0 waits for the own message to be delivered back. With --work, WORK is done:
-//   scan                             the answering side lists its trees, then the asking side its
-//   own push FROM TO OFFSET SIZE WHOLE   the bytes travel and are written to TO, of WHOLE bytes
-//   publish FROM TO SIZE             FROM, new in each round, is moved onto TO before the message
-//   report                           the outcome is told after the message
-// The asking one prints the seconds of every round and tells the answering one to end.
+// Each line of the script is "COUNT REQUEST_SIZE ANSWER_SIZE [WORK]" in bytes, including headers.
+// Answer size 0 waits for the own message to be delivered. With --work, WORK is done:
+//   scan                             the answering side lists its trees, then the asking side
+//   push FROM TO OFFSET SIZE WHOLE   the bytes are sent and written to TO, a file of WHOLE bytes
+//   publish FROM TO SIZE             a new file FROM is renamed to TO before the message
+//   report                           the outcome is reported after the message
+// The asking process prints the seconds of every round and stops the answering one.
 
 #include <corosync/cpg.h>
 #include <poll.h>
@@ -34,7 +34,7 @@ namespace {
 constexpr uint32_t kRequest = 1;
 constexpr uint32_t kAnswer = 2;
 constexpr uint32_t kEnd = 3;
-constexpr size_t kHeaderSize = 148;  // sent as a piece of its own, as the daemon does
+constexpr size_t kHeaderSize = 148;  // sent as a separate piece, like the daemon
 
 enum Work : uint32_t { kNone, kScan, kPush, kPublish, kReport };
 const char* const kWorkNames[] = {"", "scan", "push", "publish", "report"};
@@ -51,8 +51,7 @@ struct Step {
   uint32_t file_size;
 };
 
-// What a message begins with. A request that carries work has the path behind it, and the bytes at
-// its end.
+// The start of a message. In a request with work, the path follows, and the bytes are at the end.
 struct Head {
   uint32_t kind;
   uint32_t answer_size;
@@ -65,7 +64,7 @@ struct Head {
 cpg_handle_t g_handle;
 size_t g_members = 0;
 uint32_t g_answers = 0;
-uint32_t g_own = 0;  // own requests delivered back
+uint32_t g_own = 0;  // own requests that were delivered
 uint32_t g_nodeid = 0;
 uint32_t g_wanted_answer = 0;  // size of an answer to send
 bool g_end = false;
@@ -76,7 +75,7 @@ bool g_works = false;  // --work
   exit(1);
 }
 
-// A buffer of `size` bytes that begins with `head`; valid until the next call.
+// A buffer of `size` bytes that begins with `head`. Valid until the next call.
 std::vector<char>& make_message(const Head& head, size_t size) {
   static std::vector<char> message;
   message.resize(size);
@@ -183,7 +182,7 @@ std::vector<Step> read_script() {
   return script;
 }
 
-// A new file for the round to publish.
+// Makes a new file for the round to publish.
 void prepare(const Step& step, int round) {
   const std::vector<char> content(step.size, static_cast<char>('a' + round % 26));
   FILE* file = fopen(step.from.c_str(), "w");
@@ -229,7 +228,7 @@ void ask(int fd, int rounds) {
     dispatch(fd);
 }
 
-// Runs on a thread of its own: cpg_dispatch(3) keeps a buffer of 1 MiB on the stack.
+// On a separate thread: cpg_dispatch(3) keeps a buffer of 1 MiB on the stack.
 void run(int argc, char** argv) {
   cpg_model_v1_data_t model = {};
   model.model = CPG_MODEL_V1;

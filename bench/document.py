@@ -1,4 +1,4 @@
-"""Writes the results of a run into docs/performance.md: no number there is copied by hand."""
+"""Writes the results of a run into docs/performance.md, so that no number is copied by hand."""
 
 import json
 import shutil
@@ -9,13 +9,13 @@ from plots import draw
 BEGIN, END = "<!-- written by ./run bench --document: {} -->", "<!-- end of {} -->"
 FAMILIES = (("files", "Exchange with nothing to do"), ("bytes", "Every chunk of large files changed"),
             ("rename", "Publishing a file of 4 KiB"))
-# MB/s of SHA-1 on the board, and the share of the 10 seconds that hashing may take: both EMs hash,
-# one after the other, and the files have to be read, too.
+# MB/s of SHA-1 on the board, and the share of the 10 seconds for hashing. Both EMs hash, one after the other,
+# and the files must also be read.
 BOARDS, SHARE = (50, 100, 200), 0.4
 
 
 def document(results: Path, page: Path) -> None:
-    """Replaces what stands between the marks of `page`, and the plots beside it."""
+    """Replaces the text between the marks of `page`, and the plots next to it."""
     run = json.loads(results.read_text())
     draw(results)
     pictures = page.with_suffix("")
@@ -31,7 +31,7 @@ def document(results: Path, page: Path) -> None:
 
 
 def quantity(value: float, unit: str) -> str:
-    """Three digits, in the unit that suits them."""
+    """Three significant digits, in a suitable unit."""
     for big, factor, name in (("s", 1e-3, "ms"), ("B", 1e6, "MB"), ("B", 1e3, "kB")):
         if unit == big and (value < 1 if factor < 1 else value >= factor):
             return quantity(value / factor, name)
@@ -55,7 +55,7 @@ def measured(run: dict) -> str:
 
 
 def boards(run: dict) -> str:
-    """How much may have to be hashed in one exchange, by the SHA-1 rate of the board."""
+    """How much can be hashed in one exchange, given the SHA-1 rate of the board."""
     lines = ["| SHA-1 of the board | large files without digest files, each side | one file of 1 MiB |",
              "|---|---|---|"]
     for rate in BOARDS:

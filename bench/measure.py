@@ -1,4 +1,4 @@
-"""What the rows of the benchmarks are made with: a row, the trees, the daemon, the floors."""
+"""Helpers of the benchmark rows: the row, the trees, the daemon, the floors."""
 
 import os
 import re
@@ -20,7 +20,7 @@ from caller import SYNC, Caller, Update  # noqa: E402
 from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, EmPair  # noqa: E402
 
 HEADER, UPDATE_HEADER, CHUNK, LINE_HEAD = 148, 32, 65536, 63
-# Only in the foreground does a daemon copy its log to standard output; on a machine it never does.
+# In the foreground a daemon also logs to standard output, which it never does on a real machine.
 SILENT = ["sh", "-c", 'exec "$0" "$@" > /dev/null 2>&1']
 DIGESTS = ".$SyncDigest$*"
 MESSAGES, WORK = "bare messages", "bare work"
@@ -28,7 +28,7 @@ MESSAGES, WORK = "bare messages", "bare work"
 
 @dataclass
 class Row:
-    """Ours against another's, both medians in the same unit."""
+    """Our value and that of the other, medians in the same unit."""
 
     name: str
     ours: float
@@ -37,9 +37,9 @@ class Row:
     target: float | None  # None: for comparison only
     against: str
     spread: tuple[float, float] = (0, 0)  # of ours
-    better: str = "low"  # which side of the target is the good one
-    cpu: float | None = None  # seconds of processor time of both daemons for one of ours
-    noise: float = 0  # half of the other's values are within this share of its median
+    better: str = "low"  # the good side of the target
+    cpu: float | None = None  # CPU seconds of both daemons for one of ours
+    noise: float = 0  # half of the other's values are within this fraction of its median
 
     @property
     def ratio(self) -> float:
@@ -57,16 +57,16 @@ class Bench:
     build: Path
     transport: str
     quick: bool
-    # What the plots show: per family the points (x, y) or the sorted values of each curve.
+    # Data of the plots: for each family, the points (x, y) or the sorted values of each curve.
     series: dict[str, dict[str, list]] = field(default_factory=dict)
-    findings: list[str] = field(default_factory=list)  # what no ratio tells
+    findings: list[str] = field(default_factory=list)  # results that are not ratios
     begin: float = field(default_factory=time.monotonic)
 
     def runs(self, full: int, quick: int = 1) -> int:
         return quick if self.quick else full
 
     def say(self, text: str) -> None:
-        """A line of progress, with the seconds since the start."""
+        """Prints a line of progress, with the seconds since the start."""
         print(f"   {time.monotonic() - self.begin:6.0f} s  {text}", file=sys.stderr, flush=True)
 
     def pair(self) -> EmPair:
@@ -99,7 +99,7 @@ def make_large(root: Path, count: int, size: int = 1 << 20) -> None:
 
 
 def make_mixed(pair: EmPair, bench: Bench) -> Path:
-    """The tree of most rows: many small and some large files."""
+    """The tree of most rows: many small files and some large ones."""
     root = pair.path(1, ACTIVE)
     make_small(root / "small", 500 if bench.quick else 5000)
     make_large(root / "large", 4 if bench.quick else 40)
@@ -127,7 +127,7 @@ def forget_digests(pair: EmPair) -> None:
 
 
 def put_on_disk(pair: EmPair, mebibytes: int) -> None:
-    """Gives each EM an ext4 of its own, on a loop device, for its persistent trees."""
+    """Gives each EM a separate ext4 on a loop device for its persistent trees."""
     for n in EMS:
         disk = pair.work_dir / f"em{n}" / "disk"
         pair.run(n, ["truncate", "-s", f"{mebibytes}M", str(disk)], check=True)
@@ -140,7 +140,7 @@ def put_on_disk(pair: EmPair, mebibytes: int) -> None:
 # The daemons.
 
 def ask(caller: Caller, asked: Update = SYNC) -> float:
-    """Seconds until the answer; a failure is an error."""
+    """Seconds until the answer; a failure raises an error."""
     begin = time.monotonic()
     caller.send(asked)
     result = caller.outcome()
@@ -151,7 +151,7 @@ def ask(caller: Caller, asked: Update = SYNC) -> float:
 
 
 def process_sum(pair: EmPair, file: str, key: str = "") -> list[int]:
-    """For each daemon the sum, over its threads, of the first number behind `key`."""
+    """For each daemon, the sum over its threads of the first number after `key`."""
     return [sum(int(path.read_text().split(key, 1)[1].split()[0]) if key else
                 int(path.read_text().split()[0])
                 for path in Path(f"/proc/{pair.process(n, 'daemon').pid}/task").glob(f"*/{file}"))
@@ -159,7 +159,7 @@ def process_sum(pair: EmPair, file: str, key: str = "") -> list[int]:
 
 
 def cpu_seconds(pair: EmPair) -> float:
-    """Processor time of both daemons since their start."""
+    """CPU seconds of both daemons since their start."""
     return sum(process_sum(pair, "schedstat")) / 1e9
 
 
@@ -170,12 +170,12 @@ def memory(pair: EmPair, n: int, what: str) -> int:
 
 
 class Timed:
-    """Exchanges of one caller: seconds of each; all that the daemons do meanwhile is theirs."""
+    """Exchanges of one caller: the seconds of each. The daemons do nothing else meanwhile."""
 
     def __init__(self, pair: EmPair):
         self.pair, self.caller = pair, Caller(pair, 1, None)
         self.seconds: list[float] = []
-        self.cpu = 0.0  # seconds of both daemons for one exchange; they may end before it is read
+        self.cpu = 0.0  # CPU seconds of both daemons per exchange; they may exit before it is read
         self._cpu_before = cpu_seconds(pair)
 
     def ask(self, asked: Update = SYNC) -> float:
@@ -186,7 +186,7 @@ class Timed:
 
 @contextmanager
 def counted_calls(pair: EmPair, thread: str | None = None):
-    """Yields a list; behind the block it holds for each EM the system calls of its daemon, or of one
+    """Yields a list. After the block it holds, for each EM, the number of system calls of its daemon, or of one
     of its threads."""
     tracers: list[subprocess.Popen[str]] = []
     counts: list[int] = []
@@ -210,7 +210,7 @@ def counted_calls(pair: EmPair, thread: str | None = None):
 # The floors.
 
 def data_files(root: Path) -> list[tuple[str, int]]:
-    """Relative path and size of each file of a tree."""
+    """Relative path and size of each file in a tree."""
     return [(str(path.relative_to(root)), path.stat().st_size)
             for folder, _, names in os.walk(root) for path in (Path(folder, n) for n in names)
             if not path.name.startswith(DIGESTS[:-1])]
@@ -226,7 +226,7 @@ def listing_size(root: Path) -> int:
 
 
 def pushes(root: Path, tree: str = ACTIVE, copy: str = ACTIVE) -> list[str]:
-    """The updates that make `copy` on the peer of `tree`, which is at `root` from here."""
+    """The updates that make `copy` on the peer from `tree`, which is at `root` for this process."""
     lines = []
     for path, size in data_files(root):
         base = HEADER + UPDATE_HEADER + len(os.fsencode(path)) + 1
@@ -236,15 +236,15 @@ def pushes(root: Path, tree: str = ACTIVE, copy: str = ACTIVE) -> list[str]:
 
 
 def exchange(request: int, listing: int, updates: list[str], lock_work: str = "") -> list[str]:
-    """All messages of an exchange: `request` and `listing` are sizes of payloads."""
+    """All messages of an exchange. `request` and `listing` are payload sizes."""
     return [f"1 {HEADER} 0 {lock_work}", f"1 {HEADER + request} {HEADER + listing} scan", *updates,
             f"1 {HEADER} 0 report"]
 
 
 def floor(pair: EmPair, bench: Bench, script: list[str], kind: str, rounds: int = 1) -> list[float]:
-    """Seconds of each round of the script's messages, with their work or bare."""
+    """Seconds of each round of the script's messages, with or without work."""
     program = str(bench.build / "cpg_floor")
-    # Corosync's library says on standard output that it waits.
+    # Corosync's library prints a line while it waits.
     answering = pair.popen(2, [program, "answer"], stdout=subprocess.DEVNULL)
     asked = pair.run(1, [program, "ask", str(rounds), *(["--work"] if kind == WORK else [])],
                      input="\n".join(script), timeout=600, check=True)

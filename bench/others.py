@@ -1,20 +1,20 @@
-"""Other programs that keep two trees equal, as Debian has them, over the pair's link.
+"""Other programs that keep two trees equal, Debian's versions, over the link of the pair.
 
-Each is an object with `clear()`, which empties the peer's tree and what the program remembers, and
-`sync()`, seconds of a run from EM 1 to EM 2 without the start of a command.
+Each has `clear()`, which empties the peer's tree and the program's state, and `sync()`, the seconds of a run
+from EM 1 to EM 2 without the start of the command.
 """
 
 import subprocess
 import time
 from typing import Protocol
 
-from measure import ACTIVE, DIGESTS, EMS, PERSISTENT, EmPair, clear  # first: sets the path
+from measure import ACTIVE, DIGESTS, EMS, PERSISTENT, EmPair, clear  # first, because it sets the path
 from em_pair import wait_for
 from keeper import ADDRESSES
 
 
 def timed(pair: EmPair, argv: list, **options) -> float:
-    """Seconds of a command on EM 1, without the start of one that does nothing there."""
+    """Seconds of a command on EM 1, minus the start of an empty command there."""
     begin = time.monotonic()
     pair.run(1, ["true"], check=True)
     start = time.monotonic()
@@ -23,14 +23,14 @@ def timed(pair: EmPair, argv: list, **options) -> float:
 
 
 def serve(pair: EmPair, port: int, argv: list) -> None:
-    """Starts a server on EM 2; returns when it listens."""
+    """Starts a server on EM 2 and waits until it listens."""
     pair.popen(2, argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     wait_for(lambda: pair.run(2, ["ss", "-Hltn", f"sport = :{port}"], check=True,
                               capture_output=True).stdout, 10, f"{argv} on port {port}")
 
 
 class Other(Protocol):
-    """A program that makes the active tree of EM 2 that of EM 1."""
+    """A program that makes the active tree of EM 2 equal to that of EM 1."""
 
     name: str
 

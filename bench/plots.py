@@ -1,4 +1,4 @@
-"""Draws the plots of a run of the benchmarks, as SVG files beside its results.json."""
+"""Draws the plots of a benchmark run as SVG files next to its results.json."""
 
 import json
 from pathlib import Path
@@ -7,7 +7,7 @@ import matplotlib
 import matplotlib.pyplot as plt
 
 matplotlib.use("svg")
-# Text that can be searched, and the same bytes from the same results.
+# Searchable text, and identical output for identical results.
 matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "bench",
                             "figure.figsize": (6, 3.6), "axes.grid": True, "grid.alpha": 0.3,
                             "axes.spines.top": False, "axes.spines.right": False})
@@ -15,13 +15,13 @@ STYLES = {"daemon": "C0-", "bare messages": "C7--", "bare work": "C2--", "rsync 
 
 
 def style(name: str) -> str:
-    """Of a curve; on disk it is the dotted one of the same colour."""
+    """Style of a curve. Curves on disk are dotted, in the same colour."""
     kind, on_disk, _ = name.partition(", on disk")
     return STYLES[kind][:2] + ":" if on_disk else STYLES[kind]
 
 
 def draw(results: Path) -> None:
-    """Draws one per family of rows that the results hold."""
+    """Draws one plot for each family of rows in the results."""
     series = json.loads(results.read_text())["series"]
     for name, plot in (("files", plot_files), ("bytes", plot_bytes), ("rename", plot_rename)):
         if name not in series:

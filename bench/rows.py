@@ -16,7 +16,7 @@ from measure import (CHUNK, HEADER, MESSAGES, UPDATE_HEADER, WORK, Bench, Row, T
                      process_sum, pushes, put_on_disk, row)
 from others import Csync2, Other, Rsync, Unison
 
-PAIRS = 3  # for what is near its target: one pair may be slower than the next, floors and all
+PAIRS = 3  # for rows near their target, because one pair may be slower than the next, floors included
 
 
 def sha1(bench: Bench) -> list[Row]:
@@ -57,7 +57,7 @@ def nothing_to_do(bench: Bench) -> list[Row]:
         rows += [row(name, timed.seconds, theirs[other.name], "s", target, other.name)
                  for other, target in others]
     with bench.pair() as pair:
-        # One that needs the very same path on both sides, after our own copy is there.
+        # csync2 needs the same path on both sides, so make our copy first.
         make_mixed(pair, bench)
         ours = Timed(pair)
         ours.ask()
@@ -70,7 +70,7 @@ def nothing_to_do(bench: Bench) -> list[Row]:
 
 
 def written(pair: EmPair) -> list[int]:
-    """Bytes that each daemon has given to write(2)."""
+    """Bytes that each daemon has passed to write(2)."""
     return [int(Path(f"/proc/{pair.process(n, 'daemon').pid}/io").read_text()
                 .split("wchar: ")[1].split()[0]) for n in EMS]
 
@@ -82,8 +82,7 @@ def digest_times(pair: EmPair) -> list[int]:
 
 def measure_first_sync(bench: Bench, on_disk: bool, floors: tuple[str, ...], rounds: int,
                        ) -> tuple[dict[str, list[float]], float]:
-    """Seconds of first syncs of the mixed tree, as the daemon makes them and the floors, in turn;
-    processor time of one."""
+    """Seconds of first syncs of the mixed tree by the daemon and the floors, in turn; CPU seconds of one."""
     seconds: dict[str, list[float]] = {kind: [] for kind in ("daemon", *floors)}
     cpu: list[float] = []
     for _ in range(bench.runs(PAIRS)):
@@ -139,14 +138,14 @@ def first_sync_on_disk(bench: Bench) -> list[Row]:
 
 
 def large_files(bench: Bench) -> list[Row]:
-    """Few large files, up to 4 GiB in all, with a change in every chunk.
+    """A few large files, up to 4 GiB in all, with a change in every chunk.
 
-    Written over, not made: the first use of memory that a virtual machine has not touched lately
-    costs several times what the rest of a chunk does.
+    The files are overwritten, not created: in a virtual machine the first use of memory costs several times
+    as much as the rest of a chunk.
     """
     counts = {False: [1, 2] if bench.quick else [1, 4, 16],
               True: [1, 2] if bench.quick else [1, 4]}
-    size = ((4 if bench.quick else 64) << 20) - 1  # no empty chunk at the end
+    size = ((4 if bench.quick else 64) << 20) - 1  # avoids an empty chunk at the end
     curves: dict[str, list[tuple[int, float]]] = {}
     for on_disk in (False, True):
         place = ", on disk" if on_disk else ""
@@ -176,7 +175,7 @@ def change_all(bench: Bench, count: int, size: int, on_disk: bool) -> dict[str, 
         script = exchange(2, listing_size(root.parent), pushes(root.parent))
         for kind in ("daemon", WORK) if on_disk else ("daemon", WORK, MESSAGES):
             change_every_chunk(root, size)
-            if kind == WORK:  # which takes digest files at their word
+            if kind == WORK:  # which trusts digest files
                 pair.run(1, ["find", ACTIVE, "-name", ".$SyncDigest$*", "-delete"], check=True)
             seconds[kind] = (timed.ask() if kind == "daemon" else
                              floor(pair, bench, script, kind)[0])
@@ -184,7 +183,7 @@ def change_all(bench: Bench, count: int, size: int, on_disk: bool) -> dict[str, 
 
 
 def too_large(bench: Bench) -> list[Row]:
-    """What the caller hears when hashing takes longer than the short timeout, and until when."""
+    """The answer to a caller if hashing takes longer than the short timeout, and how long that lasts."""
     if bench.quick:
         return []
     count = 8
@@ -215,7 +214,7 @@ def one_chunk(bench: Bench) -> list[Row]:
     size = (64 if bench.quick else 1024) << 20
 
     def wire(pair: EmPair) -> int:
-        """Bytes that the link has carried, both ways."""
+        """Bytes transferred over the link in both directions."""
         counters = pair.run(1, ["cat", "/proc/net/dev"], check=True).stdout
         words = counters.split(f" {LINK}:")[1].split()
         return int(words[0]) + int(words[8])
@@ -243,8 +242,7 @@ def one_chunk(bench: Bench) -> list[Row]:
 
 def measure_renames(bench: Bench, on_disk: bool, floors: tuple[str, ...], count: int,
                     ) -> tuple[dict[str, list[float]], float]:
-    """Milliseconds of publishing a file, as the daemon does it and the floors, in turn; processor
-    time of one in seconds."""
+    """Milliseconds of publishing a file by the daemon and the floors, in turn; CPU seconds of one."""
     seconds: dict[str, list[float]] = {kind: [] for kind in ("daemon", *floors)}
     cpu: list[float] = []
     source, target = f"{OWN}/TempUpdate_bench", f"{OWN}/target"
@@ -273,7 +271,7 @@ def measure_renames(bench: Bench, on_disk: bool, floors: tuple[str, ...], count:
 
 
 def calls(bench: Bench) -> list[Row]:
-    """System calls, which no noise moves."""
+    """System calls, which do not vary with noise."""
     files = bench.runs(1000, 100)
     with bench.pair() as pair, Caller(pair, 1, None) as caller:
         ask(caller)
@@ -317,7 +315,7 @@ def fill(pair: EmPair, count: int) -> Timed:
 
 
 def growth(bench: Bench) -> list[Row]:
-    """Both ends in turn, on two pairs; what grows is told by page faults and by bare work."""
+    """Both sizes in turn, on two pairs. Page faults and bare work show what grows."""
     counts = (1000, 10000) if bench.quick else (10000, 100000)
     with bench.pair() as first, bench.pair() as second:
         pairs = dict(zip(counts, (first, second)))
@@ -383,7 +381,7 @@ def scale(bench: Bench) -> list[Row]:
 
 
 def at_rest(bench: Bench) -> list[Row]:
-    """What a pair costs that has nothing to do, each daemon; and its Corosync beside it."""
+    """The cost of an idle pair: each daemon, and its Corosync for comparison."""
     with bench.pair() as pair:
         make_mixed(pair, bench)
         timed = Timed(pair)

@@ -1,6 +1,6 @@
-// How fast the scan hashes large files, against a plain loop of read(2) and SHA-1 over the same
-// files, turn and turn about in one process. Works in a private mount namespace, on trees in
-// memory: no disk is measured. Prints one line a round: MB/s, MB/s, ratio.
+// How fast the scan hashes large files, compared with a plain loop of read(2) and SHA-1 over the
+// same files, alternating in one process. Works in a private mount namespace, on trees in memory,
+// so no disk is measured. Prints one line per round: MB/s, MB/s, ratio.
 //   scan_rate [MEBIBYTES] [ROUNDS]
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-# Builds for 32-bit ARM with Debian's cross compiler. The libraries come from the sysroot that
-# arm_sysroot.sh makes, and programs of the build run under QEMU with the same libraries.
+# Builds for 32-bit ARM with Debian's cross compiler. The libraries come from the sysroot made by
+# arm_sysroot.sh. Programs of the build run under QEMU with the same libraries.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
@@ -15,13 +15,13 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CSD_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${CSD_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig)
 
-# The C library is the compiler's own, so this is no --sysroot.
+# The C library is the compiler's own, so --sysroot is not used.
 set(CMAKE_CXX_FLAGS_INIT
   "-isystem ${CSD_SYSROOT}/usr/include -isystem ${CSD_SYSROOT}/usr/include/arm-linux-gnueabihf")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
   "-Wl,-rpath-link,${CSD_SYSROOT}/usr/lib/arm-linux-gnueabihf:${CSD_SYSROOT}/lib/arm-linux-gnueabihf")
-set(CMAKE_SKIP_RPATH ON)  # QEMU finds the libraries where the target has them
+set(CMAKE_SKIP_RPATH ON)  # QEMU finds the libraries at their paths on the target
 
-# In a process namespace of its own a program inherits its orphans, for which QEMU cannot ask.
+# In its own process namespace a program inherits orphans, which QEMU cannot wait for.
 set(CSD_QEMU qemu-arm -L ${CSD_SYSROOT} -E LD_LIBRARY_PATH=${CMAKE_BINARY_DIR})
 set(CMAKE_CROSSCOMPILING_EMULATOR unshare --pid --fork --mount-proc ${CSD_QEMU})

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Makes a directory with the armhf libraries of this Debian release that the build needs, headers
-# and all, and a package database of them that tells the Debian package its dependencies. Nothing
-# is installed on this machine.
+# Makes a directory with the armhf libraries and headers of this Debian release that the build needs,
+# and a package database of them, from which dpkg-shlibdeps gets the dependencies. Installs nothing on
+# this machine.
 #
 #   cmake/arm_sysroot.sh DIRECTORY      DIRECTORY/sysroot and DIRECTORY/dpkg; made once
 set -euo pipefail
@@ -16,19 +16,19 @@ work=$(mktemp -d "$destination/sysroot.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work"/{lists/partial,archives/partial,sysroot,dpkg/info}
 
-# A machine of its own on which nothing is installed: this one knows no packages of armhf.
+# Runs apt-get with an empty package database, because this machine's has no armhf packages.
 armhf_apt() {
   apt-get -o APT::Architecture=armhf -o APT::Architectures=armhf -o Dir::State::Lists="$work/lists" \
     -o Dir::Cache="$work" -o Dir::State::status=/dev/null -o APT::Sandbox::User=root "$@"
 }
-# One archive of several that cannot be read is no reason to stop: the download tells.
+# Ignore an unreadable archive; the download fails if a package is missing.
 armhf_apt update || true
 armhf_apt install --yes --no-install-recommends --download-only "${PACKAGES[@]}"
 
 for deb in "$work"/archives/*.deb; do
   dpkg-deb -x "$deb" "$work/sysroot"
-  # What dpkg would note about an installed package, as far as dpkg-shlibdeps asks; it asks for
-  # files by the paths that they have here.
+  # The parts of the dpkg database that dpkg-shlibdeps reads. It looks for files by their paths on this
+  # machine.
   name=$(dpkg-deb -f "$deb" Package)
   [ "$(dpkg-deb -f "$deb" Multi-Arch)" != same ] || name=$name:armhf
   for file in shlibs symbols; do
@@ -38,8 +38,8 @@ for deb in "$work"/archives/*.deb; do
   dpkg-deb --fsys-tarfile "$deb" | tar -t | sed "s|^\.|$destination/sysroot|; s|/$||" > "$work/dpkg/info/$name.list"
   { dpkg-deb -f "$deb" && printf 'Status: install ok installed\n\n'; } >> "$work/dpkg/status"
 done
-rm -rf "$work"/sysroot/{etc,run,var}  # a program in the emulator is to see this machine's
-echo 1 > "$work/dpkg/info/format"  # file names with the architecture
+rm -rf "$work"/sysroot/{etc,run,var}  # a program in the emulator must see this machine's
+echo 1 > "$work/dpkg/info/format"  # file names include the architecture
 echo armhf > "$work/dpkg/arch"
 
 rm -rf "$destination/dpkg"

@@ -1,4 +1,4 @@
-"""A local program that asks the daemon of an EM through its command socket, from outside."""
+"""A local program that sends requests to the daemon of an EM from outside the EM."""
 
 import ctypes
 import select
@@ -6,13 +6,13 @@ import sys
 
 from em_pair import COMMAND_SOCKET, REPO, EmPair
 
-# The library of the build, which the module then finds under its name.
+# Load the library of the build first, so that the module finds it by its name.
 ctypes.CDLL(str(REPO / "build/libcluster-sync.so.1"))
 sys.path.insert(0, str(REPO / "client/python"))
 
 from cluster_sync import Connection, Refused, Result  # noqa: E402
 
-Update = tuple[str, str]  # source and destination; empty without
+Update = tuple[str, str]  # source and destination; empty for none
 SYNC = ("", "")
 PATIENCE = 120  # seconds for an answer
 
@@ -22,8 +22,8 @@ def socket_path(pair: EmPair, n: int) -> str:
 
 
 class Caller(Connection):
-    """A connection to an EM's daemon. What is `asked`, an update or a diagnostic command, is sent at
-    once; the answer can be had later."""
+    """A connection to an EM's daemon. Sends `asked`, an update or a diagnostic command, at once; take the answer
+    later."""
 
     def __init__(self, pair: EmPair, n: int, asked: Update | str | None = SYNC):
         super().__init__(socket_path(pair, n), PATIENCE)
@@ -40,13 +40,13 @@ class Caller(Connection):
         return bool(select.select([self], [], [], 0)[0])
 
     def result(self) -> Result:
-        """The answer to an update."""
+        """Returns the answer to an update."""
         result = self.outcome()
         assert result is not None, "the daemon hung up"
         return result
 
     def outcome(self) -> Result | None:
-        """The same, or None when the daemon hung up."""
+        """The same, or None if the daemon closed the connection."""
         try:
             return self.receive()
         except Refused as refusal:
@@ -55,7 +55,7 @@ class Caller(Connection):
             return None
 
     def accepted(self) -> bool | None:
-        """Whether the daemon took a diagnostic command; None when it hung up."""
+        """Whether the daemon accepted a diagnostic command; None if it closed the connection."""
         try:
             self.receive_diag()
             return True

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Two EMs on this machine replicate real trees, change roles and survive a cut link.
 
-Prints what happens and how long it took; the exit status is 0 only when every copy is identical at
-every step.
+Prints what happens and how long it takes. The exit status is 0 only if all copies are identical after every
+step.
 """
 
 import os
@@ -52,7 +52,7 @@ def timed(text: str, action: Callable):
 
 
 def real_files(limit: int) -> list[Path]:
-    """Up to `limit` regular files of this machine, the same ones at every call."""
+    """Up to `limit` regular files of this machine, the same at every call."""
     found: list[Path] = []
     for top in FILES_FROM:
         for folder, subfolders, names in os.walk(top):
@@ -85,7 +85,7 @@ def make_large_files(root: Path, seed: int) -> None:
 
 
 def change_some(root: Path) -> str:
-    """Changes files behind the daemon's back; returns what was done."""
+    """Changes files without the daemon; returns what was done."""
     small = sorted(name for name in files(root) if not name.startswith("made/"))
     names = [root / name for name in small]
     for path in names[:100]:
@@ -110,14 +110,14 @@ class Demo:
         return self.pair.ctl(n, "--timeout", str(DEADLINE), *command, timeout=DEADLINE + 10)
 
     def do(self, text: str, n: int, *command: str) -> None:
-        """Asks EM `n`'s daemon and insists on success."""
+        """Sends a command to EM `n`'s daemon; it must succeed."""
         answer = timed(text, lambda: self.ask(n, *command))
         if answer.returncode != 0:
             raise Mismatch(f"cluster_sync_ctl {' '.join(command)} on EM {n} failed:\n"
                            f"{answer.stdout}{answer.stderr}")
 
     def told(self, text: str, expected: str, n: int, *command: str) -> None:
-        """Asks EM `n`'s daemon, prints its answer and insists on the line `expected` in it."""
+        """Sends a command to EM `n`'s daemon and prints the answer, which must have the line `expected`."""
         answer = timed(text, lambda: self.ask(n, *command))
         lines = (answer.stdout + answer.stderr).splitlines()
         for line in lines:
@@ -151,12 +151,12 @@ class Demo:
                 not any(differences(*pair) for pair in trees))
 
     def prepare(self, n: int, name: str, size: int) -> str:
-        """Writes a file beside the active tree's files under a name that is not replicated."""
+        """Writes a file to the active tree under a name that is not replicated."""
         path = f"{ACTIVE}/TempUpdate_{name}"
         self.pair.path(n, path).write_bytes(random.Random(name).randbytes(size))
         return path
 
-    # The acts.
+    # The steps of the demo.
 
     def fill(self) -> None:
         step("Two EMs with trees of their own, nothing replicated yet")

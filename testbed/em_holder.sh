@@ -1,12 +1,11 @@
 #!/bin/sh
-# Runs inside the fresh namespaces of one EM: gives it private state, then stays as the process
-# that keeps the namespaces alive.
+# Runs in the new namespaces of one EM: sets up private state, then stays to keep the namespaces alive.
 #
 #   em_holder.sh NUMBER own|shared PERSISTENT CLEANUP_SCRIPT VISIBLE_DIR...
 #
 # "shared" means that another EM's mounts are below: its /dev/shm and /etc/corosync stay in use.
-# PERSISTENT is a directory to use as /mnt/part.persistent, or "-" for memory. Every VISIBLE_DIR is
-# at its own path inside as well, though /tmp, /mnt and /run are private.
+# PERSISTENT is a directory to use as /mnt/part.persistent, or "-" for memory. Every VISIBLE_DIR keeps
+# its path inside, although /tmp, /mnt and /run are private.
 set -eu
 umask 022
 number=$1 state=$2 persistent=$3 cleanup_script=$4
@@ -14,8 +13,8 @@ shift 4
 
 fresh() { mount -n -t tmpfs -o mode="$2" em"$number" "$1"; }
 
-# The private mounts are built up beside the old ones, so that directories of the old /tmp, /mnt or
-# /run can be bound into the new ones before they disappear.
+# Build the private mounts separately, so that directories of the old /tmp, /mnt and /run can be bound into
+# them before they are covered.
 stage=/var/lib/misc
 fresh $stage 755
 mkdir $stage/tmp $stage/mnt $stage/run $stage/upper $stage/work
@@ -32,7 +31,7 @@ for dir in "$@"; do
   esac
 done
 
-# /etc, /usr/bin and /dev take additions without touching the machine's own.
+# Overlays allow additions to /etc, /usr/bin and /dev without changing the machine's own.
 for dir in etc usr/bin dev; do
   mkdir -p $stage/upper/$dir $stage/work/$dir
 done
@@ -46,7 +45,7 @@ for dir in etc usr/bin dev; do
     em"$number" /$dir
 done
 for dir in shm pts; do mount -n --move $stage/below/$dir /dev/$dir; done
-rm -f /dev/log  # the keeper makes one
+rm -f /dev/log  # the keeper creates one
 
 for top in tmp mnt run; do mount -n --move $stage/$top /$top; done
 [ -L /var/run ] || mount -n --rbind /run /var/run

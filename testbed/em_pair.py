@@ -1,11 +1,11 @@
-"""A pair of EMs on this machine: two sets of namespaces, each with its Corosync and its daemon.
+"""A pair of EMs on this machine: two sets of namespaces, each with its own Corosync and daemon.
 
     with EmPair() as pair:
         pair.ctl(1, "sync")
 
-Nothing outlives the pair: leaving the block, an exception, Ctrl-C and even SIGKILL of this process
-end every process, namespace, mount and link of it and remove its work directory (see keeper.py).
-Root is needed. Processes of the pair belong to the EmPair; use it from one thread.
+Nothing outlives the pair. Leaving the block, an exception, Ctrl-C and even SIGKILL of this process end all
+its processes, namespaces, mounts and links and remove its work directory (see keeper.py). Needs root.
+Processes of the pair belong to the EmPair; use it from one thread.
 """
 
 import json
@@ -36,7 +36,7 @@ ARM_BOARD = ARM_BUILD / "board"
 EMULATOR = ("qemu-arm", "-L", ARM_SYSROOT, "-E",
             f"LD_LIBRARY_PATH={ARM_BOARD}/usr/lib")
 
-# The shipped corosync.conf, changed only where a testbed must differ.
+# Changes to the shipped corosync.conf that a testbed needs.
 OVERRIDES = {
     "udpu": "totem {\n  transport: udpu\n  crypto_cipher: none\n  crypto_hash: none\n"
             "  netmtu: 8900\n}\n",
@@ -59,7 +59,7 @@ class PairError(Exception):
 
 
 def wait_for(predicate: Callable[[], object], timeout: float, what: str, interval: float = 0.05):
-    """Returns the first true value of `predicate`; PairError naming `what` after `timeout` s."""
+    """Waits for and returns the first true value of `predicate`; PairError with `what` after `timeout` s."""
     deadline = time.monotonic() + timeout
     while True:
         value = predicate()
@@ -73,18 +73,17 @@ def wait_for(predicate: Callable[[], object], timeout: float, what: str, interva
 class EmPair:
     """Two EMs, numbered 1 and 2.
 
-    build_dir  where cluster_sync_daemon and cluster_sync_ctl are
-    form       "two-node", or "one-node": two daemons on one node of one Corosync, which have their
-               trees to themselves and share network, IPC and /dev/shm
-    transport  "udpu" or "knet" (encrypted, as shipped); None: the one that EM_PAIR_TRANSPORT names,
-               or udpu
+    build_dir  directory of cluster_sync_daemon and cluster_sync_ctl
+    form       "two-node", or "one-node": two daemons on one node of one Corosync, which have separate
+               trees but share network, IPC and /dev/shm
+    transport  "udpu" or "knet" (encrypted, as shipped); None: the value of EM_PAIR_TRANSPORT, or udpu
     log_level  highest syslog level that the daemons log (BREL_LOG_LEVEL)
-    wrapper    command in front of the daemon, for example ["valgrind", "--error-exitcode=99"]
-    arm        EMs that are 32-bit ARM throughout, Corosync and all, in an emulator, from what is
-               installed in build-arm/board and from build-arm/sysroot; None: those that EM_PAIR_ARM names ("2", "1 2")
-    on_disk    /mnt/part.persistent is a directory beneath the work directory instead of memory
-    visible    further directories that the EMs must see, if they are beneath /tmp, /mnt or /run
-    work_dir   directory to make; a new one beneath the temporary directory by default
+    wrapper    command prefix of the daemon, for example ["valgrind", "--error-exitcode=99"]
+    arm        EMs that are 32-bit ARM throughout, including Corosync, in an emulator, installed in
+               build-arm/board and build-arm/sysroot; None: the value of EM_PAIR_ARM ("2", "1 2")
+    on_disk    /mnt/part.persistent is a directory in the work directory, not in memory
+    visible    further directories below /tmp, /mnt or /run that the EMs can see
+    work_dir   directory to create; by default a new one in the temporary directory
     environment  further variables for the daemons
     """
 
@@ -117,7 +116,7 @@ class EmPair:
     # Start and stop.
 
     def start(self, daemons: bool = True, active: int | None = 1) -> "EmPair":
-        """Brings all up; EM `active` gets the active role. Returns when the group is complete."""
+        """Starts everything; EM `active` gets the active role. Returns when the group is complete."""
         try:
             self.start_machines()
             if active:
@@ -135,7 +134,7 @@ class EmPair:
         return self
 
     def start_machines(self) -> None:
-        """Makes the two machines without starting anything on them."""
+        """Creates the two machines without starting anything on them."""
         if self._wanted_work_dir:
             self.work_dir = Path(self._wanted_work_dir)
             self.work_dir.mkdir(mode=0o700)
@@ -165,7 +164,7 @@ class EmPair:
         self.holders = dict(zip(EMS, json.loads(answer)))
 
     def stop(self) -> None:
-        """Ends everything and removes the work directory. May be called again."""
+        """Stops everything and removes the work directory. May be called again."""
         for process in self._processes.values():
             if process.poll() is None:
                 process.send_signal(signal.SIGCONT)
@@ -186,22 +185,22 @@ class EmPair:
     # Processes.
 
     def nodes(self) -> tuple[int, ...]:
-        """The EMs that run a Corosync of their own."""
+        """The EMs that run their own Corosync."""
         return EMS if self.form == "two-node" else (1,)
 
     def command(self, n: int, argv: Sequence[str]) -> list[str]:
-        """The argv that runs `argv` on EM `n`; paths in it are absolute, it starts in "/"."""
+        """The argv that runs `argv` on EM `n`, in "/"; use absolute paths."""
         return ["nsenter", "-t", str(self.holders[n]), "-m", "-n", "-i", "-u", "--",
                 *map(str, argv)]
 
     def run(self, n: int, argv: Sequence[str], timeout: float = 60, check: bool = False,
             **options) -> subprocess.CompletedProcess:
-        """Runs a command on EM `n` and captures what it prints (text, both streams apart)."""
+        """Runs a command on EM `n` and captures its output (text, both streams separately)."""
         options = {"capture_output": True, "text": True} | options
         return subprocess.run(self.command(n, argv), timeout=timeout, check=check, **options)
 
     def popen(self, n: int, argv: Sequence[str], **options) -> subprocess.Popen:
-        """Starts a command on EM `n`, which the end of the pair ends at the latest."""
+        """Starts a command on EM `n`. It ends with the pair at the latest."""
         return subprocess.Popen(self.command(n, argv), **options)
 
     def ctl(self, n: int, *arguments: str, timeout: float = 60) -> subprocess.CompletedProcess:
@@ -209,7 +208,7 @@ class EmPair:
         return self.run(n, [*self._program(n, "cluster_sync_ctl"), *arguments], timeout=timeout)
 
     def _program(self, n: int, name: str, build_dir: Path | str | None = None) -> list:
-        """The command that is program `name` of the build, or of Corosync, on EM `n`."""
+        """The command for program `name` of the build, or of Corosync, on EM `n`."""
         if n in self.arm:
             places = (root / "usr" / folder / name for root in (ARM_BOARD, ARM_SYSROOT)
                       for folder in ("sbin", "bin"))
@@ -218,7 +217,7 @@ class EmPair:
         return [Path(build_dir or self.build_dir).resolve() / name if ours else name]
 
     def log_path(self, n: int, what: str = "daemon") -> Path:
-        """Where the output of all runs of EM `n`'s "daemon" or "corosync" goes."""
+        """The file with the output of all runs of EM `n`'s "daemon" or "corosync"."""
         return self.work_dir / f"em{n}" / f"{what}.log"
 
     def log(self, n: int, what: str = "daemon") -> str:
@@ -226,7 +225,7 @@ class EmPair:
         return path.read_text(errors="replace") if path.exists() else ""
 
     def process(self, n: int, what: str) -> subprocess.Popen:
-        """EM `n`'s "daemon" or "corosync"; poll() tells whether and how it ended."""
+        """EM `n`'s "daemon" or "corosync"; poll() returns its exit status, if it has ended."""
         return self._processes[what, n]
 
     def alive(self, n: int, what: str) -> bool:
@@ -261,16 +260,16 @@ class EmPair:
     def kill(self, n: int, what: str) -> None:
         """SIGKILLs EM `n`'s "daemon" or "corosync" and waits for its end.
 
-        A daemon aborts when its Corosync is gone; nothing starts either again but restart().
+        A daemon aborts when its Corosync has ended. Only restart() starts either of them again.
         """
         process = self.process(n, what)
         process.kill()
         process.wait(timeout=20)
 
     def restart(self, n: int, what: str) -> None:
-        """Ends EM `n`'s "daemon" or "corosync", if it runs, and starts it. Does not wait for it.
+        """Stops EM `n`'s "daemon" or "corosync", if it runs, and starts it. Does not wait until it is ready.
 
-        With a Corosync the daemons that use it end too; they are started again after it.
+        With a Corosync, its daemons end too; they are started again after it.
         """
         daemons = [n] if what == "daemon" else [m for m in EMS if self.node_of(m) == n]
         daemons = [m for m in daemons if ("daemon", m) in self._processes]
@@ -289,9 +288,9 @@ class EmPair:
         return self.process(n, "daemon").wait(timeout=timeout)
 
     def install(self, n: int, **programs: str) -> None:
-        """Gives EM `n` what "cmake --install" installs, at the real paths, until the end of the pair.
+        """Installs the files of "cmake --install" on EM `n`, at the real paths, until the pair ends.
 
-        programs  further ones in /usr/sbin: name and text of each
+        programs  further programs in /usr/sbin: name and text of each
         """
         root = self.work_dir / "root"
         subprocess.run(["cmake", "--install", self.build_dir], check=True, capture_output=True,
@@ -313,7 +312,7 @@ class EmPair:
             mark.unlink(missing_ok=True)
 
     def set_active(self, n: int) -> None:
-        """EM `n` becomes the active one, the other the standby one, never both at once."""
+        """Makes EM `n` active and the other one standby; never both active at once."""
         self.set_role(3 - n, False)
         self.set_role(n, True)
 
@@ -332,7 +331,7 @@ class EmPair:
         return {(int(row[2]), int(row[1])) for row in rows if len(row) == 3 and row[0] == "em-sync"}
 
     def _daemon_pids(self, n: int) -> set[int]:
-        """The daemon's process id, and its children's: a wrapper may keep the daemon as a child."""
+        """The process ids of the daemon and its children; a wrapper may keep the daemon as a child."""
         pid = self.process(n, "daemon").pid
         try:
             children = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
@@ -341,7 +340,7 @@ class EmPair:
         return {pid, *map(int, children)}
 
     def joined(self) -> bool:
-        """True when both EMs see exactly the two running daemons in the group."""
+        """True if both EMs see exactly the two running daemons in the group."""
         pids = {n: {(self.node_of(n), pid) for pid in self._daemon_pids(n)} for n in EMS}
         groups = [self._group(n) or set() for n in EMS]
         return all(len(group) == 2 and all(group & pids[n] for n in EMS) for group in groups)
@@ -362,21 +361,21 @@ class EmPair:
                 if re.match(r"\s*\d+\s", line)}
 
     def wait_nodes(self, timeout: float = 30, members: set[int] | None = None) -> None:
-        """Waits until every Corosync sees the nodes `members` (all of them by default)."""
+        """Waits until every Corosync sees the nodes `members` (by default all)."""
         members = members or set(self.nodes())
         wait_for(lambda: all(self.node_members(n) == members for n in self.nodes()), timeout,
                  f"nodes {sorted(members)} form one Corosync membership")
 
     def cut(self) -> None:
-        """Loses every packet between the EMs, unnoticed by either, as a dead switch would."""
-        # Sent to a station that does not exist. A queue that drops would report errors to knet,
-        # and an interface that is down stops Corosync.
+        """Drops every packet between the EMs without an error on either, like a dead switch."""
+        # Redirect packets to a station that does not exist. A dropping queue would report errors to knet, and
+        # an interface that is down stops Corosync.
         for n in EMS:
             self._on_link(n, "ip", "neighbour", "replace", ADDRESSES[3 - n], "lladdr",
                           "02:00:00:00:00:00", "nud", "permanent", "dev", LINK)
 
     def heal(self) -> None:
-        """Undoes cut(); without one nothing happens."""
+        """Undoes cut(), if there was one."""
         for n in EMS:
             self._on_link(n, "ip", "neighbour", "flush", "to", ADDRESSES[3 - n], "nud",
                           "permanent", "dev", LINK)
@@ -389,7 +388,7 @@ class EmPair:
     # Files.
 
     def path(self, n: int, inside: str) -> Path:
-        """A path of EM `n` as this process reaches it, without a command on the EM."""
+        """A path of EM `n` as this process can access it, without a command on the EM."""
         if inside.startswith("/var/run"):
-            inside = inside[len("/var"):]  # an absolute symbolic link would lead out of the EM
+            inside = inside[len("/var"):]  # an absolute symlink would lead out of the EM
         return Path(f"/proc/{self.holders[n]}/root{inside}")

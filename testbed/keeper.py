@@ -1,8 +1,8 @@
-"""Makes the namespaces of a pair and removes everything once nobody needs it.
+"""Creates the namespaces of a pair and removes everything at the end.
 
-Runs as a process of its own, started by em_pair.EmPair with a pipe as its standard input. The end
-of that pipe, however the starting process ended, makes the keeper kill every process inside the
-namespaces, which takes the mounts and the link with them, and remove the work directory.
+A separate process, started by em_pair.EmPair with a pipe as standard input. When the pipe closes, however the
+starting process ended, the keeper kills every process in the namespaces, which also removes the mounts and
+the link, and removes the work directory.
 """
 
 import ctypes
@@ -45,7 +45,7 @@ def wait_ready(holder: subprocess.Popen) -> None:
 
 
 def make_link(first: int, second: int) -> None:
-    """Joins two network namespaces by a veth pair; one namespace gets a link with nobody on it."""
+    """Joins two network namespaces by a veth pair. One namespace gets a link without a peer."""
     other_end = ["peer", "name", LINK, "netns", str(second)]
     if first == second:
         other_end = ["peer", "name", "nobody"]
@@ -83,9 +83,9 @@ def namespaces(pid: int) -> set[str]:
 
 
 def take_logs(holder: int) -> socket.socket:
-    """The /dev/log of an EM: a line sent there is taken and dropped, and wakes nobody."""
+    """The /dev/log of an EM. It drops all lines and wakes no process."""
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    drop = ctypes.create_string_buffer(struct.pack("=HBBI", 6, 0, 0, 0))  # a filter: keep 0 bytes
+    drop = ctypes.create_string_buffer(struct.pack("=HBBI", 6, 0, 0, 0))  # socket filter: keep 0 bytes
     log.setsockopt(socket.SOL_SOCKET, SO_ATTACH_FILTER,
                    struct.pack("@HP", 1, ctypes.addressof(drop)))
     log.bind(f"/proc/{holder}/root/dev/log")
@@ -93,7 +93,7 @@ def take_logs(holder: int) -> socket.socket:
 
 
 def end_members(holders: list[subprocess.Popen]) -> None:
-    """Kills all that runs inside, the holders last, so that their namespaces can be recognised."""
+    """Kills all processes inside. The holders come last, because they identify the namespaces."""
     ours = set().union(*(namespaces(holder.pid) for holder in holders)) - namespaces(os.getpid())
     keep = {holder.pid for holder in holders}
     deadline = time.monotonic() + 20

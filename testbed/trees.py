@@ -1,6 +1,6 @@
-"""Reads replicated trees the way replication sees them, and compares them.
+"""Reads replicated trees as replication sees them, and compares them.
 
-The trees may change meanwhile: a file that goes while it is looked at counts as missing.
+The trees may change meanwhile; a file that disappears counts as missing.
 """
 
 import os
@@ -25,7 +25,7 @@ class File:
 
 
 def files(root: Path) -> dict[str, File]:
-    """The files below `root` that are replicated, by relative path: no links, no empty folders."""
+    """The replicated files below `root` by relative path, without symlinks and empty directories."""
     found = {}
     for folder, subfolders, names in os.walk(root):
         subfolders[:] = [name for name in subfolders if not name.startswith(UNREPLICATED[0])]
@@ -55,7 +55,7 @@ def same_content(one: File, other: File) -> bool:
 
 
 def differences(source: Path, copy: Path) -> list[str]:
-    """What keeps `copy` from being a replica of `source`, one line for each file; [] if nothing."""
+    """Why `copy` is not a replica of `source`: one line per file, [] if it is one."""
     have, want = files(copy), files(source)
     found = [f"missing: {name}" for name in want.keys() - have.keys()]
     found += [f"left over: {name}" for name in have.keys() - want.keys()]
@@ -68,12 +68,12 @@ def differences(source: Path, copy: Path) -> list[str]:
 
 
 def same_outline(source: Path, copy: Path) -> bool:
-    """A quick look at names and sizes, for waiting; differences() alone can tell more."""
+    """Compares only names and sizes: a fast check for waiting. Use differences() to be sure."""
     return ({name: file.size for name, file in files(source).items()} ==
             {name: file.size for name, file in files(copy).items()})
 
 
 def count(root: Path) -> tuple[int, int]:
-    """Number of replicated files below `root` and their bytes."""
+    """Number and total bytes of the replicated files below `root`."""
     found = files(root).values()
     return len(found), sum(file.size for file in found)

@@ -1,13 +1,14 @@
-// Preloaded into a daemon: the group service, the clock and every wait of it, held by a scheduler.
+// Preloaded into a daemon: replaces the group service, the clock and every wait. A scheduler
+// controls them.
 //
-// One thread runs at a time. It gives the turn away only where it would wait, or at a point that the
-// scheduler named; when no thread can go on, the scheduler is asked for an order. The daemon is thus
-// a function of the orders and of the bytes of its callers, down to its log.
+// One thread runs at a time. It gives up its turn only where it would wait, or at a point that the
+// scheduler chose. When no thread can continue, the scheduler is asked for an order. So the daemon
+// is a deterministic function of the orders and of the bytes of its callers, including its log.
 //
-// The scheduler is at the other end of the SOCK_SEQPACKET socket SIM_FD. To it go 'M' and a message,
-// 'J' (join), 'L' (leave), 'E' before each event that is dispatched, and 'R' and a report: "what
-// next?". From it comes an order, and with it so many group events: 'm', node, pid and a message, or
-// 'c', the lengths of three lists and the lists.
+// The scheduler is at the other end of the SOCK_SEQPACKET socket SIM_FD. It receives 'M' and a
+// message, 'J' (join), 'L' (leave), 'E' before each dispatched event, and 'R' and a report: "what
+// next?". It sends an order, followed by the given number of group events: 'm', node, pid and a
+// message, or 'c', the lengths of three lists and the lists.
 
 #include <corosync/cpg.h>
 #include <dlfcn.h>
@@ -44,7 +45,7 @@ struct thread {
   struct thread* next;
   sem_t turn;
   enum reason reason;
-  int64_t deadline;  // of this wait, on the scheduler's clock; INT64_MAX without
+  int64_t deadline;  // of this wait, on the scheduler's clock; INT64_MAX for none
   struct pollfd* fds;
   nfds_t n_fds;
   const void* condition;
@@ -60,18 +61,18 @@ enum { PASS = 1, HOLD = 2, TICK = 4 };
 
 struct order {
   int64_t now;
-  uint32_t flags;   // PASS: the replicating thread may go on once. HOLD: who was interrupted stays
-                    // so. TICK: time goes on for the other threads, too
-  uint32_t events;  // that follow
-  uint32_t interrupt_at;  // this many points from now another thread has the turn, 0 = never
-  uint32_t die_at;        // this many points from now the process is killed, 0 = never
-  uint32_t refuse;        // sends that are answered "try again"
-  uint32_t choice;        // of the next thread, where there are several
+  uint32_t flags;   // PASS: the sync thread may continue once. HOLD: an interrupted thread stays
+                    // interrupted. TICK: time also passes for the other threads
+  uint32_t events;  // number of events that follow
+  uint32_t interrupt_at;  // after this many points another thread gets the turn, 0 = never
+  uint32_t die_at;  // after this many points the process is killed, 0 = never
+  uint32_t refuse;  // number of sends that fail with "try again"
+  uint32_t choice;  // of the next thread, if several can continue
 };
 
 struct report {
   char kind, waits_in_poll, request_announced, interrupted;
-  int32_t thread;  // id of the replicating thread
+  int32_t thread;  // id of the sync thread
   int64_t deadline;
 };
 
@@ -87,7 +88,7 @@ static __thread struct thread* t_self = &g_main;
 static struct order g_order;
 static struct event *g_events, **g_last_event = &g_events;
 static int g_link, g_group_fd = -1, g_pid, g_replicating_thread;
-static uintptr_t g_text, g_text_end;  // of the daemon's own code
+static uintptr_t g_text, g_text_end;  // the daemon's own code
 static cpg_model_v1_data_t g_model;
 static void* g_context;
 static const struct cpg_name g_group = {7, "em-sync"};
@@ -96,7 +97,7 @@ static const struct cpg_name g_group = {7, "em-sync"};
   static __typeof__(&name) real; \
   if (!real) real = (__typeof__(&name))dlsym(RTLD_NEXT, #name)
 
-// The link to the scheduler.
+// The connection to the scheduler.
 
 static void tell(char kind, const struct iovec* pieces, size_t count) {
   struct iovec all[3] = {{&kind, 1}};
@@ -108,7 +109,7 @@ static void tell(char kind, const struct iovec* pieces, size_t count) {
 static ssize_t hear(void* bytes, size_t size) {
   REAL(recv);
   const ssize_t got = real(g_link, bytes, size, 0);
-  if (got <= 0) _exit(0);  // the scheduler is gone
+  if (got <= 0) _exit(0);  // the scheduler has exited
   return got;
 }
 
@@ -154,7 +155,7 @@ static void ask_for_order(void) {
   if (g_order.events != 0) eventfd_write(g_group_fd, 1);
 }
 
-// The turn.
+// Turns of the threads.
 
 static bool can_go_on(const struct thread* thread) {
   if (thread->ended) return false;
@@ -189,7 +190,7 @@ static struct thread* choose(void) {
   return able[(g_order.choice >> 16) % count];
 }
 
-// Gives the turn away until this thread can go on.
+// Gives up the turn until this thread can continue.
 static void wait_for(struct thread* self, enum reason reason, int64_t deadline) {
   self->reason = reason;
   self->deadline = deadline;
@@ -209,7 +210,7 @@ static void wait_for(struct thread* self, enum reason reason, int64_t deadline) 
 static void pass_point(void) {
   if (g_order.die_at != 0 && --g_order.die_at == 0) raise(SIGKILL);
   if (t_self->locks == 0 && g_order.interrupt_at != 0 && --g_order.interrupt_at == 0) {
-    g_order.flags |= HOLD;  // until another thread has had its turn, or the next order
+    g_order.flags |= HOLD;  // until another thread has had a turn, or the next order
     struct thread* next = choose();
     g_order.flags &= ~(uint32_t)HOLD;
     if (next == NULL) {
@@ -378,7 +379,7 @@ ssize_t recv(int fd, void* bytes, size_t size, int flags) {
   return real(fd, bytes, size, flags);
 }
 
-// The second of a change is one of the scheduler's clock, too.
+// File times also come from the scheduler's clock.
 static void stamp(int fd) {
   struct stat status;
   const struct timespec now = {BOOT + g_order.now / SECOND, 0}, times[2] = {now, now};
@@ -387,7 +388,7 @@ static void stamp(int fd) {
 
 ssize_t write(int fd, const void* bytes, size_t size) {
   REAL(write);
-  if (fd == STDOUT_FILENO) {  // a line of the log
+  if (fd == STDOUT_FILENO) {  // a log line
     char time[40];
     const int64_t now = BOOT * (int64_t)SECOND + g_order.now;
     snprintf(time, sizeof time, "%ld.%06ld ", now / SECOND, now % SECOND / 1000);
@@ -407,7 +408,7 @@ int ftruncate64(int fd, off64_t size) {
   return rc;
 }
 
-// What else differs between two runs.
+// Everything else that differs between runs.
 
 ssize_t getrandom(void* bytes, size_t size, unsigned flags) {
   (void)flags;
@@ -549,5 +550,5 @@ __attribute__((constructor)) static void start(void) {
   setrlimit(RLIMIT_CORE, &no_core);
   unsetenv("LD_PRELOAD");
   dl_iterate_phdr(find_own_code, NULL);
-  hear(&g_order, sizeof g_order);  // at what time it starts
+  hear(&g_order, sizeof g_order);  // the start time
 }

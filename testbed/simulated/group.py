@@ -1,8 +1,8 @@
-"""The process group of two nodes, as cpg_overview(3) has it: one agreed order of messages and of
-membership changes in each component, and what a cut may do to what is under way.
+"""The process group of two nodes, as in cpg_overview(3): each component has one agreed order of messages and
+membership changes. A cut may lose what is in transit.
 
-Nothing happens by itself: whoever drives the group says when a message gets its place in the order
-and when a process takes the events that have reached its node.
+Nothing happens by itself. The caller decides when a message gets its place in the order and when a process
+takes the events that have reached its node.
 """
 
 import struct
@@ -13,7 +13,7 @@ NODES = (1, 2)
 REASON_JOIN, REASON_LEAVE, REASON_NODE_DOWN, REASON_PROCESS_DOWN = 1, 2, 3, 5
 Process = tuple[int, int]  # node, process id
 Item = tuple  # ("m", process, bytes), ("join", process), ("leave", process, reason), ("cut",) or
-#               ("merge", processes): those that a node knows only now
+#             ("merge", processes): those that a node learns of now
 
 
 def message_event(sender: Process, message: bytes) -> bytes:
@@ -28,9 +28,9 @@ def change_event(members, left, joined) -> bytes:
 
 @dataclass
 class Node:
-    process: Process | None = None  # the one that is connected here
-    members: list[Process] = field(default_factory=list)  # after what was taken so far
-    to_send: deque[Item] = field(default_factory=deque)  # not in the order yet
+    process: Process | None = None  # the process that is connected on this node
+    members: list[Process] = field(default_factory=list)  # after the items taken so far
+    to_send: deque[Item] = field(default_factory=deque)  # not ordered yet
     ordered: deque[Item] = field(default_factory=deque)  # not taken yet
 
 
@@ -39,7 +39,7 @@ class Group:
         self.nodes = {n: Node() for n in NODES}
         self.connected = True
 
-    # What processes do.
+    # Actions of processes.
 
     def connect(self, process: Process) -> None:
         self.nodes[process[0]].process = process
@@ -51,7 +51,7 @@ class Group:
         self.nodes[n].to_send.append(("join", self.nodes[n].process))
 
     def end(self, n: int, reason: int = REASON_PROCESS_DOWN, lost: int = 0) -> None:
-        """The process on node `n` is gone, and with it the last `lost` messages that it sent."""
+        """The process on node `n` ends; the last `lost` messages that it sent are lost."""
         node = self.nodes[n]
         process, node.process = node.process, None
         while lost > 0 and node.to_send and node.to_send[-1][0] == "m":
@@ -60,10 +60,10 @@ class Group:
         node.to_send.append(("leave", process, reason))
         self.take(n, 0)
 
-    # What the network does.
+    # Actions of the network.
 
     def order(self, n: int) -> Item:
-        """The next item of node `n` gets its place."""
+        """Gives the next item of node `n` its place in the order."""
         item = self.nodes[n].to_send.popleft()
         self._place(item, NODES if self.connected else (n,))
         return item
@@ -74,8 +74,8 @@ class Group:
             self.take(n, 0)
 
     def cut(self, lost: dict[int, int]) -> None:
-        """The nodes lose each other, and node n the last lost[n] items that it has not taken yet,
-        except its own: a node has what it has sent."""
+        """Separates the nodes. Node n loses the last lost[n] items that it has not taken yet, except its own,
+        which it always gets."""
         if not self.connected:
             return
         self.connected = False
@@ -87,8 +87,8 @@ class Group:
             self._place(("cut",), [n])
 
     def heal(self, together: bool = False) -> None:
-        """The nodes find each other. With `together` a process that was about to join is a member
-        from the same change on."""
+        """Reconnects the nodes. With `together`, a process that was about to join becomes a member in the same
+        change."""
         if self.connected:
             return
         self.connected = True
@@ -106,7 +106,7 @@ class Group:
 
     @staticmethod
     def _change(n: int, members: list[Process], item: Item):
-        """The members after an item, who has joined and who has left, each with the reason."""
+        """The members after an item, the joined and the left processes, each with the reason."""
         joined, left = [], []
         if item[0] == "join":
             joined = [(item[1], REASON_JOIN)]
@@ -121,14 +121,14 @@ class Group:
         members = [member for member in members if member not in gone]
         return members + [process for process, _ in joined], joined, left
 
-    # What a process is given.
+    # Events for processes.
 
     def waiting(self, n: int) -> int:
-        """How many events wait for the process on node `n`."""
+        """Number of events that wait for the process on node `n`."""
         return len(self.nodes[n].ordered)
 
     def take(self, n: int, count: int) -> list[bytes]:
-        """The next `count` events for the process on node `n`; what is for no process goes."""
+        """The next `count` events for the process on node `n`; events for no process are dropped."""
         node = self.nodes[n]
         events: list[bytes] = []
         while node.ordered:

@@ -1,5 +1,5 @@
-"""An EM of the simulated pair: a mount namespace with the daemon's real paths, and a real daemon in
-it whose group service, clock and waits are those of group.c."""
+"""An EM of the simulated pair: a mount namespace with the daemon's real paths, and a real daemon with the group
+service, clock and waits of group.c."""
 
 import os
 import socket
@@ -16,14 +16,14 @@ BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
 ORDER, REPORT = struct.Struct("<q6I"), struct.Struct("<4ciq")
 PASS, HOLD, TICK = 1, 2, 4
-PATIENCE = 120  # real seconds for a report
+PATIENCE = 120  # real seconds to wait for a report
 NEVER = (1 << 63) - 1
 
 Report = namedtuple("Report", "waits_in_poll request_announced interrupted thread deadline")
 
 
 class Hang(Exception):
-    """A daemon computes, or waits for something that is not simulated."""
+    """A daemon computes endlessly, or waits for something that is not simulated."""
 
 
 class Machine:
@@ -45,11 +45,11 @@ class Machine:
         self._holder.wait()
 
     def path(self, inside: str) -> str:
-        # An absolute symbolic link would lead out of the EM.
+        # An absolute symlink would lead out of the EM.
         return self.root + inside.removeprefix("/var" if inside.startswith("/var/run") else "")
 
     def reset(self) -> None:
-        """No daemon, nothing in the trees, standby; the log begins anew."""
+        """No daemon, empty trees, standby, empty log."""
         self.kill()
         self.starts = 0
         for root in ROOTS:
@@ -67,7 +67,7 @@ class Machine:
             else:
                 os.unlink(entry.path)
 
-    # The role, and what the event service has heard last.
+    # The role, and the last state sent to the event service.
 
     @property
     def active(self) -> bool:
@@ -97,7 +97,7 @@ class Machine:
 
     @property
     def pid(self) -> int:
-        """What the daemon takes for its process id."""
+        """The daemon's simulated process id."""
         return 100 * self.number + self.starts
 
     @property
@@ -141,8 +141,8 @@ class Machine:
             self.link.send(event)
 
     def order(self, now: int, **order) -> int | None:
-        """Lets the daemon go on as ordered. Returns its exit status if it has ended instead of
-        reporting what it waits for."""
+        """Lets the daemon continue as ordered. Returns its exit status if it ends instead of reporting what it
+        waits for."""
         try:
             self._send_order(now, **order)
         except (BrokenPipeError, ConnectionResetError):
@@ -150,7 +150,7 @@ class Machine:
         return None
 
     def sent(self):
-        """What the daemon tells until its next report, first bytes first. A report is kept."""
+        """Yields what the daemon sends until its next report, by first bytes. Stores the report."""
         while True:
             try:
                 size = self.link.recv_into(self._buffer)

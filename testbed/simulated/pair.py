@@ -1,5 +1,5 @@
-"""Two real daemons on a simulated group. Nothing happens by itself: whoever drives the pair says which
-daemon goes on, what it is given, and how much time passes."""
+"""Two real daemons on a simulated group. Nothing happens by itself: the caller decides which daemon continues,
+what it receives, and how much time passes."""
 
 import socket
 import struct
@@ -12,15 +12,15 @@ from simulated.group import REASON_LEAVE, Group
 from simulated.machine import NEVER, PASS, Machine
 
 SECOND = 1_000_000_000
-STEP = 200_000  # ns that a step takes
-FORGIVEN = 20 * SECOND  # a stall from which on the long time limit may end a daemon
-MEMORY = 120 * SECOND  # for how long after it
+STEP = 200_000  # ns per step
+FORGIVEN = 20 * SECOND  # a longer stall may make a daemon end by its long timeout
+MEMORY = 120 * SECOND  # for this long afterwards
 COMMANDS = ("LOCK_REQ", "LOCK_REL", "LISTING_REQ", "LISTING_ACK", "UPDATE_REQ", "UPDATE_ACK")
 LOCK_REQ, LOCK_REL, LISTING_REQ, LISTING_ACK, UPDATE_REQ, UPDATE_ACK = range(6)
 
 
 class Wrong(Exception):
-    """The pair has done what it must not."""
+    """The pair violated a requirement."""
 
 
 @dataclass(frozen=True)
@@ -39,36 +39,36 @@ class Answer:
 
 @dataclass(eq=False)
 class Request:
-    """`effects` says what the paths hold once it is carried out: bytes, or None for nothing."""
+    """`effects` maps each path to its content after the request: bytes, or None for no file."""
 
     em: int
     source: str
     destination: str
     effects: dict[str, bytes | None]
-    moves: int  # of the role before it
-    others: list["Request"] = field(default_factory=list)  # for the same path at the same time
+    moves: int  # role changes before it
+    others: list["Request"] = field(default_factory=list)  # requests for the same path at the same time
     refused: bool = False
-    first: bool = False  # to make the path hold that
+    first: bool = False  # the first to give the path this content
 
     def __str__(self) -> str:
         return f"EM {self.em}: '{self.source}' -> '{self.destination}'"
 
 
 class SimulatedPair:
-    """`watcher` hears of what is sent, taken, asked, answered and ended (questions.Questions)."""
+    """`watcher` is told what is sent, taken, asked, answered and ended (questions.Questions)."""
 
     def __init__(self, machines: dict[int, Machine], watcher, trace=None):
         self.machines, self.questions, self.trace = machines, watcher, trace or (lambda text: None)
         self.group = Group()
         self.now = 1000 * SECOND
         self.answers: list[Answer] = []
-        self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # that are idle
+        self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # idle connections
         self.callers: dict[int, dict[Request, socket.socket]] = {n: {} for n in EMS}
-        # Events on their way into the callbacks.
+        # Events that are being passed to the callbacks.
         self.given: dict[int, deque] = {n: deque() for n in EMS}
-        self.due_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it is to go on
+        self.due_since: dict[int, int | None] = dict.fromkeys(EMS)  # to continue
         self.unordered_since: dict[int, int | None] = dict.fromkeys(EMS)  # that it has sent
-        self.stalled = dict.fromkeys(EMS, -MEMORY)  # when it was last held up for long
+        self.stalled = dict.fromkeys(EMS, -MEMORY)  # when it was last delayed for long
         for machine in machines.values():
             machine.reset()
         machines[1].active = True
@@ -82,7 +82,7 @@ class SimulatedPair:
     # The daemons.
 
     def go_on(self, n: int, **order) -> None:
-        """Lets EM `n`'s daemon go on until it has to ask, and takes what it has sent and answered."""
+        """Lets EM `n`'s daemon continue until it must ask, and takes what it sent and answered."""
         machine = self.machines[n]
         machine.report = None
         self.given[n] += order.get("events", ())
@@ -136,13 +136,13 @@ class SimulatedPair:
             raise Wrong(f"EM {n}: the daemon does not start")
 
     def run_once(self, n: int, count: int, **order) -> None:
-        """A pass of EM `n`'s replicating thread, in which it is given `count` events at most."""
+        """One pass of EM `n`'s sync thread, which receives at most `count` events."""
         report = self.machines[n].report
         events = self.group.take(n, count) if report and report.waits_in_poll else []
         self.due_since[n] = None
         self.go_on(n, flags=PASS, events=events, **order)
 
-    # What is possible now.
+    # Possible actions.
 
     def is_due(self, n: int) -> bool:
         report = self.machines[n].report
@@ -179,7 +179,7 @@ class SimulatedPair:
         return min((report.deadline for report in reports if report), default=NEVER)
 
     def flow(self, steps: int, until: int = 0, daemons=EMS, ordering=True, portion=1 << 30) -> None:
-        """Everything that can go on does so in turn, for a number of steps or until a time."""
+        """Lets everything continue in turn, for a number of steps or until a time."""
         for step in range(steps):
             moves = self.moves(daemons, ordering)
             if moves:
@@ -192,7 +192,8 @@ class SimulatedPair:
                 return
 
     def wait_until(self, at_rest, patience: int) -> None:
-        """Everything goes on in turn until nothing does and `at_rest`, or for so long."""
+        """Lets everything continue in turn until nothing can and `at_rest` is true, or until `patience` is
+        over."""
         limit = self.now + patience
         while self.now < limit:
             moves = self.moves()
@@ -230,7 +231,7 @@ class SimulatedPair:
         return connection
 
     def hang_up(self) -> None:
-        """Closes the connections that wait for nothing."""
+        """Closes idle connections."""
         for n in EMS:
             while self.connections[n]:
                 self.connections[n].pop().close()
