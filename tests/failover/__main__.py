@@ -1,8 +1,8 @@
-"""python3 tests/failover [keepalived|pacemaker] [KIND]...: failovers as real software decides them.
+"""python3 tests/failover [keepalived|pacemaker] [KIND]...: failovers decided by real cluster managers.
 
-FAILOVERS (5) of each kind, with a program that writes to the active EM all the time. Never are two EMs
-active while the link stands and neither is frozen; what was answered with peer_present Y is not lost
-unless two were active; the new active EM has its mark within 3 s of the decision, and its exchange.
+Runs FAILOVERS (5) of each kind while a program writes to the active EM all the time. Two EMs are never active
+at once, unless the link is cut or one of them is frozen. Changes answered with peer_present Y are not lost,
+unless two EMs were active. The new active EM has the role within 3 s of the decision, and then an exchange.
 """
 
 import os
@@ -21,21 +21,21 @@ from deciders import FENCE_AGENT, PATIENCE, Decider, Keepalived, Pacemaker  # no
 from em_pair import ACTIVE, EMS, EmPair, PairError, wait_for  # noqa: E402
 
 FAILOVERS = int(os.environ.get("FAILOVERS", "5"))
-MARK_LIMIT = 3.0     # seconds from the decision to the mark
-OVERLAP_LIMIT = 3.0  # seconds for which an EM that was frozen or cut off may still have its mark
+MARK_LIMIT = 3.0  # seconds from the decision to the role
+OVERLAP_LIMIT = 3.0  # seconds for which an EM that was frozen or cut off may keep the role
 NAMES = 40
 
 
 class Watch(threading.Thread):
-    """Looks at both marks every millisecond or so."""
+    """Checks the roles of both EMs about every millisecond."""
 
     def __init__(self, pair: EmPair):
         super().__init__(daemon=True)
         self.marks = {n: pair.path(n, "/run/em/active") for n in EMS}
-        self.excused = ""      # why two marks are no error now
+        self.excused = ""  # why two active EMs are allowed now
         self.over = False
-        self.two = 0.0         # seconds with two marks, without an excuse
-        self.ever_two = False  # with or without one, since forget()
+        self.two = 0.0  # seconds with two active EMs, without an excuse
+        self.ever_two = False  # with or without an excuse, since forget()
 
     def active(self) -> list[int]:
         return [n for n in EMS if self.marks[n].exists()]
@@ -46,7 +46,7 @@ class Watch(threading.Thread):
     def run(self):
         last = time.monotonic()
         while not self.over:
-            # In both orders, so that a mark that moves meanwhile is not seen twice.
+            # In both orders, so that a role that moves meanwhile is not counted twice.
             two = len(self.active()) == 2 and self.marks[1].exists()
             now = time.monotonic()
             if two:
@@ -57,7 +57,7 @@ class Watch(threading.Thread):
 
 
 class Writer(threading.Thread):
-    """Publishes one file after the other on the active EM and remembers what was promised."""
+    """Publishes one file after the other on the active EM and records what was promised."""
 
     def __init__(self, pair: EmPair, watch: Watch):
         super().__init__(daemon=True)
@@ -67,7 +67,7 @@ class Writer(threading.Thread):
         self.over = False
 
     def put(self, n: int, name: str, number: int) -> bool:
-        """Whether both EMs have it."""
+        """Whether both EMs have the file."""
         temporary = f"{ACTIVE}/TempUpdate_{name}"
         self.pair.path(n, temporary).write_text(str(number))
         with Caller(self.pair, n, (temporary, f"{ACTIVE}/{name}")) as caller:
@@ -85,11 +85,11 @@ class Writer(threading.Thread):
                         self.promised[name] = number
                         self.answers += 1
             except OSError:
-                pass  # no daemon just now
+                pass  # no daemon at the moment
             time.sleep(0.02)
 
     def lost(self) -> list[str]:
-        """Files of which an EM has less than what was promised."""
+        """Files that are missing or too old on an EM that should have them."""
         found = []
         for name, number in list(self.promised.items()):
             for n in EMS:
@@ -100,7 +100,7 @@ class Writer(threading.Thread):
 
 
 class Site:
-    """A pair with a decider, a writer and a watch."""
+    """A pair with a cluster manager, a writer and a watch."""
 
     def __init__(self, kind: type[Decider]):
         self.pair = EmPair(log_level=7)
@@ -131,7 +131,7 @@ class Site:
         self.pair.stop()
 
     def boot(self, n: int) -> None:
-        """Starts what of EM `n` does not run."""
+        """Starts the missing processes of EM `n`."""
         if not self.pair.alive(n, "corosync"):
             self.pair.start_corosync(n)
             self.pair.wait_nodes()
@@ -149,7 +149,7 @@ class Site:
         answers = self.writer.answers
         wait_for(lambda: self.writer.answers > answers + 3, PATIENCE, "both EMs take files")
 
-    # Faults of the active EM `n`; what settle() does not mend is undone by the function returned.
+    # Faults of the active EM `n`. The returned function undoes what settle() does not repair.
 
     def orderly(self, n: int):
         self.decider.orderly(n)
@@ -177,8 +177,8 @@ class Site:
         return self.pair.heal
 
     def failover(self, fault) -> tuple[float, float]:
-        """One failover; returns the seconds to the decision, and from there to the mark. AssertionError and
-        PairError tell what was wrong."""
+        """One failover. Returns the seconds to the decision, and from there to the role. Errors are
+        AssertionError and PairError."""
         old, = self.watch.active()
         new = 3 - old
         decisions = self.decider.decisions(new)
@@ -189,7 +189,7 @@ class Site:
 
         def decided() -> bool:
             return self.decider.decisions(new) > decisions or \
-                new in getattr(self.decider, "resets", ())[resets:]  # the old one has won
+                new in getattr(self.decider, "resets", ())[resets:]  # the old active EM has won
         begin = time.monotonic()
         wait_for(decided, PATIENCE, f"EM {new} takes over", 0.01)
         decision = time.monotonic()

@@ -1,4 +1,5 @@
-"""What decides who is active, on both EMs of a pair: keepalived or Pacemaker, as Debian has them."""
+"""The cluster manager that decides the role on both EMs of a pair: keepalived or Pacemaker, Debian's
+versions."""
 
 import os
 import re
@@ -11,7 +12,7 @@ from em_pair import EMS, REPO, EmPair, wait_for
 
 PATIENCE = 60
 
-# Resets an EM: says which, and waits until it is done.
+# Resets an EM: writes which one, and waits until it is done.
 FENCE_AGENT = """#!/bin/sh
 [ "$1" = --action=metadata ] || while read -r line; do
   case $line in action=*) action=${{line#action=}} ;; nodename=* | plug=*) em=${{line#*=em}} ;; esac
@@ -35,11 +36,11 @@ esac
 
 
 class Decider:
-    """The decider's processes on both EMs. `can_reset`: it makes sure that the other EM is not active
-    before it makes one active, whatever happened."""
+    """The cluster manager's processes on both EMs. `can_reset`: it always makes sure that the other EM is not
+    active before it makes one active."""
 
     can_reset = False
-    said: str  # in the log when a decision is made
+    said: str  # logged when a decision is made
 
     def __init__(self, pair: EmPair):
         self.pair = pair
@@ -59,7 +60,7 @@ class Decider:
                 env=os.environ | environment)
 
     def family(self, n: int) -> list[int]:
-        """The decider's processes on EM `n`, which are all that is in its session or below it."""
+        """The cluster manager's processes on EM `n`: all in its session or descended from it."""
         first = self.processes[n].pid
         found = [first]
         for pid in map(int, filter(str.isdigit, os.listdir("/proc"))):
@@ -102,7 +103,7 @@ class Decider:
         pass
 
     def ready(self) -> bool:
-        """Whether a failover may come now."""
+        """Whether a failover may be started now."""
         return True
 
     def close(self) -> None:
@@ -122,7 +123,7 @@ class Keepalived(Decider):
                        "--use-file=/etc/keepalived.conf"])
 
     def after_end(self, n: int) -> None:
-        """What the service manager runs however the service ended."""
+        """Does what the service manager runs after every exit of the service."""
         for line in self.DROP_IN.read_text().splitlines():
             if line.startswith("ExecStopPost="):
                 self.pair.run(n, line.partition("=")[2].split(), check=True)
@@ -173,7 +174,7 @@ class Pacemaker(Decider):
             text = text.replace(f"ip=192.0.2.{n} username=fence password=secret lanplus=1 ", "")
         text = text.replace("fence_ipmilan", "fence_testbed")
         self.pair.path(1, "/tmp/pacemaker.crm").write_text(text)
-        # It fails while no controller is elected yet.
+        # Fails until a controller is elected.
         wait_for(self.load_configuration, PATIENCE, "the configuration is taken", 1)
 
     def load_configuration(self) -> bool:
@@ -185,12 +186,12 @@ class Pacemaker(Decider):
         return set(output.stdout.split()) if output.returncode == 0 else set()
 
     def ready(self) -> bool:
-        # A node is worth a failover once its instance runs and has its score.
+        # A node is ready for a failover when its instance runs and has its score.
         text = self.pair.run(1, ["crm_mon", "-1", "--inactive"]).stdout
         return "Promoted: [ em" in text and "Unpromoted: [ em" in text
 
     def power_switch(self) -> None:
-        """Resets an EM when a fence agent asks: nothing of it runs, and its /run is empty."""
+        """Resets an EM when a fence agent asks for it: ends all its processes and empties its /run."""
         while not self.over.wait(0.02):
             for n in EMS:
                 request = self.pair.work_dir / f"reset{n}"

@@ -1,7 +1,7 @@
 #!/bin/bash
-# fuzz.sh [SECONDS] [TARGET...]: runs each target of the fuzzer in build-fuzz/ for SECONDS (default
-# 30), one on every processor. Needs root. What the runs found new (corpus/) and the inputs that
-# crashed (crashes/) are kept there. Exit status 0 only when nothing crashed or hung.
+# fuzz.sh [SECONDS] [TARGET...]: runs each fuzz target in build-fuzz/ for SECONDS (default 30), one per
+# processor. Needs root. Keeps new inputs in corpus/ and inputs that crashed in crashes/. The exit
+# status is 0 only if nothing crashed or hung.
 set -euo pipefail
 source_dir=$(cd "$(dirname "$(readlink -f "$0")")/../.." && pwd)
 build=$source_dir/build-fuzz
@@ -14,14 +14,14 @@ fi
 
 mkdir -p "$build/crashes" "$build/logs"
 cd "$build"
-cp "$source_dir/tests/fuzz/fuzz.dict" .  # the fuzzer sees nothing else of a source below /tmp
+cp "$source_dir/tests/fuzz/fuzz.dict" .  # a source directory below /tmp is hidden from the fuzzer
 
-# Prints one line; the log of a failed run, which names the input, follows it.
+# Prints one line. After a failure, prints the log, which names the input.
 run_target() {
   local target=$1 log=logs/$1.log status=0
   mkdir -p "corpus/$target"
-  # The defaults of the sanitizer cost more than the runs: page faults, deep stacks. The log goes
-  # through cat, because a target can make no file above 1 MiB.
+  # The defaults of the sanitizer would cost more time than the runs: page faults, deep stacks. The log goes
+  # through cat, because a target cannot create a file above 1 MiB.
   FUZZ_TARGET=$target ASAN_OPTIONS=quarantine_size_mb=16:malloc_context_size=3 \
     timeout --foreground --kill-after=10 $((seconds + 60)) ./fuzz "corpus/$target" \
     -max_total_time="$seconds" -timeout=20 -rss_limit_mb=1024 -handle_xfsz=0 \
@@ -40,7 +40,7 @@ finish_one() {
   running=$((running - 1))
 }
 
-# Every target is a process group of its own, which ends with this script.
+# Every target is a separate process group, which ends with this script.
 set -m
 # shellcheck disable=SC2154  # it does not see that the loop sets it
 trap 'for group in $(jobs -p); do kill -- "-$group"; done' EXIT

@@ -30,9 +30,9 @@ namespace {
 const fs::path kCanary = "/mnt/canary";
 constexpr char kActiveFile[] = "/run/em/active";
 
-std::string g_planted;  // the world outside the roots
+std::string g_planted;  // everything outside the roots
 unsigned g_runs;
-unsigned g_runs_per_look;  // trees are planted anew, too
+unsigned g_runs_per_look;  // also how often trees are planted
 bool g_plants_trees;
 
 void require(bool done, const char* what) {
@@ -49,7 +49,7 @@ std::string nanoseconds(const timespec& time) {
   return " " + std::to_string(time.tv_sec) + "." + std::to_string(time.tv_nsec);
 }
 
-// What there is outside the roots, one line per name; of a root itself no more than its name.
+// What exists outside the roots, one line per name; of a root itself only its name.
 std::string world_outside() {
   std::string world;
   for (const char* top : {"/mnt", "/run"}) {
@@ -58,7 +58,7 @@ std::string world_outside() {
       world += path + '\n';
       if (path == "/run/em" || path.find("/replicated_by_") != std::string::npos) {
         entry.disable_recursion_pending();
-        continue;  // the platform's, or a root
+        continue;  // used by the platform, or a root
       }
       struct stat status;
       require(lstat(path.c_str(), &status) == 0, path.c_str());
@@ -70,7 +70,7 @@ std::string world_outside() {
   return world;
 }
 
-// The scan makes the digest cache files.
+// The scan creates the digest cache files.
 void plant_trees() {
   for (const std::string root : root_paths) {
     for (const fs::directory_entry& entry : fs::directory_iterator(root))
@@ -102,18 +102,18 @@ void enter_sandbox(bool plants_trees, unsigned runs_per_look) {
   const int fd = open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   for (const char* path : {"/mnt", "/run", "/var/run", "/tmp"}) {
     if (fs::is_symlink(path)) continue;  // /var/run, mostly
-    // Every read shows in an access time.
+    // Every read changes an access time.
     require(mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV | MS_STRICTATIME,
                   "mode=0755,size=64m") == 0,
             path);
   }
-  fs::create_directories(directory);  // it may have been below /tmp
+  fs::create_directories(directory);  // it may be below the old /tmp
   const std::string before = "/proc/self/fd/" + std::to_string(fd);
   require(mount(before.c_str(), directory.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
               chdir(directory.c_str()) == 0 &&
               mount(nullptr, "/", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,
           directory.c_str());
-  const struct rlimit limit = {1 << 20, 1 << 20};  // a sparse file of 4 GiB would only cost time
+  const struct rlimit limit = {1 << 20, 1 << 20};  // sparse files of 4 GiB would only cost time
   setrlimit(RLIMIT_FSIZE, &limit);
   signal(SIGXFSZ, SIG_IGN);
   umask(0022);
@@ -125,7 +125,7 @@ void enter_sandbox(bool plants_trees, unsigned runs_per_look) {
   fs::create_directories("/run/em/events");
   g_planted = world_outside();
   atexit(look_at_world);
-  // Lines are formatted for the flight recorder in any case; printing them only costs time.
+  // Lines are still formatted for the flight recorder; printing them only costs time.
   setenv("BREL_LOG_LEVEL", "0", 0);
   debug_log_to_stdout(1);
 }

@@ -1,5 +1,5 @@
-// libFuzzer on one place that takes bytes from outside, the one that the variable FUZZ_TARGET
-// names. Writes what chance would hardly find to the directory corpus/FUZZ_TARGET first.
+// libFuzzer for one parser of bytes from outside, selected by the variable FUZZ_TARGET. First
+// writes inputs that chance would hardly find to the directory corpus/FUZZ_TARGET.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -54,10 +54,10 @@ std::string bytes_of(const Record& record) {
   return std::string(reinterpret_cast<const char*>(&record), sizeof record);
 }
 
-// A delivery to the daemon, in a buffer of its exact size.
+// Delivers a message to the daemon, in a buffer of its exact size.
 void deliver(uint32_t nodeid, const std::string& message) {
   std::vector<uint8_t> bytes(message.begin(), message.end());
-  // The peer is another process wherever it runs.
+  // The peer is another process, whatever its node.
   const auto pid = static_cast<uint32_t>(getpid() + (nodeid == kOwnNode ? 0 : 1));
   on_cpg_message(0, nullptr, nodeid, pid, bytes.data(), bytes.size());
 }
@@ -73,24 +73,24 @@ void deliver_answer(uint32_t command, const std::string& payload) {
   deliver_from_peer(command, ctx->cur_exchange_id, ctx->cur_sequence_id, payload);
 }
 
-// The peer takes the lock and asks.
+// The peer takes the lock and sends a request.
 void serve_peer(uint32_t command, const std::string& payload) {
   deliver_from_peer(MSG_LOCK_REQ, kPeerExchange, 0, {});
   deliver_from_peer(command, kPeerExchange, 1, payload);
 }
 
-// The group brings a message back to its sender.
+// The group delivers a message to its sender.
 void deliver_own(const SentMessage& message) {
   deliver(kOwnNode, bytes_of(message.header) + message.payload);
 }
 
-// A chunk of ten bytes, or a request for it, with a header that mostly fits.
+// A chunk of ten bytes, or a request for it, with a mostly valid header.
 std::string make_update(uint32_t type, const std::string& path, uint32_t file_size) {
   const UpdateHeader header = {type, 1, 1, {}, kThisEmRoot, 0, {}, 0, file_size, 0, 10};
   return bytes_of(header) + path + '\0' + "0123456789";
 }
 
-// An exchange of the daemon's own, up to the comparison with this listing of the peer.
+// An exchange of the daemon, up to the comparison with this listing of the peer.
 void start_comparison(const std::string& listing) {
   ctx->rpc_stage = RPC_LOCAL_BUSY;
   ctx->cur_exchange_em_is_active = 1;
@@ -100,14 +100,14 @@ void start_comparison(const std::string& listing) {
   deliver_answer(MSG_LISTING_ACK, listing);
 }
 
-// Answers the update request sent last as a peer that did what it was asked.
+// Answers the last update request as a peer that applied it.
 void accept_update() {
   std::string answer = g_cpg.sent.empty() ? "" : g_cpg.sent.back().payload;
   if (!answer.empty()) answer[0] = static_cast<char>(PUSH_ACK);  // nothing to write
   deliver_answer(MSG_UPDATE_ACK, answer);
 }
 
-// A local request; the caller's bytes are gone once it has its answer.
+// A local request; the caller's bytes are freed when it has its answer.
 void request(const std::string& message) {
   static std::vector<uint8_t> posted;
   posted = std::vector<uint8_t>(message.begin(), message.end());
@@ -134,7 +134,7 @@ void change_membership(uint8_t flags) {
 }
 
 void group_step(Input* in, size_t* delivered) {
-  constexpr size_t kShort = 40;  // a longer text would leave nothing for further steps
+  constexpr size_t kShort = 40;  // a longer text would leave no input for further steps
   const bool idle = ctx->rpc_stage == RPC_IDLE;
   switch (in->ConsumeIntegralInRange(0, 10)) {
     case 0:
@@ -184,7 +184,7 @@ void fuzz_group(Input* in) {
   }
 }
 
-// A listing of the peer, then an exchange that gets every update accepted.
+// A listing of the peer, then an exchange in which every update is accepted.
 void fuzz_listing(Input* in) {
   start_run(true);
   start_comparison(in->ConsumeRemainingBytesAsString());
@@ -202,8 +202,7 @@ void fuzz_update(Input* in) {
   deliver_answer(MSG_UPDATE_ACK, payload);
 }
 
-// A digest cache file beside a data file, as the scans of both sides and the updates meet it; at
-// will its header fits.
+// A digest cache file, read by the scans of both sides and by the updates; its header may be valid.
 void fuzz_digest(Input* in) {
   start_run(true);
   const std::string dir = std::string(root_paths[kThisEmRoot]) + "dir/";
@@ -215,7 +214,7 @@ void fuzz_digest(Input* in) {
       << (in->ConsumeBool() ? "Digest-V1 " + std::to_string(size) + " 1000000000\n" : "")
       << in->ConsumeRemainingBytesAsString();
   ctx->cur_exchange_em_is_active = 1;
-  compare_synced_files(ctx, nullptr, 0);  // to an empty peer everything is to be sent
+  compare_synced_files(ctx, nullptr, 0);  // to an empty peer, everything must be sent
   while (ctx->update_queue != nullptr)
     update_next_chunk(ctx);
   ctx->cur_state = ST_UNLOCKED;
@@ -223,7 +222,7 @@ void fuzz_digest(Input* in) {
   serve_peer(MSG_LISTING_REQ, {});
 }
 
-// A local caller may move any file of this EM into the trees; what it moves is not to be ours.
+// A local caller may move any file of this EM into the trees, so it must not be one of the sandbox.
 bool moves_from_outside(const char* source) {
   char resolved[PATH_MAX];
   if (*source == '\0' || realpath(source, resolved) == nullptr) return false;
@@ -238,7 +237,7 @@ void fuzz_rpc(Input* in) {
   if (!moves_from_outside(message.c_str())) request(message);
 }
 
-// A request that the peer has carried out and that is repeated here before the listing.
+// The rename of a request, repeated here before the listing.
 void fuzz_repeat(Input* in) {
   start_run(in->ConsumeBool());
   serve_peer(MSG_LISTING_REQ, in->ConsumeRemainingBytesAsString());
@@ -250,12 +249,12 @@ void run_command(const std::string& command) {
   run_diagnostic(message.get(), static_cast<uint32_t>(command.size()));
 }
 
-// Diagnostic commands, each followed by a line under the settings that it left.
+// Diagnostic commands, each followed by a log line with the resulting settings.
 void fuzz_diagnostic(Input* in) {
   start_run(true);
   for (int i = 0; i < 8 && in->remaining_bytes() > 0; ++i) {
     const std::string command = in->ConsumeRandomLengthString();
-    // "sync" waits for an exchange that nobody runs here.
+    // "sync" would wait for an exchange, which nobody runs here.
     if (command.substr(0, command.find_first_of(std::string("=\0", 2))) == "sync") continue;
     run_command(command);
     LOG(3, "after '%s'", command.c_str());
@@ -265,15 +264,15 @@ void fuzz_diagnostic(Input* in) {
     run_command(command);
 }
 
-// Touches every byte, and answers with any status and size up to the request's own.
+// Reads every byte, and answers with any status and a size up to that of the request.
 uint32_t answer_command(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp) {
   std::vector<uint8_t> copy(message, message + size);
   if (type % 3 != 0) cmd_rsp_attach_payload(copy.data(), type % 3 == 2 ? size / 2 : size, rsp);
   return type;
 }
 
-// Packets on the command socket, through a real server. Every packet is answered, or its
-// connection is closed.
+// Packets to the command socket of a real server. Every packet is answered, or its connection is
+// closed.
 void fuzz_command(Input* in) {
   static CmdServer* const server = cmd_server_create(1, answer_command);
   static const int started = server == nullptr ? -1 : cmd_server_start(server);
@@ -287,16 +286,16 @@ void fuzz_command(Input* in) {
   ssize_t received = 1;
   while (received > 0 && in->remaining_bytes() > 0) {
     std::string packet = in->ConsumeRandomLengthString();
-    packet.resize(packet.size() << in->ConsumeIntegralInRange(0, 8));  // long ones of short inputs
+    packet.resize(packet.size() << in->ConsumeIntegralInRange(0, 8));  // lengthens short inputs
     if (send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) < 0) break;
-    do {  // the fuzzer's own timer interrupts, and ends what gets no answer
+    do {  // interrupted by the fuzzer's timer, which also ends a hang
       received = recv(fd, response, sizeof response, 0);
     } while (received < 0 && errno == EINTR);
   }
   close(fd);
 }
 
-// The logs of two EMs, as the client explains them.
+// The logs of two EMs, explained by the client.
 void fuzz_trace(Input* in) {
   std::istringstream logs[] = {std::istringstream(in->ConsumeRandomLengthString()),
                                std::istringstream(in->ConsumeRemainingBytesAsString())};
@@ -314,15 +313,15 @@ void fuzz_trace(Input* in) {
   }
 }
 
-// Somebody who may write to a tree, at work there while the daemon is. Works in directories that
-// are held open, so that nothing outside is ever its own doing.
+// A user who may write to a tree and works there at the same time as the daemon. Uses directories
+// that are held open, so that it never changes anything outside itself.
 class TreeAttacker {
  public:
   TreeAttacker(uint32_t root_index, uint32_t seed)
       : root_(open(root_paths[root_index], O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
         dir_(openat(root_, "dir", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)),
         random_(seed) {
-    // What an earlier run left may be the link.
+    // An earlier run may have left the symlink.
     if (dir_ < 0) dir_ = openat(root_, "link_dir", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     static_cast<void>(symlinkat("/mnt/canary/dir", root_, "link_dir"));
     thread_ = std::thread([this] {
@@ -347,7 +346,7 @@ class TreeAttacker {
     close(fd);
   }
 
-  // What fails has lost its race.
+  // A failure means a lost race.
   void act() {
     const char* name = std::array{"file", "data", "new"}[random_() % 3];
     int r = 0;
@@ -388,7 +387,7 @@ class TreeAttacker {
   std::thread thread_;
 };
 
-// One step of an exchange on a tree that somebody else turns upside down meanwhile.
+// One step of an exchange on a tree that another user changes at the same time.
 void fuzz_trees(Input* in) {
   start_run(false);
   const uint32_t seed = in->ConsumeIntegral<uint32_t>();
@@ -402,7 +401,7 @@ void fuzz_trees(Input* in) {
     reset_cpg_result(ctx);
     switch (step) {
       case 0:
-        start_comparison("");  // the copies go
+        start_comparison("");  // deletes the copies
         break;
       case 1:
         serve_peer(MSG_LISTING_REQ, own + "small" + nul + own + name + nul);
@@ -426,7 +425,7 @@ void fuzz_trees(Input* in) {
 
 struct Target {
   void (*run)(Input*);
-  bool plants_trees;  // else they are empty, and it is only about bytes
+  bool plants_trees;  // otherwise they are empty, and only the bytes matter
   unsigned runs_per_look = 1000;
 };
 
@@ -446,7 +445,7 @@ void write_seeds(const std::string& target) {
   if (target == "digest") {
     std::ifstream file(std::string(root_paths[kThisEmRoot]) + ".$SyncDigest$large");
     std::getline(file, seeds.emplace_back());
-    std::getline(file, seeds.emplace_back(), '\0');  // the lines below the header
+    std::getline(file, seeds.emplace_back(), '\0');  // the lines after the header
   } else if (target == "listing") {
     serve_peer(MSG_LISTING_REQ, {});
     seeds.push_back(g_cpg.sent.back().payload);
@@ -477,7 +476,7 @@ void write_seeds(const std::string& target) {
   }
   int number = 0;
   for (const std::string& seed : seeds)
-    for (const char* choices : {"", "00", "01", "10", "11"})  // taken from the end of an input
+    for (const char* choices : {"", "00", "01", "10", "11"})  // read from the end of an input
       std::ofstream("corpus/" + target + "/seed" + std::to_string(number++)) << seed + choices;
 }
 

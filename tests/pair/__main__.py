@@ -1,6 +1,6 @@
-"""python3 tests/pair [NAME...]: the tests on a pair of daemons, all or those with a NAME in theirs.
+"""python3 tests/pair [NAME...]: the tests on a pair of daemons; all, or those with a NAME in their names.
 
-Most of the time the daemons wait, so some tests run at a time, each worker with pairs of its own.
+The daemons mostly wait, so several tests run at once, each worker with its own pairs.
 """
 
 import ctypes
@@ -19,17 +19,17 @@ from typing import cast
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parents[1] / "testbed"))
 WORKERS = 2
-ALONE = "test_100000_files"  # it needs the processors for itself to meet the time limit soon
+ALONE = "test_100000_files"  # needs all processors to meet its time limit
 
 
 def end_with_parent() -> None:
-    """However the first process ends, its workers, and so their pairs, go with it."""
+    """When the main process ends, in any way, its workers and their pairs end, too."""
     pr_set_pdeathsig = 1  # prctl(2)
     ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGTERM)
 
 
 def run(name: str) -> tuple[float, str, str]:
-    """Runs one test; returns its seconds, how it ended, and the reason when it did not pass."""
+    """Runs one test; returns its seconds, its outcome, and the reason if it did not pass."""
     start = time.monotonic()
     test, = unittest.defaultTestLoader.loadTestsFromName(name)
     result = unittest.TestResult()
@@ -49,7 +49,7 @@ def names(tests) -> list[str]:
 
 
 def give_up(*_) -> None:
-    """Whoever owned a pair is gone then, and the pair goes with it."""
+    """Ends the process that owns the pair, and so the pair."""
     for worker in multiprocessing.active_children():
         worker.terminate()
     os._exit(1)
@@ -58,7 +58,7 @@ def give_up(*_) -> None:
 def main(wanted: list[str]) -> int:
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, give_up)
-    cast(TextIOWrapper, sys.stdout).reconfigure(errors="backslashreplace")  # names of files need not be text
+    cast(TextIOWrapper, sys.stdout).reconfigure(errors="backslashreplace")  # file names may be any bytes
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in wanted] or None
     tests = names(loader.discover(str(HERE)))

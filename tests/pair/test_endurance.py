@@ -1,4 +1,4 @@
-"""Thousands of exchanges leave the daemons as small as they were. EXCHANGES=n makes n."""
+"""Thousands of exchanges leave the daemons as small as they were. EXCHANGES=n runs n."""
 
 import os
 import re
@@ -20,13 +20,13 @@ class EnduranceTest(PairTest):
     options = {"log_level": 4}
 
     def wake_ups(self, n: int) -> int:
-        """How often EM `n`'s daemon has waited for something, all its threads together."""
+        """How often EM `n`'s daemon has waited, summed over its threads."""
         tasks = Path(f"/proc/{self.pair.process(n, 'daemon').pid}/task")
         return sum(int(count) for status in tasks.glob("*/status") for count in re.findall(
             r"(?m)^voluntary_ctxt_switches:\s*(\d+)", status.read_text()))
 
     def test_an_idle_daemon_sleeps(self):
-        self.footprint(1)  # waits for the threads of closed connections
+        self.footprint(1)  # waits until the threads of closed connections have ended
         before = {n: self.wake_ups(n) for n in EMS}
         time.sleep(IDLE_SECONDS)
         for n in EMS:
@@ -47,7 +47,7 @@ class EnduranceTest(PairTest):
         self.assert_identical()
 
     def exchange(self, count: int) -> None:
-        """Exchanges of every kind, from both EMs, with something to do in each."""
+        """Exchanges of every kind, from both EMs, each with something to do."""
         for turn in range(count):
             n = 1 + turn % 2
             name = f"{turn % 7}/{turn % 5}"

@@ -1,4 +1,4 @@
-"""Nothing is emptied by accident: what differs is told before anything changes, and a role or an
+"""Nothing is emptied by accident: differences are reported before anything changes, and a role change or an
 exchange that would empty a tree is refused."""
 
 import errno
@@ -64,7 +64,7 @@ class DeletionGuardTest(PairTest):
     options = {"environment": {"MAX_DELETED_PERCENT": "90"}}
 
     def test_an_em_with_a_new_disk_gets_its_tree_back_from_the_survivor(self):
-        """The procedure for replacing an EM, whose own tree only the other one still has."""
+        """The procedure for replacing an EM whose own tree exists only on the other one."""
         for number in range(20):
             self.write(1, f"{ACTIVE}/{number}", str(number))
             self.write(2, f"{OWN}/{number}", str(number))
@@ -79,7 +79,7 @@ class DeletionGuardTest(PairTest):
         self.assertEqual(FAILING, self.fault())
         self.assertEqual(20, len(self.tree(1, PEERS)))
         self.assertEqual(20, len(self.tree(2, ACTIVE)), "the rest was done")
-        # No exchange may meet a tree that is half there: its loss would be below the limit.
+        # No exchange may see a half-copied tree, because its loss would be below the limit.
         self.pair.kill(2, "daemon")
         for name in self.tree(1, PEERS):
             self.write(2, f"{OWN}/{name}", self.read(1, f"{PEERS}/{name}"))

@@ -1,4 +1,4 @@
-"""Faults in the middle of work: what the callers are told, that it is true, and that it heals."""
+"""Faults during work: what the callers are told, that it is true, and that the pair recovers."""
 
 import itertools
 import os
@@ -13,7 +13,7 @@ from support import FAILING, Caller, PairTest, Result, Update
 
 LARGE = 32 << 20
 TIMED_OUT = "Operation timed out"
-# The peer's time limit was faster, or its late release ended the next exchange.
+# The peer's time limit expired first, or its late release ended the next exchange.
 LATE = "Received early LOCK_REL message in state "
 MISSING, NO_SPACE = "No such file or directory", "No space left on device"
 READ_ONLY = "Read-only file system"
@@ -27,7 +27,7 @@ class HardFaultTest(PairTest):
         self.assertEqual([[], []], [Machine(self.pair, n).wrong_digests() for n in EMS])
 
     def transfer(self, n: int, root: str = ACTIVE, copy: str = ACTIVE) -> tuple[Caller, str]:
-        """Starts to send a large file from EM `n`; returns when a quarter of it is there."""
+        """Starts to send a large file from EM `n`; returns when a quarter of it has arrived."""
         name = f"large{next(self.serial)}"
         caller = self.call(n, self.prepared(n, f"{root}/{name}", os.urandom(LARGE)))
         target = self.pair.path(3 - n, f"{copy}/{name}")
@@ -45,7 +45,7 @@ class HardFaultTest(PairTest):
         self.assertTrue(result.success or result.reason.startswith(LATE), result)
 
     def wait_alone(self, n: int) -> None:
-        # An answer of the exchange that broke off may still end the next one.
+        # A late answer of the aborted exchange may still abort the next one.
         self.wait(lambda: self.ask(n)[::5] == (True, False), "an exchange alone")
 
     def mount(self, n: int, folder: str, options: str) -> None:
@@ -69,7 +69,7 @@ class HardFaultTest(PairTest):
             if victim == 2:
                 self.assert_done_alone(1, caller.result())
             else:
-                # Either the daemon ends first, or a send fails before and the caller hears of it.
+                # Either the daemon exits first, or a send fails before and the caller is told.
                 outcome = caller.outcome()
                 self.assertFalse(outcome and outcome.success, outcome)
             self.wait_alone(3 - victim)
@@ -168,7 +168,7 @@ class HardFaultTest(PairTest):
         self.assertFalse(self.exists(n, "/run/em/cmd.2006"))
         self.assertIn("Exiting cluster_sync_daemon", self.log(n).splitlines()[-1])
 
-    # Faults that only the time limit of 10 s ends.
+    # Faults that end only at the time limit of 10 s.
 
     def assert_timed_out(self, result: Result) -> None:
         self.assertEqual((False, True, False, True), (*result[:3], result.peer_present))

@@ -1,4 +1,5 @@
-"""What "cmake --install" puts into an empty root, started and stopped there without a service manager."""
+"""Installs with "cmake --install" into an empty root, and starts and stops the daemon there without a service
+manager."""
 
 import os
 import signal
@@ -10,7 +11,7 @@ PID_FILE = "/run/CLUS_SYNC.pid"
 
 
 class Installed(PairTest):
-    options = {"log_level": 6}  # a pair of its own: another /usr is mounted there
+    options = {"log_level": 6}  # a separate pair, because another /usr is mounted there
 
     def script(self, action: str) -> int:
         return self.pair.run(1, [SCRIPT, action]).returncode
@@ -29,7 +30,7 @@ class Installed(PairTest):
         self.assertNotEqual(first, second)
         os.kill(second, signal.SIGKILL)
         self.wait(lambda: self.script("status") == 1, "the crash is told")
-        # Its number has come to belong to a program that must not suffer.
+        # Its process id now belongs to another program, which must not be affected.
         self.write(1, PID_FILE, f"{os.getpid()}\n")
         self.assertEqual([1, 0, 0], [*map(self.script, ("status", "stop", "start"))])
         self.assertEqual([0, 3], [*map(self.script, ("stop", "status"))])

@@ -1,4 +1,4 @@
-"""A listing far above the largest message that Corosync delivers in one piece."""
+"""A listing that is much larger than the largest unfragmented Corosync message."""
 
 import os
 import re
@@ -7,7 +7,7 @@ import sys
 from em_pair import ACTIVE, EMS, OWN, wait_for
 from support import PairTest
 
-# An emulated EM hashes some thousand files in the time limit.
+# An emulated EM can hash only some thousand files within the time limit.
 FOLDERS, FILES = 100, 50 if "EM_PAIR_ARM" in os.environ else 1000
 MAKE_FILES = f"""
 import os
@@ -29,8 +29,8 @@ class LargeListingTest(PairTest):
             self.write(n, f"{folder}/{name}", f"changed by {n}")
         self.pair.path(2, f"{folder}/000032").unlink()
         self.write(2, f"{OWN}/file", "pulled")
-        # Either one asks: the listing crosses the link both ways. On a busy machine an exchange may
-        # run into its time limit, and what it left on its way ends one that follows at once.
+        # Each EM asks once, so the listing crosses the link in both directions. On a busy machine an exchange
+        # may time out, and its late messages may end the next one.
         for n in EMS:
             wait_for(lambda: self.ask(n).success, 120, "an exchange in time", 5)
             self.assert_identical()

@@ -1,4 +1,4 @@
-"""Two daemons on one node of one Corosync: each must take the other for its peer."""
+"""Two daemons on one node of one Corosync: each must treat the other as its peer."""
 
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
 from support import PairTest

@@ -1,7 +1,8 @@
-"""Power is lost with the disks' caches: what was answered is still there, and the rest heals.
+"""Power fails and the disks lose their caches: everything that was answered is still there, and the rest is
+repaired.
 
-Both EMs have their persistent trees on a file system on a disk with a volatile cache. SEED=n repeats
-the run of one seed, CUTS are its cuts, FILE_SYSTEM is ext4, xfs or btrfs.
+Both EMs have their persistent trees on a file system on a disk with a volatile cache. SEED=n repeats the run
+of one seed, CUTS is the number of cuts, FILE_SYSTEM is ext4, xfs or btrfs.
 """
 
 import os
@@ -18,8 +19,8 @@ from support import PairTest
 SEED = int(os.environ.get("SEED", 1))
 CUTS = int(os.environ.get("CUTS", 12))
 FILE_SYSTEM = os.environ.get("FILE_SYSTEM", "ext4")
-# Size in MiB, how it is made, how it is mounted: metadata goes to the disk every second, long before
-# data that nobody synced.
+# Size in MiB, how to make it, how to mount it. Metadata is written every second, long before data that nobody
+# synced.
 SIZE, MAKE, OPTIONS = {
     "ext4": (64, ["mkfs.ext4", "-q", "-F"], "loop,commit=1"),
     "xfs": (320, ["mkfs.xfs", "-q", "-f"], "loop"),
@@ -55,7 +56,7 @@ class PowerCutTest(PairTest):
                           PERSISTENT], check=True)
 
     def cut(self, victims: tuple[int, ...]) -> None:
-        """The disks first, then the daemons; what is in memory is gone."""
+        """Cuts the disks first, then the daemons; data in memory is lost."""
         for n in victims:
             share = self.random.choice((0, 1, self.random.random()))
             self.pair.path(n, f"{DISK}/cut").write_text(f"{self.random.getrandbits(32)} {share}")
@@ -65,7 +66,7 @@ class PowerCutTest(PairTest):
             self.pair.run(n, ["find", VOLATILE, "-mindepth", "1", "-delete"], check=True)
 
     def cut_some(self) -> None:
-        """Cuts one EM or both and brings them back, in any order; the first that runs is active."""
+        """Cuts one EM or both and starts them again in any order; the first one becomes active."""
         victims = self.random.choice(((1,), (2,), self.random.sample(EMS, 2)))
         self.cut(victims)
         if self.active in victims:
@@ -76,7 +77,7 @@ class PowerCutTest(PairTest):
             self.pair.start_daemon(n)
             wait_for(lambda: self.pair.ctl(n, "diag", "stats").returncode == 0, 20, "a daemon")
         self.pair.wait_joined()
-        # A digest cache file that was torn may cost one exchange on each EM, a join one more.
+        # A torn digest cache file may cost one exchange on each EM, a join one more.
         results = [self.ask(self.active)]
         while not results[-1].success:
             self.assertLess(len(results), 4, results)
@@ -145,7 +146,7 @@ class PowerCutTest(PairTest):
         self.assertEqual([], wrong)
 
     def change(self, n: int, root: str) -> None:
-        """What local programs write without syncing it: files in place, and many new ones."""
+        """Writes without sync, like local programs: files in place, and many new ones."""
         for name in self.random.sample("ABCD", 2):
             target = self.pair.path(n, f"{root}/{name}")
             if not target.exists() or not target.stat().st_size:

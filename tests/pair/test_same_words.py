@@ -1,4 +1,4 @@
-"""What the two EMs of a pair, which may be different machines, tell of the same."""
+"""The two EMs of a pair, which may be different machines, report the same."""
 
 import socket
 
@@ -30,7 +30,7 @@ class SameWordsTest(PairTest):
             self.pair.set_active(n)
             self.diag(3 - n, f"fail-write={ACTIVE}/file")
             self.write(n, f"{ACTIVE}/file", "fails")
-            for _ in range(2):  # in a row: a fault
+            for _ in range(2):  # two in a row make a fault
                 with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as caller:
                     caller.connect(socket_path(self.pair, n))
                     caller.send(bytes(6))

@@ -1,4 +1,4 @@
-"""Clients of the command socket that misbehave: the daemon serves the others and keeps nothing."""
+"""Misbehaving clients of the command socket: the daemon serves the others and leaks nothing."""
 
 import random
 import signal
@@ -10,7 +10,7 @@ from caller import socket_path
 from em_pair import OWN, PEERS
 from support import PairTest
 
-MOST_CONNECTIONS = 256  # the daemon refuses more at once
+MOST_CONNECTIONS = 256  # the daemon accepts no more at once
 ROUNDS = 20
 NOISE_KB = 4096
 LONGEST = 65_536
@@ -21,12 +21,12 @@ class SocketAbuseTest(PairTest):
 
     def setUp(self):
         super().setUp()
-        for _ in range(2):  # what the first use allocates is not a leak
+        for _ in range(2):  # allocations at the first use are not a leak
             self.abuse(0)
         self.before = self.footprint(1)
 
     def tearDown(self):
-        """Every test leaves the daemon what it was."""
+        """Every test leaves the daemon unchanged."""
         self.synced(1)
         self.doCleanups()
         held, resident = self.footprint(1)
@@ -34,7 +34,7 @@ class SocketAbuseTest(PairTest):
         self.assertLess(resident - self.before[1], NOISE_KB)
 
     def raw(self, packet: bytes) -> socket.socket:
-        """A client that sends what it likes."""
+        """A client that can send any bytes."""
         client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.addCleanup(client.close)
         client.connect(socket_path(self.pair, 1))
@@ -45,7 +45,7 @@ class SocketAbuseTest(PairTest):
         """One client of every kind."""
         chance = random.Random(turn)
         self.call(1, None)  # silent
-        self.call(1).close()  # gone in mid-call
+        self.call(1).close()  # closes during the call
         for packet in (b"", b"\1\2\3", bytes(5 + LONGEST), bytes(150_000)):
             with suppress(ConnectionResetError):
                 self.assertEqual(b"", self.raw(packet).recv(LONGEST), len(packet))
@@ -80,7 +80,7 @@ class SocketAbuseTest(PairTest):
                 try:
                     client.send("fail-none")
                 except ConnectionResetError:
-                    pass  # one of those refused
+                    pass  # it was refused
             answers = [client.accepted() for client in clients]
             self.assertEqual({None, True}, set(answers))
             self.assertEqual(300 - MOST_CONNECTIONS, answers.count(None))

@@ -1,9 +1,8 @@
 """A disk with a volatile write cache: volatile_disk.py DIRECTORY BYTES, in the foreground.
 
-DIRECTORY/disk takes writes as a disk does: what was flushed (fsync) stays, what was not is in its
-cache. Writing "SEED SHARE" to DIRECTORY/cut is a loss of power: of the blocks in the cache a part,
-drawn by SEED with probability SHARE each, has reached the medium, the rest is gone, and whoever has
-the disk open from before reaches it no more.
+DIRECTORY/disk behaves like a disk: flushed data (fsync) is kept, other data is in its cache. Writing "SEED
+SHARE" to DIRECTORY/cut is a power failure. Each block in the cache has reached the medium with probability
+SHARE, drawn by SEED; the others are lost. Processes that have the disk open can no longer access it.
 """
 
 import errno
@@ -20,7 +19,7 @@ class VolatileDisk(Operations):
     def __init__(self, size: int):
         self.medium = bytearray(size)
         self.cache: dict[int, bytes] = {}  # by offset
-        self.generation = 1  # of the handles that still reach the disk
+        self.generation = 1  # of handles that can still access the disk
 
     def getattr(self, path, fh=None):
         if path == "/":

@@ -1,5 +1,5 @@
-// A user who may write below a tree puts a link in a directory's place while the daemon is at work
-// there. Nothing outside the trees is read or changed, at whatever call it happens.
+// A user who may write to a tree replaces a directory with a symlink while the daemon works there.
+// Nothing outside the trees is read or changed, whatever call it happens at.
 
 #include <linux/filter.h>
 #include <linux/openat2.h>
@@ -17,7 +17,7 @@ namespace {
 
 const std::string kOutside = "/mnt/outside/";  // on the file system of the persistent trees
 
-// Kernels before 5.6 do not have it; the emulator of the ARM build does not either.
+// Kernels before 5.6 and the emulator of the ARM build do not have openat2.
 void take_openat2_away() {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -58,7 +58,7 @@ class AttackTest : public DaemonTest {
     ctx->cur_state = ST_UNLOCKED;
   }
 
-  // What there is outside, with everything but times of access.
+  // Everything outside with all its attributes except access times.
   static std::string outside() {
     std::string all;
     for (const auto& entry : fs::recursive_directory_iterator(kOutside)) {
@@ -79,7 +79,7 @@ class AttackTest : public DaemonTest {
     }
   }
 
-  // With the swap at every call of `work` in turn.
+  // Does `work` once for each of its calls, with the swap at that call.
   void attack(const char* what, const std::function<void()>& work) {
     for (int moment = 0, calls = 1; moment < calls; ++moment) {
       SCOPED_TRACE(std::string(what) + ", call " + std::to_string(moment));
@@ -145,7 +145,7 @@ TEST_F(AttackTest, NorDoesItOnAnOlderKernel) {
 }
 
 TEST_F(AttackTest, AFileThatBecomesALinkToOneOutsideIsNotWritten) {
-  const std::string held = update(PUSH_REQ, 0, "d/f", 0, 3, 9, "new", kRestricted);  // is renewed
+  const std::string held = update(PUSH_REQ, 0, "d/f", 0, 3, 9, "new", kRestricted);  // renewed
   const std::string made = update(PUSH_REQ, 0, "d/new", 0, 3, 9, "new");
   for (const auto& [name, payload] : {std::pair("d/f", held), {"d/new", made}}) {
     for (int moment = 0, calls = 1; moment < calls; ++moment) {
@@ -165,7 +165,7 @@ TEST_F(AttackTest, AFileThatBecomesALinkToOneOutsideIsNotWritten) {
   }
 }
 
-// A directory that is kept open is not believed for longer than it is there.
+// A directory that is kept open is not used after it was removed.
 TEST_F(AttackTest, AKeptDirectoryIsOpenedAnewWhenItWasRemoved) {
   PinnedPath file;
   const std::string path = make_file(0, "d/f", "old");

@@ -17,7 +17,7 @@ namespace {
 
 bool fails(const char* name) {
   if (!g_before_call) return false;
-  const auto hook = std::exchange(g_before_call, nullptr);  // what it calls itself is not for it
+  const auto hook = std::exchange(g_before_call, nullptr);  // not for its own calls
   const int error = hook(name);
   if (!g_before_call) g_before_call = hook;
   if (error != 0) errno = error;
@@ -31,7 +31,7 @@ Function* real(const char* symbol) {
 
 }  // namespace
 
-// In place of the C library's.
+// Replace functions of the C library.
 extern "C" {
 
 int open(const char* path, int flags, ...) {

@@ -19,7 +19,7 @@ const std::string kChunks[] = {k65536X + " 00000000 00010000", k65536X + " 00010
                                k65536X + " 00020000 00030000",
                                "b3bc32e78031c8ba92b7fd8e963e2c22de94fcfa 00030000 00030d40"};
 
-// One data file of 200,000 bytes with a fixed modification time, and its digest cache file.
+// A data file of 200,000 bytes with a fixed modification time, and its digest cache file.
 class DigestFileTest : public DaemonTest {
  protected:
   DigestFileTest() {
@@ -37,14 +37,14 @@ class DigestFileTest : public DaemonTest {
     ASSERT_EQ(utimensat(AT_FDCWD, data_.c_str(), times, 0), 0);
   }
 
-  // Scans as at the start of an exchange.
+  // Scans like at the start of an exchange.
   Lines fresh_scan() {
     reset_cpg_result(ctx);
     g_flight_recorder.paused = 0;
     return scan_lines(ctx);
   }
 
-  // Scans with something unusable for a digest cache file, which is removed then.
+  // Scans with a bad digest cache file, and expects that it is not used and then removed.
   void expect_unused(const std::string& failure) {
     EXPECT_EQ(fresh_scan(), data_lines_) << failure;
     EXPECT_EQ(ctx->cpg_result.reason, failure.substr(0, 115));
@@ -62,7 +62,7 @@ TEST_F(DigestFileTest, ServesUntilSizeOrSecondChange) {
   EXPECT_EQ(read_file(digest_), good_digest_);
   write_data(kSize, 'y', kMtime);
   chmod(data_.c_str(), 0600);
-  strcpy(g_diag_params.fail_scan_path, data_.c_str());  // the data file is not even opened
+  strcpy(g_diag_params.fail_scan_path, data_.c_str());  // the data file must not even be opened
   EXPECT_EQ(fresh_scan().at(3), "A " + kChunks[3] + " P d/data");
   EXPECT_EQ(stats.n_digest_files_created + stats.n_filesys_files_scanned, 2u);
   EXPECT_EQ(stats.n_digest_files_scanned, 1u);
@@ -91,7 +91,7 @@ TEST_F(DigestFileTest, WhatIsNoFileIsNeitherFollowedNorWaitedFor) {
   EXPECT_FALSE(exists("/run/nowhere"));
 }
 
-// What somebody else has planted, or could have written to, vouches for nothing.
+// A digest cache file that another user created or could have written is not trusted.
 TEST_F(DigestFileTest, OnlyTheDaemonsOwnIsBelieved) {
   std::string lies = kHeader;
   for (const std::string& chunk : kChunks)
@@ -116,7 +116,7 @@ TEST_F(DigestFileTest, OnlyTheDaemonsOwnIsBelieved) {
     EXPECT_EQ(info.st_uid, geteuid());
     fs::remove(tree_path(0, "d/TempUpdate_1"));
   }
-  // A million lines beside one byte are not even read.
+  // A million lines for a one-byte file are not even read.
   write_data(1, 'x', kMtime);
   std::string million = "Digest-V1 1 5000000000\n";
   for (int i = 0; i < 1000000; ++i)
@@ -126,7 +126,7 @@ TEST_F(DigestFileTest, OnlyTheDaemonsOwnIsBelieved) {
   EXPECT_EQ(stats.n_digest_chunks_scanned, 0u);
 }
 
-// Power fails at any byte of a digest cache file, or its disk changes one.
+// A digest cache file is cut at any byte, or one of its bytes is changed.
 TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
   for (size_t i = 0; i < good_digest_.size(); ++i) {
     write_file(digest_, good_digest_.substr(0, i));
@@ -140,7 +140,7 @@ TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
     const size_t n_lines = fresh_scan().size();
     EXPECT_TRUE(ctx->cpg_result.success ? n_lines == 4 : fresh_scan() == data_lines_) << i;
   }
-  // Nor, beside a file that the same loss of power has emptied, does it fail more than one scan.
+  // After the same power failure has emptied its data file, it fails at most one scan.
   write_data(0, 'x', kMtime);
   for (const std::string& torn : {std::string(), std::string(100, '\0'), kHeader.substr(0, 12),
                                   "Digest-V1 0 5000000000\n" + std::string(59, '\0')}) {
@@ -152,14 +152,14 @@ TEST_F(DigestFileTest, ATornOrChangedOneNeverShortensTheListing) {
 }
 
 TEST_F(DigestFileTest, AFailedWriteRemovesItOrEndsTheExchange) {
-  {  // A file system without room for it.
+  {  // The file system has no space for it.
     const Mount dir(tree_path(0, "d"), "size=200k");
     write_data(kSize, 'x', kMtime);
     make_file(0, "d/filler", std::string(kChunkSize, 'x'));
     EXPECT_EQ(fresh_scan().size(), 5u) << "hashed all the same";
     EXPECT_FALSE(exists(digest_));
     EXPECT_EQ(ctx->cpg_result.success, 1);
-    // Of the calls with its name only the second succeeds, which makes it.
+    // Of the calls with its name only the second one, which creates it, succeeds.
     int calls = 0;
     g_before_call = [&](const std::string& name) {
       return name == ".$SyncDigest$data" && ++calls != 2 ? EPERM : 0;
@@ -172,14 +172,14 @@ TEST_F(DigestFileTest, AFailedWriteRemovesItOrEndsTheExchange) {
   EXPECT_EQ(sent_messages(), Lines({"MSG_LOCK_REL 0.0"}));
 }
 
-// In place of the C library's: a failing disk, of which nobody hears. A scan that went back to the
-// first name of a directory would take the names that it misses for deleted files.
+// Replaces the C library's function. If a scan went back to the first name of a directory, it would
+// treat the names that it then misses as deleted files.
 extern "C" void rewinddir(DIR*) noexcept {}
 
 class TreeScanTest : public DaemonTest {
  protected:
-  // The scan lists "abc" files of these relative paths in a root, in any order. With `reason` it
-  // fails all the same.
+  // Expects that a scan lists "abc" files with these relative paths in a root, in any order. With
+  // `reason` the scan also fails.
   void expect_listed(char tag, const Lines& relative_paths, const std::string& reason = "") {
     std::multiset<std::string> expected;
     for (const std::string& path : relative_paths)
@@ -243,12 +243,12 @@ TEST_F(TreeScanTest, WhatCannotBeReadIsRecordedAndTheRestListed) {
   ASSERT_EQ(truncate(path.c_str(), off_t{4} << 30), 0);
   expect_listed('A', {"a/kept"}, "could not read file (File too large): " + path);
   ASSERT_EQ(truncate(path.c_str(), 0), 0);
-  {  // A regular file whose first byte cannot be read: there is nothing at address 0.
+  {  // A regular file whose first byte cannot be read: address 0 is not mapped.
     const Mount unreadable(path, nullptr, "/proc/self/mem");
     expect_listed('A', {"a/kept"}, "could not read file (Input/output error): " + path);
   }
   unlink(path.c_str());
-  // One letter more than a name may have with the prefix of its digest cache file.
+  // One byte too long for the prefix of a digest cache file.
   const std::string long_name(243, 'n');
   const std::string long_path = make_file(0, "a/" + long_name, "abc");
   expect_listed('A', {"a/kept", "a/" + long_name},

@@ -9,7 +9,7 @@ std::vector<int> g_waits;
 
 }  // namespace
 
-// Takes no time, and sees an exit before the third wait.
+// Replaces the wait: takes no time, and returns true at the third call.
 bool exit_requested_within(int seconds) {
   if (g_waits.size() == 2) return true;
   g_waits.push_back(seconds);
@@ -20,7 +20,7 @@ using CleanupThreadTest = DaemonTest;
 
 TEST_F(CleanupThreadTest, DelaysAreMinutesOfTwentyBits) {
   g_flight_recorder.paused = 0;
-  const Mount no_script("/usr/bin");  // so each run leaves a line
+  const Mount no_script("/usr/bin");  // so that each run leaves a log line
   // Seconds from the start to the first run, and from it to the second.
   for (const auto& [initial, periodic, first_run, second_run] : {std::tuple("2", "5", 120, 300),
                                                                  {"1048577", "1048578", 60, 120},

@@ -10,7 +10,8 @@
 
 namespace {
 
-// Calls `take(level, text)` for each line "<level> function:line: text", level -1 for any other.
+// Calls `take(level, text)` for each line "<level> function:line: text"; level is -1 for other
+// lines.
 void parse_log(int fd, const std::function<void(int, const std::string&)>& take) {
   std::istringstream lines(read_file("/proc/self/fd/" + std::to_string(fd)));
   for (std::string line; std::getline(lines, line);) {
@@ -48,7 +49,7 @@ DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
   forget_unsynced();
   ctx->cpg_local_nodeid = 1;
   ctx->cpg_membership_flags = kSelfMember | kPeerMember;
-  std::error_code busy;  // of a mount
+  std::error_code busy;  // of a mount point
   for (const char* folder : {"/mnt", "/run"}) {
     for (const auto& entry : fs::directory_iterator(folder))
       fs::remove_all(entry, busy);

@@ -20,12 +20,12 @@
 #define SHA_CONTENT "040f06fd774092478d450774f5ba30c5da78acc8"
 #define SHA_EMPTY "da39a3ee5e6b4b0d3255bfef95601890afd80709"
 
-// A daemon at its start with the peer in the group: fresh globals, node 1, four empty roots, this
-// EM on standby, nothing sent, the flight recorder paused. From here on the platform log is caught.
+// A daemon after its start, with the peer in the group: fresh globals, node 1, four empty roots,
+// this EM on standby, nothing sent, the flight recorder paused. Captures the platform log.
 class DaemonTest : public testing::Test {
  protected:
   DaemonTest();
-  ~DaemonTest() override;  // gives standard output back, and prints there what was no log line
+  ~DaemonTest() override;  // restores standard output and prints output that was not a log line
 
   SyncContext* ctx = &g_context;
 
@@ -34,13 +34,13 @@ class DaemonTest : public testing::Test {
   // Texts of the lines logged at `level`, in order; level -1 for all.
   Lines logged(int level = -1) const;
 
-  // The peer joins (`joined`) or leaves the group.
+  // Makes the peer join (`joined`) or leave the group.
   void change_membership(bool joined);
 
-  // A request as its caller's thread leaves it; an empty message only asks for an exchange.
+  // Publishes a request as its caller's thread does. An empty message only asks for an exchange.
   void publish(const std::string& message = std::string(2, '\0'));
 
-  // Status field of the last fault event, 0 when there is none.
+  // Status field of the last fault event, 0 if there is none.
   static uint32_t fault_status();
 
  private:
@@ -49,8 +49,8 @@ class DaemonTest : public testing::Test {
   std::string message_;
 };
 
-// The statements abort after a log line with `pattern`. A death test looks at standard error, the
-// log goes to standard output.
+// Expects the statements to abort after a log line with `pattern`. A death test checks standard
+// error, but the log goes to standard output.
 #define EXPECT_ABORT(pattern, ...)          \
   EXPECT_EXIT(                              \
       {                                     \
@@ -60,38 +60,38 @@ class DaemonTest : public testing::Test {
       },                                    \
       testing::KilledBySignal(SIGABRT), pattern)
 
-// `root_paths[root_index]` with a relative path behind it.
+// `root_paths[root_index]` followed by a relative path.
 std::string tree_path(uint32_t root_index, const std::string& relative_path);
 
-// Writes a file in a tree, making the directories above it. Returns its path.
+// Writes a file in a tree, with the directories above it. Returns its path.
 std::string make_file(uint32_t root_index, const std::string& relative_path,
                       const std::string& content, mode_t mode = 0644);
 
 // `size` bytes that differ from chunk to chunk and with `seed`.
 std::string pattern(size_t size, unsigned seed = 0);
 
-// Listing lines of the four trees, in the order in which the scan makes them.
+// Listing lines of the four trees, in scan order.
 Lines scan_lines(SyncContext* ctx, bool requester = true);
 
 std::string little_endian(uint32_t number);
 
-// A group message byte for byte, without the record that the daemon uses; it reports a success.
+// The bytes of a group message that reports a success, built without the daemon's own record.
 std::string message_bytes(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
                           const std::string& payload = "", uint32_t flags = 0);
 
-// The payload of an update message byte for byte.
+// The bytes of the payload of an update message.
 enum UpdateFlags { kPlain = 0, kRestricted = 1, kNoData = 2 };
 std::string update(uint32_t type, uint32_t root, const std::string& path, uint32_t begin,
                    uint32_t end, uint32_t file_size, const std::string& data = "",
                    int flags = kPlain);
 
-// A message as its bytes.
+// The bytes of a message.
 std::string bytes_of(const SentMessage& message);
 
-// What was sent, as "MSG_LOCK_REQ 1.0" with exchange and sequence id.
+// The sent messages as "MSG_LOCK_REQ 1.0", with exchange and sequence id.
 Lines sent_messages();
 
-// Hands a message to the delivery callback, as the peer's (node 2) or as this process's own.
+// Passes a message to the delivery callback, from the peer (node 2) or from this process.
 void deliver_from_peer(const std::string& message);
 void deliver_own(const SentMessage& message);
 

@@ -8,7 +8,7 @@ uint32_t run(const std::string& text, uint32_t type = 1) {
                              static_cast<uint32_t>(text.size()), nullptr);
 }
 
-// The settings in one line.
+// All settings in one line.
 std::string settings() {
   const DiagParams& p = g_diag_params;
   return std::to_string(p.allow_deletions) + std::to_string(p.cpg_send_fail) +

@@ -1,4 +1,4 @@
-// What is brought to the disk, when, and what is told when that fails.
+// What is synced and when, and what is reported if that fails.
 
 #include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/exchange/reconcile.h"
@@ -7,7 +7,7 @@
 
 namespace {
 
-Lines g_synced;  // "name: what the watched file holds by then"
+Lines g_synced;  // "name: content of the watched file at that time"
 std::string g_watched;
 size_t g_failing = SIZE_MAX;  // index of the sync that fails
 
@@ -16,9 +16,9 @@ int record_sync(int fd) {
   const fs::path watched = g_watched;
   const fs::path digests = watched.parent_path() / (".$SyncDigest$" + watched.filename().string());
   g_synced.push_back(name.substr(0, 11) + ": " + read_file(g_watched));
-  // Whoever ends the daemon between two steps leaves no digests of what a rename replaces.
+  // If the daemon were killed between two steps, no digests of the replaced file must remain.
   if (name.starts_with("TempUpdate_") && exists(digests)) g_synced.back() += " with digests";
-  g_context.state_time -= 50;  // it took its time
+  g_context.state_time -= 50;  // simulates a slow sync
   if (g_synced.size() - 1 != g_failing) return 0;
   errno = EIO;
   return -1;
@@ -26,7 +26,7 @@ int record_sync(int fd) {
 
 }  // namespace
 
-// In place of the C library's, which do nothing in memory.
+// Replace the C library's functions, which have no effect on tmpfs.
 extern "C" {
 int fsync(int fd) {
   return record_sync(fd);
@@ -58,7 +58,7 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
     std::function<void()> change;
     std::string watched;
     Lines synced;
-    size_t standing = SIZE_MAX;  // of a request: from this sync on a failure leaves the change here
+    size_t standing = SIZE_MAX;  // from this sync on, a failure leaves a request applied here
   } rows[] = {
       {[&] { request(publish_f); },
        own + "d/f",
@@ -68,7 +68,7 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
        own + "e/f",
        {"d: ", "replicated_: old"},
        1},
-      // What cannot get there is not brought to the disk first. /mnt is another file system.
+      // A source that cannot be renamed is not synced first. /mnt is another file system.
       {[&] { request("/run/d/f" + nul + own + "d/f" + nul); }, own + "d/f", {}},
       {[&] { request(nul + own + "d/f" + nul); }, own + "d/f", {"d: "}, 0},
       {[&] { receive(MSG_UPDATE_REQ, update(PUSH_REQ, 0, "n/f", 0, 3, 3, "new")); },
@@ -111,7 +111,8 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
       EXPECT_TRUE(fails || g_synced == row.synced) << testing::PrintToString(g_synced);
     }
   }
-  // Digests are written for bytes that are on the disk, or not at all; the old ones go before that.
+  // Digests are written only for bytes that are on the disk. The old digests are removed before
+  // that.
   make_file(3, "large", std::string(70000, 'x'));
   g_watched = tree_path(3, ".$SyncDigest$large");
   for (g_failing = 0; g_failing < 3; ++g_failing) {
@@ -125,7 +126,7 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
   g_failing = SIZE_MAX;
 }
 
-// A kernel reports a failed write-back once, and shows the pages as clean afterwards.
+// The kernel reports a failed write-back only once and then treats the pages as clean.
 TEST_F(DurabilityTest, WhatCouldNotBeSyncedIsNoSuccessLater) {
   const std::string f = tree_path(0, "f"), zeros = "A " + std::string(40, '0');
   const std::string content = pattern(70000);
@@ -141,7 +142,7 @@ TEST_F(DurabilityTest, WhatCouldNotBeSyncedIsNoSuccessLater) {
     EXPECT_EQ(ctx->cpg_result.success, failing == SIZE_MAX) << ctx->cpg_result.reason;
     reset_cpg_result(ctx);
   };
-  // How many lines of the listing say that the chunk is to come.
+  // The number of listing lines for chunks that must be sent again.
   const auto wanted = [&] {
     const Lines lines = scan_lines(ctx, false);
     EXPECT_EQ(lines.size(), 2u);
@@ -176,7 +177,7 @@ TEST_F(DurabilityTest, WhatCouldNotBeSyncedIsNoSuccessLater) {
   make_file(0, "f", content);
   EXPECT_EQ(wanted(), 0) << "the deletion ended it";
 
-  // The platform hears of a file that was replaced, even if that may not outlive a loss of power.
+  // The platform is told of a replaced file even if the file may not survive a power failure.
   for (size_t failing = 0; failing < 2; ++failing) {
     receive(update(PUSH_REQ, 0, "shadow", 0, 1, 1, "x"), failing);
     EXPECT_EQ(logged(6).size(), failing == 0 ? 0u : 2u);

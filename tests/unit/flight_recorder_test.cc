@@ -8,7 +8,7 @@ namespace {
 const char kLogFile[] = "/tmp/cluster_sync_daemon.log";
 const char kOldLogFile[] = "/tmp/cluster_sync_daemon.log.0";
 
-// The log files are this test's alone.
+// Only this test uses the log files.
 class LogTest : public DaemonTest {
  protected:
   LogTest() {
@@ -43,7 +43,7 @@ TEST_F(LogTest, OneOldFileIsKept) {
   }
 }
 
-// Anybody may put something in /tmp before the daemon does.
+// Any user may put something into /tmp before the daemon does.
 TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) {
   g_diag_params.max_log_size = 1000;
   write_file("/tmp/elsewhere", "kept");
@@ -66,12 +66,12 @@ TEST_F(LogTest, WhatStandsAtTheLogFileNeitherHangsTheDaemonNorLeadsItElsewhere) 
   EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
 }
 
-// Nor does it get the names of files that only root may list, or cost the recorder a line.
+// Such a file neither gets names of files that only root may list, nor costs the recorder a line.
 TEST_F(LogTest, OnlyAFileOfTheDaemonsOwnIsWrittenTo) {
   g_diag_params.max_log_size = 1000;
   LOG(4, "|own");
   EXPECT_EQ(mode_of(kLogFile), 0600);
-  chmod(kLogFile, 0644);  // of an earlier version
+  chmod(kLogFile, 0644);  // from an earlier version
   LOG(4, "|own");
   EXPECT_EQ(mode_of(kLogFile), 0600);
   const std::string own = read_file(kLogFile);
@@ -80,7 +80,7 @@ TEST_F(LogTest, OnlyAFileOfTheDaemonsOwnIsWrittenTo) {
   EXPECT_EQ(read_file(kLogFile), own);
   remove("/tmp/second link");
   truncate(kLogFile, 1001);
-  mkdir(kOldLogFile, 0777);  // it cannot be moved there
+  mkdir(kOldLogFile, 0777);  // the log file cannot be renamed to it
   LOG(4, "|full");
   EXPECT_EQ(fs::file_size(kLogFile), 1001u);
   remove(kLogFile);

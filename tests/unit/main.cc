@@ -1,4 +1,4 @@
-// Runs the tests in a private mount namespace, so that the daemon's real paths are theirs alone.
+// Runs the tests in a private mount namespace, so that they can use the daemon's real paths.
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -10,7 +10,7 @@ static bool mount_empty(const char* path) {
   return mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") == 0;
 }
 
-// /tmp stays what it is: the tests themselves may have been built below it.
+// /tmp is not replaced, because the tests may have been built below it.
 static bool enter_private_namespace() {
   return unshare(CLONE_NEWNS) == 0 &&
          mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && mount_empty("/mnt") &&

@@ -1,7 +1,7 @@
 #ifndef TESTS_UNIT_PLATFORM_SUPPORT_H_
 #define TESTS_UNIT_PLATFORM_SUPPORT_H_
 
-// What all tests share, the common headers among it.
+// Shared by all tests, with the common headers.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -37,7 +37,7 @@ inline void write_file(const std::string& path, const std::string& content, mode
   chmod(path.c_str(), mode);
 }
 
-// Permission bits, -1 when there is no such file.
+// Permission bits, -1 if there is no such file.
 inline int mode_of(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0 ? static_cast<int>(info.st_mode & 07777) : -1;
@@ -55,7 +55,7 @@ inline std::set<std::string> names_in(const std::string& directory) {
   return names;
 }
 
-// Exit status of a process that only runs `action`, -1 when it ended otherwise.
+// Exit status of a process that only runs `action`, -1 if it did not exit.
 inline int run_forked(const std::function<int()>& action) {
   const pid_t pid = fork();
   if (pid == 0) _exit(action());
@@ -63,7 +63,7 @@ inline int run_forked(const std::function<int()>& action) {
   return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A file system that covers `path` as long as the object lives: an empty one, or `source` itself.
+// Mounts an empty file system, or `source`, on `path` for the lifetime of the object.
 struct Mount {
   explicit Mount(const std::string& on, const char* options = nullptr, const char* source = nullptr)
       : path(on) {

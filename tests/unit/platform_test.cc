@@ -20,7 +20,7 @@ int run_until_told(int, char**) {
                              << (signal(SIGHUP, SIG_DFL) == SIG_IGN)
                              << sigismember(&blocked, SIGTERM);
   daemon_signal_daemonize_complete();
-  daemon_signal_daemonize_complete();  // nobody waits any more
+  daemon_signal_daemonize_complete();  // nobody waits for it any more
   read_file("/run/end");
   return 5;
 }
@@ -29,7 +29,7 @@ int end_early(int, char**) {
   return 0;
 }
 
-// Calls daemon_create in a process of its own. Returns what that says when it fails.
+// Calls daemon_create in a separate process. Returns its error output.
 std::string failure_of(int (*daemon_main)(int, char**)) {
   const bool failed = run_forked([daemon_main] {
     dup2(open("/run/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644), STDERR_FILENO);
@@ -51,7 +51,7 @@ TEST(Daemon, RunsOnceAndTellsWhyItCannotStart) {
   EXPECT_EQ(failure_of(end_early),
             "CLUS_SYNC: ended before its start-up was complete, see the system log\n");
   waitpid(-1, nullptr, 0);
-  // Of a crashed instance; the number has come to belong to another process: this one.
+  // Left by a crashed instance; the process id now belongs to another process: this one.
   write_file(kPidFile, std::to_string(getpid()) + "\n" + std::string(100, 'x'));
   ASSERT_EQ(failure_of(run_until_told), "");
   EXPECT_EQ(mode_of("/run/made"), 0644);
@@ -76,7 +76,8 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
   const Mount persistent("/mnt/part.persistent"), read_only(locked);
   for (const std::string& directory : {root, outside, root + "deep", root + "TempUpdate_directory"})
     mkdir(directory.c_str(), 0755);
-  // Deeper than any walk with a directory open for each level; others before and behind it.
+  // Deeper than a walk that keeps a directory open at each level could go; with other names before
+  // and after it.
   mkdir((root + "before").c_str(), 0755);
   ASSERT_EQ(run_forked([&] {
               for (int level = 0; level < 3000; ++level) {
@@ -109,7 +110,7 @@ TEST(Cleanup, RemovesOldTemporariesOfTheRootsOnly) {
 
 TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   const Mount disk("/mnt/disk", "size=64k");
-  // A link at first: it is replaced, not followed.
+  // At first a symlink, which must be replaced and not followed.
   ASSERT_EQ(symlink("/mnt/linked_file", "/mnt/disk/file"), 0);
   StorageHandle* handle = nullptr;
   for (const int mode : {0600, 0644}) {
@@ -132,7 +133,7 @@ TEST(Storage, ReplacesTheWholeFileWithAFixedModeOrNotAtAll) {
   EXPECT_EQ(names_in("/mnt/disk"), std::set<std::string>{"file"});
 }
 
-// The alarm must be told on a full file system, too: what fills it may be what the alarm is about.
+// The alarm must also work on a full file system, which may be the reason for the alarm.
 TEST(Event, IsReplacedWithoutRoomForATemporary) {
   const Mount full("/var/run/em", "size=16k");
   const std::string record = "/var/run/em/events/0x80000702", healthy(1036, 'h'), ill(1036, 'i');
@@ -175,7 +176,7 @@ TEST(Log, CallIsOneLineAtOrBelowTheThresholdAndOutlivesItsReader) {
     debug_log_to_stdout(1);
     testing::internal::CaptureStdout();
     DbgOutput("file.cc", 42, "f", threshold, "a\n\x1b[2J\x7f\xc3\xa9\xc2\x9b\xff%d", 7);
-    // Formatting this argument would end the process.
+    // Formatting this argument would crash.
     DbgOutput("file.cc", 1, "f", threshold + 1, "%s", reinterpret_cast<const char*>(1));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "<" + std::to_string(threshold) +

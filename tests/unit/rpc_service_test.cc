@@ -32,7 +32,7 @@ class RpcServiceTest : public DaemonTest {
     close(ctx->rpc_fd);
   }
 
-  // The sync side's part, with a request that nobody waits for.
+  // Does the part of sync_thread for a request without a waiting caller.
   RpcResult serve(const std::string& source, const std::string& destination) {
     ctx->cur_state = ST_UNLOCKED;
     publish(source + '\0' + destination + '\0');
@@ -82,7 +82,7 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
       {"", own + "d/TempUpdate_f", false, del + invalid},
       {kept, make_file(2, "f", "copy"), false, update + not_permitted},
       {"", tree_path(2, "f"), false, del + not_permitted},
-      // Two slashes are no level more.
+      // A double slash does not add a level.
       {kept, own + "/1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/f", false, update + no_file},
   };
   for (const auto& row : rows) {
@@ -110,12 +110,12 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
   EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"});
 }
 
-// What the caller of a change hears that was carried out here, and the peer has not got.
+// The answer for a change that is applied here but not on the peer.
 TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
   const std::string shared = make_file(0, "f", "f");
   set_active(true);
   serve("", shared);
-  ctx->cur_state = ST_UNLOCKED;  // it lost the lock, and the role went meanwhile
+  ctx->cur_state = ST_UNLOCKED;  // it lost the lock, and the role has moved meanwhile
   set_active(false);
   on_sync_state_change(ctx, ON_SYNC_REQ, 1, nullptr, nullptr, 0);
   EXPECT_EQ(ctx->cur_exchange_em_is_active, 0);
@@ -125,7 +125,7 @@ TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
   EXPECT_EQ(ctx->rpc_result.local_ok, 1);
   EXPECT_EQ(sent_messages(), (Lines{"MSG_LOCK_REQ 1.0", "MSG_LOCK_REQ 2.0", "MSG_LOCK_REL 2.0"}));
 
-  // The same when it waits for the peer's exchange to end, and the peer leaves.
+  // The same if it waits for the end of the peer's exchange and the peer leaves.
   for (const bool still_active : {true, false}) {
     set_active(true);
     serve("", make_file(0, "f", "f"));
@@ -179,7 +179,7 @@ TEST_F(RpcServiceTest, ARequestWaitsItsTurnAndIsPublishedWithAPresetResult) {
   caller.join();
   EXPECT_STREQ(result.reason, "over");
 
-  // A wake-up can outlive its request: the caller's bytes are no longer the daemon's to read.
+  // A wake-up may arrive after its request was answered. The caller's bytes are invalid then.
   ctx->rpc_stage = RPC_PENDING;
   ctx->rpc_msg = reinterpret_cast<const uint8_t*>(1);
   ctx->current_rpc_size = 100;

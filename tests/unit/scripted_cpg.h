@@ -10,8 +10,8 @@
 
 #include "redundancy_health/transport/cpg_message.h"
 
-// Stands in for the CPG library: records what is sent and answers from a script. What a test does
-// not script succeeds.
+// Replaces the CPG library: records what is sent and returns scripted results. Everything that is
+// not scripted succeeds.
 
 struct SentMessage {
   CpgHeader header;
@@ -20,14 +20,14 @@ struct SentMessage {
 
 struct ScriptedCpg {
   std::vector<SentMessage> sent;         // accepted multicasts, in order
-  std::deque<cs_error_t> mcast_results;  // answers of the next cpg_mcast_joined calls
-  std::deque<cs_error_t> join_results;   // answers of the next cpg_join calls
-  std::string failing;                   // the one other call that fails, with CS_ERR_LIBRARY
+  std::deque<cs_error_t> mcast_results;  // results of the next cpg_mcast_joined calls
+  std::deque<cs_error_t> join_results;   // results of the next cpg_join calls
+  std::string failing;                   // name of one other call that fails with CS_ERR_LIBRARY
   int mcast_calls = 0;
   bool finalized = false;
-  int fd = -1;                              // given out by cpg_fd_get
+  int fd = -1;                              // returned by cpg_fd_get
   std::function<cs_error_t()> on_dispatch;  // body of cpg_dispatch; none: CS_OK
-  std::string joined_group;                 // the name's bytes, by its length field
+  std::string joined_group;                 // the bytes of the name, according to its length field
   void* context = nullptr;                  // cpg_context_set / cpg_context_get
 };
 

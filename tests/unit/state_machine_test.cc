@@ -4,12 +4,12 @@
 
 namespace {
 
-constexpr int32_t kLongAgo = -77;  // no value of get_uptime
+constexpr int32_t kLongAgo = -77;  // never returned by get_uptime
 constexpr uint32_t kInvalidState = 6;
 
 class StateMachineTest : public DaemonTest {
  protected:
-  // A daemon in the middle of exchange 7.3 that last served the peer's 9.2.
+  // A daemon during exchange 7.3; it last served the peer's 9.2.
   void enter(uint32_t state, uint32_t stage = RPC_IDLE) {
     g_cpg.sent.clear();
     reset_cpg_result(ctx);
@@ -24,7 +24,7 @@ class StateMachineTest : public DaemonTest {
     ctx->state_time = kLongAgo;
   }
 
-  // A message with these ids; an update is one of the file "gone" in root 0.
+  // A message with these ids. An update is for the file "gone" in root 0.
   void message(uint32_t command, bool own, uint32_t exchange_id, uint32_t sequence_id,
                uint32_t update_type = PUSH_NOP, const RpcResult* result = nullptr) {
     CpgHeader header = {kCpgMagic, command, 0, exchange_id, sequence_id, {}};
@@ -36,7 +36,7 @@ class StateMachineTest : public DaemonTest {
                          static_cast<uint32_t>(body.size()));
   }
 
-  // State and sent messages; for an exchange that ended with an error only its text.
+  // State and sent messages; for an exchange that ended with an error, only its text.
   std::string outcome() const {
     std::string text = sync_state_name(ctx->cur_state);
     for (const std::string& sent : sent_messages())
@@ -47,8 +47,8 @@ class StateMachineTest : public DaemonTest {
   }
 };
 
-// What a group message does in each state: from the peer, from this daemon. "!" is the error with
-// the state's name behind it.
+// The effect of a group message in each state, from the peer and from this daemon. "!" is the error
+// followed by the name of the state.
 const struct {
   uint32_t command, update_type;
   const char* error;
@@ -87,7 +87,7 @@ TEST_F(StateMachineTest, EveryGroupMessageInEveryState) {
     for (uint32_t state = ST_UNLOCKED; state <= kInvalidState; ++state) {
       for (const bool own : {false, true}) {
         SCOPED_TRACE(std::string(sync_command_name(row.command)) + (own ? " own" : " peer's"));
-        // A message of the exchange that its command belongs to.
+        // The message has the ids of the exchange that its command belongs to.
         const bool answer = row.command == MSG_LISTING_ACK || row.command == MSG_UPDATE_ACK;
         const uint32_t id = own || answer ? 7 : row.command == MSG_LOCK_REQ ? 0x80000001 : 9;
         enter(state);

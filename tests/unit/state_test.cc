@@ -27,7 +27,7 @@ class StateTest : public DaemonTest {
     return record;
   }
 
-  // The peer's exchange `id` up to and with its release.
+  // The peer's exchange `id` including its release.
   static void serve(uint32_t id, const std::string& payload = "") {
     deliver_from_peer(message_bytes(MSG_LOCK_REQ, id, 0));
     deliver_from_peer(message_bytes(MSG_LISTING_REQ, id, 0));
@@ -49,7 +49,7 @@ TEST_F(StateTest, KeepsTheFirstFailureAsTheCauseAndTheLastOutcome) {
   EXPECT_EQ(state().last_success_age, 0);
   EXPECT_TRUE(state_is_well(state()));
 
-  // What the answer to an update carries is the peer's outcome, and known here, too.
+  // The failure in the answer to an update is the peer's outcome. It is also known here.
   strcpy(g_diag_params.fail_write_path, tree_path(0, "f").c_str());
   serve(3, update(2, 0, "f", 0, 1, 1, "x"));
   const std::string failed =
@@ -57,7 +57,7 @@ TEST_F(StateTest, KeepsTheFirstFailureAsTheCauseAndTheLastOutcome) {
   EXPECT_EQ(state().last_error, failed);
   EXPECT_EQ(state().last_cause, failed);
 
-  // A scan that fails ends in a timeout here.
+  // A failed scan ends in a timeout here.
   deliver_from_peer(message_bytes(MSG_LOCK_REQ, 4, 0));
   note_failure("first");
   note_failure("second");
@@ -88,7 +88,7 @@ TEST_F(StateTest, TellsAHangFromWork) {
   EXPECT_TRUE(watch_heartbeat());
   EXPECT_EQ(state().hung, 0u);
 
-  // A chunk is a sign of life, each of a large file and each that is received.
+  // Each chunk counts as progress, whether of a large file or received.
   make_file(0, "large", pattern(5 * kChunkSize));
   const uint32_t before = g_state_report.heartbeat;
   scan_lines(ctx);

@@ -7,7 +7,7 @@
 
 namespace {
 
-// The loop with two eventfds. The CPG one always has something to dispatch, so no pass waits.
+// The loop with two eventfds. The CPG one is always readable, so no pass waits.
 class SyncThreadTest : public DaemonTest {
  protected:
   SyncThreadTest() {
@@ -19,7 +19,7 @@ class SyncThreadTest : public DaemonTest {
     close(ctx->rpc_fd);
   }
 
-  // Runs the thread's body for `passes` passes; `at_dispatch` is called in each, with its number.
+  // Runs the thread's body for `passes` passes and calls `at_dispatch` in each with its number.
   void run(
       int passes, std::function<void(int)> at_dispatch = [](int) {}) {
     g_exit_daemon = 0;
@@ -82,7 +82,7 @@ TEST_F(SyncThreadDeathTest, EndsTheProcessWhenItCannotStartOrGoOn) {
   });
 }
 
-// Two EMs that fail each other's exchanges must not go on doing so.
+// Two EMs that fail each other's exchanges must not continue to do so.
 TEST_F(SyncThreadTest, EachFailureInARowDoublesThePauseBeforeTheNextExchange) {
   for (const int64_t least : {20, 40, 80, 160, 320, 640, 1000, 1000}) {
     const int64_t before = get_uptime_ms();
@@ -103,7 +103,7 @@ TEST_F(SyncThreadTest, EachFailureInARowDoublesThePauseBeforeTheNextExchange) {
   publish();
   eventfd_write(ctx->rpc_fd, 1);
   for (int32_t pass = 0; g_cpg.sent.empty(); ++pass) {
-    // Neither the request nor the resync begins, and waiting is no lack of progress.
+    // Neither the request nor the resync begins, and waiting does not count as lack of progress.
     run(1, [&](int) { ctx->state_time = get_uptime() - 12; });
     ASSERT_TRUE(!g_cpg.sent.empty() || ctx->state_time > get_uptime() - 3);
   }
@@ -114,7 +114,7 @@ TEST_F(SyncThreadTest, EachFailureInARowDoublesThePauseBeforeTheNextExchange) {
 
 TEST_F(SyncThreadTest, ResyncsFourPassesAfterAFailureAndThenEveryHundred) {
   set_active(true);
-  Lines attempts;  // the message, after the pass before whose dispatch a resync was attempted
+  Lines attempts;  // the message, sent after the pass in which a resync was attempted
   run(107, [&](int pass) {
     for (const std::string& sent : sent_messages())
       attempts.push_back(std::to_string(pass) + " " + sent);
