@@ -134,7 +134,7 @@ int edit_file(const Options& options, const Words& words) {
   hold_signals();
   const std::string copy = make_copy(destination, original.content);
   if (copy.empty())
-    return report_error(options, std::string("no copy can be made: ") + strerror(errno), kFailed);
+    return report_error(options, std::string("cannot make a copy: ") + strerror(errno), kFailed);
 
   const auto start = std::chrono::steady_clock::now();
   const bool succeeded = run_editor(copy) == 0;

@@ -71,7 +71,7 @@ bool has_step(const TracedExchange& exchange, const char* message) {
 std::string outcome(const TracedExchange& exchange) {
   if (!exchange.failure.empty()) return "FAILED: " + exchange.failure;
   if (exchange.gave_way) return "gave way to the other EM";
-  if (has_step(exchange, "ON_CPG_LEFT")) return "broken off: an EM left the group";
+  if (has_step(exchange, "ON_CPG_LEFT")) return "aborted: an EM left the group";
   if (!exchange.ended) return "its end is not in the log";
   const bool alone = exchange.complete && !has_step(exchange, "MSG_LISTING_REQ");
   return alone ? "success here, the other EM is away" : "success";
@@ -207,7 +207,7 @@ int draw(const Options& options, const TracedExchange& exchange, const Names& na
 // Prints limits of the answer on standard error.
 void tell_limits(const Logs& logs, double clock_ahead, const Names& names) {
   if (!logs.traced)
-    fprintf(stderr, "cluster_sync_ctl: what the flight recorder dumped, nothing else%s\n", kTooLow);
+    fprintf(stderr, "cluster_sync_ctl: found only dumps of the flight recorder%s\n", kTooLow);
   const long seconds = lround(clock_ahead);
   if (seconds != 0)
     fprintf(stderr,

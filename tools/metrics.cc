@@ -40,7 +40,7 @@ void add_counters(std::string* text, const StateRecord& record) {
 void add_record(std::string* text, const StateRecord& record) {
   add_metric(text, "info", "gauge", "The version of the daemon.", "1",
              "{version=" + json_string(record.version) + "}");
-  add_gauge(text, "uptime_seconds", "How long the daemon runs.", record.uptime);
+  add_gauge(text, "uptime_seconds", "Uptime of the daemon.", record.uptime);
   add_gauge(text, "joined", "Whether the daemon is in the group.", record.joined);
   add_gauge(text, "peer_present", "Whether the other EM is in the group.", record.peer_present);
   add_gauge(text, "members", "Members of the group.", record.member_count);
@@ -51,7 +51,7 @@ void add_record(std::string* text, const StateRecord& record) {
             record.consecutive_errors);
   add_gauge(text, "fault", "Whether the data replication fault is reported.", record.fault);
   add_gauge(text, "hung", "Whether replication hangs.", record.hung);
-  add_age(text, "heartbeat_age_seconds", "Time since the last sign of life.", record.heartbeat_age);
+  add_age(text, "heartbeat_age_seconds", "Time since the last heartbeat.", record.heartbeat_age);
   add_age(text, "last_success_age_seconds", "Time since an exchange with the other EM succeeded.",
           record.last_success_age);
   add_age(text, "last_error_age_seconds", "Time since an exchange failed.", record.last_error_age);
@@ -62,18 +62,18 @@ void add_record(std::string* text, const StateRecord& record) {
             record.exchange_state);
   add_gauge(text, "waiting_callers", "Callers whose request is not answered yet.", record.waiting);
   add_gauge(text, "recorder_paused",
-            "Whether the flight recorder holds the first error, and no more.",
+            "Whether the flight recorder keeps the first error and records no more.",
             record.recorder_paused);
   add_counters(text, record);
 }
 
 std::string metrics_text(const PairState& state) {
   std::string text;
-  add_gauge(&text, "up", "Whether the daemon tells its state.", state.error.empty());
+  add_gauge(&text, "up", "Whether the daemon answers.", state.error.empty());
   add_gauge(&text, "em_number", "The number of this EM.", state.em);
   add_gauge(&text, "number_valid", "0 when the file with the number holds neither 1 nor 2.",
             state.number_valid);
-  add_gauge(&text, "active", "Whether this EM is the active one.", state.active);
+  add_gauge(&text, "active", "Whether this EM is active.", state.active);
   if (state.error.empty()) add_record(&text, state.record);
   return text;
 }
@@ -99,7 +99,7 @@ int replace_file(const std::string& path, const std::string& text) {
 }  // namespace
 
 int show_metrics(const Options& options, const Words& /*words*/) {
-  if (options.json) return usage_error("metrics has a format of its own");
+  if (options.json) return usage_error("metrics does not support --json");
   const PairState state = read_pair_state(options);
   const std::string text = metrics_text(state);
   if (options.textfile.empty()) {

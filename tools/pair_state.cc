@@ -45,7 +45,7 @@ int ask_daemon(const Options& options, PairState* state) {
 }
 
 std::string why_no_answer(const Options& options, int error) {
-  if (error == ECANCELED) return "does not know this question, it is older than this program";
+  if (error == ECANCELED) return "does not know this request; it is older than this program";
   if (error == EACCES || error == EPERM) return "only root may ask it";
   return client_error_text(options, error);
 }

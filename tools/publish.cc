@@ -47,7 +47,7 @@ std::string refusal(int error, const std::string& destination) {
   const std::string target = std::filesystem::read_symlink(destination, failed);
   if (!failed && (error == ELOOP || error == EXDEV))
     return "it is a symbolic link to " + target + "; name the file itself";
-  if (error == ELOOP) return "a directory on the way is a symbolic link inside a tree";
+  if (error == ELOOP) return "a directory above it in the tree is a symbolic link";
   if (error == ENOENT) return "its directory does not exist";
   return cluster_sync_strerror(error);
 }
@@ -68,7 +68,7 @@ int begin(const Options& options, const std::string& destination, mode_t mode,
   if (error != 0)
     text = refusal(error, destination);
   else if (!this_em_is_active() && is_for_active_em_only(destination))
-    text = "this EM is on standby, and its tree is written on the active EM only";
+    text = "this EM is standby, and this tree is written only on the active EM";
   if (text.empty()) return kDone;
   cluster_sync_close(*connection);
   const auto reason = error != 0 ? cluster_sync_reason(error, nullptr) : CLUSTER_SYNC_NOT_ACTIVE;

@@ -92,7 +92,7 @@ int set_role(const Options& options, const Words& words) {
     std::string reason = look_at_disk();
     if (reason.empty()) reason = look_at_other_em(options);
     if (!reason.empty())
-      return report_error(options, reason + "; --force makes this EM active all the same", kFailed);
+      return report_error(options, reason + "; use --force to make this EM active anyway", kFailed);
   }
   if (!(active ? make_mark() : remove_mark()))
     return report_error(options, std::string(kActiveMark) + ": " + strerror(errno), kFailed);

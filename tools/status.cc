@@ -36,7 +36,7 @@ std::string exchange_text(const StateRecord& record) {
   if (record.resync_in > 0)
     text += ", next attempt within " + std::to_string(record.resync_in) + " s";
   if (record.hung)
-    text += std::string(", no sign of life for ") + duration_text(record.heartbeat_age) + ": " +
+    text += std::string(", no progress for ") + duration_text(record.heartbeat_age) + ": " +
             activity_name(record.activity);
   return text;
 }
@@ -67,7 +67,7 @@ void print_text(const PairState& state) {
          state.active ? "active" : "standby");
   printf("fault:    %s%s\n", printable(fault_text(state.fault)).c_str(), age);
   if (!state.error.empty()) {
-    printf("state:    not known, the daemon does not tell\n");
+    printf("state:    unknown, the daemon does not answer\n");
     return;
   }
   printf("state:    %s\nexchange: %s\nerror:    %s\ngroup:    %s\n",

@@ -186,7 +186,7 @@ std::optional<Listing> open_listing(const std::string& name, std::string* error)
     }
   }
   std::optional<Listing> listing = read_listing(name == "-" ? std::cin : file);
-  if (!listing) *error = name + " is no whole output of verify --list";
+  if (!listing) *error = name + " is not a complete output of verify --list";
   return listing;
 }
 
@@ -243,8 +243,8 @@ void print_differences(const Differences& differences) {
 void warn_of_equal_numbers(const Listing& here, const Listing& there) {
   if (here.em != there.em) return;
   fprintf(stderr,
-          "cluster_sync_ctl: both listings are of EM %u: the other one is this EM's own, or both "
-          "EMs have the same number in /var/run/em/number\n",
+          "cluster_sync_ctl: both lists are of EM %u: the other list is from this EM, or both EMs "
+          "have the same number in /var/run/em/number\n",
           here.em);
 }
 

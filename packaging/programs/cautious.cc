@@ -1,4 +1,4 @@
-// Deletes a file if it is there, and tells "not there" from what somebody has to look at.
+// Deletes a file if it exists, and distinguishes "was not there" from real errors.
 #include <cluster_sync.h>
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-/* Publishes "loop" as the file that the argument names, from a loop around poll(2). */
+/* Publishes "loop" as the file named by the argument, from a loop around poll(2). */
 #include <cluster_sync.h>
 #include <errno.h>
 #include <poll.h>

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Publishes standard input as the file that the argument names, and says what a monitor would do.
+# Publishes standard input as the file named by the argument, and prints how a monitoring program would react.
 answer=$(cluster_sync_ctl --json --timeout 20.5 put - "$1" 2> /dev/null)
 case $answer in
   *'"published":"both"'*) echo fine ;;

@@ -1,5 +1,4 @@
-/* As programs were written for the library before 1.1: a late answer was taken for another one's.
- */
+/* A program for the library before 1.1, with which a late answer could be mistaken for another one. */
 #include <cluster_sync.h>
 #include <unistd.h>
 

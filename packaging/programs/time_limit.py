@@ -1,5 +1,5 @@
-"""Publishes what Python programs have at hand, and gives up in time: with a daemon that is stopped (its
-process id is the second argument) nothing is published later."""
+"""Publishes the kinds of content that Python programs have, and checks time limits: with a stopped daemon
+(its process id is the second argument) nothing is published later."""
 
 import io
 import os

@@ -1,4 +1,4 @@
-"""What goes on when a call fails: requests, each with the files that are there before."""
+"""The work during which a call fails: requests, and the files that exist before."""
 
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -12,17 +12,17 @@ EDITED = LARGE[:CHUNK + 5] + b"?" + LARGE[CHUNK + 6:]
 
 @dataclass(frozen=True)
 class Scenario:
-    """EM `em` (1 is active) asks for `destination` to hold `content`, nothing when that is None, or
-    for the file `moved` to lie there; without a destination for an exchange."""
+    """EM `em` (1 is active) asks that `destination` hold `content` (None: that it be deleted) or the file
+    `moved`. Without a destination it asks for an exchange."""
 
     name: str
     em: int = 1
     destination: str = ""
     content: bytes | None = None
     moved: str = ""
-    before: dict[str, bytes] = field(default_factory=dict)  # files of `em`, synchronised
-    changed: dict[str, bytes] = field(default_factory=dict)  # of EM 2's own, just before
-    digests: Callable[[str], str] | None = None  # what becomes of a digest cache file's text
+    before: dict[str, bytes] = field(default_factory=dict)  # files of `em`, synchronised before
+    changed: dict[str, bytes] = field(default_factory=dict)  # of EM 2's own tree, changed just before
+    digests: Callable[[str], str] | None = None  # changes the text of digest cache files
 
 
 SCENARIOS = (

@@ -1,7 +1,7 @@
-"""python3 tests/sim: two real daemons on a simulated group, in every order of events that it allows.
+"""python3 tests/sim: two real daemons on a simulated group, with every order of events that it allows.
 
-Each seed is one run of 250 events. A run that fails is shrunk to few events, which are shown with
-what the pair did and the last exchange drawn.
+Each seed is one run of 250 events. A failing run is reduced to a few events, which are printed with what the
+pair did and a drawing of the last exchange.
 """
 
 import argparse
@@ -51,7 +51,7 @@ def show(machines: dict[int, Machine], events: list, what: str) -> str:
 
 
 def examine(machines: dict[int, Machine], seed: int, count: int, first: bool = False) -> str:
-    """A report on the run of a seed that fails; nothing when it passes."""
+    """A report on the run of a seed if it fails; empty if it passes."""
     events = simulation.draw(seed, count)
     wrong = run(machines, events)
     if not wrong or first:
@@ -66,7 +66,7 @@ def make_machines(options: argparse.Namespace) -> dict[int, Machine]:
 
 
 def choose_builds(machines: dict[int, Machine], options: argparse.Namespace, seed: int) -> None:
-    """One EM or the other has the other release, if one is given."""
+    """Gives one EM the other release, if there is one."""
     if options.with_build:
         machines[1 + seed // WORKERS % 2].build = BUILD
         machines[2 - seed // WORKERS % 2].build = options.with_build
@@ -90,7 +90,7 @@ def work(seeds, end: float, options: argparse.Namespace, reports) -> None:
 
 
 def simulate(options: argparse.Namespace) -> int:
-    """Runs seeds on all workers until the time or the seeds are over."""
+    """Runs seeds on all workers until the time or the seeds are used up."""
     end = time.monotonic() + (options.seconds or 1e9)
     last = options.seed + options.runs if options.runs else 1 << 31
     reports: multiprocessing.Queue = multiprocessing.Queue()

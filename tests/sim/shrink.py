@@ -1,11 +1,11 @@
-"""Finds a short part of a list of events that still fails (delta debugging, Zeller 1999)."""
+"""Reduces a list of events to a short one that still fails (delta debugging, Zeller 1999)."""
 
 import time
 from collections.abc import Callable
 
 
 def shrink(events: list, fails: Callable[[list], object], seconds: float) -> list:
-    """Leaves out what can be left out, larger parts first, for some seconds."""
+    """Removes events as long as the rest still fails, larger parts first, for some seconds."""
     end = time.monotonic() + seconds
     size = len(events) // 2
     while size >= 1:

@@ -222,7 +222,7 @@ TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
   write_file("/mnt/file", "content");
   for (const auto& [destination, rule] : std::vector<std::pair<std::string, const char*>>{
            {"/etc/hostname", "the path lies in none of the replicated trees"},
-           {"/run/replicated_by_active_em/x", "this EM is on standby"},
+           {"/run/replicated_by_active_em/x", "this EM is standby"},
            {"part.persistent/replicated_by_other_em/x", "is written by the other"},
            {own + "TempUpdate_x", "TempUpdate_ are for files under construction"},
            {own + ".\\$SyncDigest\\$x", ".$SyncDigest$ are the daemon's own"},
@@ -230,7 +230,7 @@ TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
            {own + std::string(243, 'x'), "at most 242 bytes"},
            {own + "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/h/x", "at most 16 directories"},
            {own + "none/x", "its directory does not exist"},
-           {own + "way/x", "is a symbolic link inside a tree"},
+           {own + "way/x", "above it in the tree is a symbolic link"},
            {"/mnt/link", "it is a symbolic link to /mnt/part"}}) {
     EXPECT_EQ(run("put file " + destination + " 2>&1"), 1);
     EXPECT_NE(out_.find(rule), std::string::npos) << out_;
@@ -588,7 +588,7 @@ TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
   EXPECT_EQ(
       out_,
       "cluster_sync_ctl: becoming active would delete 20 of 20 files that the other EM has in "
-      "'active'; --force makes this EM active all the same\n");
+      "'active'; use --force to make this EM active anyway\n");
   EXPECT_EQ(become_active("=active 9 9 0 0 0;=volatile 10 21 0 11 0;", good), 1);
   EXPECT_NE(out_.find("11 of 21 files that the other EM has in 'volatile'"), std::string::npos);
   EXPECT_EQ(become_active("=active 0 10 0 10 0;=volatile 11 22 0 11 0;", good), 0) << out_;

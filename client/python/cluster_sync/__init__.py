@@ -184,7 +184,7 @@ class _Deadline:
 
     def __init__(self, timeout: float | None):
         if timeout is not None and math.isnan(timeout):
-            raise ValueError("the timeout is no number")
+            raise ValueError("the timeout is not a number")
         self._end = math.inf if timeout is None else time.monotonic() + timeout
 
     def left_ms(self) -> int:
@@ -383,7 +383,7 @@ def _read_object(content: Readable, deadline: _Deadline) -> Iterator[bytes]:
         if chunk is None:  # a non-blocking raw file without data
             deadline.wait(content.fileno())  # type: ignore[attr-defined]
         elif not isinstance(chunk, (bytes, bytearray, memoryview)):
-            raise TypeError(f"read() must give bytes, not {type(chunk).__name__}")
+            raise TypeError(f"read() must return bytes, not {type(chunk).__name__}")
         elif not chunk:
             return
         else:
