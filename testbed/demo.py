@@ -159,7 +159,7 @@ class Demo:
     # The steps of the demo.
 
     def fill(self) -> None:
-        step("Two EMs with trees of their own, nothing replicated yet")
+        step("Two EMs with different trees, nothing replicated yet")
         sources = real_files(SHARED_FILES + 2 * OWN_FILES)
         shared, own = sources[2 * OWN_FILES:], sources[:2 * OWN_FILES]
         at = self.pair.path
@@ -179,7 +179,7 @@ class Demo:
         for n in (1, 2):
             self.pair.start_daemon(n)
         timed("both joined the group", self.pair.wait_joined)
-        self.do("first exchange done and a second one found nothing to do", 1, "sync")
+        self.do("first exchange done, and a second one with nothing to do", 1, "sync")
         moved = [count(copy) for _, _, copy in self.replicas()]
         say(f"   in all {amount(sum(m[0] for m in moved), sum(m[1] for m in moved))} in "
             f"{time.monotonic() - start:.2f} s")
@@ -191,23 +191,23 @@ class Demo:
         self.pair.path(1, f"{ACTIVE}/settings").mkdir()
         for attempt in ("new file of 4 KiB renamed into place", "and replaced"):
             self.do(attempt, 1, "update", self.prepare(1, attempt, 4096), target)
-        self.do("8 MiB file renamed, here and there", 1, "update", f"{ACTIVE}/made/large2",
+        self.do("8 MiB file renamed on both EMs", 1, "update", f"{ACTIVE}/made/large2",
                 f"{ACTIVE}/made/large renamed")
-        self.do("5 MiB file of its own deleted by EM 2", 2, "delete", f"{OWN}/made/large1")
-        self.told("the standby EM may not change the active tree", 
+        self.do("5 MiB file in its own tree deleted by EM 2", 2, "delete", f"{OWN}/made/large1")
+        self.told("the standby EM may not change the active tree",
                   f"cluster_sync_ctl: not deleted: Attempt to update shared replicated area while not "
                   f"active '{target}'", 2, "delete", target)
         self.compare()
 
     def plain_sync(self) -> None:
-        step("Files change without the daemon, then a sync is asked for")
+        step("Files change without the daemon, then a sync is requested")
         say(f"   on EM 1: {change_some(self.pair.path(1, ACTIVE))}")
         self.do("sync", 1, "sync")
         self.do("sync with nothing to do", 1, "sync")
         self.compare()
 
     def switch_roles(self) -> None:
-        step("EM 2 becomes the active one; the shared trees now flow from EM 2 to EM 1")
+        step("EM 2 becomes active; the shared trees now flow from EM 2 to EM 1")
         self.pair.set_active(2)
         say(f"   on EM 2: {change_some(self.pair.path(2, ACTIVE))}")
         (self.pair.path(2, VOLATILE) / "role").write_text("EM 2 is active\n")
@@ -220,9 +220,9 @@ class Demo:
         step("The link between the EMs is cut and healed")
         pair = self.pair
         pair.cut()
-        timed("cut; both sides see the other one gone", lambda: wait_for(
+        timed("cut; each EM sees that the other one is gone", lambda: wait_for(
             lambda: all(pair.node_members(n) == {n} for n in (1, 2)), DEADLINE, "split"))
-        self.told("an update is done on this side, and its caller learns that there was no peer",
+        self.told("an update is done on this EM, and its caller learns that the other EM is away",
                   "published here; the other EM is away", 2, "update", self.prepare(2, "alone", 4096),
                   f"{ACTIVE}/settings/written alone")
         say(f"   on EM 2: {change_some(pair.path(2, ACTIVE))}")
@@ -257,7 +257,7 @@ def main() -> int:
                   log_level=5)
     verdict = "FAILED"
     try:
-        step("Two EMs come up: namespaces, a link, a Corosync each")
+        step("Two EMs start: namespaces, a link, a Corosync on each")
         timed("up", lambda: pair.start(daemons=False))
         Demo(pair).run()
         verdict = "identical on both EMs after every step"
@@ -267,7 +267,7 @@ def main() -> int:
     except KeyboardInterrupt:
         verdict = "stopped"
     finally:
-        step("All is taken down")
+        step("Everything is stopped")
         timed("down", pair.stop)
     say(f"\nTrees: {verdict}. {time.monotonic() - start:.1f} s in all.")
     return 0 if verdict.startswith("identical") else 1
