@@ -1,8 +1,8 @@
-"""python3 tests/faults: each system call of the replicating thread fails once, or is its last.
+"""python3 tests/faults: each system call of the sync thread fails once, or is the last one of its daemon.
 
-A round is a scenario on a fresh simulated pair in which strace makes one call of one EM fail with one
-error, or kills the daemon there. Afterwards the medium works again, and the pair is asked what the
-simulation asks, and that no temporary file, no descriptor and no unknown text is left.
+A round is a scenario on a fresh simulated pair. In it strace makes one call of one EM fail with one error, or
+kills the daemon there. Afterwards calls work again. The round then does the checks of the simulation, and
+checks that no temporary file, descriptor or unknown error text is left.
 """
 
 import argparse
@@ -46,7 +46,7 @@ class Point(NamedTuple):
     em: int
     call: str
     number: int
-    error: str  # "KILL" for the end of the daemon
+    error: str  # "KILL" to kill the daemon
 
     def __str__(self) -> str:
         return f"{self.scenario.name}: {self.call} {self.number} of EM {self.em}: {self.error}"
@@ -60,7 +60,7 @@ def known_texts() -> re.Pattern:
 
 
 class Strace:
-    """Attached to the replicating thread of a machine as long as the block lasts."""
+    """Attached to the sync thread of a machine until the block ends."""
 
     def __init__(self, machine: Machine, *options: str):
         assert machine.report
@@ -117,7 +117,7 @@ class Round:
                 for n, machine in self.pair.machines.items() if machine.process}
 
     def ask(self) -> None:
-        """The request, until it is answered."""
+        """Sends the request and waits for its answer."""
         scenario, pair = self.scenario, self.pair
         source, destination = scenario.moved, scenario.destination
         effects = {destination: scenario.content} if destination else {}
@@ -134,19 +134,19 @@ class Round:
             pair.flow(50, pair.now + SECOND)
 
     def check(self, call: str, error: str) -> None:
-        """What is asked once the medium works again."""
+        """The checks after calls work again."""
         pair, killed = self.pair, error == "KILL"
         for answer in pair.answers:
             if answer.reason and not TEXTS.match(answer.reason):
                 raise Wrong(f"the manual has no '{answer.reason}'")
         if pair.answers and not pair.answers[-1].success and self.scenario.em == 2:
-            pair.ask(2, "", "", {})  # a standby EM does not try again by itself
+            pair.ask(2, "", "", {})  # a standby EM does not retry by itself
         pair.come_to_rest()
         left = [f"EM {n}: {path}" for n in EMS for root in ROOTS
                 for path in Path(pair.machines[n].path(root)).rglob("TempUpdate_*")]
         if left and not killed:
             raise Wrong(f"left over: {left}")
-        # A close that fails in strace's hands has closed nothing.
+        # A close that strace lets fail does not close.
         if not killed and call != "close" and self._open_files() != self.open_files:
             raise Wrong(f"open files: {self.open_files} became {self._open_files()}")
 
@@ -176,7 +176,7 @@ def points(machines: dict[int, Machine], scenario: Scenario, em: int) -> list[Po
 
 
 def examine(machines: dict[int, Machine], point: Point) -> str:
-    """What is wrong when the point fails, or nothing."""
+    """What is wrong if this point fails, or an empty text."""
     what = "signal=KILL" if point.error == "KILL" else f"error={point.error}"
     work = Round(machines, point.scenario)
     try:

@@ -1,8 +1,8 @@
 """Random operations on both EMs of a pair, and a model of what replication must make of them.
 
-The model starts from the trees as they are before a request. It carries the request out on both
-EMs as the daemons do, and then says what every tree must hold once an exchange has succeeded:
-the sources what they held, the copies the same files, with the permission class that a copy gets.
+The model starts from the trees before a request. It applies the request on both EMs like the daemons do, and
+then predicts every tree after a successful exchange: the sources are unchanged, the copies have the same
+files, with the mode class of a copy.
 """
 
 import hashlib
@@ -26,7 +26,7 @@ SIZES = (0, 1, 100, 4000, CHUNK - 1, CHUNK, CHUNK + 1, 2 * CHUNK, 2 * CHUNK + 1,
 MODES = (0o644, 0o644, 0o644, 0o755, 0o664, 0o640, 0o600, 0o400)
 NAMES = ("a", "b", "c", "d  e", "ü", "line\nbreak", "behind ", "%s%n", "'\"\\", "\udcff\udc80",
          ".hidden", "n" * 240, "A 0 0 0 G x")
-NAMES_AT_A_TIME = 5  # so that files and directories get into each other's way
+NAMES_AT_A_TIME = 5  # few, so that files and directories collide
 FILES_PER_TREE = 12
 KEPT_OF_A_FAULT = 99  # bytes of its path; a longer one names no file
 
@@ -41,7 +41,7 @@ def expect(condition: object, text: str) -> None:
 
 @dataclass(frozen=True)
 class Node:
-    """What stands at a path: a file when it has content, else a directory or something special."""
+    """The object at a path: a file if it has content, otherwise a directory or something special."""
 
     mode: int
     mtime: int = field(compare=False)
@@ -66,7 +66,7 @@ class Machine:
                         status = os.lstat(path)
                         content = (Path(path).read_bytes() if stat.S_ISREG(status.st_mode)
                                    else None)
-                    except FileNotFoundError:  # nothing new, or a daemon at work
+                    except FileNotFoundError:  # does not exist yet, or a daemon is changing it
                         continue
                     self.nodes[top + path[len(outside):]] = Node(
                         status.st_mode, int(status.st_mtime), content)
@@ -83,7 +83,7 @@ class Machine:
         parent = self.nodes.get(os.path.dirname(destination))
         if moved is None or parent is None or not stat.S_ISDIR(parent.mode) or (
                 source.startswith(PERSISTENT) != destination.startswith(PERSISTENT)):
-            return False  # the last one: another file system
+            return False  # the last root is on another file system
         if source == destination:
             return True
         if destination.startswith(source + "/") or replaced and (
@@ -128,10 +128,10 @@ def is_shared(path: str) -> bool:
 
 
 def copied(source: Node, old: Node | None) -> Node:
-    """The copy of a file after an exchange that found `old` at its place."""
+    """The copy of a file after an exchange that found `old` in its place."""
     mode = stat.S_IFREG | (0o600 if source.restricted else 0o644)
     content = source.content or b""
-    # Only a chunk that is the whole file replaces the file, mode and all.
+    # Only a chunk that is the whole file replaces the file including its mode.
     if old is not None and old.restricted == source.restricted and (
             len(content) > CHUNK or (old.content or b"")[:CHUNK] == content[:CHUNK]):
         mode = old.mode
@@ -144,11 +144,11 @@ def copied(source: Node, old: Node | None) -> Node:
 class Driver:
     """Operations drawn from `seed` on a pair with empty trees, EM 1 active.
 
-    Everything that depends on chance comes from the seed, so that a run can be repeated.
+    All random choices come from the seed, so that a run can be repeated.
     """
 
     def __init__(self, pair, callers: dict[int, Caller], seed: int):
-        """`callers` are lasting connections, by EM."""
+        """`callers` are lasting connections, one for each EM."""
         self.callers = callers
         self.pair, self._at, self.random = pair, pair.path, random.Random(seed)
         self.names = self.random.sample(NAMES, NAMES_AT_A_TIME)
@@ -158,7 +158,7 @@ class Driver:
         self._second = 1_500_000_000
 
     def burst(self) -> None:
-        """Some operations, a request, and exchanges until the active EM's succeeds."""
+        """Some operations, a request, and exchanges until one of the active EM succeeds."""
         self.history = []
         for _ in range(self.random.randint(1, 8)):
             self._operate()
@@ -170,7 +170,7 @@ class Driver:
                       *self._some_request())
         expect(self._ask(self.active, "", ""), "no success")
 
-    # Requests and what must come of them.
+    # Requests and their expected results.
 
     def call(self, n: int, asked: Update | str) -> Caller:
         self.callers[n].send(asked)
@@ -220,7 +220,7 @@ class Driver:
         return True
 
     def _copy(self, n: int, path: str) -> str | None:
-        """Where the other EM's copy of EM `n`'s file lies."""
+        """The path of the other EM's copy of EM `n`'s file."""
         if path.startswith(OWN + "/"):
             return PEERS + path[len(OWN):]
         return path if is_shared(path) and n == self.active else None
@@ -249,7 +249,7 @@ class Driver:
             places = self.random.sample((*TOPS, *ROOTS), len(TOPS) + len(ROOTS))
             top = next(place for place in places if destination.startswith(place + "/"))
             source = f"{top}/{NEW}"
-            for m in EMS:  # only one of them is to be taken
+            for m in EMS:  # only one of them may be sent
                 self._write(m, source)
                 self._disguise(m, source, destination)
             return source, destination
@@ -277,14 +277,14 @@ class Driver:
     # Operations without the daemons.
 
     def _paths(self, n: int, root: str, folders: bool = False) -> list[str]:
-        """The replicated files of a tree, or its folders."""
+        """The replicated files of a tree, or its directories."""
         wanted = stat.S_ISDIR if folders else stat.S_ISREG
         outside = self._at(n, root)
         return sorted(f"{root}/{path.relative_to(outside)}" for path in outside.rglob("*")
                       if not path.name.startswith(UNREPLICATED) and wanted(path.lstat().st_mode))
 
     def _some_path(self, n: int, root: str) -> str:
-        """A path below a root: mostly of a file, sometimes of a directory, or of nothing yet."""
+        """A path below a root: usually of a file, sometimes of a directory or of nothing yet."""
         chance = self.random.random()
         known = self._paths(n, root, folders=chance < 0.12) if chance < 0.65 else []
         if known:
@@ -292,7 +292,7 @@ class Driver:
         return "/".join([root, *self.random.choices(self.names, k=self.random.randint(1, 3))])
 
     def _make_room(self, n: int, path: str) -> Path:
-        """Makes the directories above `path`, in place of the files that may stand there."""
+        """Makes the directories above `path`, replacing files in their place."""
         for folder in reversed(self._at(n, path).parents):
             if not folder.is_dir():
                 folder.unlink(missing_ok=True)
@@ -306,7 +306,7 @@ class Driver:
             target.unlink(missing_ok=True)
 
     def _touch(self, target: Path) -> None:
-        self._second += 1  # that no file had before
+        self._second += 1  # a second that no file had before
         os.utime(target, (self._second, self._second))
 
     def _write(self, n: int, path: str) -> None:
@@ -319,7 +319,7 @@ class Driver:
         self._touch(target)
 
     def _disguise(self, n: int, path: str, other: str) -> None:
-        """Half the time gives a file the size and the second of another one, if there is one."""
+        """In half of the cases, gives a file the size and the second of another one, if there is one."""
         target, model = self._at(n, path), self._at(n, other)
         if self.random.random() < 0.5 and model.is_file():
             status = model.stat()
@@ -356,7 +356,7 @@ class Driver:
         how, content = self.random.choice((
             ("grow", content + self.random.randbytes(self.random.choice((1, 100, CHUNK)))),
             ("shrink", content[:at]),
-            ("swap", content[CHUNK:] + content[:CHUNK]),  # what the other side has elsewhere
+            ("swap", content[CHUNK:] + content[:CHUNK]),  # content that the other side has elsewhere
             ("change", content[:at] + b"?" + content[at + 1:]),
             ("chmod", content)))
         self.history.append(f"EM {n}: {how} to {len(content)} bytes {path}")

@@ -1,4 +1,4 @@
-"""What the tests on a pair of daemons share."""
+"""Helpers of the tests on a pair of daemons."""
 
 import os
 import re
@@ -15,7 +15,7 @@ from em_pair import ACTIVE, EMS, OWN, PEERS, REPO, VOLATILE, EmPair, wait_for
 from trees import differences, files
 
 BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
-FAILED = REPO / "build/failed"  # logs of the tests that failed
+FAILED = REPO / "build/failed"  # logs of failed tests
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
 DEADLINE = 60
 LOG_LINES = 40
@@ -25,15 +25,15 @@ EDOM = "Numerical argument out of domain"  # of injected failures
 
 
 def flows(active: int, requester: int) -> list[tuple[int, str, str]]:
-    """The trees that an exchange of `requester` moves: EM of the source, its root, copy's root."""
+    """The trees that an exchange of `requester` copies: EM of the source, its root, root of the copy."""
     shared = [(active, root, root) for root in (ACTIVE, VOLATILE)] if active == requester else []
     return shared + [(n, OWN, PEERS) for n in EMS]
 
 
 class PairTest(unittest.TestCase):
-    """A test starts with two joined, idle daemons, EM 1 active, empty trees and no fault injected,
-    whatever the test before left behind. Tests with the same `options`, further arguments of
-    EmPair, may use the same pair."""
+    """Each test starts with two joined, idle daemons, EM 1 active, empty trees and no injected fault, whatever
+    the previous test left. Tests with the same `options`, which are further arguments of EmPair, may use the
+    same pair."""
 
     options: dict = {}
     pairs: dict[str, EmPair] = {}
@@ -64,7 +64,7 @@ class PairTest(unittest.TestCase):
         pair.set_active(1)
         for n in EMS:
             self.diag(n, "fail-none")
-        for _ in range(2):  # the first exchange may still meet what the test before left
+        for _ in range(2):  # the first exchange may still get late messages of the previous test
             self.clear()
             self.wait(lambda: self.ask(1).success, "an exchange succeeds")
 
@@ -74,7 +74,7 @@ class PairTest(unittest.TestCase):
     # Files.
 
     def write(self, n: int, path: str, content: bytes | str, mode: int = 0o644) -> Update:
-        """Makes a file on EM `n` without its daemon. Returns the request that takes it across."""
+        """Writes a file on EM `n` without its daemon. Returns the request that replicates it."""
         target = self.pair.path(n, path)
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_bytes(content.encode() if isinstance(content, str) else content)
@@ -82,7 +82,7 @@ class PairTest(unittest.TestCase):
         return SYNC
 
     def prepared(self, n: int, path: str, content: bytes | str) -> Update:
-        """Puts a finished file beside `path`; returns the request that moves it there."""
+        """Writes a finished file next to `path`; returns the request that renames it to `path`."""
         folder, name = os.path.split(path)
         self.write(n, f"{folder}/TempUpdate_{name}", content)
         return (f"{folder}/TempUpdate_{name}", path)
@@ -98,11 +98,11 @@ class PairTest(unittest.TestCase):
         return set(files(self.pair.path(n, root)))
 
     def clear(self) -> None:
-        for n in EMS:  # by a process on the EM, which sees the trees as the daemon does
+        for n in EMS:  # by a process on the EM, which sees the trees like the daemon
             self.pair.run(n, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
 
     def different(self) -> list[str]:
-        """What keeps the four copies from being replicas."""
+        """Why the four copies are not replicas."""
         at, active = self.pair.path, 1 if self.pair.is_active(1) else 2
         return [f"{copy}: {line}" for n, root, copy in flows(active, active)
                 for line in differences(at(n, root), at(3 - n, copy))]
@@ -111,7 +111,7 @@ class PairTest(unittest.TestCase):
         self.assertEqual([], self.different())
 
     def wait_identical(self) -> None:
-        """Waits for the daemons to make the trees identical by themselves."""
+        """Waits until the daemons have made the trees identical by themselves."""
         self.wait(lambda: not self.different(), "identical trees")
 
     # The daemons.
@@ -122,12 +122,12 @@ class PairTest(unittest.TestCase):
         return caller
 
     def ask(self, n: int, asked: Update = SYNC) -> Result:
-        """A request on a connection of its own, and its answer."""
+        """Sends a request on a new connection and returns its answer."""
         with Caller(self.pair, n, asked) as caller:
             return caller.result()
 
     def diag(self, n: int, command: str) -> None:
-        """A diagnostic command, which succeeds."""
+        """Sends a diagnostic command, which must succeed."""
         with Caller(self.pair, n, command) as caller:
             self.assertTrue(caller.accepted(), command)
 
@@ -137,13 +137,13 @@ class PairTest(unittest.TestCase):
         return result
 
     def settle(self) -> None:
-        """The next exchanges make everything identical and clear the fault."""
+        """Runs exchanges until everything is identical and the fault is cleared."""
         self.wait(lambda: self.ask(1)[::5] == (True, True), "a clean exchange")
         self.assert_identical()
         self.assertEqual(HEALTHY, self.fault())
 
     def fault(self) -> int:
-        """The last event of the replication fault of EM 1."""
+        """The status of EM 1's last replication fault event."""
         return struct.unpack_from("<3I", self.read(1, FAULT_EVENT))[2]
 
     def hold(self, n: int) -> None:
@@ -153,10 +153,10 @@ class PairTest(unittest.TestCase):
         self.addCleanup(lambda: process.poll() is None and process.send_signal(signal.SIGCONT))
 
     def footprint(self, n: int) -> tuple[tuple[int, int], int]:
-        """Descriptors and threads of EM `n`'s daemon once the workers of closed connections have
+        """Number of descriptors and threads of EM `n`'s daemon when the workers of closed connections have
         ended, and its resident memory in kB."""
         folder = Path(f"/proc/{self.pair.process(n, 'daemon').pid}")
-        end = 1 << (32 if n in self.pair.arm else 64)  # the emulator's own memory is above
+        end = 1 << (32 if n in self.pair.arm else 64)  # the emulator's own memory is above this address
 
         def look() -> tuple[tuple[int, int], int]:
             areas = re.findall(r"(?ms)^([0-9a-f]+)-\S+ .*?^Rss: +(\d+)", (folder / "smaps").read_text())
@@ -169,13 +169,13 @@ class PairTest(unittest.TestCase):
             return first if first[0] == look()[0] else None
         return self.wait(at_rest, "the number of threads comes to rest")
 
-    # Their logs.
+    # Logs of the daemons.
 
     def mark_logs(self) -> None:
         self._log_start = {n: self.pair.log_path(n).stat().st_size for n in EMS}
 
     def log(self, n: int) -> str:
-        """What EM `n`'s daemon logged since the test began or the logs were marked."""
+        """What EM `n`'s daemon logged since the start of the test or the last mark."""
         with open(self.pair.log_path(n), "rb") as file:
             file.seek(self._log_start[n])
             return file.read().decode(errors="replace")
@@ -188,7 +188,7 @@ class PairTest(unittest.TestCase):
         self.assertEqual([], [text for text in texts if (text in log) == never], f"never={never}")
 
     def daemon_logs(self) -> str:
-        """The end of both logs, for whoever looks at a failure, and where they are in full."""
+        """The end of both logs, to analyse a failure, and where the complete logs are."""
         folder = FAILED / self.id()
         folder.mkdir(parents=True, exist_ok=True)
         for n in EMS:

@@ -1,6 +1,6 @@
-"""After any operations on both EMs a successful exchange leaves what the model says.
+"""After any operations on both EMs, a successful exchange leaves the trees that the model predicts.
 
-SEED=n repeats the run of one seed, BURSTS of it.
+SEED=n repeats the run of one seed, BURSTS sets its length.
 """
 
 import os
@@ -36,7 +36,7 @@ class ConvergenceTest(PairTest):
 
 
 class GuardedConvergenceTest(ConvergenceTest):
-    """The guard against emptied trees, as the package sets it, changes nothing."""
+    """The guard against emptied trees, as the package sets it, does not change the result."""
 
     options = {"environment": {"MAX_DELETED_PERCENT": "90"}}
     seeds = SEEDS[:2]

@@ -1,8 +1,8 @@
-"""python3 tests/sim/planted.py [WORD...]: faults planted in a copy of the daemon, one at a time, and
-which instrument finds each.
+"""python3 tests/sim/planted.py [WORD...]: plants faults in a copy of the daemon, one at a time, and shows
+which test finds each.
 
-The table is matched by text, so that it follows the sources; an entry whose text is no longer there
-fails. With WORDs only the entries that have one of them in their name.
+The table is matched by text, so that it follows the sources; an entry whose text no longer exists fails.
+With WORDs, only the entries whose name has one of them.
 """
 
 import os
@@ -16,7 +16,7 @@ from pathlib import Path
 from typing import NamedTuple
 
 REPO = Path(__file__).resolve().parents[2]
-RUNS, POINTS = "500", "800"  # within which a fault is found: two minutes on two idle processors
+RUNS, POINTS = "500", "800"  # limits for finding a fault: two minutes on two idle processors
 SOURCES = ("CMakeLists.txt", "CMakePresets.json", "bench", "client", "cmake", "docs", "packaging",
            "platform", "redundancy_health", "testbed", "tests", "tools")
 

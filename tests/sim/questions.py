@@ -1,4 +1,4 @@
-"""What is asked of the pair at every step, and at the end."""
+"""The checks of the pair at every step and at the end."""
 
 import os
 
@@ -8,7 +8,7 @@ from simulated.pair import (COMMANDS, LISTING_REQ, LOCK_REL, LOCK_REQ, UPDATE_RE
                             Wrong)
 
 CHUNK = 65536
-HEAD, MAGIC = 12, b"\xfa\xa1\x1f\x0a"  # of a message event; what a message begins with
+HEAD, MAGIC = 12, b"\xfa\xa1\x1f\x0a"  # of a message event; start of a message
 SHARED = (ACTIVE, VOLATILE)
 
 
@@ -17,7 +17,7 @@ def root_of(path: str) -> str:
 
 
 class Questions:
-    """Keeps for each path of a source tree the contents that it may have. `pair` has machines."""
+    """Keeps the allowed contents of each path in a source tree. `pair` has machines."""
 
     def __init__(self, pair):
         self.pair = pair
@@ -27,7 +27,7 @@ class Questions:
         #                                          both EMs may be lost then
         self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # of the lock, as an EM knows it
         self.in_flight: list[Request] = []
-        self.abandoned: list[Request] = []  # whose caller has gone, but which may still be served
+        self.abandoned: list[Request] = []  # the caller has left, but it may still be served
 
     # Who holds the lock.
 
@@ -50,7 +50,7 @@ class Questions:
         return (0 if root_of(path) in SHARED else em), path
 
     def put(self, em: int, path: str, content: bytes) -> None:
-        """A file that was there before the daemons."""
+        """A file that existed before the daemons started."""
         self.may_hold[self.key(em, path)] = {content}
         self.in_one_copy[self.key(em, path)] = {None, content}
 
@@ -122,10 +122,10 @@ class Questions:
             raise Wrong(f"{request}: {answer}, but EM {em} has {describe(found)} at {path} instead of "
                         f"{' or '.join(map(describe, allowed))}")
 
-    # What else has changed.
+    # Other changes.
 
     def check_sources(self) -> None:
-        """The trees from which others are copied hold what was asked for and nothing else."""
+        """The source trees hold what was requested and nothing else."""
         for n in EMS:
             self._check_tree(n, OWN, n)
         active = [n for n in EMS if self.pair.machines[n].active]
@@ -146,7 +146,7 @@ class Questions:
     # At the end.
 
     def differences(self) -> str:
-        """What keeps the pair from being at rest, or nothing."""
+        """Why the pair is not at rest, or an empty text."""
         machines = self.pair.machines
         active = next(n for n in EMS if machines[n].active)
         for n, root, copy in ((1, OWN, PEERS), (2, OWN, PEERS), (active, ACTIVE, ACTIVE),
@@ -167,7 +167,7 @@ class Questions:
         active = next(n for n in EMS if self.pair.machines[n].active)
         for (owner, path), allowed in self.may_hold.items():
             found = content_of(self.pair.machines[active].path(path)) if owner == 0 else None
-            # A role that moves in the middle of an exchange makes a file of two versions the source.
+            # If the role moves during an exchange, a file of two versions may become the source.
             mixed = self.moves and found and len(found) > CHUNK
             if owner == 0 and found not in allowed and not mixed:
                 raise Wrong(f"EM {active} has {describe(found)} at {path} instead of "

@@ -1,7 +1,7 @@
-"""One run: events on two daemons, drawn from a seed, and what is asked of the pair meanwhile.
+"""One run: events on two daemons, drawn from a seed, and checks of the pair meanwhile.
 
-An event is a name and two numbers, which choose among what is possible when its turn comes: any part
-of a list of events is a run, too, which is what lets a failing one be shrunk.
+An event is a name and two numbers, which choose among the possible actions at its turn. So any part of a list
+of events is also a run, and a failing run can be reduced.
 """
 
 import os
@@ -87,7 +87,7 @@ class Simulation(SimulatedPair):
         self.flow(2000, self.now + int(WAITS[a % len(WAITS)] * SECOND), portion=1 + b % 3)
 
     def on_stall(self, a: int, b: int) -> None:
-        """Time goes on for some of: EM 1, EM 2, the group."""
+        """For a time, only some of EM 1, EM 2 and the group make progress."""
         who = b % 7
         self.flow(2000, self.now + int(WAITS[a % len(WAITS)] * SECOND),
                   [n for n in EMS if who & n], bool(who & 4))
@@ -123,12 +123,12 @@ class Simulation(SimulatedPair):
         self.go_some_way(a, refuse=(1, 2, 5, 99, 100, 101)[b % 6])
 
     def on_foreign(self, a: int, b: int) -> None:
-        """A process that is no daemon sends to the group."""
+        """A process that is not a daemon sends to the group."""
         junk = (b"x" * 147, b"x" * 148, b"", struct.pack("<3I", 0x0A1FA1FA, 6 + b % 4, 0) + bytes(136))
         self.group.nodes[a % 2 + 1].to_send.append(("m", (a % 2 + 1, 9), junk[b // 4 % 4]))
 
     def on_storm(self, a: int, b: int) -> None:
-        """Callers on both EMs who never pause, and a cut: their failures come to an end."""
+        """Callers on both EMs that never pause, and a cut: their failures must end."""
         self.group.heal()
         for n in EMS:
             self.start(n)
@@ -197,7 +197,7 @@ class Simulation(SimulatedPair):
             self.ask(n, source, path, {path: self.write(n, source, b, like=path)})
 
     def _move(self, n: int, path: str, b: int) -> bool:
-        """Asks to rename what is replicated already, when nothing else goes on at these paths."""
+        """Asks to rename a replicated file, unless other requests use these paths."""
         other = f"{path[:path.rindex('/')]}/{'abc'[b % 3]}"
         content = self.questions.may_hold.get(self.questions.key(n, path), {None})
         busy = {p for request in self.questions.unsettled() for p in request.effects}
@@ -236,7 +236,7 @@ class Simulation(SimulatedPair):
     # The end.
 
     def come_to_rest(self) -> None:
-        """The faults are over: the pair becomes equal by itself."""
+        """After the last fault, the pair becomes equal by itself."""
         self.trace(f"{self.now / SECOND:.4f} the faults are over")
         self.group.heal()
         for n in EMS:
@@ -268,7 +268,7 @@ class Simulation(SimulatedPair):
 
 
 def run(machines: dict[int, Machine], events: list[Event], trace=None) -> str:
-    """Returns what went wrong, or nothing."""
+    """Returns what went wrong, or an empty text."""
     simulation = Simulation(machines, trace)
     try:
         for event in events:

@@ -15,8 +15,8 @@
 
 namespace {
 
-// What the server saw, as type and message, and what it answers. It renames what it calls a
-// success.
+// What the server received, as type and message, and its next answer. The server does the rename if
+// it answers with success.
 std::mutex g_mutex;
 std::string g_request, g_payload, g_report;
 uint32_t g_status;
@@ -51,7 +51,7 @@ std::string bytes_of_state(const StateRecord& state) {
   return {reinterpret_cast<const char*>(&state), sizeof state};
 }
 
-// Records a state of the replication fault.
+// Writes a state of the replication fault.
 void record_fault(uint32_t status, uint32_t fault_id = 0x000F0018, uint32_t size = 1036) {
   const uint32_t record[1040 / 4] = {2, fault_id, status};
   ASSERT_EQ(event_send(0x80000702, record, size), 0);
@@ -78,12 +78,12 @@ class CtlTest : public DaemonTest {
     pthread_join(server_->thread, nullptr);
   }
 
-  // The client, which the build puts beside the tests.
+  // The client, in the directory of the tests.
   static std::string program() {
     return fs::read_symlink("/proc/self/exe").replace_filename("cluster_sync_ctl");
   }
 
-  // Runs it in /mnt. Returns its exit status.
+  // Runs the client in /mnt. Returns its exit status.
   int run(const std::string& line) {
     out_.clear();
     FILE* client = popen(("cd /mnt && " + program() + " " + line).c_str(), "r");
@@ -95,7 +95,7 @@ class CtlTest : public DaemonTest {
     return WEXITSTATUS(status);
   }
 
-  // Runs it with an answer of the server.
+  // Runs the client with this answer of the server.
   int run_answered(const std::string& line, uint32_t status, const std::string& payload) {
     g_status = status;
     g_payload = payload;
@@ -104,7 +104,7 @@ class CtlTest : public DaemonTest {
   }
 
   std::string out_, request_;
-  static inline CmdServer* server_ = nullptr;  // it is never freed
+  static inline CmdServer* server_ = nullptr;  // never freed
 };
 
 }  // namespace
@@ -305,7 +305,7 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   EXPECT_EQ(cluster_sync_sync("/mnt/none", 100, nullptr), ECONNREFUSED);
   EXPECT_EQ(cluster_sync_sync(nullptr, 0, nullptr), EINPROGRESS);
   g_turn.release();
-  chmod("/var/run/em/cmd.2006", 0666);  // only root is served all the same
+  chmod("/var/run/em/cmd.2006", 0666);  // the server still serves only root
   EXPECT_EQ(
       run_forked([] { return setuid(65534) == 0 ? cluster_sync_sync(nullptr, 9000, nullptr) : 0; }),
       ECONNRESET);
@@ -325,7 +325,7 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   close(accept(listener, nullptr, nullptr));
   EXPECT_EQ(cluster_sync_send_diag(connection, "stats", 100), ECONNRESET);
   cluster_sync_close(connection);
-  std::vector<cluster_sync_connection*> waiting;  // until no more fit
+  std::vector<cluster_sync_connection*> waiting;  // until the backlog is full
   while (cluster_sync_open("/mnt/deaf", 0, &connection) == 0)
     waiting.push_back(connection);
   ASSERT_GT(waiting.size(), 0u);
@@ -336,8 +336,8 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   std::for_each(waiting.begin(), waiting.end(), cluster_sync_close);
 }
 
-// What is told when the time is up is what becomes of the file, and no answer is taken for that of
-// another request.
+// After a timeout, the reported result is what happens to the file, and no answer is mistaken for
+// that of another request.
 TEST_F(CtlTest, TheLibraryTellsTheTruthWhenTheTimeIsUp) {
   const std::string name = tree_path(1, "name"), folder = tree_path(1, "");
   const auto put = [&] {
@@ -399,7 +399,8 @@ TEST_F(CtlTest, TheLibraryTellsTheTruthWhenTheTimeIsUp) {
   cluster_sync_close(connection);
 }
 
-// A directory that is swapped for a link in the middle leads nowhere, and nothing stays behind.
+// Replacing a directory with a symlink during a put has no effect outside the tree, and no file is
+// left.
 TEST_F(CtlTest, APutWritesNothingOutsideItsTree) {
   make_file(1, "dir/name", "old");
   mkdir("/mnt/outside", 0755);
@@ -609,7 +610,7 @@ TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
   EXPECT_TRUE(exists("/var/run/em/active"));
 }
 
-// What the two daemons of a pair log of a put that the second one cannot write.
+// The logs of both daemons for a put that the second one cannot write.
 const Lines kAsking = {
     "on_cpg_config:238: CPG config change [em-sync]: flags=05",
     "rename_to_destination:115: SYNC RPC rename: src=/var/run/replicated_by_active_em/TempUpdate_5 "
@@ -745,8 +746,8 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
             "volatile/with blanks : only there\n1 files differ\n");
   make_file(3, "with blanks ", "v");
   EXPECT_EQ(run("verify --against list"), 0) << "what was made after the list is no difference";
-  // A list of later, which comes only when the trees here were read. One file is mended at the
-  // second look.
+  // A list that was begun later and arrives only when the trees here were read. One file is
+  // corrected before the second check.
   const size_t begun = list.find("begun at ") + strlen("begun at ");
   write_file("/mnt/later", list.substr(0, begun) + "9" + list.substr(begun));
   mkfifo("/mnt/fifo", 0600);

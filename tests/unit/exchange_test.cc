@@ -1,4 +1,5 @@
-// A whole exchange message by message, what it counts for, and how its trace is explained.
+// A complete exchange message by message, its effect on fault counting, and the explanation of its
+// trace.
 
 #include "redundancy_health/exchange/state_machine.h"
 
@@ -16,15 +17,15 @@ enum Fault { kNone, kDropped };
 
 class ExchangeTest : public DaemonTest {
  protected:
-  // Lets one message through unless it is the one to be lost.
+  // Delivers one message unless it is the one to lose.
   bool pass(const SentMessage& message, bool own) {
     if (turn_++ == fault_turn_ && fault_ == kDropped) return false;
     own ? deliver_own(message) : deliver_from_peer(bytes_of(message));
     return true;
   }
 
-  // Delivers what is sent, and what a peer that has empty trees and takes everything answers, until
-  // nothing moves any more.
+  // Delivers sent messages and the answers of a peer that has empty trees and accepts everything,
+  // until no message is left.
   void settle() {
     while (delivered_ < g_cpg.sent.size()) {
       SentMessage message = g_cpg.sent[delivered_++];
@@ -54,7 +55,7 @@ class ExchangeTest : public DaemonTest {
     fault_turn_ = turn;
   }
 
-  // A local request, of a sync by default, up to its answer. Returns the number of turns.
+  // A local request, by default a sync, up to its answer. Returns the number of turns.
   size_t request_sync(Fault fault, size_t turn, const std::string& message = {0, 0}) {
     begin(fault, turn);
     publish(message);
@@ -71,7 +72,7 @@ class ExchangeTest : public DaemonTest {
     return turn_;
   }
 
-  // A whole exchange of the peer with this daemon as responder. Returns the number of turns.
+  // A complete exchange of the peer, with this daemon as responder. Returns the number of turns.
   size_t serve(Fault fault, size_t turn) {
     begin(fault, turn);
     ++peer_exchange_;
@@ -149,7 +150,8 @@ TEST_F(ExchangeTest, ARequesterPushesPullsDeletesAndReleases) {
   EXPECT_EQ(logged(3), Lines());
 }
 
-// What a shell prints in /mnt: no year, each run of blanks a bar and of dashes one; and its status.
+// The output of a shell in /mnt, without the year, with each run of blanks as a bar and each run of
+// dashes as one; and its exit status.
 static std::string print(const std::string& command) {
   const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
   write_file("/mnt/do", "cd /mnt; export TZ=UTC PATH=" + programs.string() + ":$PATH; (" + command +
@@ -158,8 +160,7 @@ static std::string print(const std::string& command) {
   return system("sh /mnt/do") == 0 ? read_file("/mnt/out") : "";
 }
 
-// Of an exchange without a peer and one whose second message is lost, from this EM's log and
-// another.
+// An exchange without a peer, and one whose second message is lost; from one log and from two.
 TEST_F(ExchangeTest, IsExplainedFromItsTrace) {
   unlink("/tmp/cluster_sync_daemon.log");
   set_active(true);
@@ -212,7 +213,7 @@ TEST_F(ExchangeTest, IsExplainedFromItsTrace) {
             "{'files': 1, 'bytes': 3} 1\n0\n"},
            {"sed 's/^/<3> dump_flight_recorder:7: /' log log | " + explain + "-", table},
            {explain + "peer log", "|1" + at + "second" + alone + "second" + row},
-           // The end of one exchange and the beginning of the next are lost.
+           // The end of one exchange and the beginning of the next are missing.
            {"(sed '/LISTING_ACK/,$d' log; sed '1,/LISTING_REQ/d; s/=2/=3/g' log) | " + explain,
             ": its end is not in the log\n|3" + at +
                 "this EM|0 s|1 pushed (3 B)|its beginning is not in the log: FAILED: " + failure +
@@ -312,7 +313,7 @@ TEST_F(ExchangeTest, AComparisonChangesNothingAndSaysNothingOfFaults) {
   ctx->current_rpc_size = 0;
   ctx->rpc_compare = 1;
   on_sync_rpc_update(ctx);
-  deliver_from_peer(message_bytes(MSG_LOCK_REQ, 7, 0));  // the peer was faster
+  deliver_from_peer(message_bytes(MSG_LOCK_REQ, 7, 0));  // the peer's request came first
   deliver_own(g_cpg.sent.back());
   deliver_from_peer(message_bytes(MSG_LOCK_REL, 7, 0));
   deliver_own(g_cpg.sent.back());
@@ -340,7 +341,7 @@ TEST_F(ExchangeTest, AComparisonChangesNothingAndSaysNothingOfFaults) {
   EXPECT_EQ(ctx->resync_countdown, 50);
   EXPECT_EQ(fault_status(), 0u);
 
-  // The next request is none. Two chunks are to be pushed.
+  // The next request is not a comparison. Two chunks must be pushed.
   ctx->rpc_compare = 0;
   unlink(tree_path(0, "same").c_str());
   unlink(tree_path(1, "line\nfeed").c_str());

@@ -8,7 +8,7 @@ namespace {
 
 class ReconcileTest : public DaemonTest {
  protected:
-  // Compares the trees with a listing; what is to be sent, as "PUSH_REQ <line>".
+  // Compares the trees with a listing. Returns the entries to send, as "PUSH_REQ <line>".
   Lines compare(const Lines& listing, bool terminated = true) {
     std::string payload;
     for (const std::string& line : listing)
@@ -33,10 +33,10 @@ TEST_F(ReconcileTest, EachTreeFlowsInItsDirection) {
   const std::string whole_chunk = " " SHA_A " 00000000 00010000 G f";
   const std::string restricted = " " SHA_ABC " 00000000 00000003 P f";
   const struct {
-    mode_t mode;  // of "f" with content "abc" here, 0: not here
+    mode_t mode;  // of "f" with content "abc" here; 0: does not exist here
     Lines peer;
-    Lines queue;         // of root 2, which flows from the peer
-    Lines pushed_queue;  // of the others
+    Lines queue;         // for root 2, which comes from the peer
+    Lines pushed_queue;  // for the other roots
   } rows[] = {
       {0644, {abc}, {}, {}},
       {0644, {other}, {"PULL_REQ ", other}, {"PUSH_REQ ", abc}},
@@ -134,8 +134,8 @@ TEST_F(ReconcileTest, AnInvalidLineIsDroppedAndNothingIsDeletedHere) {
   EXPECT_FALSE(exists(tree_path(2, "lost"))) << "dots in a name are fine";
 }
 
-// Paths are the requester's: its own tree is root 2 here, and this EM's own tree is not its to
-// move.
+// Paths are in the requester's numbering: its own tree is root 2 here. The requester must not move
+// files in this EM's own tree.
 TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyOnThisEmsOwnCopies) {
   fs::create_directories("/run/outside");
   const std::string shared = root_paths[0], own = root_paths[1], mine = root_paths[2];
@@ -143,7 +143,7 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyOnThisEmsOwnCopies) {
   const std::string ends = nul + dst + nul;
   const struct {
     std::string payload;
-    std::string from, to;  // of the move here; none: nothing moves
+    std::string from, to;  // of the rename here; empty: no rename
     bool active = false;
   } rows[] = {
       {src + ends, src, dst},
@@ -151,12 +151,12 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyOnThisEmsOwnCopies) {
       {own + "src" + nul + own + "dst" + nul, mine + "src", mine + "dst"},
       {own + "src" + nul + own + "dst" + nul, mine + "src", mine + "dst", true},
       {src + nul + own + "dst" + nul, src, mine + "dst"},
-      // Not on the active EM, whose shared trees are no copies, nor in its own tree.
+      // Not on the active EM, whose shared trees are not copies, and not in its own tree.
       {src + ends, "", "", true},
       {src + nul + own + "dst" + nul, "", "", true},
       {mine + "src" + ends, "", ""},
       {src + nul + mine + "dst" + nul, "", ""},
-      // No rename, or from where nothing is to be moved.
+      // Not a rename, or a source that must not be moved.
       {nul, "", ""},
       {src + nul + dst, "", ""},
       {shared + "TempUpdate_1/src" + ends, "", ""},

@@ -20,7 +20,8 @@ class TransferTest : public DaemonTest {
                     static_cast<uint32_t>(payload.size()));
   }
 
-  // One answer, `payload`, went out for the request received last; with `reason` it is a failure.
+  // Expects that one answer, `payload`, was sent for the last request; with `reason` it is a
+  // failure.
   void expect_answer(const std::string& payload, const std::string& reason = "") {
     ASSERT_EQ(g_cpg.sent.size(), 1u);
     if (reason.empty()) {
@@ -174,7 +175,7 @@ TEST_F(TransferTest, WhatCannotBeWrittenIsAnsweredWithTheFailure) {
                   "Unable to update file (" + error + "): " + tree_path(0, path));
   }
   EXPECT_EQ(stats.n_chunk_writes_from_peer, 0u);
-  // What is no file makes way for a whole file and for the first of many chunks.
+  // Anything but a regular file is removed for a whole file and for the first of many chunks.
   for (const std::string& payload :
        {push(0, "link", "replaced"), update(PUSH_REQ, 0, "link", 0, 8, 9, "replaced")}) {
     for (const bool fifo : {false, true}) {
@@ -210,8 +211,8 @@ TEST_F(TransferTest, PullsAndTheirAnswers) {
   EXPECT_EQ(g_cpg.sent.size(), 0u) << "an answer is not answered";
 }
 
-// Updates arrive before deletions: the new file stands, and the deletion of what made way for it is
-// answered like that of any path that names no file; the next comparison finds nothing left to do.
+// Updates arrive before deletions: the new file stays, and the deletion of the path that it
+// replaced is answered like that of a missing file. The next comparison finds nothing to do.
 TEST_F(TransferTest, DeletionsAndChangesOfKind) {
   make_file(0, "d/f", "x");
   make_file(0, "real/f", "kept");
@@ -243,7 +244,7 @@ TEST_F(TransferTest, DeletionsAndChangesOfKind) {
 TEST_F(TransferTest, KnownFilesAreAnnounced) {
   const Mount etc("/etc"), em("/etc/em");
   ASSERT_EQ(mkfifo("/etc/announced", 0600), 0);
-  // With its reader there, no program stays behind when an expectation fails.
+  // With a reader on the FIFO, no program hangs when an expectation fails.
   const int announced_fd = open("/etc/announced", O_RDWR | O_CLOEXEC);
   write_file("/etc/em/use_replicated_data", "#!/bin/sh\necho $# $1 > /etc/announced\n", 0755);
   Lines expected;
@@ -286,7 +287,7 @@ TEST_F(TransferTest, WhatCannotBeReadIsSentWithoutData) {
                                     {"dirlink/f", "Too many levels of symbolic links"}}) {
     for (const uint32_t type : {uint32_t{PULL_ACK}, uint32_t{PUSH_REQ}}) {
       FileEntry* entry = new_entry(type, 2, path, 5, 11);
-      entry->restricted = 1;  // as listed, because the file tells nothing newer
+      entry->restricted = 1;  // as listed, because the file has no newer value
       send_update_message(ctx, entry, entry->path, nullptr);
       free_file_entry(entry);
       const auto& [header, payload] = g_cpg.sent.back();
