@@ -136,8 +136,8 @@ void note_host(const std::string& line, LogSource* source) {
   if (end == std::string::npos) return;
   const size_t ident = line.rfind(' ', end);
   if (ident == std::string::npos || ident == 0) return;
-  const size_t pid = line.find('[', ident) + 1;
-  if (pid == 0 || pid >= end || line.find_first_not_of("0123456789", pid) != end) return;
+  const size_t bracket = line.find('[', ident);
+  if (bracket >= end - 1 || line.find_first_not_of("0123456789", bracket + 1) != end) return;
   const size_t host = line.rfind(' ', ident - 1);
   if (host != std::string::npos) source->host = line.substr(host + 1, ident - host - 1);
 }
