@@ -70,6 +70,14 @@ Change files on both EMs:
   delete DEST           delete the replicated file DEST
   sync                  only run an exchange with the other EM
 
+Get back what exchanges have deleted or replaced here:
+  kept                  list the kept files (see KEEP_REPLACED_MIB): time, tree,
+                        deleted or replaced, size and NAME
+  kept restore NAME [DEST]
+                        publish one again, like put, at its old place or as DEST
+                        ("-": write it to standard output)
+  kept diff NAME        compare one with the file that is there now
+
 Operate:
   role active|standby   set the role of this EM. To switch, run standby there,
                         active here, then sync here. active is refused if a tree
@@ -79,7 +87,7 @@ Operate:
   diag COMMAND[=ARG]    send a diagnostic command to the daemon; the manual page
                         lists them
 
-put and edit: DEST belongs to the caller afterwards.
+put, edit, kept restore: DEST belongs to the caller afterwards.
 
 Options:
   --mode MODE           for put and edit: 600 or 644; without it, the mode of
@@ -99,7 +107,7 @@ Exit status:
   0  success; for fault: healthy, or nothing recorded yet
   1  the daemon reports a failure, or the request is impossible; for status and
      fault: replication is failing or the other EM is away; for verify and
-     compare: the trees differ
+     compare: the trees differ; for kept diff: the files differ
   2  wrong usage
   3  no daemon answers, it does not answer in time, or the answer cannot be
      understood; for verify: something could not be read; for compare: also
@@ -232,7 +240,7 @@ constexpr Command kCommands[] = {
     {"delete", 1, 1, "", request_deletion}, {"sync", 0, 0, "pd", request_sync},
     {"role", 1, 1, "f", set_role},          {"diag", 1, 1, "", send_diagnostic},
     {"metrics", 0, 0, "x", show_metrics},   {"explain", 0, 2, "eg", explain_trace},
-    {"help", 0, 1, "", show_help},
+    {"kept", 0, 3, "", show_kept},          {"help", 0, 1, "", show_help},
 };
 
 // Whether an entry of the help is about the command or one of its own options.

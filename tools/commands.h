@@ -57,6 +57,11 @@ int watch_fault(const Options& options, const Words& words);
 
 int compare_trees(const Options& options, const Words& words);
 
+// What exchanges have deleted or replaced here and is kept: lists it; publishes the file words[1]
+// ("restore") again, at its old place or as words[2]; shows its difference ("diff") to what is
+// there now.
+int show_kept(const Options& options, const Words& words);
+
 int verify_trees(const Options& options, const Words& words);
 
 // Shows the exchanges in the logs `words`, of one EM or both; "-" or none for standard input.

@@ -23,6 +23,7 @@
 #include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/statistics.h"
 #include "redundancy_health/transfer/exchange_notes.h"
+#include "redundancy_health/transfer/replaced_files.h"
 #include "redundancy_health/transport/cpg_message.h"
 
 namespace {
@@ -65,7 +66,9 @@ void repeat_rename(SyncContext* ctx, const uint8_t* payload, uint32_t payload_si
   }
   // The old digests could match the new file, if size and second are equal.
   remove_digest_file(destination, destination_path.c_str());
-  if (renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name) != 0) return;
+  keep_replaced(root_of_path(destination_path.c_str()), destination_path.c_str(), destination);
+  if (renameat(source.dir_fd(), source.name, destination.dir_fd(), destination.name) != 0)
+    return take_back_kept(destination_path.c_str());
   if (is_shared_root(root_of_path(destination_path.c_str())))
     note_shared_change(ctx, destination_path.c_str());
   // Identical files are never sent again, so the rename must be on the disk.

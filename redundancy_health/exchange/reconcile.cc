@@ -18,6 +18,7 @@
 #include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/transfer/exchange_notes.h"
+#include "redundancy_health/transfer/replaced_files.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ void delete_local_copy(SyncContext* ctx, Deletions* deletions, const FileEntry* 
   LOG(7, "@@ Pull del:  %s", entry->xmit_line);
   PinnedPath file;
   int error = pin_path(entry->root_index, entry->path, &file);
-  if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
+  if (error == 0) error = unlink_keeping(entry->root_index, entry->path, file.dir_fd(), file.name);
   // The file has an entry for every chunk. The first one deletes it; for the others it is gone.
   if (error == 0) {
     note_deletion(ctx, entry->path);
@@ -60,17 +61,17 @@ void sync_deletions(SyncContext* ctx, const Deletions& deletions) {
 
 // Decides the updates of one file, chunk by chunk.
 void decide_file(SyncContext* ctx, const Comparison& comparison, const ComparedFile& file,
-                 bool may_delete, Deletions* deletions) {
+                 Deletions* deletions) {
   const bool from_peer = comparison.index[file.first]->root_index == kOtherEmRoot;
   for (uint32_t i = file.first; i < file.end; ++i) {
     FileEntry* entry = comparison.index[i];
     if (from_peer && !file.there) {
       // The file may have been in a dropped line.
-      if (may_delete && !comparison.lines_dropped) delete_local_copy(ctx, deletions, entry);
+      if (!comparison.lines_dropped) delete_local_copy(ctx, deletions, entry);
     } else if (from_peer) {
       if (!entry->is_local && !entry->matched) entry->update_type = PULL_REQ;
     } else if (!file.here) {
-      if (may_delete) entry->update_type = PUSH_DEL_REQ;
+      entry->update_type = PUSH_DEL_REQ;
     } else if (entry->is_local && !entry->matched) {
       entry->update_type = PUSH_REQ;
     }
@@ -83,7 +84,8 @@ void decide_files(SyncContext* ctx, const Comparison& comparison) {
   ComparedFile file = {};
   while (next_compared_file(comparison, &file)) {
     const uint32_t root_index = comparison.index[file.first]->root_index;
-    decide_file(ctx, comparison, file, !withheld.roots[root_index], &deletions);
+    if (withheld.roots[root_index] && !(file.here && file.there)) continue;
+    decide_file(ctx, comparison, file, &deletions);
   }
   sync_deletions(ctx, deletions);
 }

@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <string>
 
 #include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/catalog/unsynced.h"
+#include "redundancy_health/transfer/replaced_files.h"
 
 namespace {
 
@@ -33,14 +35,28 @@ int enter_directory(int dir_fd, const char* name) {
   return open_directory(dir_fd, name);
 }
 
-int remove_tree(int dir_fd, const char* name);
+// A regular file that stands where the sender has a directory is the deepest place above the path
+// that can be pinned.
+void keep_file_above(uint32_t root_index, const char* path) {
+  std::string above(path);
+  PinnedPath file;
+  for (size_t slash = above.rfind('/'); slash >= strlen(root_paths[root_index]);
+       slash = above.rfind('/')) {
+    above.resize(slash);
+    if (pin_path(root_index, above.c_str(), &file) == 0)
+      return keep_replaced(root_index, above.c_str(), file);
+  }
+}
+
+int remove_tree(uint32_t root_index, const std::string& path, int dir_fd, const char* name);
 
 // Removes the contents of a directory. Returns 0 or an error number.
-int empty_directory(DIR* dir) {
+int empty_directory(uint32_t root_index, const std::string& path, DIR* dir) {
   errno = 0;
   while (const struct dirent* entry = readdir(dir)) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    const int error = remove_tree(dirfd(dir), entry->d_name);
+    const int error =
+        remove_tree(root_index, path + "/" + entry->d_name, dirfd(dir), entry->d_name);
     if (error != 0) return error;
     errno = 0;
   }
@@ -49,14 +65,14 @@ int empty_directory(DIR* dir) {
 
 // Removes a file, or a directory with its contents, without following symlinks. Returns 0 or an
 // error number.
-int remove_tree(int dir_fd, const char* name) {
-  if (unlinkat(dir_fd, name, 0) == 0) return 0;
-  if (errno != EISDIR) return errno;
+int remove_tree(uint32_t root_index, const std::string& path, int dir_fd, const char* name) {
+  const int unlink_error = unlink_keeping(root_index, path.c_str(), dir_fd, name);
+  if (unlink_error != EISDIR) return unlink_error;
   Descriptor fd(open_directory(dir_fd, name));
   DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;
   if (dir == nullptr) return errno;
   fd.release();
-  const int error = empty_directory(dir);
+  const int error = empty_directory(root_index, path, dir);
   closedir(dir);
   if (error != 0) return error;
   return unlinkat(dir_fd, name, AT_REMOVEDIR) == 0 ? 0 : errno;
@@ -67,14 +83,15 @@ int remove_tree(int dir_fd, const char* name) {
 int clear_way(uint32_t root_index, const char* path, PinnedPath* file) {
   const int error = pin_path(root_index, path, file);
   if (error != ENOENT && error != ENOTDIR) return error;
+  if (error == ENOTDIR) keep_file_above(root_index, path);
   return ensure_parent_directory(root_index, path, file);
 }
 
-int clear_target(const PinnedPath& file) {
+int clear_target(uint32_t root_index, const char* path, const PinnedPath& file) {
   // An empty or "." component names the directory above, which must stay.
   if (*file.name == '\0' || strcmp(file.name, ".") == 0) return 0;
   const mode_t type = type_of(file.dir_fd(), file.name);
-  return type == 0 || type == S_IFREG ? 0 : remove_tree(file.dir_fd(), file.name);
+  return type == 0 || type == S_IFREG ? 0 : remove_tree(root_index, path, file.dir_fd(), file.name);
 }
 
 int ensure_parent_directory(uint32_t root_index, const char* path, PinnedPath* file) {

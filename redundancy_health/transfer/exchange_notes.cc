@@ -5,6 +5,7 @@
 
 #include "platform/em.h"
 #include "redundancy_health/frame/log.h"
+#include "redundancy_health/transfer/replaced_files.h"
 
 void note_deletion(SyncContext* ctx, const char* path) {
   if (ctx->notes.n_deleted++ != 0) return;
@@ -29,6 +30,7 @@ void close_notes(SyncContext* ctx) {
         notes->first_deleted);
   }
   if (!notes->shared_change) ctx->both_active = 0;
+  close_kept();
   free(notes->first_deleted);
   *notes = {};
 }

@@ -14,8 +14,8 @@ void note_deletion(SyncContext* ctx, const char* path);
 // is active, too, logs the first such change of an exchange and sets both_active.
 void note_shared_change(SyncContext* ctx, const char* path);
 
-// At the end of an exchange: logs the deletions in one line and clears the notes. Clears
-// both_active if no shared tree was changed.
+// At the end of an exchange: logs the deletions in one line, and files that were not kept in
+// another, and clears the notes. Clears both_active if no shared tree was changed.
 void close_notes(SyncContext* ctx);
 
 #endif  // TRANSFER_EXCHANGE_NOTES_H_

@@ -23,6 +23,7 @@
 #include "redundancy_health/transfer/clear_way.h"
 #include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transfer/outgoing.h"
+#include "redundancy_health/transfer/replaced_files.h"
 #include "redundancy_health/transfer/update_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 
@@ -97,11 +98,14 @@ int open_replacement(const PinnedPath& file, bool restricted, StorageHandle** ha
 
 // Renames the replacement into place. Sets `*replaced` even if its name may not survive a power
 // failure. Returns 0 or an error number.
-int close_replacement(const PinnedPath& file, StorageHandle* handle, bool* replaced) {
+int close_replacement(const FileEntry* local, const PinnedPath& file, StorageHandle* handle,
+                      bool* replaced) {
   const int rc = storage_close(handle);
+  const int error = rc == 0 ? 0 : errno;
   *replaced = rc == 0 || rc == kStorageReplaced;
   if (rc == kStorageReplaced) note_unsynced_directory(file.dir_fd());
-  return rc == 0 ? 0 : errno;
+  if (!*replaced) take_back_kept(local->path);
+  return error;
 }
 
 // Replaces the whole file. Returns 0 or an error number.
@@ -116,8 +120,9 @@ int replace_file(const FileEntry* local, const Update& update, const PinnedPath&
     return error != 0 ? error : errno;
   }
   beat(kSyncing);
+  keep_replaced(local->root_index, local->path, file);
   bool replaced;
-  const int error = close_replacement(file, handle, &replaced);
+  const int error = close_replacement(local, file, handle, &replaced);
   if (replaced) {
     forget_unsynced_file(local->path);
     process_updated_file(local);
@@ -145,7 +150,8 @@ int copy_bytes(int fd, StorageHandle* handle) {
 
 // Replaces the open file by a new one. If the mode class changes, all chunks will be sent;
 // otherwise only the differing ones, so the rest is copied. Returns 0 or an error number.
-int renew_inode(const PinnedPath& file, int old_fd, bool restricted, bool copied) {
+int renew_inode(const FileEntry* local, const PinnedPath& file, int old_fd, bool restricted,
+                bool copied) {
   StorageHandle* handle = nullptr;
   if (open_replacement(file, restricted, &handle) != 0) return errno;
   const int error = copied ? copy_bytes(old_fd, handle) : 0;
@@ -154,12 +160,13 @@ int renew_inode(const PinnedPath& file, int old_fd, bool restricted, bool copied
     return error;
   }
   bool replaced;
-  return close_replacement(file, handle, &replaced);
+  return close_replacement(local, file, handle, &replaced);
 }
 
 // Opens the file for a chunk. Creates it if it is missing or needs a new inode. `*created` tells
 // whether the name is new. Returns 0 or an error number.
-int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool* created) {
+int open_for_chunk(const FileEntry* local, const PinnedPath& file, bool restricted, Descriptor* fd,
+                   bool* created) {
   constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   *created = false;
   for (bool renewed = false;; renewed = true) {
@@ -167,13 +174,16 @@ int open_for_chunk(const PinnedPath& file, bool restricted, Descriptor* fd, bool
     if (!fd->is_open()) break;
     struct stat status;
     if (fstat(fd->get(), &status) != 0) return errno;
-    if (!needs_new_inode(status, restricted)) return 0;
-    if (renewed) return EBUSY;  // meanwhile another process has put its own file there
+    const bool replaced = needs_new_inode(status, restricted);
+    if (replaced && renewed) return EBUSY;  // meanwhile another process has put its own file there
+    keep_before_chunk(local->root_index, local->path, file, fd->get(), replaced);
+    if (!replaced) return 0;
     const bool copied = mode_is_restricted(status.st_mode) == restricted;
-    const int error = renew_inode(file, fd->get(), restricted, copied);
+    const int error = renew_inode(local, file, fd->get(), restricted, copied);
     if (error != 0) return error;
   }
   if (errno != ENOENT) return errno;
+  keep_before_chunk(local->root_index, local->path, file, -1, false);
   const mode_t mode = restricted ? 0600 : 0644;
   fd->reset(openat(file.dir_fd(), file.name, flags | O_CREAT | O_EXCL, mode));
   *created = fd->is_open();
@@ -207,7 +217,7 @@ int write_chunk(const FileEntry* local, const Update& update, const PinnedPath& 
   if (uint64_t{update.header.begin_offs} + update.data_size > UINT32_MAX) return EFBIG;
   bool created = false;
   Descriptor fd;
-  int error = open_for_chunk(file, update.header.restricted == 1, &fd, &created);
+  int error = open_for_chunk(local, file, update.header.restricted == 1, &fd, &created);
   if (error == 0) error = fill_file(fd.get(), local, update);
   if (fd.is_open()) {
     const int r = close(fd.release());  // the name is log text
@@ -224,21 +234,30 @@ int write_whole_file(const FileEntry* local, const Update& update, const PinnedP
   remove_digest_file(file, local->path);
   int error = replace_file(local, update, file);
   if (error != EISDIR) return error;
-  error = clear_target(file);
+  error = clear_target(local->root_index, local->path, file);
   return error == 0 ? replace_file(local, update, file) : error;
 }
 
 // Writes received data. Returns 0 or an error number.
-int write_update(const FileEntry* local, const Update& update, bool atomic) {
+int write_once(const FileEntry* local, const Update& update, bool atomic) {
   PinnedPath file;
   int error = clear_way(local->root_index, local->path, &file);
   if (error != 0) return error;
   if (atomic) return write_whole_file(local, update, file);
-  error = clear_target(file);
+  error = clear_target(local->root_index, local->path, file);
   if (error != 0) return error;
   // After a power failure the old digests must not match a half-written file.
   if (remove_digest_file(file, local->path) && sync_received_name(file.dir_fd()) != 0) return errno;
   return write_chunk(local, update, file);
+}
+
+// The same; on a full disk what was kept makes room for it.
+int write_update(const FileEntry* local, const Update& update, bool atomic) {
+  int error;
+  do {
+    error = write_once(local, update, atomic);
+  } while ((error == ENOSPC || error == EDQUOT) && drop_kept());
+  return error;
 }
 
 void update_file(const FileEntry* local, const Update& update, RpcResult* result) {
@@ -267,7 +286,7 @@ void delete_file(SyncContext* ctx, const FileEntry* local, RpcResult* result) {
   LOG(7, "SYNC Deleting file %s", local->path);
   PinnedPath file;
   int error = pin_path(local->root_index, local->path, &file);
-  if (error == 0 && unlinkat(file.dir_fd(), file.name, 0) != 0) error = errno;
+  if (error == 0) error = unlink_keeping(local->root_index, local->path, file.dir_fd(), file.name);
   if (error == 0) {
     note_deletion(ctx, local->path);
     forget_unsynced_file(local->path);

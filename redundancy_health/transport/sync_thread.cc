@@ -16,6 +16,7 @@
 #include "redundancy_health/frame/log.h"
 #include "redundancy_health/frame/state_report.h"
 #include "redundancy_health/frame/sync_context.h"
+#include "redundancy_health/transfer/replaced_files.h"
 #include "redundancy_health/transport/cpg_message.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 
@@ -178,6 +179,7 @@ bool is_this_process(uint32_t local_nodeid, uint32_t nodeid, uint32_t pid) {
 
 void* sync_thread_fn(void* context) {
   auto* ctx = static_cast<SyncContext*>(context);
+  open_kept();
   const int cpg_fd = connect_to_cpg(ctx);
   // A request may arrive before the first idle pass. Without this, its timeout would count from
   // boot.
@@ -190,6 +192,7 @@ void* sync_thread_fn(void* context) {
   }
   free_file_list(&ctx->update_queue);
   forget_unsynced();
+  forget_kept();
   return nullptr;
 }
 

@@ -2,11 +2,14 @@
 exchange that would empty a tree is refused."""
 
 import errno
+import json
 
 from caller import socket_path
 from cluster_sync import Tree, compare
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
-from support import DEADLINE, FAILING, ROOTS, PairTest
+from support import DEADLINE, ROOTS, PairTest
+
+REPLACED = "/mnt/part.persistent/replaced"
 
 
 class GuardTest(PairTest):
@@ -60,35 +63,97 @@ class GuardTest(PairTest):
         self.assert_identical()
 
 
-class DeletionGuardTest(PairTest):
-    options = {"environment": {"MAX_DELETED_PERCENT": "90"}}
+class ProceduresTest(PairTest):
+    """What docs/operations.md tells to do, step by step."""
 
-    def test_an_em_with_a_new_disk_gets_its_tree_back_from_the_survivor(self):
-        """The procedure for replacing an EM whose own tree exists only on the other one."""
+    options = {"environment": {"MAX_DELETED_PERCENT": "90", "KEEP_REPLACED_MIB": "64"}}
+
+    def fill(self) -> None:
         for number in range(20):
             self.write(1, f"{ACTIVE}/{number}", str(number))
-            self.write(2, f"{OWN}/{number}", str(number))
+            for n in EMS:
+                self.write(n, f"{OWN}/{number} of {n}", str(number))
         self.synced(1)
-        self.pair.kill(2, "daemon")
-        self.pair.run(2, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
-        self.pair.start_daemon(2)
+
+    def insert_disk(self, n: int, names: tuple[str, ...] = ()) -> None:
+        """The daemon of EM `n` finds only `names` in its trees."""
+        self.pair.kill(n, "daemon")
+        self.pair.run(n, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
+        for root, name in ((root, name) for root in (ACTIVE, OWN) for name in names):
+            self.write(n, f"{root}/{name}", "foreign")
+        self.pair.start_daemon(n)
         self.pair.wait_joined()
-        text = f"Exchange would delete 20 of 20 files in '{PEERS}/'"
-        self.wait(lambda: text in self.log(1), "the active EM says what it does not do")
-        self.wait(lambda: (result := self.ask(1)) and result.reason == text, "so does an answer")
-        self.assertEqual(FAILING, self.fault())
-        self.assertEqual(20, len(self.tree(1, PEERS)))
-        self.assertEqual(20, len(self.tree(2, ACTIVE)), "the rest was done")
-        # No exchange may see a half-copied tree, because its loss would be below the limit.
-        self.pair.kill(2, "daemon")
-        for name in self.tree(1, PEERS):
-            self.write(2, f"{OWN}/{name}", self.read(1, f"{PEERS}/{name}"))
-        self.pair.start_daemon(2)
+
+    def copy_back(self, n: int) -> None:
+        """No exchange may see a half-copied tree, because its loss would be below the limit."""
+        self.pair.kill(n, "daemon")
+        self.pair.run(n, ["find", *ROOTS, "-mindepth", "1", "-delete"], check=True)
+        for name in self.tree(3 - n, PEERS):
+            self.write(n, f"{OWN}/{name}", self.read(3 - n, f"{PEERS}/{name}"))
+        self.pair.start_daemon(n)
         self.pair.wait_joined()
-        self.settle()
-        self.assertEqual(20, len(self.tree(1, PEERS)))
+        self.wait(lambda: self.ask(3 - n).success, "a clean exchange")
+
+    def kept(self, n: int) -> dict[str, str]:
+        """Names of the kept files by kind, tree and path."""
+        listed = json.loads(self.pair.ctl(n, "--json", "kept").stdout)["kept"]
+        return {f"{file['kind']} {file['tree']}/{file['path']}": file["name"] for file in listed}
+
+    def test_new_machines_get_their_trees_from_the_survivor(self):
+        """One after the other: so a pair moves. The second has the disk of another pair."""
+        self.fill()
+        owned = {n: self.tree(n, OWN) for n in EMS}
+        for n, names in ((2, ()), (1, tuple(map(str, range(100, 120))))):
+            self.pair.set_active(3 - n)
+            self.synced(3 - n)
+            self.insert_disk(n, names)
+            tree = ACTIVE if names else PEERS
+            text = f"Exchange would delete 20 of 20 files in '{tree}/'"
+            self.wait(lambda: text in self.log(3 - n), "the active EM says what it does not do")
+            self.wait(lambda: (result := self.ask(3 - n)) and result.reason == text, "and answers it")
+            self.assertIn(text, self.pair.ctl(3 - n, "status").stdout)
+            self.assertEqual(owned[n], self.tree(3 - n, PEERS))
+            self.assertEqual(20, len(self.tree(n, ACTIVE)), "the rest was done, or all left alone")
+            self.copy_back(n)
+            self.assertEqual((owned[n], []), (self.tree(n, OWN), self.different()))
+        self.pair.run(2, ["find", ACTIVE, "-mindepth", "1", "-delete"], check=True)
+        self.assertIn("would delete 20 of 20", self.ask(2).reason)
+        allowed = self.pair.ctl(2, "sync", "--allow-deletions", timeout=DEADLINE)
+        self.assertEqual((0, set()), (allowed.returncode, self.tree(1, ACTIVE)), allowed.stdout)
+
+    def test_what_a_second_active_em_has_lost_and_a_backup_replaced_is_kept(self):
+        self.fill()
+        self.pair.run(1, ["rm", "-rf", REPLACED], check=True)
+        self.pair.cut()
+        self.wait(lambda: all(self.pair.node_members(n) == {n} for n in EMS), "a split")
+        self.pair.set_role(2, True)
+        self.write(1, f"{ACTIVE}/1", "of EM 1")
+        self.write(2, f"{ACTIVE}/1", "of EM 2\n")
+        self.write(2, f"{ACTIVE}/new", "of EM 2")
+        self.pair.set_role(2, False)
+        self.pair.heal()
+        self.wait_identical()
+        kept = self.kept(2)
+        self.assertLessEqual({"replaced active/1", "deleted active/new"}, set(kept))
+        told = self.pair.ctl(2, "kept", "diff", kept["replaced active/1"])
+        self.assertEqual(1, told.returncode)
+        self.assertIn("-of EM 2\n+of EM 1", told.stdout)
+        for name in ("replaced active/1", "deleted active/new"):
+            lost = self.pair.ctl(2, "kept", "restore", kept[name], "-").stdout
+            self.write(1, "/run/lost", lost)
+            self.assertEqual(0, self.pair.ctl(1, "put", "/run/lost", f"{ACTIVE}/{name.split('/')[1]}").returncode)
+        self.assertEqual(b"of EM 2", self.read(1, f"{ACTIVE}/new"))
+        self.assert_identical()
+
+        self.pair.run(1, ["tar", "-cf", "/run/backup", "-C", ACTIVE, "."], check=True)
+        self.write(1, f"{ACTIVE}/large", bytes(200_000))
+        self.write(1, f"{ACTIVE}/1", "later")
+        self.synced(1)
         self.pair.run(1, ["find", ACTIVE, "-mindepth", "1", "-delete"], check=True)
-        self.assertIn("would delete 20 of 20", self.ask(1).reason)
-        allowed = self.pair.ctl(1, "sync", "--allow-deletions", timeout=DEADLINE)
-        self.assertEqual(0, allowed.returncode, allowed.stdout)
-        self.assertEqual(set(), self.tree(2, ACTIVE))
+        self.pair.run(1, ["tar", "-xf", "/run/backup", "-C", ACTIVE], check=True)
+        told = self.pair.ctl(1, "compare", timeout=DEADLINE).stdout
+        self.assertIn("! active/1\n", told)
+        self.assertIn("> active/large\n", told)
+        self.synced(1)
+        self.assert_identical()
+        self.assertIn("deleted active/large", self.kept(2))

@@ -246,6 +246,57 @@ TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
   EXPECT_TRUE(!at_once || out_.find("the editor returned at once") != std::string::npos) << out_;
 }
 
+TEST_F(CtlTest, KeptFilesAreListedComparedAndPublishedAgain) {
+  const std::string own = tree_path(1, "");
+  setenv("TZ", "UTC", 1);
+  EXPECT_EQ(run("kept"), 0) << "nothing was ever kept";
+  EXPECT_EQ(out_, "");
+  const std::string kept = "/mnt/part.persistent/replaced/";
+  fs::create_directories(kept + "00000009.20261126T110603Z.own.replaced/d");
+  fs::create_directories(kept + "00000010.20261126T110604Z.copy.deleted");
+  fs::create_directories(kept + "notes");
+  write_file(kept + "00000009.20261126T110603Z.own.replaced/d/f", "old\n");
+  write_file(kept + "00000009.20261126T110603Z.own.replaced/bin", std::string("\0x", 2));
+  write_file(kept +
+                 "00000010.20261126T110604Z.copy.deleted/es\x1b"
+                 "cape",
+             "gone");
+  write_file(kept + "notes/secret", "secret");
+  fs::create_symlink(kept + "notes/secret", kept + "00000009.20261126T110603Z.own.replaced/link");
+  make_file(1, "d/f", "new\n");
+  make_file(1, "bin", "x");
+  for (const auto& [line, status, output] : std::vector<std::tuple<const char*, int, std::string>>{
+           {"kept", 0,
+            "2026-11-26 11:06:03  own     replaced          2  9/bin\n"
+            "2026-11-26 11:06:03  own     replaced          4  9/d/f\n"
+            "2026-11-26 11:06:04  copy    deleted           4  10/es\\x1bcape\n"},
+           {"kept diff 9/d/f", 1, "--- kept: 9/d/f\n+++ " + own + "d/f\n@@ -1 +1 @@\n-old\n+new\n"},
+           {"kept diff 9/bin", 1, "Binary files kept: 9/bin and " + own + "bin differ\n"},
+           {"kept diff \"$(printf '10/es\\033cape')\" | tail -n 2", 0,
+            "-gone\n\\ No newline at end of file\n"},
+           {"kept restore 9/d/f -", 0, "old\n"},
+           {"kept restore 9/link -", 1, ""},
+           {"kept restore 9/../notes/secret -", 1, ""},
+           {"kept restore 11/x", 1, ""},
+           {"kept restore 9", 1, ""},
+           {"kept show 9/d/f", 2, ""},
+           {"kept diff 9/d/f x", 2, ""},
+           {"kept diff", 2, ""}}) {
+    EXPECT_EQ(run(std::string(line) + " 2> /dev/null"), status) << line;
+    EXPECT_EQ(out_, output);
+  }
+  EXPECT_EQ(run("--json kept"), 0);
+  EXPECT_NE(out_.find(R"({"name":"9/d/f","time":1795691163,"tree":"own","path":"d/f","size":4,)"
+                      R"("kind":"replaced"})"),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(run_answered("kept restore 9/d/f", 0, result_bytes(0, "", 'Y')), 0);
+  EXPECT_EQ(out_, "published on both EMs\n");
+  EXPECT_EQ(read_file(own + "d/f"), "old\n");
+  EXPECT_EQ(run("kept restore \"$(printf '10/es\\033cape')\" 2>&1"), 1);
+  EXPECT_NE(out_.find("is written by the other"), std::string::npos) << out_;
+}
+
 // A signal is sent when the file that `until` names is there.
 TEST_F(CtlTest, ASignalLeavesNothingOrNamesWhatWasTyped) {
   const std::string folder = tree_path(1, ""), name = folder + "name";

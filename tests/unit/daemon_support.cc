@@ -6,6 +6,7 @@
 
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/catalog/unsynced.h"
+#include "redundancy_health/transfer/replaced_files.h"
 #include "redundancy_health/transport/sync_thread.h"
 
 namespace {
@@ -47,6 +48,7 @@ DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
   g_exit_daemon = 0;
   init_context(ctx);
   forget_unsynced();
+  forget_kept();
   ctx->cpg_local_nodeid = 1;
   ctx->cpg_membership_flags = kSelfMember | kPeerMember;
   std::error_code busy;  // of a mount point

@@ -93,7 +93,13 @@ TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
         listing.push_back(std::string{"AQPV"[row.root]} + " " SHA_EMPTY " 00000000 00000000 G " +
                           name);
     }
+    // Nor does a new file make the loss look smaller to the next exchange.
+    if (row.withheld && from_peer) listing.push_back("P " SHA_EMPTY " 00000000 00000000 G new");
+    if (row.withheld && !from_peer) make_file(row.root, "new", "");
     const Lines queue = compare(listing);
+    if (row.withheld) {
+      EXPECT_EQ(queue, Lines());
+    }
     const size_t deleted = from_peer ? static_cast<size_t>(row.lost + row.kept) -
                                            names_in(tree_path(row.root, "")).size()
                                      : queue.size();
