@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Two EMs on this machine replicate real trees, change roles and survive a cut link.
+"""Two EMs on this machine replicate real trees, change roles, survive a cut link and undo a mistake.
 
 Prints what happens and how long it takes. The exit status is 0 only if all copies are identical after every
 step.
@@ -126,6 +126,15 @@ class Demo:
             raise Mismatch(f"cluster_sync_ctl {' '.join(command)} on EM {n} did not answer "
                            f"'{expected}'")
 
+    def compared(self, text: str, differing: int) -> None:
+        """Prints what EM 2 says of the trees of both; `differing` is the expected exit status."""
+        answer = timed(text, lambda: self.ask(2, "compare"))
+        for line in answer.stdout.splitlines()[:6]:
+            say(f"      {line}")
+        if answer.returncode != differing:
+            raise Mismatch(f"cluster_sync_ctl compare on EM 2 ended with {answer.returncode}:\n"
+                           f"{answer.stdout[:1000]}{answer.stderr}")
+
     def replicas(self) -> list[tuple[str, Path, Path]]:
         active = 1 if self.pair.is_active(1) else 2
         standby = 3 - active
@@ -196,7 +205,7 @@ class Demo:
         self.do("5 MiB file in its own tree deleted by EM 2", 2, "delete", f"{OWN}/made/large1")
         self.told("the standby EM may not change the active tree",
                   f"cluster_sync_ctl: not deleted: Attempt to update shared replicated area while not "
-                  f"active '{target}'", 2, "delete", target)
+                  f"active '{ACTIVE}/file'", 2, "delete", f"{ACTIVE}/file")
         self.compare()
 
     def plain_sync(self) -> None:
@@ -219,6 +228,7 @@ class Demo:
     def cut_link(self) -> None:
         step("The link between the EMs is cut and healed")
         pair = self.pair
+        self.compared("compare before the cut", 0)
         pair.cut()
         timed("cut; each EM sees that the other one is gone", lambda: wait_for(
             lambda: all(pair.node_members(n) == {n} for n in (1, 2)), DEADLINE, "split"))
@@ -234,6 +244,37 @@ class Demo:
               lambda: wait_for(self.identical, DEADLINE, "the trees are identical again", 0.2))
         self.do("sync", 2, "sync")
         self.compare()
+        self.compared("compare after the cut", 0)
+
+    def refuse_role(self) -> None:
+        step("EM 1 is to become active with an empty tree, and is refused")
+        self.pair.set_role(2, False)
+        self.pair.run(1, ["find", ACTIVE, "-mindepth", "1", "-delete"], check=True)
+        total = count(self.pair.path(2, ACTIVE))[0]
+        self.compared("compare", 1)
+        self.told("the role is refused", f"cluster_sync_ctl: becoming active would delete {total} of "
+                  f"{total} files that the other EM has in 'active'; use --force to make this EM active "
+                  "anyway", 1, "role", "active")
+        self.do("EM 2 is active again", 2, "role", "active")
+        self.do("and gives EM 1 its tree back", 2, "sync")
+        self.compare()
+
+    def get_back(self) -> None:
+        step("A file is overwritten by mistake, and EM 1, which has kept the old one, gives it back")
+        target = f"{ACTIVE}/settings/addresses"
+        for text, content in (("written on EM 2", "address 192.0.2.7\n"), ("overwritten", "oops\n")):
+            prepared = self.prepare(2, "addresses", 1)
+            self.pair.path(2, prepared).write_text(content)
+            self.do(text, 2, "update", prepared, target)
+        listed = self.ask(1, "kept").stdout.splitlines()
+        name = listed[-1].split(maxsplit=5)[5]
+        say(f"   EM 1 has kept {len(listed):,} files, this one last:\n      {listed[-1]}")
+        self.told("how it differs", "-address 192.0.2.7", 1, "kept", "diff", name)
+        self.pair.path(2, "/run/old").write_text(self.ask(1, "kept", "restore", name, "-").stdout)
+        self.told("put back on EM 2", "published on both EMs", 2, "put", "/run/old", target)
+        if "192.0.2.7" not in self.pair.path(1, target).read_text():
+            raise Mismatch(f"{target} is not what it was")
+        self.compare()
 
     def run(self) -> None:
         self.fill()
@@ -242,6 +283,8 @@ class Demo:
         self.plain_sync()
         self.switch_roles()
         self.cut_link()
+        self.refuse_role()
+        self.get_back()
 
 
 def show_logs(pair: EmPair) -> None:
@@ -254,7 +297,7 @@ def main() -> int:
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     start = time.monotonic()
     pair = EmPair(build_dir=sys.argv[1] if len(sys.argv) > 1 else REPO / "build",
-                  log_level=5)
+                  log_level=5, environment={"KEEP_REPLACED_MIB": "64"})
     verdict = "FAILED"
     try:
         step("Two EMs start: namespaces, a link, a Corosync on each")
