@@ -57,9 +57,9 @@ int watch_fault(const Options& options, const Words& words);
 
 int compare_trees(const Options& options, const Words& words);
 
-// What exchanges have deleted or replaced here and is kept: lists it; publishes the file words[1]
-// ("restore") again, at its old place or as words[2]; shows its difference ("diff") to what is
-// there now.
+// Files that exchanges have deleted or replaced here and that were kept. Lists them; publishes the
+// file words[1] ("restore") again, at its old path or as words[2]; or compares it ("diff") with the
+// current file.
 int show_kept(const Options& options, const Words& words);
 
 int verify_trees(const Options& options, const Words& words);

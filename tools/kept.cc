@@ -35,14 +35,14 @@ struct FoundSet {
 };
 using FoundSets = std::map<uint32_t, FoundSet>;  // by number, so oldest first
 
-// A kept file that was asked for.
+// The requested file.
 struct KeptFile {
   std::string path;      // where it is kept
-  std::string original;  // where it was
+  std::string original;  // its path in the tree
   uint32_t root_index;
 };
 
-// Finds the sets. Returns 0 or an error number; nothing was ever kept when there is no directory.
+// Finds the sets. Returns 0 or an error number. Without the directory there are none.
 int find_sets(FoundSets* sets) {
   std::error_code error;
   fs::directory_iterator entries(kKeptDirectory, error);
@@ -54,7 +54,7 @@ int find_sets(FoundSets* sets) {
   return error.value() == ENOENT ? 0 : error.value();
 }
 
-// Relative paths and sizes of the files in a directory. What goes meanwhile is left out.
+// Relative paths and sizes of the files in a directory. Skips files that disappear meanwhile.
 std::map<std::string, uint64_t> files_in(const std::string& directory) {
   std::map<std::string, uint64_t> files;
   std::error_code error;
@@ -126,7 +126,7 @@ int open_kept_file(const std::string& name, KeptFile* file) {
   return open(file->path.c_str(), kFileFlags);
 }
 
-// Opens what is in the tree now, or an empty file when there is none. Returns a descriptor, or -1
+// Opens the current file in the tree, or an empty one if there is none. Returns a descriptor, or -1
 // with errno.
 int open_current(const KeptFile& file) {
   PinnedPath current;
@@ -154,7 +154,8 @@ int restore_file(const Options& options, const KeptFile& file, int fd,
   return publish(options, fd, wanted, wanted_mode(options, status.st_mode, wanted));
 }
 
-// diff(1) reads the file in the tree, whose path a local user could turn meanwhile, as its input.
+// diff(1) reads the file in the tree from its standard input, because a local user could redirect
+// its path meanwhile.
 int show_difference(const Options& options, const KeptFile& file, const std::string& name) {
   const Descriptor current(open_current(file));
   if (!current.is_open() || dup2(current.get(), STDIN_FILENO) < 0)

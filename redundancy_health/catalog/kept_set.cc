@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kTimeFormat[] = "%Y%m%dT%H%M%SZ";
 
-// The index of a word in a table, or its size.
+// The index of a word in a table, or the size of the table.
 template <uint32_t size>
 uint32_t find_word(const char* const (&table)[size], const std::string& word) {
   uint32_t index = 0;

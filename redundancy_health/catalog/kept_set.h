@@ -6,12 +6,12 @@
 
 #include <string>
 
-// Where files are kept that an exchange has deleted or replaced in a persistent tree of this EM.
-// The directory is root's alone (0700) and is not replicated. It holds a directory for each
-// exchange, tree and kind, NUMBER.TIME.TREE.KIND, for example
-// 00000012.20261126T110603Z.active.deleted, in which the files have the paths that they had in
-// their tree. NUMBER counts up, so that the order does not depend on the clock; TIME is UTC; TREE
-// is a name of kept_trees.
+// Names in the directory of files that exchanges have deleted or replaced in the persistent trees
+// of this EM. The directory is not replicated and only root can access it (0700). It has a
+// directory for each exchange, tree and kind, NUMBER.TIME.TREE.KIND, for example
+// 00000012.20261126T110603Z.active.deleted. There the files have their paths relative to the tree.
+// NUMBER counts up, so that the order does not depend on the clock; TIME is UTC; TREE is a name of
+// kept_trees.
 constexpr char kKeptDirectory[] = "/mnt/part.persistent/replaced";
 
 constexpr uint32_t kKeptTrees = 3;  // roots 0 to 2; the volatile tree is not kept
@@ -30,7 +30,7 @@ struct KeptSet {
 
 std::string kept_set_name(const KeptSet& set);
 
-// False for any other name.
+// Parses the name of a set. False for any other name.
 bool parse_kept_set_name(const char* name, KeptSet* set);
 
 #endif  // CATALOG_KEPT_SET_H_

@@ -7,7 +7,7 @@
 // Protects against a tree that was emptied by accident: a new or unmounted disk, a wrong role. Off
 // unless MAX_DELETED_PERCENT is in the environment.
 
-// For each root on this EM, whether its deletions are left out. New files are left out with them:
+// For each root on this EM, whether its deletions are left out. New files are left out, too:
 // they would make the share smaller, and the next exchange would delete the rest.
 struct Withheld {
   bool roots[kRootCount];

@@ -35,8 +35,8 @@ int enter_directory(int dir_fd, const char* name) {
   return open_directory(dir_fd, name);
 }
 
-// A regular file that stands where the sender has a directory is the deepest place above the path
-// that can be pinned.
+// Keeps a regular file where the sender has a directory: the deepest component above the path that
+// can be pinned.
 void keep_file_above(uint32_t root_index, const char* path) {
   std::string above(path);
   PinnedPath file;

@@ -251,7 +251,7 @@ int write_once(const FileEntry* local, const Update& update, bool atomic) {
   return write_chunk(local, update, file);
 }
 
-// The same; on a full disk what was kept makes room for it.
+// The same. If the disk is full, removes kept files and tries again.
 int write_update(const FileEntry* local, const Update& update, bool atomic) {
   int error;
   do {

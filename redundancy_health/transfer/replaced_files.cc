@@ -27,12 +27,12 @@
 
 namespace {
 
-constexpr char kCopying[] = "copying";  // beside the sets: the copy that is being made
+constexpr char kCopying[] = "copying";  // next to the sets: the copy in progress
 constexpr uint64_t kBlock = 4096;
-constexpr uint64_t kDroppedShare = 64;  // that part of the limit is dropped at a time
-constexpr uint64_t kCopiedShare = 4;    // what is larger than that part of it is not copied
+constexpr uint64_t kDroppedShare = 64;  // fraction of the limit that is removed at a time
+constexpr uint64_t kCopiedShare = 4;  // files larger than this fraction of the limit are not copied
 constexpr size_t kCopyPiece = size_t{1} << 20;
-constexpr int64_t kLongestCopy = 3000;  // ms; after 10 s the peer gives the exchange up
+constexpr int64_t kLongestCopy = 3000;  // ms; after 10 s the peer ends the exchange
 
 // A set of the running exchange.
 struct OpenSet {
@@ -43,15 +43,15 @@ struct OpenSet {
 struct Keeping {
   Descriptor dir;
   uint64_t limit = 0;                    // bytes
-  uint64_t total = 0;                    // of what is kept
+  uint64_t total = 0;                    // of the kept files
   std::map<uint32_t, std::string> sets;  // names by number, so oldest first
   uint32_t next_number = 1;
 
   // Of the running exchange.
   uint32_t first_number = 1;  // of its sets
   std::map<std::pair<uint32_t, KeptKind>, OpenSet> open_sets;
-  std::set<std::string> begun;  // paths of the files into which chunks were written
-  std::string last;             // the file kept last, or nothing
+  std::set<std::string> begun;  // paths of files to which chunks were written
+  std::string last;             // the file kept last, or empty
   uint64_t last_charge = 0;
   uint32_t n_failed = 0;
   int first_error = 0;
@@ -59,7 +59,7 @@ struct Keeping {
 };
 Keeping g_keeping;
 
-// What a file counts for: the blocks it fills, at least one.
+// The size of a file in whole blocks, at least one.
 uint64_t charge_of(const struct stat& status) {
   const auto size = static_cast<uint64_t>(status.st_size);
   return size == 0 ? kBlock : (size + kBlock - 1) / kBlock * kBlock;
@@ -75,8 +75,8 @@ void note_not_kept(const char* path, int error) {
   g_keeping.first_failed = path;
 }
 
-// Calls `take(dir_fd, name, charge)` for each file below a directory until it returns false, and
-// returns false then. Directories that are empty afterwards go.
+// Calls `take(dir_fd, name, charge)` for each file below a directory until it returns false.
+// Removes empty directories. Returns whether all files were visited.
 using Take = std::function<bool(int dir_fd, const char* name, uint64_t charge)>;
 bool walk(int dir_fd, const char* name, const Take& take) {
   Descriptor fd(open_directory(dir_fd, name));
@@ -99,8 +99,8 @@ bool walk(int dir_fd, const char* name, const Take& take) {
   return more;
 }
 
-// Removes files until `wanted` bytes are free, oldest first, but none of a set from number `end`
-// on.
+// Removes the oldest files until `wanted` bytes are freed, but none of the sets numbered `end` or
+// higher.
 void drop(uint64_t wanted, uint32_t end) {
   uint64_t dropped = 0;
   const Take unlink_one = [&](int dir_fd, const char* name, uint64_t charge) {
@@ -115,8 +115,8 @@ void drop(uint64_t wanted, uint32_t end) {
   g_keeping.total -= dropped < g_keeping.total ? dropped : g_keeping.total;
 }
 
-// Makes room for a file. Returns 0 or an error number: the files of one exchange do not push each
-// other out.
+// Makes room for a file, but never removes files of the same exchange. Returns 0 or an error
+// number.
 int make_room(uint64_t charge) {
   const uint64_t limit = g_keeping.limit;
   if (charge > limit) return EFBIG;
@@ -131,8 +131,8 @@ uint64_t limit_of_environment() {
   return mib > 0 ? static_cast<uint64_t>(mib) << 20 : 0;
 }
 
-// Opens the directory, made when it is missing. It must be nobody else's. Returns 0 or an error
-// number.
+// Opens the directory, and creates it if it is missing. Fails if it belongs to another user.
+// Returns 0 or an error number.
 int open_own_directory(Descriptor* dir) {
   if (mkdir(kKeptDirectory, 0700) != 0 && errno != EEXIST) return errno;
   Descriptor fd(open(kKeptDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -144,7 +144,7 @@ int open_own_directory(Descriptor* dir) {
   return 0;
 }
 
-// Finds the sets of earlier exchanges, and adds up what they hold.
+// Finds the sets of earlier exchanges and adds up their files.
 void find_sets() {
   Descriptor fd(open_directory(g_keeping.dir.get(), "."));
   DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;
@@ -176,7 +176,7 @@ int open_directory_once() {
   return 0;
 }
 
-// Whether a file of this tree is to be kept, as far as that can be.
+// Whether to keep a file of this tree.
 bool keeps(uint32_t root_index, const char* path) {
   g_keeping.last.clear();
   g_keeping.limit = limit_of_environment();
@@ -204,8 +204,8 @@ int make_parents(const std::string& target) {
   return 0;
 }
 
-// Brings a file to its place with `bring(target)`, which returns 0 or -1 with errno. Returns 0 or
-// an error number.
+// Puts a file in place with `bring(target)`, which returns 0 or -1 with errno. Creates missing
+// directories. Returns 0 or an error number.
 template <typename Bring>
 int bring_to(const std::string& target, const Bring& bring) {
   if (bring(target.c_str()) == 0) return 0;
@@ -215,7 +215,7 @@ int bring_to(const std::string& target, const Bring& bring) {
   return bring(target.c_str()) == 0 ? 0 : errno;
 }
 
-// The same in the exchange's set for the tree; on a full disk what is older makes room.
+// Puts a file into the exchange's set for the tree. If the disk is full, removes older kept files.
 template <typename Bring>
 int bring_into_set(uint32_t root_index, const char* path, KeptKind kind, uint64_t charge,
                    const Bring& bring) {
@@ -234,7 +234,7 @@ int bring_into_set(uint32_t root_index, const char* path, KeptKind kind, uint64_
   return 0;
 }
 
-// Keeps a regular file by a second link to it.
+// Keeps a regular file by adding a link to it.
 void keep_link(uint32_t root_index, const char* path, int dir_fd, const char* name, KeptKind kind) {
   struct stat status;
   if (is_digest_name(name) || fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
@@ -248,11 +248,11 @@ void keep_link(uint32_t root_index, const char* path, int dir_fd, const char* na
       return linkat(dir_fd, name, g_keeping.dir.get(), target, 0);
     });
   }
-  // One that is there already is of before the exchange.
+  // An existing one is from before the exchange.
   if (error != 0 && error != EEXIST) note_not_kept(path, error);
 }
 
-// Writes a piece at its place; on a full disk what is older makes room. Returns 0 or an error
+// Writes a part of a file. If the disk is full, removes older kept files. Returns 0 or an error
 // number.
 int write_piece(int fd, off_t offset, const void* data, size_t size) {
   int error;
@@ -262,7 +262,7 @@ int write_piece(int fd, off_t offset, const void* data, size_t size) {
   return error;
 }
 
-// Returns 0 or an error number, ETIME when it takes too long.
+// Returns 0 or an error number: ETIME if it takes too long.
 int copy_pieces(int from, int to) {
   const int64_t deadline = get_uptime_ms() + kLongestCopy;
   std::vector<char> piece(kCopyPiece);
@@ -277,8 +277,8 @@ int copy_pieces(int from, int to) {
   }
 }
 
-// Makes the clone or copy of an open file beside the sets. Returns 0 or an error number. A copy is
-// on the disk before it gets its name in a set: half of one would pass for the file.
+// Clones or copies an open file next to the sets. Returns 0 or an error number. The copy is synced
+// before it gets its name in a set, because half a copy would look like the file.
 int copy_aside(int fd, mode_t mode) {
   constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_DSYNC | O_CLOEXEC;
   const Descriptor copy(openat(g_keeping.dir.get(), kCopying, flags, 0600));

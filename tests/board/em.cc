@@ -1,4 +1,4 @@
-// A board's own library for role and number, written against platform/em.h alone.
+// A board's own library for the role and the number, written only against platform/em.h.
 
 #include "platform/em.h"
 

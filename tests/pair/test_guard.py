@@ -64,7 +64,7 @@ class GuardTest(PairTest):
 
 
 class ProceduresTest(PairTest):
-    """What docs/operations.md tells to do, step by step."""
+    """The procedures of docs/operations.md, step by step."""
 
     options = {"environment": {"MAX_DELETED_PERCENT": "90", "KEEP_REPLACED_MIB": "64"}}
 
@@ -100,7 +100,7 @@ class ProceduresTest(PairTest):
         return {f"{file['kind']} {file['tree']}/{file['path']}": file["name"] for file in listed}
 
     def test_new_machines_get_their_trees_from_the_survivor(self):
-        """One after the other: so a pair moves. The second has the disk of another pair."""
+        """Replaces both EMs, one after the other, as when a pair moves. The second has a disk of another pair."""
         self.fill()
         owned = {n: self.tree(n, OWN) for n in EMS}
         for n, names in ((2, ()), (1, tuple(map(str, range(100, 120))))):

@@ -1,4 +1,4 @@
-// What an exchange deletes or replaces, and KEEP_REPLACED_MIB keeps.
+// Files that exchanges delete or replace and that KEEP_REPLACED_MIB keeps.
 
 #include "redundancy_health/transfer/replaced_files.h"
 #include "redundancy_health/catalog/kept_set.h"
@@ -94,7 +94,7 @@ TEST_F(ReplacedFilesTest, WhatAnExchangeTakesAwayIsKeptAsItWasBefore) {
          push_chunk(0), push_chunk(65536);
        },
        {}},
-      // What makes way for something of another kind.
+      // Objects that are removed for another type of object.
       {[&] { receive(push(0, "d", "new")); },
        {"active.deleted/d/f: old", "active.deleted/d/large: " + large.substr(0, 9)}},
       {[&] { receive(push(0, "d/f/e/new", "new")); }, {"active.replaced/d/f: old"}},
@@ -105,7 +105,7 @@ TEST_F(ReplacedFilesTest, WhatAnExchangeTakesAwayIsKeptAsItWasBefore) {
              MSG_LISTING_REQ, 0, 0, tree_path(0, "d/large") + '\0' + tree_path(0, "d/f") + '\0'));
        },
        {"active.replaced/d/f: old"}},
-      // On the requester: what the peer's own tree has no more.
+      // On the requester: files that are no longer in the peer's own tree.
       {[&] { compare_synced_files(ctx, nullptr, 0); }, {"copy.deleted/f: old"}},
   };
   for (const char* mib : {"", "1"}) {
@@ -147,7 +147,7 @@ TEST_F(ReplacedFilesTest, TheOldestMakesRoomAndARestartForgetsNothing) {
   Lines now = kept();
   EXPECT_EQ(Lines(now.end() - 2, now.end()), expected);
   EXPECT_EQ(now.size(), 4u) << "no more goes than has to: 1";
-  // The files of one exchange do not push each other out.
+  // A file never replaces another kept file of the same exchange.
   exchange({"a", "b", "c", "d", "e", "f"});
   EXPECT_EQ(kept().front(), "active.deleted/a: axxxxxxxx");
   EXPECT_EQ(kept().size(), 4u);
@@ -155,7 +155,7 @@ TEST_F(ReplacedFilesTest, TheOldestMakesRoomAndARestartForgetsNothing) {
             "Did not keep 2 files that were deleted or replaced, first "
             "(Disk quota exceeded): " +
                 tree_path(0, "e"));
-  // A file that is written in place needs a copy.
+  // A file that is written in place must be copied.
   for (const size_t size : {size_t{270'000}, size_t{250'000}}) {
     make_file(0, "large", pattern(size));
     receive(update(PUSH_REQ, 0, "large", 0, 1, static_cast<uint32_t>(size), "x"));
@@ -203,7 +203,7 @@ TEST_F(ReplacedFilesTest, AFailureToKeepIsOneLineAndTheChangeIsMade) {
     EXPECT_EQ(read_file(tree_path(0, "f")), i == 4 ? "old" : "new");
     EXPECT_EQ(names_in("/mnt/elsewhere").size(), 0u);
   }
-  // Nor is anything kept of a change that fails.
+  // Nothing is kept for a change that fails.
   fs::remove_all(kKeptDirectory);
   forget_kept();
   for (const char* failing : {"f", "TempUpdate_"}) {
@@ -215,7 +215,7 @@ TEST_F(ReplacedFilesTest, AFailureToKeepIsOneLineAndTheChangeIsMade) {
   }
 }
 
-// What is kept is the first to go.
+// Kept files are removed first.
 TEST_F(ReplacedFilesTest, AFullDiskFailsNoExchange) {
   const Mount disk("/mnt/part.persistent", "size=400k");
   for (const char* root : root_paths)
