@@ -127,7 +127,7 @@ class Demo:
                            f"'{expected}'")
 
     def compared(self, text: str, differing: int) -> None:
-        """Prints what EM 2 says of the trees of both; `differing` is the expected exit status."""
+        """Prints EM 2's comparison of the trees; `differing` is the expected exit status."""
         answer = timed(text, lambda: self.ask(2, "compare"))
         for line in answer.stdout.splitlines()[:6]:
             say(f"      {line}")
@@ -247,7 +247,7 @@ class Demo:
         self.compared("compare after the cut", 0)
 
     def refuse_role(self) -> None:
-        step("EM 1 is to become active with an empty tree, and is refused")
+        step("EM 1 tries to become active with an empty tree and is refused")
         self.pair.set_role(2, False)
         self.pair.run(1, ["find", ACTIVE, "-mindepth", "1", "-delete"], check=True)
         total = count(self.pair.path(2, ACTIVE))[0]
@@ -256,11 +256,11 @@ class Demo:
                   f"{total} files that the other EM has in 'active'; use --force to make this EM active "
                   "anyway", 1, "role", "active")
         self.do("EM 2 is active again", 2, "role", "active")
-        self.do("and gives EM 1 its tree back", 2, "sync")
+        self.do("EM 1 gets its tree back", 2, "sync")
         self.compare()
 
     def get_back(self) -> None:
-        step("A file is overwritten by mistake, and EM 1, which has kept the old one, gives it back")
+        step("A file is overwritten by mistake; EM 1 has kept the old version, which is restored")
         target = f"{ACTIVE}/settings/addresses"
         for text, content in (("written on EM 2", "address 192.0.2.7\n"), ("overwritten", "oops\n")):
             prepared = self.prepare(2, "addresses", 1)
@@ -269,9 +269,9 @@ class Demo:
         listed = self.ask(1, "kept").stdout.splitlines()
         name = listed[-1].split(maxsplit=5)[5]
         say(f"   EM 1 has kept {len(listed):,} files, this one last:\n      {listed[-1]}")
-        self.told("how it differs", "-address 192.0.2.7", 1, "kept", "diff", name)
+        self.told("its differences", "-address 192.0.2.7", 1, "kept", "diff", name)
         self.pair.path(2, "/run/old").write_text(self.ask(1, "kept", "restore", name, "-").stdout)
-        self.told("put back on EM 2", "published on both EMs", 2, "put", "/run/old", target)
+        self.told("restored on EM 2", "published on both EMs", 2, "put", "/run/old", target)
         if "192.0.2.7" not in self.pair.path(1, target).read_text():
             raise Mismatch(f"{target} is not what it was")
         self.compare()
