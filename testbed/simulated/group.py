@@ -65,8 +65,12 @@ class Group:
     def order(self, n: int) -> Item:
         """Gives the next item of node `n` its place in the order."""
         item = self.nodes[n].to_send.popleft()
-        self._place(item, NODES if self.connected else (n,))
+        self.place(item)
         return item
+
+    def place(self, item: Item) -> None:
+        """An item of a process gets its place, before all that its node has still to send."""
+        self._place(item, NODES if self.connected else (item[1][0],))
 
     def _place(self, item: Item, nodes) -> None:
         for n in nodes:

@@ -10,7 +10,7 @@ from pathlib import Path
 
 import keeper
 from em_pair import ACTIVE, COMMAND_SOCKET, OWN, PEERS, REPO, VOLATILE
-from trees import files
+from trees import UNREPLICATED
 
 BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
@@ -91,7 +91,19 @@ class Machine:
 
     def read(self, root: str) -> dict[str, bytes]:
         """The replicated files of a tree."""
-        return {name: Path(file.path).read_bytes() for name, file in files(Path(self.path(root))).items()}
+        found: dict[str, bytes] = {}
+        self._read_folder(self.path(root), "", found)
+        return found
+
+    def _read_folder(self, folder: str, relative: str, found: dict[str, bytes]) -> None:
+        for entry in os.scandir(folder):
+            if entry.name.startswith(UNREPLICATED):
+                continue
+            if entry.is_dir(follow_symlinks=False):
+                self._read_folder(entry.path, f"{relative}{entry.name}/", found)
+            elif entry.is_file(follow_symlinks=False):
+                with open(entry.path, "rb", buffering=0) as file:
+                    found[relative + entry.name] = file.read()
 
     # The daemon.
 
@@ -108,17 +120,16 @@ class Machine:
         self.starts += 1
         self.link, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.link.settimeout(PATIENCE)
-        environment = {
-            "LD_PRELOAD": BUILD / "testbed/simulated/libsim_group.so", "SIM_FD": theirs.fileno(),
-            "SIM_PID": self.pid, "SIM_NODE": self.number, "BREL_LOG_LEVEL": self.log_level,
-            "CLEANUP_INITIAL_DELAY": 1 << 19}
+        environment = os.environ | {
+            "LD_PRELOAD": str(BUILD / "testbed/simulated/libsim_group.so"),
+            "SIM_NAMESPACE": f"/proc/{self._holder.pid}/ns/mnt",
+            "SIM_FD": str(theirs.fileno()), "SIM_PID": str(self.pid), "SIM_NODE": str(self.number),
+            "BREL_LOG_LEVEL": str(self.log_level), "CLEANUP_INITIAL_DELAY": str(1 << 19)}
         with theirs, open(self.log or os.devnull, "ab") as log:
             self.process = subprocess.Popen(
-                ["nsenter", "-m", "-t", str(self._holder.pid), "env",
-                 *(f"{key}={value}" for key, value in environment.items()),
-                 str(self.build / "cluster_sync_daemon"), "-x", str(COMMAND_SOCKET)],
+                [str(self.build / "cluster_sync_daemon"), "-x", str(COMMAND_SOCKET)],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log, pass_fds=[theirs.fileno()],
-                umask=0o022)
+                env=environment, umask=0o022)
         self.report: Report | None = None
         self._send_order(now)
 

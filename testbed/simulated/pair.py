@@ -19,6 +19,11 @@ COMMANDS = ("LOCK_REQ", "LOCK_REL", "LISTING_REQ", "LISTING_ACK", "UPDATE_REQ", 
 LOCK_REQ, LOCK_REL, LISTING_REQ, LISTING_ACK, UPDATE_REQ, UPDATE_ACK = range(6)
 
 
+def header(message: bytes) -> tuple[int, ...]:
+    """Magic, command, flags, exchange id and sequence id."""
+    return struct.unpack_from("<5I", message)
+
+
 class Wrong(Exception):
     """The pair violated a requirement."""
 
@@ -60,6 +65,7 @@ class SimulatedPair:
     def __init__(self, machines: dict[int, Machine], watcher, trace=None):
         self.machines, self.questions, self.trace = machines, watcher, trace or (lambda text: None)
         self.group = Group()
+        self.sent: deque[tuple[int, bytes]] = deque(maxlen=60)  # since a daemon ended
         self.now = 1000 * SECOND
         self.answers: list[Answer] = []
         self.connections: dict[int, list[socket.socket]] = {n: [] for n in EMS}  # idle connections
@@ -91,6 +97,7 @@ class SimulatedPair:
             if packet[0] == ord("M"):
                 self.trace(f"    EM {n} sends {COMMANDS[packet[5]]}")
                 self.questions.on_sent(n, packet[1:])
+                self.sent.append((n, packet[1:]))
                 self.group.send(n, packet[1:])
             elif packet[0] == ord("E"):
                 self.questions.on_taken(n, self.given[n].popleft())
@@ -114,6 +121,7 @@ class SimulatedPair:
             connection.close()
         self.connections[n], self.callers[n], self.due_since[n] = [], {}, None
         self.given[n].clear()
+        self.sent.clear()
         self.questions.on_daemon_end(n)
         if status not in (0, -9) and self.now - self.stalled[n] > MEMORY:
             raise Wrong(f"EM {n}: the daemon ended by itself with {status}")
@@ -191,6 +199,10 @@ class SimulatedPair:
             if until and self.now >= until:
                 return
 
+    def nothing_waits(self) -> bool:
+        """A daemon that sleeps takes nothing meanwhile."""
+        return not any(self.group.waiting(n) for n in EMS)
+
     def wait_until(self, at_rest, patience: int) -> None:
         """Lets everything continue in turn until nothing can and `at_rest` is true, or until `patience` is
         over."""
@@ -201,7 +213,7 @@ class SimulatedPair:
                 if kind == "order" or self.is_due(n):
                     self.move(kind, n, 1 << 30)
             if not moves:
-                if at_rest():
+                if self.nothing_waits() and at_rest():
                     return
                 self.pass_time(self.next_deadline())
             for n in EMS:

@@ -6,6 +6,7 @@ checks that no temporary file, descriptor or unknown error text is left.
 """
 
 import argparse
+import multiprocessing
 import os
 import random
 import re
@@ -14,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import traceback
 from collections import Counter
 from pathlib import Path
 from typing import NamedTuple
@@ -38,6 +40,7 @@ ERRORS = {
     "newfstatat": EVERYWHERE, "lstat": EVERYWHERE, "stat": EVERYWHERE, "fstat": EVERYWHERE,
     "close": ("EIO",)}
 TREES = re.compile("|".join(["replicated_by_", "/mnt/part.persistent"]))
+WORKERS = 2
 WAIT = 30 * SECOND  # for the answer, on the simulated clock
 
 
@@ -191,6 +194,33 @@ def examine(machines: dict[int, Machine], point: Point) -> str:
     return ""
 
 
+def work(part: int, end: float, options: argparse.Namespace, reports) -> None:
+    """One of WORKERS: tells how many points it knows, then of each what is wrong, or ""."""
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    chance = random.Random(options.seed)
+    scenarios = [(scenario, em) for scenario in SCENARIOS for em in EMS
+                 if not options.only or options.only.startswith(scenario.name)]
+    if options.seconds < 60:
+        scenarios = chance.sample(scenarios, 8)
+    machines = {n: Machine(n) for n in EMS}
+    try:
+        known = [point for scenario, em in scenarios[part::WORKERS]
+                 for point in points(machines, scenario, em) if options.only in str(point)]
+        reports.put(len(known))
+        chance.shuffle(known)
+        for point in known[:options.points // WORKERS]:
+            if time.monotonic() > end or os.getppid() == 1:
+                break
+            wrong = examine(machines, point)
+            reports.put(wrong and f"   FAILED  {point}\n           {wrong}\n")
+    except Exception:
+        reports.put(traceback.format_exc())
+    finally:
+        for machine in machines.values():
+            machine.close()
+        reports.put(None)
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(prog="./run faults", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -200,31 +230,25 @@ def main() -> int:
     parser.add_argument("--first", action="store_true", help="end at the first failure")
     parser.add_argument("--only", default="", help="the points whose name contains this")
     options = parser.parse_args()
-    end = time.monotonic() + options.seconds
     print(f"Failing calls, seed {options.seed}", flush=True)
-    chance = random.Random(options.seed)
-    machines = {n: Machine(n) for n in EMS}
-    passed = failed = 0
-    try:
-        scenarios = [(scenario, em) for scenario in SCENARIOS for em in EMS
-                     if not options.only or options.only.startswith(scenario.name)]
-        if options.seconds < 60:
-            scenarios = chance.sample(scenarios, 8)
-        known = [point for scenario, em in scenarios for point in points(machines, scenario, em)
-                 if options.only in str(point)]
-        chance.shuffle(known)
-        for point in known[:options.points]:
-            if time.monotonic() > end or failed and options.first:
-                break
-            wrong = examine(machines, point)
-            passed, failed = passed + (not wrong), failed + bool(wrong)
-            if wrong:
-                print(f"   FAILED  {point}\n           {wrong}", flush=True)
-        print(f"{len(known)} points in {len(scenarios)} scenarios")
-    finally:
-        for machine in machines.values():
-            machine.close()
-    print(f"{passed} passed, {failed} failed")
+    end = time.monotonic() + options.seconds
+    reports: multiprocessing.Queue = multiprocessing.Queue()
+    workers = [multiprocessing.Process(target=work, args=(part, end, options, reports))
+               for part in range(WORKERS)]
+    for worker in workers:
+        worker.start()
+    known = passed = failed = ended = 0
+    while ended < WORKERS and not (failed and options.first):
+        report = reports.get()
+        ended += report is None
+        if isinstance(report, int):
+            known += report
+        elif report is not None:
+            passed, failed = passed + (not report), failed + bool(report)
+            print(report, end="", flush=True)
+    for worker in workers:
+        worker.terminate()
+    print(f"{known} points\n{passed} passed, {failed} failed")
     return 0 if passed and not failed else 1
 
 

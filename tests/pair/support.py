@@ -21,7 +21,6 @@ DEADLINE = 60
 LOG_LINES = 40
 FAULT_EVENT = "/run/em/events/0x80000702"
 HEALTHY, FAILING = 1, 4
-EDOM = "Numerical argument out of domain"  # of injected failures
 
 
 def flows(active: int, requester: int) -> list[tuple[int, str, str]]:

@@ -1,15 +1,17 @@
 """The checks of the pair at every step and at the end."""
 
 import os
+import struct
 
 from em_pair import ACTIVE, EMS, OWN, PEERS, VOLATILE
 from simulated.machine import ROOTS
 from simulated.pair import (COMMANDS, LISTING_REQ, LOCK_REL, LOCK_REQ, UPDATE_REQ, Answer, Request,
-                            Wrong)
+                            Wrong, header)
 
 CHUNK = 65536
 HEAD, MAGIC = 12, b"\xfa\xa1\x1f\x0a"  # of a message event; start of a message
 SHARED = (ACTIVE, VOLATILE)
+PAYLOAD, PUSH_REQ, PUSH_DEL_REQ, SHARED_ROOTS = 148, 2, 4, (0, 3)  # of an update message
 
 
 def root_of(path: str) -> str:
@@ -26,13 +28,20 @@ class Questions:
         self.in_one_copy = self.may_hold.copy()  # the same if the role moves: what had no success on
         #                                          both EMs may be lost then
         self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # of the lock, as an EM knows it
+        self.has_rights: dict[int, bool] = {}  # to change shared trees, in its last exchange
+        self.may_have_rights: set[int] = set()  # the role moved in the middle of a step of it
         self.in_flight: list[Request] = []
         self.abandoned: list[Request] = []  # the caller has left, but it may still be served
 
-    # Who holds the lock.
+    # Who holds the lock, and with which rights.
 
     def on_sent(self, n: int, message: bytes) -> None:
-        command = message[4]
+        command = header(message)[1]
+        if command == LOCK_REQ:
+            self.has_rights[n] = self.pair.machines[n].active or n in self.may_have_rights
+            self.may_have_rights.discard(n)
+        if command == UPDATE_REQ and not self.has_rights[n] and changes_shared_tree(message):
+            raise Wrong(f"EM {n} changes a shared tree, but was not active when it asked for the lock")
         if command in (LISTING_REQ, UPDATE_REQ) and self.holder[n] != n:
             raise Wrong(f"EM {n} sends {COMMANDS[command]}, but the lock is "
                         f"{self.holder[n] and f'of EM {self.holder[n]}' or 'free'}")
@@ -56,6 +65,8 @@ class Questions:
 
     def on_role(self) -> None:
         self.moves += 1
+        self.may_have_rights |= {n for n, machine in self.pair.machines.items()
+                                 if not (machine.report and machine.report.waits_in_poll)}
         for key, contents in self.in_one_copy.items():
             if key[0] == 0:
                 self.may_hold[key] = set(contents)
@@ -90,7 +101,8 @@ class Questions:
         if not answer.success and not answer.local_ok:
             return self._on_refusal(request)
         shared = any(root_of(path) in SHARED for path in request.effects)
-        moved = self.moves > request.moves
+        # What an EM that had the role, too, has done meanwhile.
+        moved = self.moves > request.moves or all(one.active for one in self.pair.machines.values())
         for path, content in request.effects.items():
             allowed = {content} | {other.effects[path] for other in request.others
                                    if path in other.effects and not other.refused}
@@ -172,6 +184,11 @@ class Questions:
             if owner == 0 and found not in allowed and not mixed:
                 raise Wrong(f"EM {active} has {describe(found)} at {path} instead of "
                             f"{' or '.join(map(describe, allowed))}")
+
+
+def changes_shared_tree(update: bytes) -> bool:
+    kind, root = struct.unpack_from("<I4xI", update, PAYLOAD)
+    return kind in (PUSH_REQ, PUSH_DEL_REQ) and root in SHARED_ROOTS
 
 
 def content_of(path: str) -> bytes | None:

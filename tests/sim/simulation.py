@@ -13,16 +13,18 @@ from typing import NamedTuple
 from em_pair import ACTIVE, EMS, OWN, VOLATILE
 from questions import CHUNK, Questions
 from simulated.machine import NEVER, PASS, TICK, Hang, Machine
-from simulated.pair import SECOND, SimulatedPair, Wrong
+from simulated.pair import LISTING_REQ, SECOND, UPDATE_REQ, SimulatedPair, Wrong, header
 
 CALM = 8 * SECOND  # after a cut whoever never pauses succeeds, mostly
+SOON = 5 * SECOND  # after a start nothing is missing
 PEACE = 400 * SECOND  # after the last fault the pair has come to rest
 WAITS = (0.01, 0.05, 0.3, 1, 2, 5, 9, 11, 12, 20, 46, 50, 100)
 SIZES = (0, 10, 3000, CHUNK, CHUNK + 1, 2 * CHUNK + 100)
 FILES = ("a", "b", "d/c")
 EVENTS = {"run": 46, "flow": 8, "interrupt": 5, "ask": 17, "wait": 6, "stall": 3, "cut": 1.5,
-          "heal": 3, "kill": 1, "die": 1.5, "start": 4, "role": 1.5, "refuse": 1, "hang_up": 1,
-          "exit": 0.5, "foreign": 0.5, "storm": 0.1}
+          "heal": 3, "kill": 1, "die": 1.5, "start": 4, "role": 1.2, "overtake": 0.8, "refuse": 1,
+          "hang_up": 1, "exit": 0.5, "foreign": 0.5, "stale": 1.5, "storm": 0.05}
+BEFORE = 768  # bits of `b` that ask for an earlier content
 BEGINNING = 12  # files that are there before
 
 
@@ -48,6 +50,7 @@ class Simulation(SimulatedPair):
     def __init__(self, machines: dict[int, Machine], trace=None):
         super().__init__(machines, Questions(self), trace)
         self.versions = 0
+        self.written: dict[tuple[int, str], list[bytes]] = {}
 
     # Events.
 
@@ -127,6 +130,40 @@ class Simulation(SimulatedPair):
         junk = (b"x" * 147, b"x" * 148, b"", struct.pack("<3I", 0x0A1FA1FA, 6 + b % 4, 0) + bytes(136))
         self.group.nodes[a % 2 + 1].to_send.append(("m", (a % 2 + 1, 9), junk[b // 4 % 4]))
 
+    def on_stale(self, a: int, b: int) -> None:
+        """In the middle of an exchange comes the listing of one that is over, or once more the
+        acknowledgement of an earlier chunk."""
+        n, path = a % 2 + 1, self.some_path(a >> 1)
+        if not self.machines[n].alive or len(self.callers[n]) >= 4 or path in self._in_a_move():
+            return
+        question = (LISTING_REQ, UPDATE_REQ)[a >> 9 & 1]
+        large = b - b % len(SIZES) + len(SIZES) - 1
+        self.change(n, path, large if question == UPDATE_REQ else b)
+        if question == LISTING_REQ:  # then back to what that listing may have
+            self.flow(60)
+            if not self.machines[n].alive or path in self._in_a_move():
+                return
+            if a & 256:
+                self.ask(n, "", path, {path: None})
+            else:
+                self.change(n, path, b | BEFORE)
+        asked = self._flow_to(question)
+        old = [message for sender, message in self.sent if asked and sender != asked[0] and
+               header(message)[1] == question + 1 and header(message)[3:] != header(asked[1])[3:] and
+               (question == LISTING_REQ or header(message)[3] == header(asked[1])[3])]
+        if asked and old:
+            self.group.place(("m", (3 - asked[0], 9), old[0]))
+
+    def _flow_to(self, question: int) -> tuple[int, bytes] | None:
+        """Goes on until this was sent, if it is; the second one of an exchange for an update."""
+        for _ in range(80):
+            if self.sent:
+                _, command, _, _, sequence = header(self.sent[-1][1])
+                if command == question and (command == LISTING_REQ or sequence > 1):
+                    return self.sent[-1]
+            self.flow(1)
+        return None
+
     def on_storm(self, a: int, b: int) -> None:
         """Callers on both EMs that never pause, and a cut: their failures must end."""
         self.group.heal()
@@ -146,7 +183,7 @@ class Simulation(SimulatedPair):
                         f"{[answer.reason for answer in told if not answer.success]}")
 
     def demand(self, until: int) -> None:
-        """Three callers on each EM ask again at once, until a time; messages take some ms."""
+        """Three callers on each EM ask again at once, until a time; messages take 8 ms."""
         while self.now < until:
             for n in EMS:
                 while self.machines[n].alive and len(self.callers[n]) < 3:
@@ -157,7 +194,7 @@ class Simulation(SimulatedPair):
             for kind, n in self.moves():
                 if kind == "order" or self.is_due(n):
                     self.move(kind, n, 1)
-            self.pass_time(self.now + 3 * SECOND // 1000)
+            self.pass_time(self.now + 8 * SECOND // 1000)
 
     def on_hang_up(self, a: int, b: int) -> None:
         n = a % 2 + 1
@@ -167,18 +204,38 @@ class Simulation(SimulatedPair):
             self.questions.on_hang_up(request)
 
     def on_role(self, a: int, b: int) -> None:
-        """The role moves, at once or with a time in which no EM has it."""
+        """The role moves, at once or with a time in which no EM has it, or both."""
         active = [n for n in EMS if self.machines[n].active]
+        new = 3 - active[0] if len(active) == 1 else a % 2 + 1
+        if active and b % 4 == 0:
+            self.give_role()
+        else:
+            self.give_role(new, *active if b % 4 == 1 and len(active) == 1 else ())
+
+    def give_role(self, *active: int) -> None:
+        """Whoever gives it owes the first EM a `sync`."""
         self.questions.on_role()
-        if active and b % 3 == 0:
-            self.machines[active[0]].active = False
-            return
-        new = 3 - active[0] if active else a % 2 + 1
         for n in EMS:
-            self.machines[n].active = n == new
-        self.trace(f"    EM {new} is active")
-        if self.machines[new].alive:
-            self.ask(new, "", "", {})
+            self.machines[n].active = n in active
+        self.trace(f"    active: {active}")
+        if active and self.machines[active[0]].alive:
+            self.ask(active[0], "", "", {})
+
+    def on_overtake(self, a: int, b: int) -> None:
+        """A change of a shared tree waits for the exchange of the EM to which the role moves."""
+        active = [n for n in EMS if self.machines[n].active]
+        if len(active) != 1 or not all(machine.alive for machine in self.machines.values()):
+            return
+        n, path = active[0], self.some_path(1 + a % 2 + 3 * (a >> 1))
+        self.ask(3 - n, "", "", {})
+        self.flow(5, daemons=[3 - n], ordering=False)
+        if path not in self._in_a_move():
+            self.change(n, path, b)
+        self.flow(5, daemons=[n], ordering=False)
+        while self.group.nodes[3 - n].to_send:
+            self.group.order(3 - n)
+        self.flow(b % 25)
+        self.give_role(3 - n)
 
     def on_ask(self, a: int, b: int) -> None:
         n, kind, path = a % 2 + 1, (a >> 1) % 10, self.some_path(a >> 5)
@@ -191,10 +248,12 @@ class Simulation(SimulatedPair):
         elif kind < 5 and self._move(n, path, b):
             return
         else:
-            self.versions += 1
-            folder = path[:path.rindex("/")]
-            source = f"{folder}/TempUpdate_{self.versions}"
-            self.ask(n, source, path, {path: self.write(n, source, b, like=path)})
+            self.change(n, path, b)
+
+    def change(self, n: int, path: str, b: int) -> None:
+        self.versions += 1
+        source = f"{path[:path.rindex('/')]}/TempUpdate_{self.versions}"
+        self.ask(n, source, path, {path: self.write(n, source, b, like=path)})
 
     def _move(self, n: int, path: str, b: int) -> bool:
         """Asks to rename a replicated file, unless other requests use these paths."""
@@ -216,7 +275,8 @@ class Simulation(SimulatedPair):
         return f"{(OWN, ACTIVE, VOLATILE)[a % 3]}/{FILES[a // 3 % len(FILES)]}"
 
     def write(self, n: int, path: str, b: int, like: str = "") -> bytes:
-        """A new file: bytes of its own, or another file's with some of them changed."""
+        """A new file: bytes of its own, or another file's with some of them changed, or what was
+        written for that one before."""
         self.versions += 1
         mark = f"{self.versions:07d}\n".encode()
         content = (mark * (SIZES[-1] // 8 + 1))[:SIZES[b % len(SIZES)]]
@@ -226,6 +286,10 @@ class Simulation(SimulatedPair):
             content[b % (old_size - 7):][:8] = mark
             at = b * 8191 % (old_size - 7)
             content[at:at + 8] = mark
+        written = self.written.setdefault((n, like), [])
+        if b & BEFORE == BEFORE and len(written) > 1:
+            content = written[-2]
+        written.append(bytes(content))
         target = Path(self.machines[n].path(path))
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_bytes(content)
@@ -242,8 +306,8 @@ class Simulation(SimulatedPair):
         for n in EMS:
             self.flow(5)
             self.start(n)
-        if not any(machine.active for machine in self.machines.values()):
-            self.on_role(0, 1)
+        if sum(machine.active for machine in self.machines.values()) != 1:
+            self.give_role(1)
         self.wait_until(lambda: not self.questions.differences(), PEACE)
         difference = self.questions.differences()
         if difference:
@@ -252,19 +316,53 @@ class Simulation(SimulatedPair):
         self.ask_in_peace()
 
     def ask_in_peace(self) -> None:
-        """Without faults every request succeeds on both EMs, however many come at once."""
+        """Without faults every request succeeds on both EMs, however many come at once and in
+        whatever order the two get on."""
         self.trace(f"{self.now / SECOND:.4f} nothing disturbs")
         active = next(n for n in EMS if self.machines[n].active)
         for turn in range(2):
             first = len(self.answers)
-            for n, path in ((1, f"{OWN}/a"), (2, f"{OWN}/b"), (active, f"{VOLATILE}/d/c"), (2, "")):
+            asked = ((1, f"{OWN}/a"), (2, f"{OWN}/b"), (active, f"{VOLATILE}/d/c"), (2, ""), (1, ""))
+            for n, path in asked:
                 source = f"{path[:path.rindex('/')]}/TempUpdate_peace" if path and turn == 0 else ""
                 content = self.write(n, source, 1 + n) if source else None
                 self.ask(n, source, path, {path: content} if path else {})
-            self.wait_until(lambda: not self.questions.in_flight, 20 * SECOND)
+            self.get_on_at_random(random.Random(self.versions), 20 * SECOND)
             answers = self.answers[first:]
-            if len(answers) < 4 or not all(one.success and one.peer_present for one in answers):
+            if len(answers) < len(asked) or not all(one.success and one.peer_present for one in answers):
                 raise Wrong(f"nothing disturbs, but the answers are {answers}")
+
+    def get_on_at_random(self, chance: random.Random, patience: int) -> None:
+        limit = self.now + patience
+        while self.now < limit:
+            moves = self.moves()
+            if moves:
+                self.move(*chance.choice(moves), chance.randint(1, 3), choice=chance.getrandbits(16))
+            elif self.questions.in_flight or not self.nothing_waits():
+                self.pass_time(self.next_deadline())
+            else:
+                return
+
+    def restart_in_peace(self) -> None:
+        """Whoever waits when a daemon ends is answered at once. When it starts again it is brought
+        up to date at once, whatever the other EM does just then."""
+        chance = random.Random(self.versions)
+        for n in EMS:
+            self.ask(3 - n, "", "", {})
+            self.flow(chance.randrange(20))
+            self._on_end(n, -9)
+            self.get_on_at_random(chance, SOON)
+            if self.questions.in_flight:
+                raise Wrong(f"{SOON // SECOND} s after the end of EM {n}'s daemon: no answer")
+            path = f"{OWN}/d/c"
+            self.questions.put(3 - n, path, self.write(3 - n, path, 2))
+            self.ask(3 - n, "", "", {})
+            self.flow(chance.randrange(8), daemons=[3 - n])
+            self.start(n)
+            self.get_on_at_random(chance, SOON)
+            self.wait_until(lambda: not self.questions.differences(), SOON)
+            if difference := self.questions.differences():
+                raise Wrong(f"{SOON // SECOND} s after a start: {difference}")
 
 
 def run(machines: dict[int, Machine], events: list[Event], trace=None) -> str:
@@ -274,6 +372,7 @@ def run(machines: dict[int, Machine], events: list[Event], trace=None) -> str:
         for event in events:
             simulation.execute(event)
         simulation.come_to_rest()
+        simulation.restart_in_peace()
     except (Wrong, Hang) as wrong:
         return str(wrong)
     finally:

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "redundancy_health/catalog/roots.h"
+#include "redundancy_health/frame/result_codes.h"
 #include "redundancy_health/transport/exchange_outcome.h"
 #include "tests/unit/daemon_support.h"
 
@@ -262,17 +263,22 @@ TEST_F(ExchangeTest, WhatItHasChangedHereIsTold) {
 
 TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
   const struct {
-    bool active, peer;
-    uint32_t flags;
-    bool recorded;  // a failure was recorded before
-    int32_t errors, countdown;
+    bool active = true, peer = true;
+    uint32_t flags = RESULT_EXCHANGE_FAILED;
+    bool recorded = false;  // a failure was recorded before
+    int32_t errors = 0, countdown = -1;
     std::string after;  // errors, countdown, status of the event (0: none)
   } rows[] = {
-      {true, true, 0, false, 3, 50, "0 -1 1"},   {true, true, 4, false, 0, -1, "1 5 1"},
-      {true, true, 4, false, 1, 3, "2 3 4"},     {true, true, 0, true, 1, -1, "2 5 4"},
-      {true, false, 4, false, 1, 9, "1 9 0"},    {true, true, 34, false, 1, 9, "1 9 0"},
-      {true, true, 42, false, 1, 9, "1 9 0"},    {true, true, 44, false, 1, 9, "1 9 0"},
-      {true, true, 0x24, false, 0, -1, "1 5 1"}, {false, true, 4, false, 3, 50, "0 -1 0"},
+      {.flags = RESULT_OK, .errors = 3, .countdown = 50, .after = "0 -1 1"},
+      {.after = "1 5 1"},
+      {.errors = 1, .countdown = 3, .after = "2 3 4"},
+      {.flags = RESULT_OK, .recorded = true, .errors = 1, .after = "2 5 4"},
+      {.peer = false, .errors = 1, .countdown = 9, .after = "1 9 0"},
+      {.flags = RESULT_REFUSED, .errors = 1, .countdown = 9, .after = "1 9 0"},
+      {.flags = RESULT_REFUSED_BENIGN, .errors = 1, .countdown = 9, .after = "1 9 0"},
+      {.flags = RESULT_REFUSED_NOT_ACTIVE, .errors = 1, .countdown = 9, .after = "1 9 0"},
+      {.flags = kCodeNoExchange | RESULT_EXCHANGE_FAILED, .after = "1 5 1"},
+      {.active = false, .errors = 3, .countdown = 50, .after = "0 -1 0"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);

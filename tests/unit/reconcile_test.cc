@@ -65,18 +65,24 @@ TEST_F(ReconcileTest, EachTreeFlowsInItsDirection) {
 
 TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
   const struct {
-    const char* percent;
-    uint32_t root;
-    bool active;
-    int lost, kept;  // files that the owner has no more, and still has
-    bool allowed, withheld;
+    const char* percent = "90";
+    uint32_t root = 0;
+    bool active = true;
+    int lost = 20, kept = 0;  // files that the owner has no more, and still has
+    bool allowed = false, withheld = false;
   } rows[] = {
-      {nullptr, 0, true, 20, 0, false, false}, {"90", 0, true, 20, 0, false, true},
-      {"90", 3, true, 11, 1, false, true},     {"90", 3, true, 18, 2, false, false},
-      {"90", 0, true, 20, 0, true, false},     {"90", 0, true, 10, 0, false, false},
-      {"90", 0, false, 20, 0, false, false},   {"90", 1, false, 20, 0, false, true},
-      {"90", 2, false, 20, 0, false, true},    {"90", 2, false, 20, 0, true, false},
-      {"", 2, false, 20, 0, false, false},     {"0", 1, false, 11, 90, false, true},
+      {.percent = nullptr},
+      {.withheld = true},
+      {.root = 3, .lost = 11, .kept = 1, .withheld = true},
+      {.root = 3, .lost = 18, .kept = 2},
+      {.allowed = true},
+      {.lost = 10},
+      {.active = false},
+      {.root = 1, .active = false, .withheld = true},
+      {.root = 2, .active = false, .withheld = true},
+      {.root = 2, .active = false, .allowed = true},
+      {.percent = "", .root = 2, .active = false},
+      {.percent = "0", .root = 1, .active = false, .lost = 11, .kept = 90, .withheld = true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);

@@ -1,4 +1,6 @@
 #include "redundancy_health/transfer/incoming.h"
+
+#include "redundancy_health/catalog/roots.h"
 #include "redundancy_health/transfer/outgoing.h"
 #include "tests/unit/daemon_support.h"
 
@@ -93,54 +95,53 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
   const std::string fourth("\0\0\0d", 4);
   const std::string edge = "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/" + std::string(242, 'n');
   const struct {
-    uint32_t root;  // the sender's
-    uint32_t local_root;
-    std::string path;
-    const char* existing;  // null: the file is new; else its content
-    std::string payload;
-    std::string content;
-    int mode;
+    uint32_t root = 0;  // the sender's
+    std::string path = "f";
+    const char* existing = nullptr;  // the content of the file that is there
     mode_t mode_before = 0640;
-    Hold hold = kNobody;     // on what exists
+    Hold hold = kNobody;  // on that file
+    std::string payload, content;
+    int mode = 0644;
     bool new_inode = false;  // of a chunk
   } cases[] = {
-      {1, 2, "f", "old content", push(1, "f", "data"), "data", 0644},
-      {2, 1, "f", "old", update(PUSH_REQ, 2, "f", 0, 1, 1, "x", kRestricted), "x", 0600},
-      {0, 0, edge, nullptr, push(0, edge, "x"), "x", 0644},
+      // clang-format off
+      {.root = 1, .existing = "old content", .payload = push(1, "f", "data"), .content = "data"},
+      {.root = 2, .existing = "old", .payload = update(PUSH_REQ, 2, "f", 0, 1, 1, "x", kRestricted),
+       .content = "x", .mode = 0600},
+      {.path = edge, .payload = push(0, edge, "x"), .content = "x"},
       // From here on chunks that are not the whole file.
-      {0, 0, "n/f", nullptr, update(PUSH_REQ, 0, "n/f", 0, 3, 4, "abc", kRestricted),
-       std::string("abc\0", 4), 0600},
-      {0, 0, "f", "abcdefghij", update(PUSH_REQ, 0, "f", 3, 5, 6, "XY"), "abcXYf", 0755, 0755},
-      {0, 0, "g", nullptr, update(PUSH_REQ, 0, "g", 2, 3, 2, "xyz"), std::string("\0\0xyz", 5),
-       0644},
+      {.path = "n/f", .payload = update(PUSH_REQ, 0, "n/f", 0, 3, 4, "abc", kRestricted),
+       .content = std::string("abc\0", 4), .mode = 0600},
+      {.existing = "abcdefghij", .mode_before = 0755,
+       .payload = update(PUSH_REQ, 0, "f", 3, 5, 6, "XY"), .content = "abcXYf", .mode = 0755},
+      {.path = "g", .payload = update(PUSH_REQ, 0, "g", 2, 3, 2, "xyz"),
+       .content = std::string("\0\0xyz", 5)},
       // The copy takes the class of the mode, but keeps the mode where that is of its class.
-      {0, 0, "s", "abc", update(PUSH_REQ, 0, "s", 3, 4, 4, "d", kRestricted), "abcd", 0640},
+      {.path = "s", .existing = "abc",
+       .payload = update(PUSH_REQ, 0, "s", 3, 4, 4, "d", kRestricted), .content = "abcd", .mode = 0640},
       // Else it is a new file, into which all chunks come.
-      {0, 0, "s", "abc", update(PUSH_REQ, 0, "s", 3, 4, 4, "d"), fourth, 0644, 0600, {}, true},
-      {0,
-       0,
-       "f",
-       "abc",
-       update(PUSH_REQ, 0, "f", 3, 4, 4, "d", kRestricted),
-       fourth,
-       0600,
-       0664,
-       {},
-       true},
+      {.path = "s", .existing = "abc", .mode_before = 0600,
+       .payload = update(PUSH_REQ, 0, "s", 3, 4, 4, "d"), .content = fourth, .new_inode = true},
+      {.existing = "abc", .mode_before = 0664,
+       .payload = update(PUSH_REQ, 0, "f", 3, 4, 4, "d", kRestricted),
+       .content = fourth, .mode = 0600, .new_inode = true},
       // So it is, with what the old one holds, when others have a hold on that.
-      {1, 2, "u", "abc", update(PUSH_REQ, 1, "u", 3, 4, 4, "d"), "abcd", 0644, 0666, kOfAnotherUser,
-       true},
-      {1, 2, "l", "abc", update(PUSH_REQ, 1, "l", 3, 4, 4, "d"), "abcd", 0644, 0755, kLinked, true},
+      {.root = 1, .path = "u", .existing = "abc", .mode_before = 0666, .hold = kOfAnotherUser,
+       .payload = update(PUSH_REQ, 1, "u", 3, 4, 4, "d"), .content = "abcd", .new_inode = true},
+      {.root = 1, .path = "l", .existing = "abc", .mode_before = 0755, .hold = kLinked,
+       .payload = update(PUSH_REQ, 1, "l", 3, 4, 4, "d"), .content = "abcd", .new_inode = true},
+      // clang-format on
   };
   for (const auto& c : cases) {
-    if (c.existing != nullptr) make_file(c.local_root, c.path, c.existing, c.mode_before);
-    const std::string path = tree_path(c.local_root, c.path);
+    const uint32_t root = peer_root_index(c.root);
+    if (c.existing != nullptr) make_file(root, c.path, c.existing, c.mode_before);
+    const std::string path = tree_path(root, c.path);
     const bool held_fast = (c.hold != kOfAnotherUser || chown(path.c_str(), 1000, 1000) == 0) &&
                            (c.hold != kLinked || link(path.c_str(), (path + "2").c_str()) == 0);
     ASSERT_TRUE(held_fast);
     const int held = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const std::string name = std::string(c.path).insert(c.path.rfind('/') + 1, ".$SyncDigest$");
-    const std::string digest = make_file(c.local_root, name, "");
+    const std::string digest = make_file(root, name, "");
     umask(0027);  // has no say in the mode of a copy
     receive(c.payload);
     umask(0022);
