@@ -541,7 +541,7 @@ static int find_own_code(struct dl_phdr_info* info, size_t size, void* data) {
   return 1;  // the first one is the program
 }
 
-// Here and not by nsenter(1), which would double what a start costs.
+// Not with nsenter(1), which would double the cost of a start.
 static void enter_namespace(const char* path) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0 || setns(fd, CLONE_NEWNS) != 0) _exit(1);

@@ -195,7 +195,7 @@ def examine(machines: dict[int, Machine], point: Point) -> str:
 
 
 def work(part: int, end: float, options: argparse.Namespace, reports) -> None:
-    """One of WORKERS: tells how many points it knows, then of each what is wrong, or ""."""
+    """One of WORKERS: reports the number of points it knows, then for each what is wrong, or ""."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     chance = random.Random(options.seed)
     scenarios = [(scenario, em) for scenario in SCENARIOS for em in EMS

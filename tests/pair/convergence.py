@@ -169,7 +169,7 @@ class Driver:
     # Requests and their expected results.
 
     def _ask(self, n: int, source: str, destination: str) -> bool:
-        """A request and its consequences on both EMs. Returns whether it succeeded."""
+        """A request and its effects on both EMs. Returns whether it succeeded."""
         machines = {m: Machine(self.pair, m) for m in EMS}
         refused = not self._apply(machines, n, source, destination)
         trees = {(m, root): machines[m].files(root) for m in EMS for root in ROOTS}
@@ -188,7 +188,7 @@ class Driver:
         return result.success
 
     def _apply(self, machines: dict[int, Machine], n: int, source: str, destination: str) -> bool:
-        """What EM `n` does with a request, and its peer with the same one; false if refused."""
+        """The effect of a request on EM `n`, and on its peer; False if it is refused."""
         if destination.startswith(PEERS + "/") or n != self.active and is_shared(destination):
             return False
         if not source:

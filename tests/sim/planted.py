@@ -26,7 +26,7 @@ class Fault(NamedTuple):
     file: str
     old: str
     new: str
-    found_by: str = "simulation"  # or "faults"; else the unit tests that find what neither can
+    found_by: str = "simulation"  # or "faults"; otherwise the unit tests that find it
 
 
 FAULTS = [Fault(**fault) for fault in tomllib.loads(
@@ -39,7 +39,8 @@ def build(copy: Path, *targets: str) -> None:
 
 
 def finds(copy: Path, instrument: str) -> str:
-    """The first line of what an instrument says of the copy, or nothing within the limit."""
+    """The first line of the failure that a test reports for the copy; empty if it finds none within the
+    limit."""
     if instrument not in ("simulation", "faults"):
         return finds_unit_test(copy, instrument)
     argv = {"simulation": ["tests/sim", "--runs", RUNS], "faults": ["tests/faults", "--points", POINTS]}

@@ -27,9 +27,9 @@ class Questions:
         self.may_hold: dict[tuple[int, str], set[bytes | None]] = {}
         self.in_one_copy = self.may_hold.copy()  # the same if the role moves: what had no success on
         #                                          both EMs may be lost then
-        self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # of the lock, as an EM knows it
-        self.has_rights: dict[int, bool] = {}  # to change shared trees, in its last exchange
-        self.may_have_rights: set[int] = set()  # the role moved in the middle of a step of it
+        self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # the EM that holds the lock, as each EM knows it
+        self.has_rights: dict[int, bool] = {}  # the EM may change shared trees in its last exchange
+        self.may_have_rights: set[int] = set()  # the role moved during a step of the exchange
         self.in_flight: list[Request] = []
         self.abandoned: list[Request] = []  # the caller has left, but it may still be served
 
@@ -101,7 +101,7 @@ class Questions:
         if not answer.success and not answer.local_ok:
             return self._on_refusal(request)
         shared = any(root_of(path) in SHARED for path in request.effects)
-        # What an EM that had the role, too, has done meanwhile.
+        # Changes meanwhile by an EM that also had the role.
         moved = self.moves > request.moves or all(one.active for one in self.pair.machines.values())
         for path, content in request.effects.items():
             allowed = {content} | {other.effects[path] for other in request.others

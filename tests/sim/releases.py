@@ -1,8 +1,8 @@
-"""python3 tests/sim/releases.py [--keep VERSION [BUILD]]: one course of exchanges, byte by byte, against
-what earlier releases made of it: the two EMs are upgraded one after the other, and read each other's
-messages and their own old digest cache files.
+"""python3 tests/sim/releases.py [--keep VERSION [BUILD]]: compares a fixed series of exchanges, byte by byte,
+with the bytes of earlier releases. The two EMs are upgraded one after the other, so each must read the other
+release's messages and its own old digest cache files.
 
-With --keep writes what this build, or another one, makes of it to releases/VERSION.
+With --keep, writes the bytes of this build, or of another one, to releases/VERSION.
 """
 
 import difflib
@@ -20,12 +20,12 @@ from simulated.machine import BUILD, ROOTS, Machine  # noqa: E402
 from simulation import Simulation  # noqa: E402
 
 KEPT = Path(__file__).with_name("releases")
-SHOWN = 400  # bytes of a message; of the rest a digest
+SHOWN = 400  # bytes of a message that are shown; the rest as a digest
 LARGE = bytes(range(256)) * (2 * CHUNK // 256) + b"end"
 
 
 def some_exchanges(pair: Simulation) -> None:
-    """A file of each tree at a time: a file system lists several in an order of its own."""
+    """One file per tree at a time, because the order of several depends on the file system."""
     for n, path, content, mode in ((1, f"{ACTIVE}/large", LARGE, 0o644),
                                    (1, f"{OWN}/d/secret", b"secret", 0o600),
                                    (2, f"{OWN}/large", LARGE[1:], 0o600)):
@@ -50,7 +50,7 @@ def some_exchanges(pair: Simulation) -> None:
 
 
 def course(build: Path) -> list[str]:
-    """The messages and the digest cache files, a line each."""
+    """The messages and the digest cache files, one line each."""
     machines = {n: Machine(n, visible=[build]) for n in EMS}
     pair = Simulation(machines)
     pair.sent = deque()

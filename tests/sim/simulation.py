@@ -15,17 +15,17 @@ from questions import CHUNK, Questions
 from simulated.machine import NEVER, PASS, TICK, Hang, Machine
 from simulated.pair import LISTING_REQ, SECOND, UPDATE_REQ, SimulatedPair, Wrong, header
 
-CALM = 8 * SECOND  # after a cut whoever never pauses succeeds, mostly
-SOON = 5 * SECOND  # after a start nothing is missing
-PEACE = 400 * SECOND  # after the last fault the pair has come to rest
+CALM = 8 * SECOND  # after this time a caller that never pauses mostly succeeds again after a cut
+SOON = 5 * SECOND  # after this time a started daemon is up to date
+PEACE = 400 * SECOND  # after this time the pair is at rest after the last fault
 WAITS = (0.01, 0.05, 0.3, 1, 2, 5, 9, 11, 12, 20, 46, 50, 100)
 SIZES = (0, 10, 3000, CHUNK, CHUNK + 1, 2 * CHUNK + 100)
 FILES = ("a", "b", "d/c")
 EVENTS = {"run": 46, "flow": 8, "interrupt": 5, "ask": 17, "wait": 6, "stall": 3, "cut": 1.5,
           "heal": 3, "kill": 1, "die": 1.5, "start": 4, "role": 1.2, "overtake": 0.8, "refuse": 1,
           "hang_up": 1, "exit": 0.5, "foreign": 0.5, "stale": 1.5, "storm": 0.05}
-BEFORE = 768  # bits of `b` that ask for an earlier content
-BEGINNING = 12  # files that are there before
+BEFORE = 768  # bits of `b` that select an earlier content
+BEGINNING = 12  # files that exist at the start
 
 
 class Event(NamedTuple):
@@ -131,8 +131,8 @@ class Simulation(SimulatedPair):
         self.group.nodes[a % 2 + 1].to_send.append(("m", (a % 2 + 1, 9), junk[b // 4 % 4]))
 
     def on_stale(self, a: int, b: int) -> None:
-        """In the middle of an exchange comes the listing of one that is over, or once more the
-        acknowledgement of an earlier chunk."""
+        """During an exchange, delivers the listing of an earlier one, or once more the acknowledgement of an
+        earlier chunk."""
         n, path = a % 2 + 1, self.some_path(a >> 1)
         if not self.machines[n].alive or len(self.callers[n]) >= 4 or path in self._in_a_move():
             return
@@ -155,7 +155,8 @@ class Simulation(SimulatedPair):
             self.group.place(("m", (3 - asked[0], 9), old[0]))
 
     def _flow_to(self, question: int) -> tuple[int, bytes] | None:
-        """Goes on until this was sent, if it is; the second one of an exchange for an update."""
+        """Continues until this message was sent, if it is; for an update, until the second one of an
+        exchange."""
         for _ in range(80):
             if self.sent:
                 _, command, _, _, sequence = header(self.sent[-1][1])
@@ -183,7 +184,7 @@ class Simulation(SimulatedPair):
                         f"{[answer.reason for answer in told if not answer.success]}")
 
     def demand(self, until: int) -> None:
-        """Three callers on each EM ask again at once, until a time; messages take 8 ms."""
+        """Three callers on each EM repeat their requests at once, until a time; messages take 8 ms."""
         while self.now < until:
             for n in EMS:
                 while self.machines[n].alive and len(self.callers[n]) < 3:
@@ -213,7 +214,7 @@ class Simulation(SimulatedPair):
             self.give_role(new, *active if b % 4 == 1 and len(active) == 1 else ())
 
     def give_role(self, *active: int) -> None:
-        """Whoever gives it owes the first EM a `sync`."""
+        """The one who moves the role must run `sync` on the first EM."""
         self.questions.on_role()
         for n in EMS:
             self.machines[n].active = n in active
@@ -275,8 +276,8 @@ class Simulation(SimulatedPair):
         return f"{(OWN, ACTIVE, VOLATILE)[a % 3]}/{FILES[a // 3 % len(FILES)]}"
 
     def write(self, n: int, path: str, b: int, like: str = "") -> bytes:
-        """A new file: bytes of its own, or another file's with some of them changed, or what was
-        written for that one before."""
+        """A new file: new bytes, another file's with some of them changed, or an earlier content of that
+        file."""
         self.versions += 1
         mark = f"{self.versions:07d}\n".encode()
         content = (mark * (SIZES[-1] // 8 + 1))[:SIZES[b % len(SIZES)]]
@@ -316,8 +317,8 @@ class Simulation(SimulatedPair):
         self.ask_in_peace()
 
     def ask_in_peace(self) -> None:
-        """Without faults every request succeeds on both EMs, however many come at once and in
-        whatever order the two get on."""
+        """Without faults every request succeeds on both EMs, even if many come at once, in whatever order the
+        two EMs proceed."""
         self.trace(f"{self.now / SECOND:.4f} nothing disturbs")
         active = next(n for n in EMS if self.machines[n].active)
         for turn in range(2):
@@ -344,8 +345,8 @@ class Simulation(SimulatedPair):
                 return
 
     def restart_in_peace(self) -> None:
-        """Whoever waits when a daemon ends is answered at once. When it starts again it is brought
-        up to date at once, whatever the other EM does just then."""
+        """A caller that waits when a daemon ends is answered at once. When the daemon starts again, it is
+        brought up to date at once, whatever the other EM does at that moment."""
         chance = random.Random(self.versions)
         for n in EMS:
             self.ask(3 - n, "", "", {})

@@ -265,7 +265,7 @@ TEST_F(ExchangeTest, CountsWhatIsAFaultAndReportsALastingOne) {
   const struct {
     bool active = true, peer = true;
     uint32_t flags = RESULT_EXCHANGE_FAILED;
-    bool recorded = false;  // a failure was recorded before
+    bool recorded = false;  // a failure was recorded earlier
     int32_t errors = 0, countdown = -1;
     std::string after;  // errors, countdown, status of the event (0: none)
   } rows[] = {

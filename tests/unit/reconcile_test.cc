@@ -68,7 +68,7 @@ TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
     const char* percent = "90";
     uint32_t root = 0;
     bool active = true;
-    int lost = 20, kept = 0;  // files that the owner has no more, and still has
+    int lost = 20, kept = 0;  // files that the owner no longer has, and still has
     bool allowed = false, withheld = false;
   } rows[] = {
       {.percent = nullptr},
@@ -99,7 +99,7 @@ TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
         listing.push_back(std::string{"AQPV"[row.root]} + " " SHA_EMPTY " 00000000 00000000 G " +
                           name);
     }
-    // Nor does a new file make the loss look smaller to the next exchange.
+    // A new file must not make the loss look smaller to the next exchange.
     if (row.withheld && from_peer) listing.push_back("P " SHA_EMPTY " 00000000 00000000 G new");
     if (row.withheld && !from_peer) make_file(row.root, "new", "");
     const Lines queue = compare(listing);

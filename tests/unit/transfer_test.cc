@@ -95,9 +95,9 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
   const std::string fourth("\0\0\0d", 4);
   const std::string edge = "1/2/3/4/5/6/7/8/9/a/b/c/d/e/f/g/" + std::string(242, 'n');
   const struct {
-    uint32_t root = 0;  // the sender's
+    uint32_t root = 0;  // in the sender's numbering
     std::string path = "f";
-    const char* existing = nullptr;  // the content of the file that is there
+    const char* existing = nullptr;  // the content of the existing file
     mode_t mode_before = 0640;
     Hold hold = kNobody;  // on that file
     std::string payload, content;
@@ -109,23 +109,23 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
       {.root = 2, .existing = "old", .payload = update(PUSH_REQ, 2, "f", 0, 1, 1, "x", kRestricted),
        .content = "x", .mode = 0600},
       {.path = edge, .payload = push(0, edge, "x"), .content = "x"},
-      // From here on chunks that are not the whole file.
+      // From here on, chunks that are not the whole file.
       {.path = "n/f", .payload = update(PUSH_REQ, 0, "n/f", 0, 3, 4, "abc", kRestricted),
        .content = std::string("abc\0", 4), .mode = 0600},
       {.existing = "abcdefghij", .mode_before = 0755,
        .payload = update(PUSH_REQ, 0, "f", 3, 5, 6, "XY"), .content = "abcXYf", .mode = 0755},
       {.path = "g", .payload = update(PUSH_REQ, 0, "g", 2, 3, 2, "xyz"),
        .content = std::string("\0\0xyz", 5)},
-      // The copy takes the class of the mode, but keeps the mode where that is of its class.
+      // The copy gets the mode class; if it already has that class, it keeps its mode.
       {.path = "s", .existing = "abc",
        .payload = update(PUSH_REQ, 0, "s", 3, 4, 4, "d", kRestricted), .content = "abcd", .mode = 0640},
-      // Else it is a new file, into which all chunks come.
+      // Otherwise a new file is made, for which all chunks are sent.
       {.path = "s", .existing = "abc", .mode_before = 0600,
        .payload = update(PUSH_REQ, 0, "s", 3, 4, 4, "d"), .content = fourth, .new_inode = true},
       {.existing = "abc", .mode_before = 0664,
        .payload = update(PUSH_REQ, 0, "f", 3, 4, 4, "d", kRestricted),
        .content = fourth, .mode = 0600, .new_inode = true},
-      // So it is, with what the old one holds, when others have a hold on that.
+      // Also if others hold the old file; then its content is copied.
       {.root = 1, .path = "u", .existing = "abc", .mode_before = 0666, .hold = kOfAnotherUser,
        .payload = update(PUSH_REQ, 1, "u", 3, 4, 4, "d"), .content = "abcd", .new_inode = true},
       {.root = 1, .path = "l", .existing = "abc", .mode_before = 0755, .hold = kLinked,
@@ -142,7 +142,7 @@ TEST_F(TransferTest, PushedFilesAndChunks) {
     const int held = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const std::string name = std::string(c.path).insert(c.path.rfind('/') + 1, ".$SyncDigest$");
     const std::string digest = make_file(root, name, "");
-    umask(0027);  // has no say in the mode of a copy
+    umask(0027);  // must not affect the mode of a copy
     receive(c.payload);
     umask(0022);
     if (c.new_inode) {
