@@ -217,15 +217,17 @@ char* compute_digest_path(const char* path) {
 
 bool remove_digest_file(const PinnedPath& file, const char* path) {
   // A name with a trailing slash names a directory.
+  errno = ENOENT;
   if (is_digest_name(file.name) || strchr(file.name, '/') != nullptr) return false;
-  const bool removed = unlinkat(file.dir_fd(), digest_name_of(file.name).c_str(), 0) == 0;
-  if (!removed && errno != ENOENT) {
-    const int error = errno;
+  if (unlinkat(file.dir_fd(), digest_name_of(file.name).c_str(), 0) == 0) return true;
+  const int error = errno;
+  if (error != ENOENT) {
     char* digest_path = compute_digest_path(path);
     LOG(3, "Could not remove stale digest file '%s': %s", digest_path, strerror(error));
     free(digest_path);
   }
-  return removed;
+  errno = error;
+  return false;
 }
 
 DigestLookup check_digest_file(SyncContext* ctx, FileEntry** list, const ScannedFile& file) {

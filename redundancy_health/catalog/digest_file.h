@@ -16,7 +16,8 @@
 extern "C" __attribute__((visibility("default"))) char* compute_digest_path(const char* path);
 
 // Removes the digest cache file of a data file that is about to change or has changed. Returns true
-// if it removed one. A failure other than ENOENT is only logged, with `path`.
+// if it removed one, else sets errno: ENOENT where there was none. Other failures are logged, with
+// `path`.
 bool remove_digest_file(const PinnedPath& file, const char* path);
 
 // A regular file found by the scan.

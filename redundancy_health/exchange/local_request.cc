@@ -95,7 +95,10 @@ int sync_and_rename(const PinnedPath& source, const PinnedPath& destination) {
 // the same size and second.
 int rename_onto(const RpcRequest& request, PinnedPath* source, PinnedPath* destination) {
   int error = pin_destination(request.destination, destination);
-  if (error == 0) remove_digest_file(*destination, request.destination);
+  // Old digests that stay would hide the change from the peer, and the answer would be a success.
+  if (error == 0 && !remove_digest_file(*destination, request.destination) && errno != ENOENT) {
+    return errno;
+  }
   if (error != 0 && error != ENOENT) return error;  // for a missing directory the rename fails
   if (have_error_injection(g_diag_params.fail_rename_path, request.destination)) return EDOM;
   stats.n_atomic_updates_from_self += 1;
