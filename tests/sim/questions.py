@@ -27,7 +27,7 @@ class Questions:
         self.may_hold: dict[tuple[int, str], set[bytes | None]] = {}
         self.in_one_copy = self.may_hold.copy()  # the same if the role moves: what had no success on
         #                                          both EMs may be lost then
-        self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # to change shared trees
+        self.holder: dict[int, int | None] = dict.fromkeys(EMS)  # of the lock, as each EM knows it
         self.has_rights: dict[int, bool] = {}  # the EM may change shared trees in its last exchange
         self.may_have_rights: set[int] = set()  # the role moved during a step of the exchange
         self.in_flight: list[Request] = []
