@@ -1,19 +1,25 @@
 #!/bin/bash
-# test_package.sh [--arm] PACKAGE...: boots a systemd of its own in namespaces over a copy-on-write
+# test_package.sh [--arm | --before DIRECTORY] PACKAGE...: boots a systemd of its own in namespaces over a copy-on-write
 # view of this machine, installs the packages there, runs the service on a Corosync, breaks and mends
 # things, and purges. Nothing of this machine changes. On a machine that forbids what this needs only
 # the files are checked. Needs root, lintian, corosync, man-db, pkgconf and a C compiler.
 # With --arm the machine is a Debian for armhf in build-arm/root, made once, all of it in an emulator;
 # needs debootstrap and qemu-user-static.
+# DIRECTORY contains the packages of the previous release, for the test of an upgrade. PROMTOOL is the path of
+# that program.
 # Prints "N passed, N failed" at the end; the status is 0 when nothing failed.
 # shellcheck disable=SC2016  # single quotes hold what a shell elsewhere is to expand
 set -uo pipefail
 export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
 root=/
+before=''
 if [ "${1:-}" = --arm ]; then
   shift
   root=$repo/build-arm/root
+elif [ "${1:-}" = --before ]; then
+  before=$2
+  shift 2
 fi
 mapfile -t debs < <(realpath -e "$@")
 [ ${#debs[@]} = $# ] || exit 2
@@ -146,7 +152,7 @@ boot() {
   chmod 1777 tmp
   mkdir root/packages
   cp "$work"/*.deb root/packages
-  cp -r "$work/programs" root/
+  cp -r "$work/programs" "$work/previous" root/
   cp "$work"/{corosync.conf,authkey} etc/corosync/
   printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' > etc/systemd/system/package-test.target
   rm -f usr/sbin/policy-rc.d  # which may forbid services on this machine
@@ -171,6 +177,8 @@ boot_machine() {
   { cat "$repo/packaging/corosync.conf"
     printf 'system {\n  sched_rr: no\n  move_to_root_cgroup: no\n}\n'; } > "$work/corosync.conf"
   cp "${debs[@]}" "$work"
+  mkdir "$work/previous"
+  [ -z "$before" ] || cp "$before"/*.deb "$work/previous"
   cp -r "$repo/packaging/programs" "$work"
   export -f boot emulate_arm
   export root work
@@ -236,6 +244,52 @@ break_and_mend_corosync() {
   wait_until 30 inside systemctl is-failed corosync && inside mv /root/corosync.conf /etc/corosync/
 }
 
+# The line of the manual that installs the packages.
+install_line=$(sed -n 's/^[0-9]. `\(apt-get install [^`]*\)`.*/\1/p' "$repo/docs/operations.md")
+
+# Upgrades the previous release while requests are running, which wait for a frozen EM. Each is answered or cut,
+# and its change is made or not made, on both EMs.
+upgrade_previous_release() {
+  inside env install="$install_line -y" bash -e -c '
+    trees=/mnt/part.persistent; file=$trees/replicated_by_active_em/file
+    dpkg -i /root/previous/*.deb
+    systemctl start corosync cluster_sync_daemon
+    cluster_sync_ctl role active
+    unshare -m bash -e -c "mount -t tmpfs run /run; mount -t tmpfs mnt $trees
+      mkdir -p $trees/replicated_by_{active,this,other}_em /run/replicated_by_active_em /run/em/events
+      echo 2 > /run/em/number; while :; do cluster_sync_daemon -x || sleep 1; done" > /dev/null 2>&1 & peer=$!
+    timeout 60 sh -c "until echo 0 | cluster_sync_ctl put - $file | grep \"remote_ok: *yes\"; do sleep 1; done"
+    mkdir /root/client
+    cp -L /usr/bin/cluster_sync_ctl /usr/lib/*/libcluster-sync.so.? /root/client
+    frozen=$(pgrep -P $peer)
+    kill -STOP $frozen
+    for ((n = 1; ; ++n)); do
+      status=0
+      LD_LIBRARY_PATH=/root/client /root/client/cluster_sync_ctl put - $file <<< $n || status=$?
+      echo "$n $status" >> /tmp/requests
+    done & requests=$!
+    daemon=$(cat /run/CLUS_SYNC.pid)
+    sleep 1
+    (cd /root/packages; $install)
+    [ "$(cat /run/CLUS_SYNC.pid)" != $daemon ]
+    cluster_sync_ctl status | grep "version $(dpkg-query -f \${Version} -W cluster-sync-daemon)"
+    kill $requests
+    wait $requests || true
+    kill -CONT $frozen  # which may end now, as after every hang
+    cat /tmp/requests
+    grep -q " 3$" /tmp/requests  # cut, and no other answer but a failure of the other EM
+    ! grep -v " [13]$" /tmp/requests
+    told=$(sed -n "s/ 1$//p" /tmp/requests | tail -n 1)
+    timeout 60 sh -c "until cluster_sync_ctl sync | grep \"synchronised with\"; do sleep 1; done"
+    [ "$(cat $file)" -ge "${told:-0}" ]
+    nsenter -t $peer -m cat $file | cmp - $file
+    ! ls $trees/*/TempUpdate_*
+    kill -KILL $peer $(pgrep -P $peer)
+    systemctl stop cluster_sync_daemon corosync
+    dpkg -P '"${packages[*]}"' $(cd /root/previous; ls | cut -d_ -f1)
+    rm -r $file /tmp/requests /root/client'
+}
+
 machine_state() {
   mount
   dpkg -l "${packages[@]}"
@@ -285,12 +339,13 @@ watch_for_changes() {
 test_machine() {
   list_machine > "$work/before"
   check_inside "it installs as the manual says, and waits for the operator" 'cd /root/packages
-    '"$(sed -n 's/^[0-9]. `\(apt-get install [^`]*\)`.*/\1/p' "$repo/docs/operations.md")"' -y
+    '"$install_line"' -y
     dpkg -i ./*.deb
     cd /mnt/part.persistent
     ls -d replicated_by_active_em replicated_by_this_em replicated_by_other_em /run/em/events
     ! systemctl is-enabled cluster_sync_daemon' || return
   check "the service starts, and Corosync with it" inside systemctl start cluster_sync_daemon
+  [ "$root" != / ] || check_inside "ocf-tester finds no error in the agent" 'ocf-tester -n role /usr/lib/ocf/resource.d/cluster_sync/role'
   check_inside "a second instance is refused" '! cluster_sync_daemon'
   check_inside "a file is published" 'cluster_sync_ctl role active
     cd /mnt/part.persistent
@@ -373,6 +428,9 @@ test_machine() {
     systemctl start cluster_sync_metrics
     grep -qx "cluster_sync_up 1" /var/lib/prometheus/node-exporter/cluster_sync.prom
     rm -r /var/lib/prometheus/node-exporter; rmdir /var/lib/prometheus || true; rm /tmp/status'
+  inside cluster_sync_ctl metrics > "$work/metrics"
+  check "promtool takes the metrics" "$PROMTOOL" check metrics < "$work/metrics"
+  check "  and the alert rules" "$PROMTOOL" check rules "$repo/packaging/examples/alerts.yml"
   check "Corosync stopped and started brings it back" restarts inside sh -c '
     systemctl stop corosync; ! systemctl is-active cluster_sync_daemon; systemctl start corosync'
   check_inside "  and without Corosync it waits" 'mv /etc/corosync/corosync.conf /root/
@@ -393,6 +451,7 @@ test_machine() {
     test -s /mnt/part.persistent/replicated_by_active_em/own -a ! -e /run/CLUS_SYNC.pid \
       -a -e /etc/default/cluster_sync_daemon -a ! -e /usr/sbin/cluster_sync_daemon'
   check_inside "it is purged" "systemctl stop corosync; dpkg -P ${packages[*]}"
+  [ -z "$before" ] || check "the previous release is upgraded while requests are running" upgrade_previous_release
   check "  and nothing but the data is left" output_is \
     "$(printf '/mnt/part.persistent%s\n' '' /replicated_by_active_em{,/own})" \
     comm -13 "$work/before" <(list_machine)
