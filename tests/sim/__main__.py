@@ -25,6 +25,7 @@ from shrink import shrink  # noqa: E402
 EVENTS = 250
 WORKERS = 2
 SHRINKING = 60  # seconds
+MENDED = ("storm", "role", "overtake")  # in which the release before gives wrong answers, or fails on
 
 
 def run(machines: dict[int, Machine], events: list, trace=None) -> str:
@@ -50,9 +51,15 @@ def show(machines: dict[int, Machine], events: list, what: str) -> str:
     return "\n".join(lines)
 
 
+def draw(machines: dict[int, Machine], seed: int, count: int) -> list:
+    """The events of a seed, with a daemon of the release before those that it handles."""
+    mixed = any(machine.build != BUILD for machine in machines.values())
+    return [event for event in simulation.draw(seed, count) if not (mixed and event.name in MENDED)]
+
+
 def examine(machines: dict[int, Machine], seed: int, count: int, first: bool = False) -> str:
     """A report on the run of a seed if it fails; empty if it passes."""
-    events = simulation.draw(seed, count)
+    events = draw(machines, seed, count)
     wrong = run(machines, events)
     if not wrong or first:
         return wrong and f"seed {seed}: {wrong}\n"
@@ -121,7 +128,7 @@ def repeat(options: argparse.Namespace) -> int:
     choose_builds(machines, options, options.seed)
     try:
         if options.trace:
-            print(show(machines, simulation.draw(options.seed, options.events), "trace"))
+            print(show(machines, draw(machines, options.seed, options.events), "trace"))
             return 0
         report = examine(machines, options.seed, options.events)
     finally:
