@@ -41,7 +41,9 @@ struct OpenSet {
 };
 
 struct Keeping {
-  Descriptor dir;
+  Descriptor dir;    // open during an exchange that keeps something: the partition can be unmounted
+  dev_t device = 0;  // of the directory whose sets are known
+  ino_t inode = 0;
   uint64_t limit = 0;                    // bytes
   uint64_t total = 0;                    // of the kept files
   std::map<uint32_t, std::string> sets;  // names by number, so oldest first
@@ -146,6 +148,8 @@ int open_own_directory(Descriptor* dir) {
 
 // Finds the sets of earlier exchanges and adds up their files.
 void find_sets() {
+  g_keeping.sets.clear();
+  g_keeping.total = 0;
   Descriptor fd(open_directory(g_keeping.dir.get(), "."));
   DIR* dir = fd.is_open() ? fdopendir(fd.get()) : nullptr;
   if (dir == nullptr) return;
@@ -169,7 +173,11 @@ void find_sets() {
 int open_directory_once() {
   if (g_keeping.dir.is_open()) return 0;
   const int error = open_own_directory(&g_keeping.dir);
-  if (error != 0) return error;
+  struct stat status;
+  if (error != 0 || fstat(g_keeping.dir.get(), &status) != 0) return error != 0 ? error : errno;
+  if (status.st_dev == g_keeping.device && status.st_ino == g_keeping.inode) return 0;
+  g_keeping.device = status.st_dev;
+  g_keeping.inode = status.st_ino;
   find_sets();
   LOG(6, "Keeping replaced files: %u of %u MiB are used",
       static_cast<unsigned>(g_keeping.total >> 20), static_cast<unsigned>(g_keeping.limit >> 20));
@@ -333,7 +341,7 @@ void take_back_kept(const char* path) {
 }
 
 bool drop_kept() {
-  if (g_keeping.sets.empty()) return false;
+  if (g_keeping.sets.empty() || open_directory_once() != 0) return false;
   drop(g_keeping.limit / kDroppedShare, UINT32_MAX);
   return true;
 }
@@ -344,6 +352,7 @@ void close_kept() {
         g_keeping.n_failed, strerror(g_keeping.first_error), g_keeping.first_failed.c_str());
   }
   g_keeping.first_number = g_keeping.next_number;
+  g_keeping.dir.reset();
   g_keeping.open_sets.clear();
   g_keeping.begun.clear();
   g_keeping.last.clear();
@@ -352,6 +361,7 @@ void close_kept() {
 
 void open_kept() {
   keeps(kActivePersistentRoot, kKeptDirectory);
+  g_keeping.dir.reset();
 }
 
 void forget_kept() {

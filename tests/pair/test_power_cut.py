@@ -32,7 +32,7 @@ MISSING = [path for path in ("/dev/fuse", "/dev/loop-control") if not os.path.ex
 
 @unittest.skipIf(MISSING, f"this machine has no {' and no '.join(MISSING)}")
 class PowerCutTest(PairTest):
-    options = {"log_level": 6}
+    options = {"log_level": 6, "environment": {"KEEP_REPLACED_MIB": "8"}}
 
     def setUp(self):
         super().setUp()
