@@ -95,8 +95,10 @@ int sync_and_rename(const PinnedPath& source, const PinnedPath& destination) {
 // the same size and second.
 int rename_onto(const RpcRequest& request, PinnedPath* source, PinnedPath* destination) {
   int error = pin_destination(request.destination, destination);
-  // Old digests that stay would hide the change from the peer, and the answer would be a success.
-  if (error == 0 && !remove_digest_file(*destination, request.destination) && errno != ENOENT) {
+  // Old digests that stay would hide the change from the peer, and the answer would be a success. A
+  // directory of that name holds none.
+  if (error == 0 && !remove_digest_file(*destination, request.destination) && errno != ENOENT &&
+      errno != EISDIR) {
     return errno;
   }
   if (error != 0 && error != ENOENT) return error;  // for a missing directory the rename fails

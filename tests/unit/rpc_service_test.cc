@@ -7,6 +7,7 @@
 #include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/transfer/exchange_notes.h"
 #include "redundancy_health/transport/exchange_outcome.h"
+#include "tests/unit/call_hook.h"
 #include "tests/unit/daemon_support.h"
 
 namespace {
@@ -104,8 +105,14 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
             "keptfffoutsidecopy");
   EXPECT_FALSE(exists(digest)) << "of the destination of a rename that failed";
   EXPECT_EQ(stats.n_atomic_updates_from_self, 2u) << "the renames that were tried";
+  g_before_call = [](const std::string& name) { return name == ".$SyncDigest$f" ? EIO : 0; };
+  EXPECT_EQ(serve(kept, own + "d/f").reason, update + "Input/output error): " + own + "d/f");
+  g_before_call = nullptr;
+  EXPECT_EQ(read_file(own + "d/f"), "f") << "old digests would vouch for the new file";
   set_active(true);
-  serve("", tree_path(3, "f"));
+  fs::create_directory(tree_path(3, ".$SyncDigest$f"));  // vouches for nothing
+  serve(make_file(3, "new", "new"), tree_path(3, "f"));
+  EXPECT_EQ(read_file(tree_path(3, "f")), "new");
   EXPECT_EQ(ctx->cur_exchange_em_is_active, 1);
   EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"});
 }
