@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/catalog/unsynced.h"
 #include "redundancy_health/transfer/replaced_files.h"
@@ -65,6 +66,7 @@ DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
 }
 
 DaemonTest::~DaemonTest() {
+  release_kept_directory();  // of a file system that a test had mounted
   free_file_list(&ctx->update_queue);
   empty_flight_recorder();
   debug_log_to_stdout(0);
