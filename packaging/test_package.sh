@@ -409,7 +409,8 @@ test_machine() {
       echo data | on_other_em cluster_sync_ctl put - /mnt/part.persistent/replicated_by_this_em/shadow &&
       inside grep -qx data /mnt/part.persistent/replicated_by_other_em/shadow &&
       wait_until 10 inside grep -x 10 /run/announced'
-    inside bash -c 'kill -KILL $(cat /run/other_em)  # unshare leaves every other signal to its child
+    inside bash -c 'nsenter -t "$(cat /run/other_em)" -n ip link set em2 netns 1  # or the link would end with it
+      kill -KILL "$(cat /run/other_em)"  # unshare ignores SIGTERM
       rm -r /run/other_em* /run/announced /etc/em /mnt/part.persistent/replicated_by_{this_em/f,other_em/shadow}'
   fi
   check "killed, Corosync and daemon come back, even after a failed start" \
