@@ -1,6 +1,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <semaphore>
 #include <sstream>
@@ -21,9 +22,11 @@ std::mutex g_mutex;
 std::string g_request, g_payload, g_report;
 uint32_t g_status;
 std::counting_semaphore<> g_turn{0};  // one for each request that may be answered
+std::atomic<int> g_answered;
 
 uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, CmdRsp* rsp) {
   g_turn.acquire();
+  ++g_answered;
   const std::lock_guard lock(g_mutex);
   g_request = std::to_string(type) + std::string(reinterpret_cast<const char*>(message), size);
   const std::string source = g_request.substr(1, g_request.find('\0') - 1);
@@ -396,8 +399,11 @@ TEST_F(CtlTest, TheLibraryTellsTheTruthWhenTheTimeIsUp) {
   };
   g_status = 0;
   g_payload = std::string(100, 'x');  // renamed, but not answered in time
+  const int answered = g_answered;
   EXPECT_EQ(put(), ETIMEDOUT);
   g_turn.release();
+  while (g_answered == answered)
+    usleep(1000);  // else the next request might be answered instead
   cluster_sync_connection* connection = nullptr;
   ASSERT_EQ(cluster_sync_open(nullptr, 1000, &connection), 0);
   EXPECT_EQ(cluster_sync_receive(connection, 0, nullptr, nullptr), ENOMSG);
