@@ -1,14 +1,16 @@
 #!/bin/bash
-# test_package.sh [--arm | --before DIRECTORY] PACKAGE...: boots a systemd of its own in namespaces over a copy-on-write
-# view of this machine, installs the packages there, runs the service on a Corosync, breaks and mends
-# things, and purges. Nothing of this machine changes. On a machine that forbids what this needs only
-# the files are checked. Needs root, lintian, corosync, man-db, pkgconf and a C compiler.
-# With --arm the machine is a Debian for armhf in build-arm/root, made once, all of it in an emulator;
-# needs debootstrap and qemu-user-static.
-# DIRECTORY contains the packages of the previous release, for the test of an upgrade. PROMTOOL is the path of
-# that program.
-# Prints "N passed, N failed" at the end; the status is 0 when nothing failed.
-# shellcheck disable=SC2016  # single quotes hold what a shell elsewhere is to expand
+# test_package.sh [--arm | --before DIRECTORY] PACKAGE...
+#
+# Boots a second systemd in namespaces, over a copy-on-write view of this machine. Installs the packages there,
+# runs the service on a Corosync, breaks and repairs things, and purges the packages. This machine does not
+# change. If it does not allow such namespaces, only the packages' files are checked. Needs root, lintian,
+# corosync, man-db, pkgconf and a C compiler.
+#   --arm               use a Debian for armhf in an emulator, created once in build-arm/root; needs
+#                       debootstrap and qemu-user-static
+#   --before DIRECTORY  also test an upgrade from the previous release, whose packages are there
+# The variable PROMTOOL has the path of promtool. The last line is "N passed, N failed"; the exit status is 0 if
+# nothing failed.
+# shellcheck disable=SC2016  # a shell elsewhere expands what is in single quotes
 set -uo pipefail
 export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
 repo=$(dirname "$(dirname "$(readlink -f "$0")")")
@@ -29,7 +31,7 @@ cgroup=$(findmnt -n -t cgroup2 -o TARGET | head -n 1)/package-test.$$
 launcher='' init='' passed=0 failed=0
 
 clean_up() {
-  # The end of the launcher ends the first process of its namespaces, and so everything in them.
+  # When the launcher ends, the kernel ends all processes in its namespaces.
   if [ -n "$launcher" ]; then
     kill -KILL "$launcher"
     wait "$launcher" 2> /dev/null
@@ -41,7 +43,7 @@ clean_up() {
   rm -rf "$work"
 }
 
-# check TEXT COMMAND...: counts, and shows what a failing command printed.
+# check TEXT COMMAND...: runs and counts a check. Shows the output of a command that fails.
 check() {
   local text=$1
   shift
@@ -72,8 +74,7 @@ output_is() {
   diff <(printf '%s' "${expected:+$expected$'\n'}") <("$@" 2>&1)
 }
 
-# The packages as files: what they install outside /usr/share, and a star where it is a program.
-
+# Lists the files that the packages install outside /usr/share, with a star after each program.
 list_content() {
   for deb in "${debs[@]}"; do dpkg-deb -c "$deb"; done | awk '
     BEGIN { mark["-rw-r--r--"] = ""; mark["-rwxr-xr-x"] = "*" }
@@ -101,7 +102,7 @@ ${library%/*}/pkgconfig/cluster-sync.pc
 /usr/libexec/cluster_sync_role*
 /usr/sbin/cluster_sync_daemon*"
 
-# Whether this machine allows what a systemd in namespaces needs.
+# Whether a systemd can run in namespaces on this machine.
 namespaces_work() {
   mkdir "$work/probe" "$cgroup" && [ -e "$cgroup/cgroup.procs" ] &&
     sh -c 'echo $$ > "$0/cgroup.procs"' "$cgroup" &&
@@ -113,8 +114,8 @@ namespaces_work() {
       mount -n -t overlay -o "lowerdir=/,upperdir=$0/u,workdir=$0/w" o "$0"' "$work/probe"
 }
 
-# As long as this is mounted on DIRECTORY, the kernel gives programs for 32-bit ARM, machine 40 in
-# their header, to the emulator.
+# emulate_arm DIRECTORY: mounts binfmt_misc there. While it is mounted, the kernel runs programs for 32-bit ARM
+# (machine 40 in their ELF header) in the emulator.
 emulate_arm() {
   mount -n -t binfmt_misc binfmt "$1" &&
     { [ -e "$1/package-test" ] ||
@@ -134,20 +135,20 @@ make_arm_root() {
     mv "$root.new" "$root"
 }
 
-# Becomes the first process of the namespaces: a systemd over this machine's files.
+# Runs as the first process of the namespaces, prepares their mounts, and becomes systemd.
 boot() {
   local top=$work/top
   mount -n -t tmpfs top "$top" && mkdir "$top"/{upper,work,root} &&
     mount -n -t overlay -o "lowerdir=$root,upperdir=$top/upper,workdir=$top/work" root "$top/root" &&
     cd "$top/root" || exit 1
   mount -n -t proc proc proc
-  [ "$root" = / ] || emulate_arm srv  # systemd has its own ways with the usual place
+  [ "$root" = / ] || emulate_arm srv  # systemd manages the usual place itself
   mount -n -t sysfs sys sys
   mount -n -t cgroup2 cgroup2 sys/fs/cgroup
   mount -n --rbind /dev dev
   mount -n -t tmpfs shm dev/shm
-  mount -n --bind "$top" media  # for a look at what the overlay took
-  # Corosync's, too: a 32-bit readdir in the emulator fails on an overlay.
+  mount -n --bind "$top" media  # shows what was written to the overlay
+  # etc/corosync, too, because a 32-bit readdir in the emulator fails on an overlay.
   for dir in run tmp mnt etc/corosync; do mount -n -t tmpfs -o mode=755 $dir $dir; done
   chmod 1777 tmp
   mkdir root/packages
@@ -155,7 +156,7 @@ boot() {
   cp -r "$work/programs" "$work/previous" root/
   cp "$work"/{corosync.conf,authkey} etc/corosync/
   printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' > etc/systemd/system/package-test.target
-  rm -f usr/sbin/policy-rc.d  # which may forbid services on this machine
+  rm -f usr/sbin/policy-rc.d  # it may prevent services from starting
   ip link set lo up
   ip link add em1 type veth peer name em2
   ip addr add 169.254.77.1/24 dev em1
@@ -172,7 +173,7 @@ check_inside() { check "$1" inside sh -e -c "$2"; }
 
 boot_machine() {
   mkdir "$work/top"
-  # The shipped template, with the addresses of a link of its own.
+  # The shipped template, which has the addresses of the link.
   head -c 256 /dev/urandom > "$work/authkey"
   { cat "$repo/packaging/corosync.conf"
     printf 'system {\n  sched_rr: no\n  move_to_root_cgroup: no\n}\n'; } > "$work/corosync.conf"
@@ -191,7 +192,7 @@ boot_machine() {
     wait_until 60 eval '[[ $(inside systemctl is-system-running) =~ running|degraded ]]'
 }
 
-# Runs EM 2 until it is killed, at the other end of the link.
+# Runs EM 2 at the other end of the link until it is killed.
 other_em() {
   for dir in /run /dev/shm /mnt /var/lib/corosync; do mount -n -t tmpfs $dir $dir; done
   mkdir -p /run/em /run/replicated_by_active_em \
@@ -217,8 +218,8 @@ with_other_em() {
   wait_until 60 inside sh -c 'cluster_sync_ctl sync | grep -q "synchronised with"' || { inside cat /run/other_em.log; return 1; }
 }
 
-# Everything that an installation could leave, without what the machine itself writes: what its overlay
-# took, but for the directories that were there before, and what is in memory.
+# Lists what an installation may have left: the files that are new in the overlay or in memory, without those that
+# the machine itself writes, and without directories that were there before.
 list_machine() {
   inside find /media/upper /mnt /run /tmp -xdev \( -path '*/var/log' -o -path '*/var/lib/dpkg' -o -path '*/var/lib/apt' \
     -o -path '*/var/lib/PackageKit' -o -path '*/var/lib/systemd' \
@@ -247,8 +248,8 @@ break_and_mend_corosync() {
 # The line of the manual that installs the packages.
 install_line=$(sed -n 's/^[0-9]. `\(apt-get install [^`]*\)`.*/\1/p' "$repo/docs/operations.md")
 
-# Upgrades the previous release while requests are running, which wait for a frozen EM. Each is answered or cut,
-# and its change is made or not made, on both EMs.
+# Upgrades the previous release while requests wait for an EM that is frozen. Each request gets an answer or loses
+# its connection. Afterwards both EMs have its change, or neither has.
 upgrade_previous_release() {
   inside env install="$install_line -y" bash -e -c '
     trees=/mnt/part.persistent; file=$trees/replicated_by_active_em/file
@@ -275,9 +276,9 @@ upgrade_previous_release() {
     cluster_sync_ctl status | grep "version $(dpkg-query -f \${Version} -W cluster-sync-daemon)"
     kill $requests
     wait $requests || true
-    kill -CONT $frozen  # which may end now, as after every hang
+    kill -CONT $frozen  # its daemon may exit now, as after every hang
     cat /tmp/requests
-    grep -q " 3$" /tmp/requests  # cut, and no other answer but a failure of the other EM
+    grep -q " 3$" /tmp/requests  # one was cut; the only other answer is a failure of the other EM
     ! grep -v " [13]$" /tmp/requests
     told=$(sed -n "s/ 1$//p" /tmp/requests | tail -n 1)
     timeout 60 sh -c "until cluster_sync_ctl sync | grep \"synchronised with\"; do sleep 1; done"
@@ -296,8 +297,8 @@ machine_state() {
   ls -d {/usr/sbin,/etc/default}/cluster_sync_daemon /mnt/part.persistent /run/CLUS_SYNC.pid
 } 2>&1
 
-# The examples for whoever uses a replicated file. A reload notes what it has seen; change number N of the
-# file is seen when that is N or more.
+# Tests the examples for programs that use a replicated file. A reload records the number in the file. Change N
+# was seen if a number recorded is N or more.
 watch_for_changes() {
   inside env changes="$([ "$root" = / ] && echo 1000 || echo 100)" bash -e -c '
     cd /usr/share/doc/cluster-sync-daemon/examples
@@ -331,7 +332,7 @@ watch_for_changes() {
       timeout 20 sh -c "until [ \$(journalctl -q -u sync-on-change | grep -c exchanged) -ge $n ]; do sleep 0.1; done"
     done
     systemctl stop watch {reload,sync}-on-change.path
-    sleep 3  # after each change the services look once more
+    sleep 3  # the services check once more after each change
     rm /usr/local/sbin/* /etc/systemd/system/*-on-change.* /run/seen.* /run/*-on-change.service.seen
     rm $shared/app.conf $own/app.db'
 }
@@ -383,7 +384,7 @@ test_machine() {
     grep "poisoned .*cluster_sync_connect" /root/errors
     rm /root/errors'
   check "a reload follows every change of a replicated file" watch_for_changes
-  # With the file system as the running service sees it.
+  # In the mount namespace of the running service.
   check "nothing but trees, /run and /tmp can be written" \
     nsenter -t "$(pgrep --ns "$init" --nslist pid -x cluster_sync_da)" -m -r -w -- sh -e -c '
       for path in /etc/x /usr/bin/x /var/lib/x /home/x /root/x /run/systemd/x; do ! touch $path || exit 1; done
@@ -409,7 +410,7 @@ test_machine() {
       echo data | on_other_em cluster_sync_ctl put - /mnt/part.persistent/replicated_by_this_em/shadow &&
       inside grep -qx data /mnt/part.persistent/replicated_by_other_em/shadow &&
       wait_until 10 inside grep -x 10 /run/announced'
-    inside bash -c 'nsenter -t "$(cat /run/other_em)" -n ip link set em2 netns 1  # or the link would end with it
+    inside bash -c 'nsenter -t "$(cat /run/other_em)" -n ip link set em2 netns 1  # or it ends with the namespace
       kill -KILL "$(cat /run/other_em)"  # unshare ignores SIGTERM
       rm -r /run/other_em* /run/announced /etc/em /mnt/part.persistent/replicated_by_{this_em/f,other_em/shadow}'
   fi
