@@ -37,9 +37,22 @@ void add_counters(std::string* text, const StateRecord& record) {
                "See the statistics in cluster_sync_ctl(1).", std::to_string(value));
 }
 
+// A label. The format knows no other escapes than those for a quote and a backslash.
+std::string label(const char* name, const char* value) {
+  return name + ("=" + json_string(printable(value)));
+}
+
+// What has failed, in words. There is no such metric while all is well.
+void add_failure(std::string* text, const StateRecord& record) {
+  if (!last_exchange_failed(record)) return;
+  add_metric(
+      text, "failure_info", "gauge", "Why the last exchange failed.", "1",
+      "{" + label("reason", record.last_error) + "," + label("cause", record.last_cause) + "}");
+}
+
 void add_record(std::string* text, const StateRecord& record) {
   add_metric(text, "info", "gauge", "The version of the daemon.", "1",
-             "{version=" + json_string(record.version) + "}");
+             "{" + label("version", record.version) + "}");
   add_gauge(text, "uptime_seconds", "Uptime of the daemon.", record.uptime);
   add_gauge(text, "joined", "Whether the daemon is in the group.", record.joined);
   add_gauge(text, "peer_present", "Whether the other EM is in the group.", record.peer_present);
@@ -47,6 +60,7 @@ void add_record(std::string* text, const StateRecord& record) {
   add_gauge(text, "both_active", "Whether the last exchange showed two active EMs.",
             record.both_active);
   add_gauge(text, "failing", "Whether the last exchange failed.", last_exchange_failed(record));
+  add_failure(text, record);
   add_gauge(text, "consecutive_errors", "Failed exchanges in a row, counted on the active EM.",
             record.consecutive_errors);
   add_gauge(text, "fault", "Whether the data replication fault is reported.", record.fault);
