@@ -1,5 +1,6 @@
 #include "redundancy_health/frame/daemon_main.h"
 
+#include <malloc.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -28,6 +29,8 @@ constexpr int kLookSeconds = 10;  // between two checks of the heartbeat
 
 int daemon_main(int, char**) {
   install_out_of_memory_check();
+  // One heap for all threads. A thread's own heap grows by a page and a system call at a time.
+  mallopt(M_ARENA_MAX, 1);
   LOG(6, "Starting cluster_sync_daemon");
   LOG(6, "Version %s", kVersion);
   check_em_number();
