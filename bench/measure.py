@@ -244,9 +244,12 @@ def exchange(request: int, listing: int, updates: list[str], lock_work: str = ""
 def floor(pair: EmPair, bench: Bench, script: list[str], kind: str, rounds: int = 1) -> list[float]:
     """Seconds of each round of the script's messages, with or without work."""
     program = str(bench.build / "cpg_floor")
-    # Corosync's library prints a line while it waits.
-    answering = pair.popen(2, [program, "answer"], stdout=subprocess.DEVNULL)
-    asked = pair.run(1, [program, "ask", str(rounds), *(["--work"] if kind == WORK else [])],
-                     input="\n".join(script), timeout=600, check=True)
-    answering.wait(timeout=20)
+    # Corosync's library prints a line while it waits, so this output is of use only after a failure.
+    with tempfile.TemporaryFile("w+") as output:
+        answering = pair.popen(2, [program, "answer"], stdout=output, stderr=output)
+        asked = pair.run(1, [program, "ask", str(rounds), *(["--work"] if kind == WORK else [])],
+                         input="\n".join(script), timeout=600, check=True)
+        if answering.wait(timeout=20) != 0:
+            output.seek(0)
+            raise RuntimeError(f"the floor's answering side failed: {output.read()[-2000:]}")
     return [float(line) for line in asked.stdout.splitlines() if line[:1].isdigit()]

@@ -272,7 +272,7 @@ def measure_renames(bench: Bench, on_disk: bool, floors: tuple[str, ...], count:
 
 def calls(bench: Bench) -> list[Row]:
     """System calls, which do not vary with noise."""
-    files = bench.runs(1000, 100)
+    files = bench.runs(5000, 1000)
     with bench.pair() as pair, Caller(pair, 1, None) as caller:
         ask(caller)
         make_small(pair.path(1, ACTIVE) / "small", files)
