@@ -15,9 +15,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CSD_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${CSD_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig)
 
-# The C library is the compiler's own, so --sysroot is not used.
+# The C library is the compiler's own, so --sysroot is not used. The tests run what the packages contain, whose
+# build flags make the C library check some calls.
 set(CMAKE_CXX_FLAGS_INIT
-  "-isystem ${CSD_SYSROOT}/usr/include -isystem ${CSD_SYSROOT}/usr/include/arm-linux-gnueabihf")
+  "-D_FORTIFY_SOURCE=2 -isystem ${CSD_SYSROOT}/usr/include -isystem ${CSD_SYSROOT}/usr/include/arm-linux-gnueabihf")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
   "-Wl,-rpath-link,${CSD_SYSROOT}/usr/lib/arm-linux-gnueabihf:${CSD_SYSROOT}/lib/arm-linux-gnueabihf")
 set(CMAKE_SKIP_RPATH ON)  # QEMU finds the libraries at their paths on the target

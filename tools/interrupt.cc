@@ -1,8 +1,8 @@
 #include "tools/interrupt.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <signal.h>
+#include <sys/select.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -61,8 +61,11 @@ int wait_readable(int fd, int64_t* left_ms) {
   const int64_t start = now_ms();
   const timespec limit = {static_cast<time_t>(*left_ms / 1000),
                           static_cast<long>(*left_ms % 1000 * 1000000)};
-  pollfd readable = {fd, POLLIN, 0};
-  const int ready = ppoll(&readable, 1, &limit, &g_mask_before);
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(fd, &readable);
+  // Not ppoll(2): on 32-bit machines, glibc 2.36 with _FORTIFY_SOURCE misreads its 64-bit time.
+  const int ready = pselect(fd + 1, &readable, nullptr, nullptr, &limit, &g_mask_before);
   if (g_signal != 0) return EINTR;
   *left_ms -= now_ms() - start;
   if (*left_ms < 0) *left_ms = 0;
