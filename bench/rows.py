@@ -125,7 +125,7 @@ def first_sync(bench: Bench) -> list[Row]:
 
 def first_sync_on_disk(bench: Bench) -> list[Row]:
     name = "first sync, on disk, durable"
-    seconds, cpu = measure_first_sync(bench, True, (WORK,), bench.runs(3))
+    seconds, cpu = measure_first_sync(bench, True, (WORK,), bench.runs(2))
     with bench.pair() as pair:
         put_on_disk(pair, 512)
         make_mixed(pair, bench)
@@ -359,7 +359,7 @@ def scale(bench: Bench) -> list[Row]:
         with bench.pair() as pair:
             base = memory(pair, 1, "VmHWM")
             timed = fill(pair, count)
-            seconds[count] = [timed.ask() for _ in range(bench.runs(5))]
+            seconds[count] = [timed.ask() for _ in range(bench.runs(3))]
             peak = memory(pair, 1, "VmHWM")
             used[count] = (peak - base) / (2 * count)
             pid = pair.process(1, "daemon").pid
