@@ -451,7 +451,7 @@ test_machine() {
   check "  and keeps the configuration" \
     inside grep -qx BREL_LOG_LEVEL=7 /etc/default/cluster_sync_daemon
   check_inside "the service stops in order" 'systemctl stop cluster_sync_daemon
-    journalctl -q -n 3 -u cluster_sync_daemon | grep "Exiting cluster_sync_daemon$"
+    journalctl -q -n 5 -u cluster_sync_daemon | grep "Exiting cluster_sync_daemon$"
     ! systemctl is-failed cluster_sync_daemon'
   check_inside "it is removed, without data and configuration" 'systemctl start cluster_sync_daemon
     touch "/mnt/part.persistent/replicated_by_active_em/.\$SyncDigest\$own"
