@@ -161,7 +161,7 @@ void storage_discard(StorageHandle* handle) {
 
 int storage_sync_content(int dir_fd, const char* name) {
   struct stat status;
-  if (fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+  if (fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -1;
   if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) return 0;
   const int fd = openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   return sync_and_close(fd, S_ISDIR(status.st_mode) ? syncfs : fsync);
