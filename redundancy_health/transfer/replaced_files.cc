@@ -52,7 +52,7 @@ struct Keeping {
   // Of the running exchange.
   uint32_t first_number = 1;  // of its sets
   std::map<std::pair<uint32_t, KeptKind>, OpenSet> open_sets;
-  std::set<std::string> begun;  // paths of files to which chunks were written
+  std::set<std::string> begun;  // paths of files that were kept or are written in place
   std::string last;             // the file kept last, or empty
   uint64_t last_charge = 0;
   uint32_t n_failed = 0;
@@ -319,7 +319,10 @@ int unlink_keeping(uint32_t root_index, const char* path, int dir_fd, const char
 }
 
 void keep_replaced(uint32_t root_index, const char* path, const PinnedPath& file) {
-  if (keeps(root_index, path)) keep_link(root_index, path, file.dir_fd(), file.name, kReplaced);
+  // After a failed sync the change is repeated: by then the new file is there.
+  if (!keeps(root_index, path) || g_keeping.begun.contains(path)) return;
+  keep_link(root_index, path, file.dir_fd(), file.name, kReplaced);
+  if (!g_keeping.last.empty()) g_keeping.begun.insert(path);
 }
 
 void keep_before_chunk(uint32_t root_index, const char* path, const PinnedPath& file, int fd,

@@ -19,7 +19,7 @@
 // Removes the file `name` in `dir_fd` and keeps it. Returns 0 or the error number of unlinkat(2).
 int unlink_keeping(uint32_t root_index, const char* path, int dir_fd, const char* name);
 
-// Keeps a file that is about to be replaced by a rename.
+// Keeps a file that is about to be replaced by a rename, if it is the first time in the exchange.
 void keep_replaced(uint32_t root_index, const char* path, const PinnedPath& file);
 
 // Keeps a file before the first chunk of an exchange is written to it. Later calls for the same
