@@ -2,6 +2,7 @@
 service, clock and waits of group.c."""
 
 import os
+import shutil
 import socket
 import struct
 import subprocess
@@ -14,6 +15,7 @@ from trees import UNREPLICATED
 
 BUILD = Path(os.environ.get("EM_PAIR_BUILD", REPO / "build"))
 ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
+KEPT = "/mnt/part.persistent/replaced"  # files that exchanges have replaced
 ORDER, REPORT = struct.Struct("<q6I"), struct.Struct("<4ciq")
 PASS, HOLD, TICK = 1, 2, 4
 PATIENCE = 120  # real seconds to wait for a report
@@ -37,6 +39,7 @@ class Machine:
         self.starts = 0
         self.process: subprocess.Popen | None = None
         self.log: str | None = None
+        self.environment: dict[str, str] = {}  # settings of the daemon
         self._buffer = bytearray(1 << 20)
 
     def close(self) -> None:
@@ -49,11 +52,12 @@ class Machine:
         return self.root + inside.removeprefix("/var" if inside.startswith("/var/run") else "")
 
     def reset(self) -> None:
-        """No daemon, empty trees, standby, empty log."""
+        """No daemon, empty trees, standby, no settings, empty log."""
         self.kill()
-        self.starts = 0
+        self.starts, self.environment = 0, {}
         for root in ROOTS:
             self.empty(self.path(root))
+        shutil.rmtree(self.path(KEPT), ignore_errors=True)
         self.empty(self.path("/var/run/em"))
         Path(self.path("/var/run/em/number")).write_text(f"{self.number}\n")
         if self.log:
@@ -125,6 +129,7 @@ class Machine:
             "SIM_NAMESPACE": f"/proc/{self._holder.pid}/ns/mnt",
             "SIM_FD": str(theirs.fileno()), "SIM_PID": str(self.pid), "SIM_NODE": str(self.number),
             "BREL_LOG_LEVEL": str(self.log_level), "CLEANUP_INITIAL_DELAY": str(1 << 19)}
+        environment |= self.environment
         with theirs, open(self.log or os.devnull, "ab") as log:
             self.process = subprocess.Popen(
                 [str(self.build / "cluster_sync_daemon"), "-x", str(COMMAND_SOCKET)],

@@ -16,6 +16,7 @@ STEP = 200_000  # ns per step
 FORGIVEN = 20 * SECOND  # a longer stall may make a daemon end by its long timeout
 MEMORY = 120 * SECOND  # for this long afterwards
 COMMANDS = ("LOCK_REQ", "LOCK_REL", "LISTING_REQ", "LISTING_ACK", "UPDATE_REQ", "UPDATE_ACK")
+UPDATE, DIAGNOSTIC, COMPARE = 0, 1, 3  # requests of callers
 LOCK_REQ, LOCK_REL, LISTING_REQ, LISTING_ACK, UPDATE_REQ, UPDATE_ACK = range(6)
 
 
@@ -34,12 +35,13 @@ class Answer:
     local_ok: bool
     peer_present: bool
     reason: str
+    report: bytes = b""  # of a comparison
 
     @staticmethod
-    def parse(packet: bytes) -> "Answer":
+    def parse(packet: bytes, report: bytes = b"") -> "Answer":
         success, local_ok, *_, present, reason = struct.unpack("<I5B3xI116s", packet)[1:]
         return Answer(bool(success), bool(local_ok), present == ord("Y"),
-                      reason.split(b"\0")[0].decode(errors="replace"))
+                      reason.split(b"\0")[0].decode(errors="replace"), report)
 
 
 @dataclass(eq=False)
@@ -221,7 +223,8 @@ class SimulatedPair:
 
     # Callers.
 
-    def ask(self, n: int, source: str, destination: str, effects: dict[str, bytes | None]) -> None:
+    def ask(self, n: int, source: str, destination: str, effects: dict[str, bytes | None],
+            kind: int = UPDATE) -> None:
         connection = self.connections[n].pop() if self.connections[n] else self.connect(n)
         if connection is None:
             return
@@ -229,8 +232,16 @@ class SimulatedPair:
         self.trace(f"    {request}")
         self.callers[n][request] = connection
         self.questions.on_asked(request)
-        connection.send(struct.pack("<I", 0) + f"{source}\0{destination}\0".encode())
+        connection.send(struct.pack("<I", kind) + f"{source}\0{destination}\0".encode())
         self.go_on(n)
+
+    def diagnose(self, n: int, command: str) -> None:
+        """Runs a diagnostic command."""
+        connection = self.connect(n)
+        if connection:
+            connection.send(struct.pack("<I", DIAGNOSTIC) + f"{command}\0".encode())
+            self.go_on(n)
+            connection.close()
 
     def connect(self, n: int) -> socket.socket | None:
         connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
@@ -252,14 +263,16 @@ class SimulatedPair:
     def _take_answers(self, n: int) -> None:
         for request, connection in list(self.callers[n].items()):
             try:
-                packet = connection.recv(1000)
-            except BlockingIOError:
+                packet, descriptors, *_ = socket.recv_fds(connection, 1000, 1)
+            except (BlockingIOError, ConnectionResetError):
                 continue
-            except ConnectionResetError:
-                packet = b""
             if not packet:
                 continue
-            answer = Answer.parse(packet)
+            report = b""
+            for descriptor in descriptors:
+                with open(descriptor, "rb") as file:
+                    report = file.read()
+            answer = Answer.parse(packet, report)
             self.trace(f"    answer to {request}: {answer}")
             self.connections[n].append(self.callers[n].pop(request))
             self.answers.append(answer)

@@ -6,7 +6,6 @@ checks that no temporary file, descriptor or unknown error text is left.
 """
 
 import argparse
-import multiprocessing
 import os
 import random
 import re
@@ -15,32 +14,36 @@ import subprocess
 import sys
 import tempfile
 import time
-import traceback
 from collections import Counter
+from collections.abc import Iterator
+from contextlib import suppress
 from pathlib import Path
 from typing import NamedTuple
 
 HERE = Path(__file__).resolve()
 sys.path[:0] = [str(HERE.parents[2] / "testbed"), str(HERE.parents[1] / "sim")]
 
-from em_pair import EMS, REPO  # noqa: E402
-from scenarios import SCENARIOS, Scenario  # noqa: E402
-from simulated.machine import ROOTS, Hang, Machine  # noqa: E402
-from simulated.pair import SECOND, Wrong  # noqa: E402
+import workers  # noqa: E402
+from em_pair import EMS, PEERS, REPO  # noqa: E402
+from scenarios import GUARD, SCENARIOS, Scenario  # noqa: E402
+from simulated.machine import KEPT, ROOTS, Hang, Machine  # noqa: E402
+from simulated.pair import COMPARE, SECOND, UPDATE, Answer, Wrong  # noqa: E402
 from simulation import Simulation  # noqa: E402
 
-EVERYWHERE = ("EIO", "ENOMEM")
-CHANGES = ("EIO", "ENOSPC", "EROFS", "EDQUOT", "ENOMEM")
+READS = ("EIO", "ENOMEM")
+SYNCS = ("EIO", "ENOSPC", "EROFS", "EDQUOT")
+CHANGES = (*SYNCS, "ENOMEM")
 ERRORS = {
-    "openat": (*CHANGES, "EMFILE"), "openat2": (*CHANGES, "EMFILE"), "read": ("EIO",),
-    "pread64": ("EIO",), "write": ("EIO", "ENOSPC", "EDQUOT"), "fsync": ("EIO", "ENOSPC", "EDQUOT"),
-    "fdatasync": ("EIO", "ENOSPC", "EDQUOT"), "syncfs": ("EIO",), "ftruncate": ("EIO", "EROFS"),
-    "rename": CHANGES, "renameat": CHANGES, "unlink": ("EIO", "EROFS"), "unlinkat": ("EIO", "EROFS"),
-    "mkdir": CHANGES, "mkdirat": CHANGES, "fchmod": ("EIO", "EROFS"), "getdents64": EVERYWHERE,
-    "newfstatat": EVERYWHERE, "lstat": EVERYWHERE, "stat": EVERYWHERE, "fstat": EVERYWHERE,
-    "close": ("EIO",)}
-TREES = re.compile("|".join(["replicated_by_", "/mnt/part.persistent"]))
-WORKERS = 2
+    "openat": (*CHANGES, "EMFILE"), "openat2": (*CHANGES, "EMFILE"), "fcntl": ("EMFILE",),
+    "close": ("EIO", "ENOSPC", "EDQUOT"),
+    **dict.fromkeys("read pread64 getdents64 newfstatat faccessat2 readlink statx".split(), READS),
+    **dict.fromkeys("fsync fdatasync syncfs".split(), SYNCS),
+    **dict.fromkeys("write ftruncate renameat linkat unlinkat mkdir mkdirat fchmod ioctl".split(), CHANGES)}
+FILES = re.compile("replicated_by_|/mnt/part.persistent|/tmp|F_DUPFD")
+WRITES = "fsync,fdatasync,syncfs,renameat"
+NEW_FILE = r"(fsync|fdatasync|syncfs|renameat\(.*TempUpdate_).*= 0$"
+NO_FAILURE = re.compile("F_GETFL|F_GETFD|F_SETFD|F_SETFL")
+OTHER_USER = 1000
 WAIT = 30 * SECOND  # for the answer, on the simulated clock
 
 
@@ -50,6 +53,7 @@ class Point(NamedTuple):
     call: str
     number: int
     error: str  # "KILL" to kill the daemon
+    keeps: bool  # a call on a kept file, whose failure must not fail the request
 
     def __str__(self) -> str:
         return f"{self.scenario.name}: {self.call} {self.number} of EM {self.em}: {self.error}"
@@ -91,27 +95,39 @@ class Round:
     def __init__(self, machines: dict[int, Machine], scenario: Scenario):
         self.pair, self.scenario = Simulation(machines), scenario
         for path, content in scenario.before.items():
-            self._write(scenario.em, path, content)
+            self._write(2 if scenario.changed else scenario.em, path, content, second=1)
         for n in EMS:
+            machines[n].environment = scenario.settings
             self.pair.start(n)
         self.pair.flow(5000, self.pair.now + 10 * SECOND)
-        for n in EMS:
-            for root in ROOTS if scenario.digests else ():
-                for file in Path(machines[n].path(root)).glob(".$SyncDigest$*"):
-                    self._change_digests(file)
-        for path, content in scenario.changed.items():
-            self._write(2, path, content)
+        for file in self._files(".$SyncDigest$*", ROOTS if scenario.digests else ()):
+            self._change_digests(file)
+        if scenario.foreign:
+            os.chown(machines[3 - scenario.em].path(scenario.foreign), OTHER_USER, -1)
+        for path, changed in scenario.changed.items():
+            self._write(2, path, changed, second=2)
         self.open_files = self._open_files()
+
+    def _files(self, pattern: str, folders) -> list[Path]:
+        return [path for machine in self.pair.machines.values() for folder in folders
+                for path in Path(machine.path(folder)).rglob(pattern)]
 
     def _change_digests(self, file: Path) -> None:
         assert self.scenario.digests
         text = self.scenario.digests(file.read_text())
         file.write_text(text) if text else file.unlink()
 
-    def _write(self, n: int, path: str, content: bytes) -> None:
+    def _write(self, n: int, path: str, content: bytes | None, second: int) -> None:
+        """Writes a file, or removes it with its directory if that is empty then."""
         file = Path(self.pair.machines[n].path(path))
-        file.parent.mkdir(parents=True, exist_ok=True)
-        file.write_bytes(content)
+        if content is None:
+            file.unlink()
+            with suppress(OSError):
+                file.parent.rmdir()
+        else:
+            file.parent.mkdir(parents=True, exist_ok=True)
+            file.write_bytes(content)
+            os.utime(file, (second, second))
         self.pair.questions.put(n, path, content)
 
     def _open_files(self) -> dict[int, int]:
@@ -129,49 +145,70 @@ class Round:
             file = Path(pair.machines[scenario.em].path(source))
             file.parent.mkdir(parents=True, exist_ok=True)
             file.write_bytes(scenario.content)
+            file.chmod(scenario.mode)
         elif source:
             effects = {source: None, destination: scenario.before[source]}
-        pair.ask(scenario.em, source, destination, effects)
+        pair.ask(scenario.em, source, destination, effects, COMPARE if scenario.compared else UPDATE)
         limit = pair.now + WAIT
         while pair.callers[scenario.em] and pair.now < limit:
             pair.flow(50, pair.now + SECOND)
 
-    def check(self, call: str, error: str) -> None:
-        """The checks after calls work again."""
-        pair, killed = self.pair, error == "KILL"
+    def check(self, point: Point, writes: str = "") -> None:
+        """The checks after calls work again. `writes` are the syncs and renames so far."""
+        pair, scenario, killed = self.pair, self.scenario, point.error == "KILL"
         for answer in pair.answers:
-            if answer.reason and not TEXTS.match(answer.reason):
-                raise Wrong(f"the manual has no '{answer.reason}'")
-        if pair.answers and not pair.answers[-1].success and self.scenario.em == 2:
-            pair.ask(2, "", "", {})  # a standby EM does not retry by itself
+            self._check_answer(answer, point.keeps)
+            if answer.success and not killed and re.search("^r|rr|r$", writes):
+                raise Wrong(f"a success without a sync before or after each rename: {writes}")
+        for file in self._files("[!c]*", [KEPT]):
+            if file.is_file() and file.read_bytes() not in scenario.before.values():
+                raise Wrong(f"kept: {file}")
+        if scenario.settings == GUARD:
+            if len(pair.machines[1].read(PEERS)) != len(scenario.before):
+                raise Wrong("deleted without permission")
+            for n in EMS:
+                pair.start(n)
+                pair.diagnose(n, "allow-deletions")
+        failed = [answer for answer in pair.answers if not answer.success]
+        if scenario.compared or failed and scenario.em == 2:  # a standby EM does not retry by itself
+            pair.ask(scenario.em, "", "", {})
         pair.come_to_rest()
-        left = [f"EM {n}: {path}" for n in EMS for root in ROOTS
-                for path in Path(pair.machines[n].path(root)).rglob("TempUpdate_*")]
+        left = self._files("TempUpdate_*", ROOTS)
         if left and not killed:
             raise Wrong(f"left over: {left}")
         # A close that strace lets fail does not close.
-        if not killed and call != "close" and self._open_files() != self.open_files:
+        if not killed and point.call != "close" and self._open_files() != self.open_files:
             raise Wrong(f"open files: {self.open_files} became {self._open_files()}")
+
+    def _check_answer(self, answer: Answer, keeps: bool) -> None:
+        if answer.reason and not TEXTS.match(answer.reason):
+            raise Wrong(f"the manual has no '{answer.reason}'")
+        if keeps and not answer.success:
+            raise Wrong(f"a file that was not kept failed the request: {answer}")
+        complete = answer.success and answer.peer_present
+        if complete and self.scenario.compared.encode() not in answer.report:
+            raise Wrong(f"not reported as different: {answer}")
 
 
 TEXTS = known_texts()
 
 
 def points(machines: dict[int, Machine], scenario: Scenario, em: int) -> list[Point]:
-    """All calls of EM `em` on the trees in a scenario, each with all its errors."""
+    """All calls of EM `em` on files in a scenario, each with all its errors."""
     found: list[Point] = []
     numbers: Counter = Counter()
     work = Round(machines, scenario)
     try:
-        with Strace(machines[em], "-e", "trace=" + ",".join(f"?{call}" for call in ERRORS)) as strace:
+        with Strace(machines[em], "-e", "trace=" + ",".join(ERRORS)) as strace:
             work.ask()
         for line in strace.log:
             call = re.match(r"(\w+)\(", line)
             if call is None or call[1] not in ERRORS:
                 continue
             numbers[call[1]] += 1
-            if TREES.search(line):
-                found += [Point(scenario, em, call[1], numbers[call[1]], error)
+            if FILES.search(line) and not NO_FAILURE.search(line):
+                found += [Point(scenario, em, call[1], numbers[call[1]], error,
+                                KEPT in line and error != "KILL")
                           for error in (*ERRORS[call[1]], "KILL")]
     finally:
         work.pair.close()
@@ -179,46 +216,20 @@ def points(machines: dict[int, Machine], scenario: Scenario, em: int) -> list[Po
 
 
 def examine(machines: dict[int, Machine], point: Point) -> str:
-    """What is wrong if this point fails, or an empty text."""
+    """A report if this point fails, or an empty text."""
     what = "signal=KILL" if point.error == "KILL" else f"error={point.error}"
     work = Round(machines, point.scenario)
     try:
-        with Strace(machines[point.em], "-e", f"trace={point.call}", "-e",
-                    f"inject={point.call}:{what}:when={point.number}"):
+        with Strace(machines[point.em], "-e", f"trace={point.call},{WRITES}", "-e",
+                    f"inject={point.call}:{what}:when={point.number}") as strace:
             work.ask()
-        work.check(point.call, point.error)
+        done = (line[0] for line in strace.log if re.match(NEW_FILE, line))
+        work.check(point, "".join(done).replace("f", "s"))
     except (Wrong, Hang) as wrong:
-        return str(wrong)
+        return f"   FAILED  {point}\n           {wrong}\n"
     finally:
         work.pair.close()
     return ""
-
-
-def work(part: int, end: float, options: argparse.Namespace, reports) -> None:
-    """One of WORKERS: reports the number of points it knows, then for each what is wrong, or ""."""
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-    chance = random.Random(options.seed)
-    scenarios = [(scenario, em) for scenario in SCENARIOS for em in EMS
-                 if not options.only or options.only.startswith(scenario.name)]
-    if options.seconds < 60:
-        scenarios = chance.sample(scenarios, 8)
-    machines = {n: Machine(n) for n in EMS}
-    try:
-        known = [point for scenario, em in scenarios[part::WORKERS]
-                 for point in points(machines, scenario, em) if options.only in str(point)]
-        reports.put(len(known))
-        chance.shuffle(known)
-        for point in known[:options.points // WORKERS]:
-            if time.monotonic() > end or os.getppid() == 1:
-                break
-            wrong = examine(machines, point)
-            reports.put(wrong and f"   FAILED  {point}\n           {wrong}\n")
-    except Exception:
-        reports.put(traceback.format_exc())
-    finally:
-        for machine in machines.values():
-            machine.close()
-        reports.put(None)
 
 
 def main() -> int:
@@ -232,24 +243,22 @@ def main() -> int:
     options = parser.parse_args()
     print(f"Failing calls, seed {options.seed}", flush=True)
     end = time.monotonic() + options.seconds
-    reports: multiprocessing.Queue = multiprocessing.Queue()
-    workers = [multiprocessing.Process(target=work, args=(part, end, options, reports))
-               for part in range(WORKERS)]
-    for worker in workers:
-        worker.start()
-    known = passed = failed = ended = 0
-    while ended < WORKERS and not (failed and options.first):
-        report = reports.get()
-        ended += report is None
-        if isinstance(report, int):
-            known += report
-        elif report is not None:
-            passed, failed = passed + (not report), failed + bool(report)
-            print(report, end="", flush=True)
-    for worker in workers:
-        worker.terminate()
-    print(f"{known} points\n{passed} passed, {failed} failed")
-    return 0 if passed and not failed else 1
+    chance = random.Random(options.seed)
+    scenarios = [(scenario, em) for scenario in SCENARIOS for em in EMS
+                 if not options.only or options.only.startswith(scenario.name)]
+    if options.seconds < 60:
+        scenarios = chance.sample(scenarios, 8)
+
+    def examine_part(machines: dict[int, Machine], part: int) -> Iterator[str]:
+        known = [point for scenario, em in scenarios[part::workers.WORKERS]
+                 for point in points(machines, scenario, em) if options.only in str(point)]
+        chance.shuffle(known)
+        for point in known[:options.points // workers.WORKERS]:
+            if time.monotonic() > end:
+                return
+            yield examine(machines, point)
+
+    return workers.run(examine_part, options.first)
 
 
 if __name__ == "__main__":

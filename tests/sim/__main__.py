@@ -5,25 +5,22 @@ pair did and a drawing of the last exchange.
 """
 
 import argparse
-import multiprocessing
-import os
-import signal
 import subprocess
 import sys
 import tempfile
 import time
-import traceback
+from collections.abc import Iterator
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "testbed"))
 
 import simulation  # noqa: E402
+import workers  # noqa: E402
 from em_pair import EMS  # noqa: E402
 from simulated.machine import BUILD, Machine  # noqa: E402
 from shrink import shrink  # noqa: E402
 
 EVENTS = 250
-WORKERS = 2
 SHRINKING = 60  # seconds
 MENDED = ("storm", "role", "overtake")  # in which the release before gives wrong answers, or fails on
 
@@ -68,63 +65,34 @@ def examine(machines: dict[int, Machine], seed: int, count: int, first: bool = F
             show(machines, few, "trace") + f"\nrepeat with: ./run simulate --seed {seed}\n")
 
 
-def make_machines(options: argparse.Namespace) -> dict[int, Machine]:
-    return {n: Machine(n, visible=filter(None, [options.with_build])) for n in EMS}
+def builds(options: argparse.Namespace) -> list[Path]:
+    return [options.with_build] if options.with_build else []
 
 
 def choose_builds(machines: dict[int, Machine], options: argparse.Namespace, seed: int) -> None:
     """Gives one EM the other release, if there is one."""
     if options.with_build:
-        machines[1 + seed // WORKERS % 2].build = BUILD
-        machines[2 - seed // WORKERS % 2].build = options.with_build
-
-
-def work(seeds, end: float, options: argparse.Namespace, reports) -> None:
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-    machines = make_machines(options)
-    try:
-        for seed in seeds:
-            if time.monotonic() > end or os.getppid() == 1:
-                break
-            choose_builds(machines, options, seed)
-            reports.put(examine(machines, seed, options.events, options.first))
-    except Exception:
-        reports.put(traceback.format_exc())
-    finally:
-        for machine in machines.values():
-            machine.close()
-        reports.put(None)
+        machines[1 + seed // workers.WORKERS % 2].build = BUILD
+        machines[2 - seed // workers.WORKERS % 2].build = options.with_build
 
 
 def simulate(options: argparse.Namespace) -> int:
     """Runs seeds on all workers until the time or the seeds are used up."""
     end = time.monotonic() + (options.seconds or 1e9)
     last = options.seed + options.runs if options.runs else 1 << 31
-    reports: multiprocessing.Queue = multiprocessing.Queue()
-    workers = [multiprocessing.Process(
-        target=work, args=(range(options.seed + i, last, WORKERS), end, options, reports))
-        for i in range(WORKERS)]
-    for worker in workers:
-        worker.start()
-    passed = failed = ended = 0
-    try:
-        while ended < WORKERS:
-            report = reports.get()
-            ended += report is None
-            passed += report == ""
-            failed += bool(report)
-            print(report or "", end="", flush=True)
-            if report and options.first:
-                break
-    finally:
-        for worker in workers:
-            worker.terminate()
-    print(f"{passed} passed, {failed} failed")
-    return 0 if passed and not failed else 1
+
+    def examine_part(machines: dict[int, Machine], part: int) -> Iterator[str]:
+        for seed in range(options.seed + part, last, workers.WORKERS):
+            if time.monotonic() > end:
+                return
+            choose_builds(machines, options, seed)
+            yield examine(machines, seed, options.events, options.first)
+
+    return workers.run(examine_part, options.first, visible=builds(options))
 
 
 def repeat(options: argparse.Namespace) -> int:
-    machines = make_machines(options)
+    machines = {n: Machine(n, visible=builds(options)) for n in EMS}
     choose_builds(machines, options, options.seed)
     try:
         if options.trace:

@@ -111,16 +111,12 @@ class Simulation(SimulatedPair):
 
     def on_exit(self, a: int, b: int) -> None:
         n = a % 2 + 1
-        connection = self.connect(n) if self.machines[n].alive else None
-        if connection is None:
-            return
-        connection.send(struct.pack("<I", 1) + b"exit\0")
-        self.go_on(n)
+        if self.machines[n].alive:
+            self.diagnose(n, "exit")
         for _ in range(12):
             if self.machines[n].alive:
                 self.pass_time(self.now + SECOND)
                 self.go_on(n, flags=PASS | TICK)
-        connection.close()
 
     def on_refuse(self, a: int, b: int) -> None:
         self.go_some_way(a, refuse=(1, 2, 5, 99, 100, 101)[b % 6])
