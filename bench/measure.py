@@ -6,6 +6,7 @@ import signal
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 from collections.abc import Sequence
 from contextlib import contextmanager
