@@ -16,7 +16,7 @@ from pathlib import Path
 from typing import NamedTuple
 
 REPO = Path(__file__).resolve().parents[2]
-RUNS, POINTS = "500", "800"  # limits for finding a fault: two minutes on two idle processors
+RUNS, POINTS = "500", "1600"  # limits for finding a fault: two minutes on two idle processors
 SOURCES = ("CMakeLists.txt", "CMakePresets.json", "bench", "client", "cmake", "docs", "packaging",
            "platform", "redundancy_health", "testbed", "tests", "tools")
 
