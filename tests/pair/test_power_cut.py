@@ -10,10 +10,9 @@ import random
 import sys
 import time
 import unittest
-from pathlib import Path
 
 from convergence import Machine
-from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, VOLATILE, wait_for
+from em_pair import ACTIVE, EMS, OWN, PEERS, PERSISTENT, REPO, VOLATILE, wait_for
 from support import PairTest
 
 SEED = int(os.environ.get("SEED", 1))
@@ -39,8 +38,7 @@ class PowerCutTest(PairTest):
         self.random, self.active, self.second = random.Random(SEED), 1, 1_500_000_000
         for n in EMS:
             self.pair.path(n, DISK).mkdir(exist_ok=True)
-            disk = self.pair.popen(n, [sys.executable, Path(__file__).with_name("volatile_disk.py"),
-                                       DISK, SIZE << 20])
+            disk = self.pair.popen(n, [sys.executable, REPO / "testbed/volatile_disk.py", DISK, SIZE << 20])
             self.addCleanup(disk.wait, 20)
             self.addCleanup(self.pair.run, n, ["umount", DISK])
             wait_for(self.pair.path(n, f"{DISK}/disk").exists, 20, "the disk")
