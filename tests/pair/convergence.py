@@ -231,7 +231,6 @@ class Driver:
             source = f"{top}/{NEW}"
             for m in EMS:  # only one of them may be sent
                 self._write(m, source)
-                self._disguise(m, source, destination)
             return source, destination
         root = self.random.choice((*ROOTS, OWN, ACTIVE))
         if self.random.random() < 0.7:
@@ -281,15 +280,6 @@ class Driver:
         target.write_bytes(self.random.randbytes(size))
         target.chmod(mode)
         self._touch(target)
-
-    def _disguise(self, n: int, path: str, other: str) -> None:
-        """In half of the cases, gives a file the size and the second of another one, if there is one."""
-        target, model = self._at(n, path), self._at(n, other)
-        if self.random.random() < 0.5 and model.is_file():
-            status = model.stat()
-            target.write_bytes(self.random.randbytes(status.st_size))
-            os.utime(target, (status.st_mtime, status.st_mtime))
-            self.history.append(f"EM {n}: {path} looks like {other}")
 
     def _operate(self) -> None:
         chance = self.random.random()

@@ -42,19 +42,10 @@ class HardFaultTest(PairTest):
         # A late answer of the aborted exchange may still abort the next one.
         self.wait(lambda: self.ask(n)[::5] == (True, False), "an exchange alone")
 
-    def test_daemon_killed_in_a_long_transfer(self):
-        self.kill_in_a_transfer("daemon", self.pair.start_daemon)
-
     def test_corosync_killed_in_a_transfer(self):
-        def restart(victim: int) -> None:
-            self.assertEqual(-signal.SIGABRT, self.pair.process(victim, "daemon").wait(20))
-            self.pair.restart(victim, "corosync")
-        self.kill_in_a_transfer("corosync", restart)
-
-    def kill_in_a_transfer(self, what: str, restart) -> None:
         for victim in EMS:
             caller, _ = self.transfer(1)
-            self.pair.kill(victim, what)
+            self.pair.kill(victim, "corosync")
             if victim == 2:
                 self.assert_done_alone(1, caller.result())
             else:
@@ -62,7 +53,8 @@ class HardFaultTest(PairTest):
                 outcome = caller.outcome()
                 self.assertFalse(outcome and outcome.success, outcome)
             self.wait_alone(3 - victim)
-            restart(victim)
+            self.assertEqual(-signal.SIGABRT, self.pair.process(victim, "daemon").wait(20))
+            self.pair.restart(victim, "corosync")
             self.wait_repaired()
         self.settle()
 

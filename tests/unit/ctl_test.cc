@@ -106,6 +106,10 @@ class CtlTest : public DaemonTest {
     return run(line);
   }
 
+  bool shows(const std::string& part) const {
+    return out_.find(part) != std::string::npos;
+  }
+
   std::string out_, request_;
   static inline CmdServer* server_ = nullptr;  // never freed
 };
@@ -236,7 +240,7 @@ TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
            {own + "way/x", "above it in the tree is a symbolic link"},
            {"/mnt/link", "it is a symbolic link to /mnt/part"}}) {
     EXPECT_EQ(run("put file " + destination + " 2>&1"), 1);
-    EXPECT_NE(out_.find(rule), std::string::npos) << out_;
+    EXPECT_TRUE(shows(rule)) << out_;
     EXPECT_EQ(run("edit " + destination + " 2>/dev/null"), 1) << destination;
     EXPECT_EQ(request_, "");
   }
@@ -289,15 +293,14 @@ TEST_F(CtlTest, KeptFilesAreListedComparedAndPublishedAgain) {
     EXPECT_EQ(out_, output);
   }
   EXPECT_EQ(run("--json kept"), 0);
-  EXPECT_NE(out_.find(R"({"name":"9/d/f","time":1795691163,"tree":"own","path":"d/f","size":4,)"
-                      R"("kind":"replaced"})"),
-            std::string::npos)
+  EXPECT_TRUE(shows(R"({"name":"9/d/f","time":1795691163,"tree":"own","path":"d/f","size":4,)"
+                    R"("kind":"replaced"})"))
       << out_;
   EXPECT_EQ(run_answered("kept restore 9/d/f", 0, result_bytes(0, "", 'Y')), 0);
   EXPECT_EQ(out_, "published on both EMs\n");
   EXPECT_EQ(read_file(own + "d/f"), "old\n");
   EXPECT_EQ(run("kept restore \"$(printf '10/es\\033cape')\" 2>&1"), 1);
-  EXPECT_NE(out_.find("is written by the other"), std::string::npos) << out_;
+  EXPECT_TRUE(shows("is written by the other")) << out_;
 }
 
 // A signal is sent when the file that `until` names is there.
@@ -320,7 +323,7 @@ TEST_F(CtlTest, ASignalLeavesNothingOrNamesWhatWasTyped) {
           " > out 2>&1; do sleep 0.01; done; kill -" + signal + " $!; wait $!)";
       EXPECT_NE(system(("cd /mnt && " + line + " > out 2>&1").c_str()), 0);
       out_ = read_file("/mnt/out");
-      EXPECT_NE(out_.find(expected), std::string::npos) << command << editor << out_;
+      EXPECT_TRUE(shows(expected)) << out_;
       EXPECT_EQ(names_in(folder).size(), 0u);
       unlink("/mnt/edits");
       unlink("/mnt/reads");
@@ -340,7 +343,7 @@ TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {
             "cluster_sync_ctl: no answer within 1 s; the daemon has the request, and its "
             "exchange goes on\n");
   EXPECT_EQ(run("--help > /dev/null; script -qec '" + ctl + "' /dev/null < /dev/null"), 3);
-  EXPECT_NE(out_.find("0 s (one without progress ends after 10 s)"), std::string::npos) << out_;
+  EXPECT_TRUE(shows("0 s (one without progress ends after 10 s)")) << out_;
   g_turn.release(2);
 }
 
@@ -578,19 +581,18 @@ TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
   strcpy(state.last_error, "Operation timed out");
   strcpy(state.last_cause, "could not open file (I/O): \x9b\n");
   ASSERT_EQ(run_answered("status", 0, bytes_of_state(state)), 0) << out_;
-  EXPECT_NE(
-      out_.find("\nfault:    replication with EM 2 is healthy, recorded when this EM was "
-                "active\nstate:    standby, all is well\nexchange: idle for 0 s, last success "
-                "with the other EM 3 s ago\nerror:    4 s ago: Operation timed out; the cause: "
-                "could not open file (I/O): \\x9b\\x0a\ngroup:    2 members: node 1 pid 12, "
-                "node 2 pid 34\n"),
-      std::string::npos)
+  EXPECT_TRUE(
+      shows("\nfault:    replication with EM 2 is healthy, recorded when this EM was "
+            "active\nstate:    standby, all is well\nexchange: idle for 0 s, last success "
+            "with the other EM 3 s ago\nerror:    4 s ago: Operation timed out; the cause: "
+            "could not open file (I/O): \\x9b\\x0a\ngroup:    2 members: node 1 pid 12, "
+            "node 2 pid 34\n"))
       << out_;
   ASSERT_EQ(run_answered("status --json", 0, bytes_of_state(state)), 0);
   for (const char* part : {R"("version":"1.2.3")", R"("last_error":{"text":"Operation timed out",)",
                            R"("resync_in":null)", R"("filesys_bytes_scanned":1099511627776)",
                            R"("members":[{"node":1,"pid":12},{"node":2,"pid":34}])"})
-    EXPECT_NE(out_.find(part), std::string::npos) << out_;
+    EXPECT_TRUE(shows(part)) << out_;
   ASSERT_EQ(run_answered("metrics --textfile m.prom", 0, bytes_of_state(state)), 0) << out_;
   EXPECT_EQ(mode_of("/mnt/m.prom"), 0644u);
   const std::string metrics = read_file("/mnt/m.prom");
@@ -627,7 +629,7 @@ TEST_F(CtlTest, CompareNamesWhatDiffersOrSaysThatNobodyCanTell) {
     g_report = report;
     std::replace(g_report.begin(), g_report.end(), ';', '\0');
     EXPECT_EQ(run_answered("compare 2>&1", 0, payload), exit_status) << report;
-    EXPECT_NE(out_.find(out), std::string::npos) << out_;
+    EXPECT_TRUE(shows(out)) << out_;
     EXPECT_EQ(request_, "3");
   }
 }
@@ -648,23 +650,32 @@ TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
       "cluster_sync_ctl: becoming active would delete 20 of 20 files that the other EM has in "
       "'active'; use --force to make this EM active anyway\n");
   EXPECT_EQ(become_active("=active 9 9 0 0 0;=volatile 10 21 0 11 0;", good), 1);
-  EXPECT_NE(out_.find("11 of 21 files that the other EM has in 'volatile'"), std::string::npos);
+  EXPECT_TRUE(shows("11 of 21 files that the other EM has in 'volatile'")) << out_;
   EXPECT_EQ(become_active("=active 0 10 0 10 0;=volatile 11 22 0 11 0;", good), 0) << out_;
   EXPECT_EQ(run("role active"), 0) << "it is already: nothing is asked";
   EXPECT_EQ(become_active("", result_bytes(0, "", 'N')), 0) << "a failover does not wait";
   EXPECT_EQ(become_active("", result_bytes(4, "no", 'Y')), 0);
-  EXPECT_NE(out_.find("not compared with the other EM: no"), std::string::npos) << out_;
+  EXPECT_TRUE(shows("not compared with the other EM: no")) << out_;
 
   unlink("/var/run/em/active");
   fs::rename(tree_path(3, ""), "/run/gone");
   EXPECT_EQ(run("role active 2>&1"), 1);
-  EXPECT_NE(out_.find("/var/run/replicated_by_active_em/ is missing"), std::string::npos) << out_;
+  EXPECT_TRUE(shows("/var/run/replicated_by_active_em/ is missing")) << out_;
   write_file("/mnt/fstab", "/dev/sda3 /mnt/part.persistent ext4 defaults 0 2\n");
   const Mount fstab("/etc/fstab", nullptr, "/mnt/fstab");
   EXPECT_EQ(run("role active 2>&1"), 1);
-  EXPECT_NE(out_.find("but nothing is mounted there"), std::string::npos) << out_;
+  EXPECT_TRUE(shows("but nothing is mounted there")) << out_;
   EXPECT_EQ(run("role active --force"), 0);
   EXPECT_TRUE(exists("/var/run/em/active"));
+}
+
+// A line of the trace for a message.
+std::string traced(const char* when, const char* state, const char* message, const char* ids) {
+  char line[200];
+  snprintf(line, sizeof line,
+           "on_sync_state_change:1: %-5s state change: %-12s %-21s RPC_IDLE         %s", when,
+           state, message, ids);
+  return line;
 }
 
 // The logs of both daemons for a put that the second one cannot write.
@@ -673,31 +684,16 @@ const Lines kAsking = {
     "rename_to_destination:115: SYNC RPC rename: src=/var/run/replicated_by_active_em/TempUpdate_5 "
     "dest=/var/run/replicated_by_active_em/cfg",
     "on_sync_req:76: Starting new exchange id=14 active=1",
-    "on_sync_state_change:354: Enter state change: ST_LOCKREQ   self:MSG_LOCK_REQ     RPC_PENDING  "
-    " "
-    "   id=14.0 hid=14.0",
+    traced("Enter", "ST_LOCKREQ", "self:MSG_LOCK_REQ", "id=14.0 hid=14.0"),
     "send_update_message:105: Send PUSH_REQ cfg",
     "send_cpg_command:55: Send CPG msg: MSG_UPDATE_REQ   xid=14 sid=1 payload-len=38",
-    "on_sync_state_change:354: Enter state change: ST_UPDATE    self:MSG_UPDATE_REQ   RPC_PENDING  "
-    " "
-    "   id=14.1 hid=14.1",
-    "on_sync_state_change:354: Enter state change: ST_DONE      self:MSG_LOCK_REL     RPC_IDLE     "
-    " "
-    "   id=14.1 hid=14.1",
-    "on_sync_state_change:366: Exit  state change: ST_UNLOCKED  self:MSG_LOCK_REL     RPC_IDLE     "
-    " "
-    "   id=14.1"};
-const Lines kServing = {
-    "on_sync_state_change:354: Enter state change: ST_UNLOCKED  peer:MSG_LOCK_REQ     RPC_IDLE     "
-    " "
-    "   id=0.0 hid=14.0",
-    "on_sync_state_change:354: Enter state change: ST_PEERLOCK  peer:MSG_UPDATE_REQ   RPC_IDLE     "
-    " "
-    "   id=0.0 hid=14.1",
-    "update_file:252: Unable to update file (No space left on device): cfg",
-    "on_sync_state_change:354: Enter state change: ST_PEERLOCK  peer:MSG_LOCK_REL     RPC_IDLE     "
-    " "
-    "   id=0.0 hid=14.1"};
+    traced("Enter", "ST_UPDATE", "self:MSG_UPDATE_REQ", "id=14.1 hid=14.1"),
+    traced("Enter", "ST_DONE", "self:MSG_LOCK_REL", "id=14.1 hid=14.1"),
+    traced("Exit", "ST_UNLOCKED", "self:MSG_LOCK_REL", "id=14.1")};
+const Lines kServing = {traced("Enter", "ST_UNLOCKED", "peer:MSG_LOCK_REQ", "id=0.0 hid=14.0"),
+                        traced("Enter", "ST_PEERLOCK", "peer:MSG_UPDATE_REQ", "id=0.0 hid=14.1"),
+                        "update_file:252: Unable to update file (No space left on device): cfg",
+                        traced("Enter", "ST_PEERLOCK", "peer:MSG_LOCK_REL", "id=0.0 hid=14.1")};
 
 void write_log(const char* path, const Lines& lines, const std::string& before,
                const std::string& behind = "") {
@@ -728,29 +724,27 @@ TEST_F(CtlTest, ExplainReadsEveryFormatOfTheJournalAndMatchesBothLogs) {
             "  2025-11-24 16:00:01  em1  "}}) {
     write_log("/mnt/em1", kAsking, before, behind);
     EXPECT_EQ(run("explain em1"), 0) << before;
-    EXPECT_NE(out_.find(row), std::string::npos) << before << out_;
+    EXPECT_TRUE(shows(row)) << out_;
     EXPECT_EQ(split(out_, '\n').size(), 2u) << "one exchange, one row: " << out_;
-    EXPECT_NE(out_.find(" 1 pushed (2 B) "), std::string::npos) << out_;
-    EXPECT_NE(out_.find("  put cfg: success here, the other EM is away\n"), std::string::npos);
+    EXPECT_TRUE(shows(" 1 pushed (2 B) ")) << out_;
+    EXPECT_TRUE(shows("  put cfg: success here, the other EM is away\n")) << out_;
   }
   const std::string dumped = "dump_flight_recorder:1: 1764000001 ( 1-sync_thread) ";
   for (const auto& [format, before] : {std::pair("verbose", "Mon [s=1;i=2]\n  MESSAGE="),
                                        {"json-pretty", "{\n\t\"MESSAGE\" : \""}}) {
     write_log("/mnt/em1", kAsking, before + dumped);
     EXPECT_EQ(run("explain em1 2>&1"), 1);
-    EXPECT_NE(out_.find(std::string("format ") + format + " is not read"), std::string::npos);
+    EXPECT_TRUE(shows(std::string("format ") + format + " is not read")) << out_;
   }
   write_log("/mnt/em1", kAsking, "2025-11-24T17:00:01+0100 em1 CLUS_SYNC[77]: ");
   write_log("/mnt/em2", kServing, "2025-11-24T16:00:17+0000 em2 CLUS_SYNC[5]: ");
   EXPECT_EQ(run("explain em1 em2 2>&1"), 0);
   EXPECT_EQ(split(out_, '\n').size(), 3u) << out_;
-  EXPECT_NE(out_.find("the clock of em2 is 16 s ahead of that of em1"), std::string::npos) << out_;
-  EXPECT_NE(out_.find("put cfg: FAILED: Unable to update file (No space left on device): cfg\n"),
-            std::string::npos);
-  EXPECT_EQ(run("explain em1 em2 --exchange 1 --json"), 0);
-  EXPECT_NE(out_.find(R"("from":"em1","message":"MSG_UPDATE_REQ","sequence":1,"bytes":38,)"),
-            std::string::npos)
+  EXPECT_TRUE(shows("the clock of em2 is 16 s ahead of that of em1")) << out_;
+  EXPECT_TRUE(shows("put cfg: FAILED: Unable to update file (No space left on device): cfg\n"))
       << out_;
+  EXPECT_EQ(run("explain em1 em2 --exchange 1 --json"), 0);
+  EXPECT_TRUE(shows(R"("from":"em1","message":"MSG_UPDATE_REQ","sequence":1,"bytes":38,)")) << out_;
   EXPECT_EQ(run("explain em1 em2 --exchange 1 --svg picture"), 0);
   const std::string picture = read_file("/mnt/picture");
   const size_t error = picture.find(">Unable to update");
@@ -789,7 +783,7 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
       << "all but the digests is as in the daemon's listing";
 
   EXPECT_EQ(run("verify --against list 2>&1"), 0);
-  EXPECT_NE(out_.find("both EMs have the same number"), std::string::npos) << out_;
+  EXPECT_TRUE(shows("both EMs have the same number")) << out_;
   rename(tree_path(0, "a/full").c_str(), "/mnt/full");
   make_file(0, "a/full", pattern(kChunkSize, 1));
   chmod(tree_path(1, "secret").c_str(), 0644);
