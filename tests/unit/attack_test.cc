@@ -101,14 +101,6 @@ class AttackTest : public DaemonTest {
 
   void attack_everything() {
     const std::string nul(1, '\0'), own = root_paths[1];
-    const auto receive = [&](uint32_t command, const std::string& payload) {
-      ctx->cur_state = ST_PEERLOCK;
-      deliver_from_peer(message_bytes(command, 0, 0, payload));
-    };
-    const auto request = [&](const std::string& source, const std::string& destination) {
-      publish(source + nul + destination + nul);
-      on_sync_rpc_update(ctx);
-    };
     const std::pair<const char*, std::string> updates[] = {
         {"a whole file", update(PUSH_REQ, 0, "d/f", 0, 3, 3, "new")},
         {"a chunk", update(PUSH_REQ, 0, "d/f", 0, 3, 9, "new")},
@@ -119,10 +111,10 @@ class AttackTest : public DaemonTest {
         {"a chunk that is read", update(PULL_REQ, 0, "d/f", 0, 6, 6)},
     };
     for (const auto& [what, payload] : updates)
-      attack(what, [&, bytes = payload] { receive(MSG_UPDATE_REQ, bytes); });
-    attack("the listing", [&] { receive(MSG_LISTING_REQ, nul + nul); });
+      attack(what, [&, bytes = payload] { receive(bytes); });
+    attack("the listing", [&] { receive(nul + nul, MSG_LISTING_REQ); });
     attack("a repeated rename",
-           [&] { receive(MSG_LISTING_REQ, own + "d/g" + nul + own + "d/f" + nul); });
+           [&] { receive(own + "d/g" + nul + own + "d/f" + nul, MSG_LISTING_REQ); });
     attack("copies that the owner has deleted", [&] { compare_synced_files(ctx, nullptr, 0); });
     attack("a request to rename", [&] { request(own + "d/TempUpdate_1", own + "d/f"); });
     attack("a request to delete", [&] { request("", own + "d/f"); });
@@ -157,8 +149,7 @@ TEST_F(AttackTest, AFileThatBecomesALinkToOneOutsideIsNotWritten) {
         fs::create_hard_link(kOutside + "f", path);
         return 0;
       };
-      ctx->cur_state = ST_PEERLOCK;
-      deliver_from_peer(message_bytes(MSG_UPDATE_REQ, 0, 0, payload));
+      receive(payload);
       g_before_call = nullptr;
       EXPECT_EQ(read_file(kOutside + "f"), "outside") << name << ", call " << moment;
     }

@@ -7,6 +7,7 @@
 #include "redundancy_health/catalog/pinned_path.h"
 #include "redundancy_health/catalog/tree_scan.h"
 #include "redundancy_health/catalog/unsynced.h"
+#include "redundancy_health/exchange/state_machine.h"
 #include "redundancy_health/transfer/replaced_files.h"
 #include "redundancy_health/transport/sync_thread.h"
 
@@ -106,6 +107,20 @@ void DaemonTest::publish(const std::string& message) {
   ctx->current_rpc_size = static_cast<uint32_t>(message_.size());
 }
 
+RpcResult DaemonTest::request(const std::string& source, const std::string& destination) {
+  ctx->cur_state = ST_UNLOCKED;
+  publish(source + '\0' + destination + '\0');
+  on_sync_rpc_update(ctx);
+  return ctx->rpc_result;
+}
+
+void DaemonTest::receive(const std::string& payload, uint32_t command) {
+  g_cpg.sent.clear();
+  reset_cpg_result(ctx);
+  ctx->cur_state = ST_PEERLOCK;
+  deliver_from_peer(message_bytes(command, ctx->peer_exchange_id, ctx->peer_sequence_id, payload));
+}
+
 uint32_t DaemonTest::fault_status() {
   const std::string record = read_file("/var/run/em/events/0x80000702");
   return record.size() == 1036 ? static_cast<uint8_t>(record[8]) : 0;
@@ -161,6 +176,11 @@ std::string update(uint32_t type, uint32_t root, const std::string& path, uint32
          std::string(2, '\0') + little_endian(root) + ((flags & kRestricted) != 0 ? '\1' : '\0') +
          std::string(7, '\0') + little_endian(file_size) + little_endian(begin) +
          little_endian(end) + path + '\0' + data;
+}
+
+std::string push(uint32_t root, const std::string& path, const std::string& data) {
+  const auto size = static_cast<uint32_t>(data.size());
+  return update(PUSH_REQ, root, path, 0, size, size, data);
 }
 
 std::string bytes_of(const SentMessage& message) {

@@ -40,6 +40,12 @@ class DaemonTest : public testing::Test {
   // Publishes a request as its caller's thread does. An empty message only asks for an exchange.
   void publish(const std::string& message = std::string(2, '\0'));
 
+  // Does what sync_thread does with a request that has no waiting caller. Returns its answer.
+  RpcResult request(const std::string& source, const std::string& destination);
+
+  // Delivers a request of the peer, by default an update, while its exchange is served.
+  void receive(const std::string& payload, uint32_t command = MSG_UPDATE_REQ);
+
   // Status field of the last fault event, 0 if there is none.
   static uint32_t fault_status();
 
@@ -84,6 +90,9 @@ enum UpdateFlags { kPlain = 0, kRestricted = 1, kNoData = 2 };
 std::string update(uint32_t type, uint32_t root, const std::string& path, uint32_t begin,
                    uint32_t end, uint32_t file_size, const std::string& data = "",
                    int flags = kPlain);
+
+// The payload that pushes a whole file.
+std::string push(uint32_t root, const std::string& path, const std::string& data);
 
 // The bytes of a message.
 std::string bytes_of(const SentMessage& message);

@@ -43,14 +43,8 @@ using DurabilityTest = DaemonTest;
 
 TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
   const std::string nul(1, '\0'), own = root_paths[1], f = tree_path(0, "d/f");
-  const std::string publish_f = own + "TempUpdate_1" + nul + own + "d/f" + nul;
-  const auto receive = [&](uint32_t command, const std::string& payload) {
-    ctx->cur_state = ST_PEERLOCK;
-    deliver_from_peer(message_bytes(command, 0, 0, payload));
-  };
-  const auto request = [&](const std::string& message) {
-    publish(message);
-    on_sync_rpc_update(ctx);
+  const auto publish_change = [&](const std::string& source, const std::string& destination) {
+    request(source, destination);
     EXPECT_GE(ctx->state_time, get_uptime() - 5) << "its syncs time nothing out";
   };
   const std::string chunk = update(PUSH_REQ, 0, "d/f", 0, 3, 4, "new");
@@ -60,26 +54,21 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
     Lines synced;
     size_t standing = SIZE_MAX;  // from this sync on, a failure leaves a request applied here
   } rows[] = {
-      {[&] { request(publish_f); },
+      {[&] { publish_change(own + "TempUpdate_1", own + "d/f"); },
        own + "d/f",
        {"TempUpdate_: old", "d: made", "replicated_: made"},
        1},
-      {[&] { request(own + "d" + nul + own + "e" + nul); },
-       own + "e/f",
-       {"d: ", "replicated_: old"},
-       1},
+      {[&] { publish_change(own + "d", own + "e"); }, own + "e/f", {"d: ", "replicated_: old"}, 1},
       // A source that cannot be renamed is not synced first. /mnt is another file system.
-      {[&] { request("/run/d/f" + nul + own + "d/f" + nul); }, own + "d/f", {}},
-      {[&] { request(nul + own + "d/f" + nul); }, own + "d/f", {"d: "}, 0},
-      {[&] { receive(MSG_UPDATE_REQ, update(PUSH_REQ, 0, "n/f", 0, 3, 3, "new")); },
+      {[&] { publish_change("/run/d/f", own + "d/f"); }, own + "d/f", {}},
+      {[&] { publish_change("", own + "d/f"); }, own + "d/f", {"d: "}, 0},
+      {[&] { receive(push(0, "n/f", "new")); },
        tree_path(0, "n/f"),
        {"replicated_: ", "TempUpdate_: ", "n: new"}},
-      {[&] { receive(MSG_UPDATE_REQ, chunk); }, f, {"d: old", "f: new" + nul}},
-      {[&] { unlink(f.c_str()), receive(MSG_UPDATE_REQ, chunk); },
-       f,
-       {"d: ", "f: new" + nul, "d: new" + nul}},
-      {[&] { receive(MSG_UPDATE_REQ, update(PUSH_DEL_REQ, 0, "d/f", 0, 3, 3)); }, f, {"d: "}},
-      {[&] { receive(MSG_LISTING_REQ, f + nul + tree_path(0, "g") + nul); },
+      {[&] { receive(chunk); }, f, {"d: old", "f: new" + nul}},
+      {[&] { unlink(f.c_str()), receive(chunk); }, f, {"d: ", "f: new" + nul, "d: new" + nul}},
+      {[&] { receive(update(PUSH_DEL_REQ, 0, "d/f", 0, 3, 3)); }, f, {"d: "}},
+      {[&] { receive(f + nul + tree_path(0, "g") + nul, MSG_LISTING_REQ); },
        tree_path(0, "g"),
        {"replicated_: old", "d: old"}},
       {[&] { compare_synced_files(ctx, nullptr, 0); }, tree_path(2, "d/2"), {"d: ", "e: "}},

@@ -1,5 +1,4 @@
-// A complete exchange message by message, its effect on fault counting, and the explanation of its
-// trace.
+// What an exchange counts, reports and logs, and the explanation of its trace.
 
 #include "redundancy_health/exchange/state_machine.h"
 
@@ -12,144 +11,41 @@
 
 namespace {
 
-constexpr uint32_t kNoAnswer = 99;
-
-enum Fault { kNone, kDropped };
-
 class ExchangeTest : public DaemonTest {
  protected:
-  // Delivers one message unless it is the one to lose.
-  bool pass(const SentMessage& message, bool own) {
-    if (turn_++ == fault_turn_ && fault_ == kDropped) return false;
-    own ? deliver_own(message) : deliver_from_peer(bytes_of(message));
-    return true;
-  }
-
-  // Delivers sent messages and the answers of a peer that has empty trees and accepts everything,
-  // until no message is left.
-  void settle() {
-    while (delivered_ < g_cpg.sent.size()) {
-      SentMessage message = g_cpg.sent[delivered_++];
-      if (!pass(message, true) || (ctx->cpg_membership_flags & kPeerMember) == 0) continue;
+  // Delivers the sent messages, except the one with the number `lost`, and the answers of a peer
+  // that has empty trees and accepts everything.
+  void settle(size_t lost = SIZE_MAX) {
+    for (size_t next = delivered_; next < g_cpg.sent.size(); delivered_ = ++next) {
+      SentMessage message = g_cpg.sent[next];
       const bool is_update = message.header.command == MSG_UPDATE_REQ;
+      if (next == lost) continue;
+      deliver_own(message);
       if (!is_update && message.header.command != MSG_LISTING_REQ) continue;
       message.header.command += 1;
       message.payload = is_update ? update(PUSH_ACK, 0, "any", 0, 0, 0) : "";
-      peer_updates_ += is_update;
-      pass(message, false);
+      deliver_from_peer(bytes_of(message));
     }
   }
 
-  // What sync_thread does after 10 s without progress.
-  void time_out_if_stuck() {
-    const uint32_t stage = ctx->rpc_stage;
-    if (ctx->cur_state == ST_UNLOCKED && (stage == RPC_IDLE || stage == RPC_COMPLETE)) return;
-    end_exchange_error(ctx, "Operation timed out");
-    settle();
-  }
-
-  void begin(Fault fault, size_t turn) {
+  // A local request, by default a sync, up to its answer.
+  void ask(const std::string& source = "", const std::string& destination = "",
+           size_t lost = SIZE_MAX) {
     g_cpg.sent.clear();
-    delivered_ = turn_ = 0;
-    peer_updates_ = 0;
-    fault_ = fault;
-    fault_turn_ = turn;
-  }
-
-  // A local request, by default a sync, up to its answer. Returns the number of turns.
-  size_t request_sync(Fault fault, size_t turn, const std::string& message = {0, 0}) {
-    begin(fault, turn);
-    publish(message);
-    on_sync_rpc_update(ctx);
+    delivered_ = 0;
+    request(source, destination);
+    settle(lost);
+    if (lost != SIZE_MAX) end_exchange_error(ctx, "Operation timed out");
     settle();
-    time_out_if_stuck();
     EXPECT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
-    EXPECT_EQ(ctx->cur_state, ST_UNLOCKED);
-    EXPECT_EQ(ctx->update_queue, nullptr);
-    if (ctx->rpc_result.success && ctx->rpc_result.peer_present == 'Y') {
-      EXPECT_EQ(peer_updates_, 2) << "a success that the peer knows nothing of";
-    }
     ctx->rpc_stage = RPC_IDLE;
-    return turn_;
-  }
-
-  // A complete exchange of the peer, with this daemon as responder. Returns the number of turns.
-  size_t serve(Fault fault, size_t turn) {
-    begin(fault, turn);
-    ++peer_exchange_;
-    uint32_t sequence_id = 0;
-    for (const auto& [command, payload] : std::vector<std::pair<uint32_t, std::string>>{
-             {MSG_LOCK_REQ, ""},
-             {MSG_LISTING_REQ, std::string(2, '\0')},
-             {MSG_UPDATE_REQ, update(PUSH_REQ, 1, "theirs", 0, 3, 3, "abc")},
-             {MSG_UPDATE_REQ, update(PULL_REQ, 2, "pushed too", 0, 7, 0)},
-             {MSG_LOCK_REL, ""}}) {
-      sequence_id += command == MSG_UPDATE_REQ;
-      SentMessage message = {{kCpgMagic, command, 0, peer_exchange_, sequence_id, {}}, payload};
-      pass(message, false);
-      settle();
-    }
-    time_out_if_stuck();
-    return turn_;
   }
 
  private:
-  Fault fault_ = kNone;
-  size_t fault_turn_ = 0, turn_ = 0, delivered_ = 0;
-  int peer_updates_ = 0;
-  uint32_t peer_exchange_ = 40;
+  size_t delivered_ = 0;
 };
 
 }  // namespace
-
-TEST_F(ExchangeTest, ARequesterPushesPullsDeletesAndReleases) {
-  set_active(true);
-  const std::string big = pattern(65546);
-  make_file(0, "big", big);
-  make_file(1, "own", "abc", 0600);
-  publish();
-  on_sync_rpc_update(ctx);
-  const struct {
-    uint32_t sequence_id, command;
-    std::string payload;
-    uint32_t answer;
-    std::string answer_payload;
-  } steps[] = {
-      {0, MSG_LOCK_REQ, "", kNoAnswer, ""},
-      {0, MSG_LISTING_REQ, std::string(2, '\0'), MSG_LISTING_ACK,
-       std::string("V " SHA_ABC " 00000000 00000003 G gone\0"
-                   "P " SHA_A " 00000000 00000001 G theirs",
-                   138)},
-      {1, MSG_UPDATE_REQ, update(PUSH_REQ, 0, "big", 0, 65536, 65546, big.substr(0, 65536)),
-       MSG_UPDATE_ACK, update(PUSH_ACK, 0, "big", 0, 0, 0)},
-      {2, MSG_UPDATE_REQ, update(PUSH_REQ, 0, "big", 65536, 65546, 65546, big.substr(65536)),
-       MSG_UPDATE_ACK, update(PUSH_ACK, 0, "big", 0, 0, 0)},
-      {3, MSG_UPDATE_REQ, update(PUSH_REQ, 1, "own", 0, 3, 3, "abc", kRestricted), MSG_UPDATE_ACK,
-       update(PUSH_ACK, 1, "own", 0, 0, 0)},
-      {4, MSG_UPDATE_REQ, update(PUSH_DEL_REQ, 3, "gone", 0, 3, 0), MSG_UPDATE_ACK,
-       update(PUSH_DEL_ACK, 3, "gone", 0, 0, 0)},
-      {5, MSG_UPDATE_REQ, update(PULL_REQ, 2, "theirs", 0, 1, 0), MSG_UPDATE_ACK,
-       update(PULL_ACK, 1, "theirs", 0, 1, 1, "a")},
-      {5, MSG_LOCK_REL, "", kNoAnswer, ""},
-  };
-  for (const auto& step : steps) {
-    const SentMessage sent = g_cpg.sent.back();
-    EXPECT_TRUE(bytes_of(sent) == message_bytes(step.command, 1, step.sequence_id, step.payload,
-                                                step.command == MSG_LOCK_REL ? 2 : 0))
-        << step.command << " " << step.sequence_id;
-    deliver_own(sent);
-    if (step.answer != kNoAnswer)
-      deliver_from_peer(message_bytes(step.answer, 1, step.sequence_id, step.answer_payload));
-  }
-  EXPECT_EQ(g_cpg.sent.size(), 8u);
-  EXPECT_EQ(ctx->cur_state, ST_UNLOCKED);
-  EXPECT_EQ(+ctx->rpc_stage, RPC_COMPLETE);
-  EXPECT_EQ(ctx->rpc_result.success, 1);
-  EXPECT_EQ(ctx->rpc_result.peer_present, 0x59u);
-  EXPECT_EQ(fault_status(), 1u);
-  EXPECT_EQ(read_file(tree_path(2, "theirs")), "a");
-  EXPECT_EQ(logged(3), Lines());
-}
 
 // The output of a shell in /mnt, without the year, with each run of blanks as a bar and each run of
 // dashes as one; and its exit status.
@@ -167,13 +63,20 @@ TEST_F(ExchangeTest, IsExplainedFromItsTrace) {
   set_active(true);
   g_diag_params.max_log_size = -1;
   ctx->cpg_membership_flags = kSelfMember;
-  request_sync(kNone, 0);
+  ask();
   ctx->cpg_membership_flags |= kPeerMember;
-  const std::string source = make_file(0, "TempUpdate_", "abc");
-  request_sync(kDropped, 3, source + '\0' + tree_path(0, "\x1b<a>") + '\0');
+  ask(make_file(0, "TempUpdate_", "abc"), tree_path(0, "\x1b<a>"), 2);
   const std::string to_fixed = "sed 's/^ *[0-9]*/1700000000/' /tmp/cluster_sync_daemon.log > ";
   print(to_fixed + "log; rm /tmp/cluster_sync_daemon.log");
-  serve(kNone, 0);
+  for (const auto& [command, sequence_id, payload] :
+       {std::tuple(MSG_LOCK_REQ, 0u, std::string()),
+        {MSG_LISTING_REQ, 0u, std::string(2, '\0')},
+        {MSG_UPDATE_REQ, 1u, push(1, "theirs", "abc")},
+        {MSG_UPDATE_REQ, 2u, update(PULL_REQ, 2, "pushed too", 0, 7, 0)},
+        {MSG_LOCK_REL, 2u, std::string()}}) {
+    deliver_from_peer(message_bytes(command, 41, sequence_id, payload));
+    settle();
+  }
   g_diag_params.max_log_size = 0;
   print(to_fixed + "peer; rm /tmp/cluster_sync_daemon.log; sed -i s/=41/=2/g peer");
 
@@ -255,7 +158,7 @@ TEST_F(ExchangeTest, WhatItHasChangedHereIsTold) {
   make_file(2, "large", pattern(70000));
   make_file(2, "small", "content");
   make_file(1, "pushed too", "content");
-  request_sync(kNone, 0);
+  ask();
   EXPECT_EQ(+ctx->both_active, 0) << "an exchange without a change";
   ASSERT_EQ(logged(4).size(), 3u) << "one line an exchange";
   EXPECT_TRUE(logged(4)[2].starts_with(deleted));
@@ -351,7 +254,7 @@ TEST_F(ExchangeTest, AComparisonChangesNothingAndSaysNothingOfFaults) {
   ctx->rpc_compare = 0;
   unlink(tree_path(0, "same").c_str());
   unlink(tree_path(1, "line\nfeed").c_str());
-  request_sync(kNone, 0);
+  ask();
   EXPECT_EQ(fault_status(), 1u);
   EXPECT_EQ(ctx->rpc_report, -1);
 }

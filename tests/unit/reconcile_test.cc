@@ -197,9 +197,7 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyOnThisEmsOwnCopies) {
     write_file("/run/outside/kept", "kept");
     write_file("/mnt/part.persistent/kept", "kept");
     if (expected.erase(row.from) != 0) expected.insert(row.to);
-    ctx->cur_state = ST_PEERLOCK;
-    ctx->peer_exchange_id = 9;
-    deliver_from_peer(message_bytes(MSG_LISTING_REQ, 9, 0, row.payload));
+    receive(row.payload, MSG_LISTING_REQ);
     std::set<std::string> found;
     for (const std::string& root : {shared, own, mine}) {
       for (const auto& entry : fs::recursive_directory_iterator(root))

@@ -22,19 +22,13 @@ class ReplacedFilesTest : public DaemonTest {
     forget_kept();
   }
 
+  // An update of the peer, and whether the answer tells of a success.
   void receive(const std::string& payload, bool succeeds = true) {
-    reset_cpg_result(ctx);
-    ctx->cur_state = ST_PEERLOCK;
-    on_update_chunk(ctx, reinterpret_cast<const uint8_t*>(payload.data()),
-                    static_cast<uint32_t>(payload.size()));
+    DaemonTest::receive(payload);
     EXPECT_EQ(g_cpg.sent.back().header.result.success, succeeds)
         << g_cpg.sent.back().header.result.reason;
   }
 
-  static std::string push(uint32_t root, const std::string& path, const std::string& data) {
-    const auto size = static_cast<uint32_t>(data.size());
-    return update(PUSH_REQ, root, path, 0, size, size, data);
-  }
   static std::string deletion(const std::string& path) {
     return update(PUSH_DEL_REQ, 0, path, 0, 0, 0);
   }
@@ -100,9 +94,8 @@ TEST_F(ReplacedFilesTest, WhatAnExchangeTakesAwayIsKeptAsItWasBefore) {
       {[&] { receive(push(0, "d/f/e/new", "new")); }, {"active.replaced/d/f: old"}},
       // The requester's rename, repeated here.
       {[&] {
-         ctx->cur_state = ST_PEERLOCK;
-         deliver_from_peer(message_bytes(
-             MSG_LISTING_REQ, 0, 0, tree_path(0, "d/large") + '\0' + tree_path(0, "d/f") + '\0'));
+         DaemonTest::receive(tree_path(0, "d/large") + '\0' + tree_path(0, "d/f") + '\0',
+                             MSG_LISTING_REQ);
        },
        {"active.replaced/d/f: old"}},
       // On the requester: files that are no longer in the peer's own tree.

@@ -32,14 +32,6 @@ class RpcServiceTest : public DaemonTest {
   ~RpcServiceTest() override {
     close(ctx->rpc_fd);
   }
-
-  // Does the part of sync_thread for a request without a waiting caller.
-  RpcResult serve(const std::string& source, const std::string& destination) {
-    ctx->cur_state = ST_UNLOCKED;
-    publish(source + '\0' + destination + '\0');
-    on_sync_rpc_update(ctx);
-    return ctx->rpc_result;
-  }
 };
 
 }  // namespace
@@ -89,7 +81,7 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.reason);
     g_flight_recorder.paused = 0;
-    const RpcResult result = serve(row.source, row.destination);
+    const RpcResult result = request(row.source, row.destination);
     std::string reason = row.reason;
     reason.replace(reason.find('%'), 1, row.destination);
     EXPECT_EQ(result.reason, reason.substr(0, 115));
@@ -106,61 +98,20 @@ TEST_F(RpcServiceTest, RefusesWithCodeAndTextAndTouchesNothing) {
   EXPECT_FALSE(exists(digest)) << "of the destination of a rename that failed";
   EXPECT_EQ(stats.n_atomic_updates_from_self, 2u) << "the renames that were tried";
   g_before_call = [](const std::string& name) { return name == ".$SyncDigest$f" ? EIO : 0; };
-  EXPECT_EQ(serve(kept, own + "d/f").reason, update + "Input/output error): " + own + "d/f");
+  EXPECT_EQ(request(kept, own + "d/f").reason, update + "Input/output error): " + own + "d/f");
   g_before_call = nullptr;
   EXPECT_EQ(read_file(own + "d/f"), "f") << "old digests would vouch for the new file";
   set_active(true);
   fs::create_directory(tree_path(3, ".$SyncDigest$f"));  // vouches for nothing
-  serve(make_file(3, "new", "new"), tree_path(3, "f"));
+  request(make_file(3, "new", "new"), tree_path(3, "f"));
   EXPECT_EQ(read_file(tree_path(3, "f")), "new");
   EXPECT_EQ(ctx->cur_exchange_em_is_active, 1);
   EXPECT_EQ(sent_messages(), Lines{"MSG_LOCK_REQ 1.0"});
 }
 
-// The answer for a change that is applied here but not on the peer.
 TEST_F(RpcServiceTest, AChangeThatStandsHereIsNeverDenied) {
-  const std::string shared = make_file(0, "f", "f");
-  set_active(true);
-  serve("", shared);
-  ctx->cur_state = ST_UNLOCKED;  // it lost the lock, and the role has moved meanwhile
-  set_active(false);
-  on_sync_state_change(ctx, ON_SYNC_REQ, 1, nullptr, nullptr, 0);
-  EXPECT_EQ(ctx->cur_exchange_em_is_active, 0);
-  deliver_own(SentMessage(g_cpg.sent.back()));
-  EXPECT_EQ(ctx->rpc_result.reason,
-            "Attempt to update shared replicated area while not active '" + shared + "'");
-  EXPECT_EQ(ctx->rpc_result.local_ok, 1);
-  EXPECT_EQ(sent_messages(), (Lines{"MSG_LOCK_REQ 1.0", "MSG_LOCK_REQ 2.0", "MSG_LOCK_REL 2.0"}));
-
-  // The same if it waits for the end of the peer's exchange and the peer leaves.
-  for (const bool still_active : {true, false}) {
-    set_active(true);
-    serve("", make_file(0, "f", "f"));
-    deliver_from_peer(message_bytes(MSG_LOCK_REQ, 9, 0));
-    set_active(still_active);
-    change_membership(false);
-    EXPECT_EQ(ctx->rpc_result.success, still_active) << ctx->rpc_result.reason;
-    EXPECT_EQ(ctx->rpc_result.local_ok, 1);
-    EXPECT_EQ(strncmp(ctx->rpc_result.reason, "Attempt to update shared", 24) == 0, !still_active);
-    change_membership(true);
-  }
-
-  // The role went to the peer, which undid the change, and came back.
-  for (const bool undone : {false, true}) {
-    set_active(true);
-    serve("", make_file(0, "f", "f"));
-    deliver_from_peer(message_bytes(MSG_LOCK_REQ, 9, 0));
-    if (undone) note_shared_change(ctx, shared.c_str());
-    deliver_from_peer(message_bytes(MSG_LOCK_REL, 9, 0));
-    deliver_own(SentMessage(g_cpg.sent.back()));
-    EXPECT_EQ(ctx->cur_state == ST_DONE, undone);
-    end_exchange(ctx);
-    EXPECT_EQ(strncmp(ctx->rpc_result.reason, "Attempt to update shared", 24) == 0, undone);
-    deliver_own(SentMessage(g_cpg.sent.back()));
-  }
-
   g_diag_params.statemachine_stuck = 1;
-  serve(make_file(1, "TempUpdate_1", "f"), tree_path(1, "f"));
+  request(make_file(1, "TempUpdate_1", "f"), tree_path(1, "f"));
   end_exchange_error(ctx, "Operation timed out");
   EXPECT_STREQ(ctx->rpc_result.reason, "Operation timed out");
   EXPECT_EQ(ctx->rpc_result.local_ok, 1);

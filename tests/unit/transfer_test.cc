@@ -14,14 +14,6 @@ class TransferTest : public DaemonTest {
     ctx->peer_sequence_id = 0x44;
   }
 
-  void receive(const std::string& payload) {
-    g_cpg.sent.clear();
-    reset_cpg_result(ctx);
-    ctx->cur_state = ST_PEERLOCK;
-    on_update_chunk(ctx, reinterpret_cast<const uint8_t*>(payload.data()),
-                    static_cast<uint32_t>(payload.size()));
-  }
-
   // Expects that one answer, `payload`, was sent for the last request; with `reason` it is a
   // failure.
   void expect_answer(const std::string& payload, const std::string& reason = "") {
@@ -35,12 +27,6 @@ class TransferTest : public DaemonTest {
     EXPECT_EQ(result.success, reason.empty());
     EXPECT_EQ(result.local_ok, 1) << "code 20 if any";
     EXPECT_EQ(memcmp(&result, &ctx->cpg_result, sizeof(RpcResult)), 0);
-  }
-
-  // A push of a whole file.
-  static std::string push(uint32_t root, const std::string& path, const std::string& data) {
-    const auto size = static_cast<uint32_t>(data.size());
-    return update(PUSH_REQ, root, path, 0, size, size, data);
   }
 
   static FileEntry* new_entry(uint32_t type, uint32_t root, const char* path, uint32_t begin,
