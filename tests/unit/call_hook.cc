@@ -51,26 +51,14 @@ int openat(int dir, const char* path, int flags, ...) {
                      : real<int(int, const char*, int, ...)>("openat64")(dir, path, flags, mode);
 }
 
-int unlink(const char* path) noexcept {
-  return fails(path) ? -1 : real<int(const char*)>("unlink")(path);
-}
-
 int unlinkat(int dir, const char* path, int flags) noexcept {
   return fails(path) ? -1 : real<int(int, const char*, int)>("unlinkat")(dir, path, flags);
-}
-
-int rename(const char* from, const char* to) noexcept {
-  return fails(from) ? -1 : real<int(const char*, const char*)>("rename")(from, to);
 }
 
 int renameat(int from_dir, const char* from, int to_dir, const char* to) noexcept {
   return fails(from) ? -1
                      : real<int(int, const char*, int, const char*)>("renameat")(from_dir, from,
                                                                                  to_dir, to);
-}
-
-int mkdir(const char* path, mode_t mode) noexcept {
-  return fails(path) ? -1 : real<int(const char*, mode_t)>("mkdir")(path, mode);
 }
 
 int mkdirat(int dir, const char* path, mode_t mode) noexcept {

@@ -123,7 +123,11 @@ void DaemonTest::receive(const std::string& payload, uint32_t command) {
 
 uint32_t DaemonTest::fault_status() {
   const std::string record = read_file("/var/run/em/events/0x80000702");
-  return record.size() == 1036 ? static_cast<uint8_t>(record[8]) : 0;
+  if (record.empty()) return 0;
+  const uint32_t status = static_cast<uint8_t>(record[8]);
+  EXPECT_EQ(record, std::string("\2\0\0\0\x18\0\x0F\0", 8) + little_endian(status) +
+                        std::string(1024, '\0'));
+  return status;
 }
 
 std::string tree_path(uint32_t root_index, const std::string& relative_path) {

@@ -46,7 +46,7 @@ class DaemonTest : public testing::Test {
   // Delivers a request of the peer, by default an update, while its exchange is served.
   void receive(const std::string& payload, uint32_t command = MSG_UPDATE_REQ);
 
-  // Status field of the last fault event, 0 if there is none.
+  // Status field of the last fault event, 0 if there is none. The event must be well-formed.
   static uint32_t fault_status();
 
  private:

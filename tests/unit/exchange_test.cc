@@ -249,21 +249,4 @@ TEST_F(ExchangeTest, AComparisonChangesNothingAndSaysNothingOfFaults) {
   EXPECT_EQ(ctx->consecutive_errors, 1);
   EXPECT_EQ(ctx->resync_countdown, 50);
   EXPECT_EQ(fault_status(), 0u);
-
-  // The next request is not a comparison. Two chunks must be pushed.
-  ctx->rpc_compare = 0;
-  unlink(tree_path(0, "same").c_str());
-  unlink(tree_path(1, "line\nfeed").c_str());
-  ask();
-  EXPECT_EQ(fault_status(), 1u);
-  EXPECT_EQ(ctx->rpc_report, -1);
-}
-
-TEST_F(ExchangeTest, TheEventIsItsBytes) {
-  set_active(true);
-  write_file("/var/run/em/number", "2\n");
-  ctx->consecutive_errors = 1;
-  end_exchange_error(ctx, "x");
-  EXPECT_EQ(read_file("/var/run/em/events/0x80000702"),
-            std::string("\x01\0\0\0\x18\0\x0F\0\x04\0\0\0", 12) + std::string(1024, '\0'));
 }

@@ -26,43 +26,6 @@ class ReconcileTest : public DaemonTest {
 
 }  // namespace
 
-TEST_F(ReconcileTest, EachTreeFlowsInItsDirection) {
-  const char tags[] = "AQPV";
-  const std::string abc = " " SHA_ABC " 00000000 00000003 G f";
-  const std::string other = " " SHA_A " 00000000 00000003 G f";
-  const std::string whole_chunk = " " SHA_A " 00000000 00010000 G f";
-  const std::string restricted = " " SHA_ABC " 00000000 00000003 P f";
-  const struct {
-    mode_t mode;  // of "f" with content "abc" here; 0: does not exist here
-    Lines peer;
-    Lines queue;         // for root 2, which comes from the peer
-    Lines pushed_queue;  // for the other roots
-  } rows[] = {
-      {0644, {abc}, {}, {}},
-      {0644, {other}, {"PULL_REQ ", other}, {"PUSH_REQ ", abc}},
-      {0644, {}, {}, {"PUSH_REQ ", abc}},
-      {0, {abc}, {"PULL_REQ ", abc}, {"PUSH_DEL_REQ ", abc}},
-      {0600, {abc}, {"PULL_REQ ", abc}, {"PUSH_REQ ", restricted}},
-      {0, {abc, whole_chunk}, {"PULL_REQ ", abc, whole_chunk}, {"PUSH_DEL_REQ ", abc, whole_chunk}},
-      {0644, {abc, whole_chunk}, {"PULL_REQ ", whole_chunk}, {}},
-  };
-  for (const auto& row : rows) {
-    for (uint32_t root = 0; root < kRootCount; ++root) {
-      SCOPED_TRACE(std::to_string(&row - rows) + " in root " + std::to_string(root));
-      if (row.mode != 0) make_file(root, "f", "abc", row.mode);
-      Lines peer = row.peer, queue = root == 2 ? row.queue : row.pushed_queue;
-      for (std::string& line : peer)
-        line.insert(0, 1, tags[root]);
-      for (size_t i = 1; i < queue.size(); ++i)
-        queue[i] = queue[0] + tags[root] + queue[i];
-      if (!queue.empty()) queue.erase(queue.begin());
-      EXPECT_EQ(compare(peer), queue) << "what an earlier comparison left is gone";
-      EXPECT_EQ(exists(tree_path(root, "f")), row.mode != 0 && (root != 2 || !peer.empty()));
-      unlink(tree_path(root, "f").c_str());
-    }
-  }
-}
-
 TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
   const struct {
     const char* percent = "90";
@@ -213,11 +176,7 @@ TEST_F(ReconcileTest, ARequestsRenameIsRepeatedOnlyOnThisEmsOwnCopies) {
 TEST_F(ReconcileTest, ARenameWithoutASourceHereLeavesTheDigests) {
   make_file(0, "dst", pattern(70000));
   scan_lines(ctx);
-  ctx->cur_state = ST_PEERLOCK;
-  ctx->peer_exchange_id = 9;
-  const std::string nul(1, '\0');
-  deliver_from_peer(
-      message_bytes(MSG_LISTING_REQ, 9, 0, tree_path(0, "none") + nul + tree_path(0, "dst") + nul));
+  receive(tree_path(0, "none") + '\0' + tree_path(0, "dst") + '\0', MSG_LISTING_REQ);
   EXPECT_EQ(stats.n_digest_files_created, 1u) << "the file is not hashed again";
   EXPECT_EQ(stats.n_digest_files_scanned, 1u);
 }
