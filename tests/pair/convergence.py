@@ -10,7 +10,6 @@ import os
 import random
 import shutil
 import stat
-from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -20,7 +19,7 @@ from trees import OPEN_TO_ALL, UNREPLICATED
 
 CHUNK = 65536
 TEMPORARY, DIGEST = UNREPLICATED
-NEW, NOISE = f"{TEMPORARY}new", f"{TEMPORARY}noise"  # made by the driver
+NEW = f"{TEMPORARY}new"  # made by the driver
 TOPS = (PERSISTENT, os.path.dirname(VOLATILE))
 SIZES = (0, 1, 100, 4000, CHUNK - 1, CHUNK, CHUNK + 1, 2 * CHUNK, 2 * CHUNK + 1, 300_000)
 MODES = (0o644, 0o644, 0o644, 0o755, 0o664, 0o640, 0o600, 0o400)
@@ -102,7 +101,7 @@ class Machine:
 
     def left_over(self) -> list[str]:
         return [path for path in self.nodes
-                if f"/{TEMPORARY}" in path and not path.endswith((NEW, NOISE))]
+                if f"/{TEMPORARY}" in path and not path.endswith(NEW)]
 
     def wrong_digests(self) -> list[str]:
         """Digest cache files that a scan would trust although the data file has other content."""
@@ -300,7 +299,8 @@ class Driver:
             self.history.append(f"EM {n}: delete {path}")
             self._remove(target)
         else:
-            self._add_what_is_not_replicated(n, path)
+            self.history.append(f"EM {n}: directory {path}")
+            self._make_room(n, f"{path}/file")
 
     def _edit(self, n: int, path: str) -> None:
         """Grows, shrinks or changes a file in place."""
@@ -319,14 +319,3 @@ class Driver:
         else:
             target.write_bytes(content)
             self._touch(target)
-
-    def _add_what_is_not_replicated(self, n: int, path: str) -> None:
-        target = self.random.choice((OWN, self.names[0], "/nowhere"))
-        kinds: tuple[tuple[str, Callable[[Path], None]], ...] = (
-            ("folder", os.mkdir), ("fifo", os.mkfifo), (NOISE, lambda place: place.touch()),
-            ("link", lambda place: place.symlink_to(target)))
-        kind, make = self.random.choice(kinds)
-        place = self._make_room(n, path).parent / kind
-        self.history.append(f"EM {n}: {kind} beside {path}")
-        if not os.path.lexists(place):
-            make(place)
