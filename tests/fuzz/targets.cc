@@ -16,6 +16,7 @@
 #include <array>
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -50,44 +51,31 @@ constexpr uint32_t kPeerNode = 2;
 constexpr uint32_t kPeerExchange = 7;
 
 template <typename Record>
-std::string bytes_of(const Record& record) {
+std::string record_bytes(const Record& record) {
   return std::string(reinterpret_cast<const char*>(&record), sizeof record);
 }
 
-// Delivers a message to the daemon, in a buffer of its exact size.
-void deliver(uint32_t nodeid, const std::string& message) {
-  std::vector<uint8_t> bytes(message.begin(), message.end());
-  // The peer is another process, whatever its node.
-  const auto pid = static_cast<uint32_t>(getpid() + (nodeid == kOwnNode ? 0 : 1));
-  on_cpg_message(0, nullptr, nodeid, pid, bytes.data(), bytes.size());
-}
-
-void deliver_from_peer(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
-                       const std::string& payload) {
+void send_from_peer(uint32_t command, uint32_t exchange_id, uint32_t sequence_id,
+                    const std::string& payload) {
   CpgHeader header = {kCpgMagic, command, 0, exchange_id, sequence_id, {}};
   storage_cfg_set_result(&header.result, 0, nullptr);
-  deliver(kPeerNode, bytes_of(header) + payload);
+  deliver_from_peer(record_bytes(header) + payload);
 }
 
 void deliver_answer(uint32_t command, const std::string& payload) {
-  deliver_from_peer(command, ctx->cur_exchange_id, ctx->cur_sequence_id, payload);
+  send_from_peer(command, ctx->cur_exchange_id, ctx->cur_sequence_id, payload);
 }
 
 // The peer takes the lock and sends a request.
 void serve_peer(uint32_t command, const std::string& payload) {
-  deliver_from_peer(MSG_LOCK_REQ, kPeerExchange, 0, {});
-  deliver_from_peer(command, kPeerExchange, 1, payload);
-}
-
-// The group delivers a message to its sender.
-void deliver_own(const SentMessage& message) {
-  deliver(kOwnNode, bytes_of(message.header) + message.payload);
+  send_from_peer(MSG_LOCK_REQ, kPeerExchange, 0, {});
+  send_from_peer(command, kPeerExchange, 1, payload);
 }
 
 // A chunk of ten bytes, or a request for it, with a mostly valid header.
 std::string make_update(uint32_t type, const std::string& path, uint32_t file_size) {
   const UpdateHeader header = {type, 1, 1, {}, kThisEmRoot, 0, {}, 0, file_size, 0, 10};
-  return bytes_of(header) + path + '\0' + "0123456789";
+  return record_bytes(header) + path + '\0' + "0123456789";
 }
 
 // An exchange of the daemon, up to the comparison with this listing of the peer.
@@ -143,13 +131,13 @@ void group_step(Input* in, size_t* delivered) {
     case 1:
       return accept_update();
     case 2:
-      return deliver_from_peer(in->ConsumeIntegralInRange(0U, 5U),
-                               in->ConsumeBool() ? kPeerExchange : ctx->cur_exchange_id,
-                               ctx->cur_sequence_id, in->ConsumeRandomLengthString(kShort));
+      return send_from_peer(in->ConsumeIntegralInRange(0U, 5U),
+                            in->ConsumeBool() ? kPeerExchange : ctx->cur_exchange_id,
+                            ctx->cur_sequence_id, in->ConsumeRandomLengthString(kShort));
     case 3: {
       std::string message = in->ConsumeRandomLengthString();
-      if (in->ConsumeBool()) message.replace(0, sizeof kCpgMagic, bytes_of(kCpgMagic));
-      return deliver(in->ConsumeBool() ? kOwnNode : kPeerNode, message);
+      if (in->ConsumeBool()) message.replace(0, sizeof kCpgMagic, record_bytes(kCpgMagic));
+      return in->ConsumeBool() ? deliver_own(message) : deliver_from_peer(message);
     }
     case 4:
       return change_membership(in->ConsumeIntegral<uint8_t>());
@@ -339,45 +327,32 @@ class TreeAttacker {
   }
 
  private:
-  void put(const char* name, const char* text) const {
+  int put(const char* name, const char* text) const {
     const int fd = openat(dir_, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd < 0) return;
-    if (write(fd, text, strlen(text)) < 0) abort();
-    close(fd);
+    if (fd >= 0 && write(fd, text, strlen(text)) < 0) abort();
+    return fd < 0 ? fd : close(fd);
   }
 
   // A failure means a lost race.
   void act() {
     const char* name = std::array{"file", "data", "new"}[random_() % 3];
-    int r = 0;
-    switch (random_() % 9) {
-      case 0:
-      case 1:
-      case 2:
-        r = renameat2(root_, "dir", root_, "link_dir", RENAME_EXCHANGE);
-        break;
-      case 3:
-        r = renameat2(dir_, "deep", dir_, "link", RENAME_EXCHANGE);
-        break;
-      case 4:
-        r = unlinkat(dir_, name, 0) + mkfifoat(dir_, name, 0666);
-        break;
-      case 5:
-        r = unlinkat(dir_, name, 0) + linkat(root_, "small", dir_, name, 0);
-        break;
-      case 6:
-        r = unlinkat(dir_, name, 0) + symlinkat("/mnt/canary/file", dir_, name);
-        break;
-      case 7:
-        r = unlinkat(dir_, name, 0);
-        put(name, "content");
-        break;
-      case 8:
-        r = symlinkat("/mnt/canary/file", dir_, ".$SyncDigest$data");
-        put(".$SyncDigest$file", "Digest-V1 10 1\n");
-        break;
-    }
-    static_cast<void>(r);
+    const auto swap = [this] {
+      return renameat2(root_, "dir", root_, "link_dir", RENAME_EXCHANGE);
+    };
+    const auto replace = [&](auto make) { return unlinkat(dir_, name, 0) + make(); };
+    const std::function<int()> acts[] = {
+        swap,
+        swap,
+        swap,
+        [&] { return renameat2(dir_, "deep", dir_, "link", RENAME_EXCHANGE); },
+        [&] { return replace([&] { return mkfifoat(dir_, name, 0666); }); },
+        [&] { return replace([&] { return linkat(root_, "small", dir_, name, 0); }); },
+        [&] { return replace([&] { return symlinkat("/mnt/canary/file", dir_, name); }); },
+        [&] { return replace([&] { return put(name, "content"); }); },
+        [&] { return put(".$SyncDigest$file", "Digest-V1 10 1\n"); },
+        [&] { return symlinkat("/mnt/canary/file", dir_, ".$SyncDigest$data"); },
+    };
+    static_cast<void>(acts[random_() % std::size(acts)]());
   }
 
   int root_;

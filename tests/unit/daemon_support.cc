@@ -25,11 +25,6 @@ void parse_log(int fd, const std::function<void(int, const std::string&)>& take)
   }
 }
 
-void deliver(uint32_t nodeid, uint32_t pid, std::string message) {
-  const cpg_name group = {7, "em-sync"};
-  on_cpg_message(g_context.cpg_handle, &group, nodeid, pid, message.data(), message.size());
-}
-
 }  // namespace
 
 DaemonTest::DaemonTest() : stdout_fd_(dup(STDOUT_FILENO)) {
@@ -187,11 +182,6 @@ std::string push(uint32_t root, const std::string& path, const std::string& data
   return update(PUSH_REQ, root, path, 0, size, size, data);
 }
 
-std::string bytes_of(const SentMessage& message) {
-  return std::string(reinterpret_cast<const char*>(&message.header), sizeof(message.header)) +
-         message.payload;
-}
-
 Lines sent_messages() {
   Lines messages;
   for (const auto& [header, payload] : g_cpg.sent)
@@ -199,12 +189,4 @@ Lines sent_messages() {
                        std::to_string(header.exchange_id) + "." +
                        std::to_string(header.sequence_id));
   return messages;
-}
-
-void deliver_from_peer(const std::string& message) {
-  deliver(2, 4711, message);
-}
-
-void deliver_own(const SentMessage& message) {
-  deliver(g_context.cpg_local_nodeid, static_cast<uint32_t>(getpid()), bytes_of(message));
 }

@@ -94,14 +94,7 @@ std::string update(uint32_t type, uint32_t root, const std::string& path, uint32
 // The payload that pushes a whole file.
 std::string push(uint32_t root, const std::string& path, const std::string& data);
 
-// The bytes of a message.
-std::string bytes_of(const SentMessage& message);
-
 // The sent messages as "MSG_LOCK_REQ 1.0", with exchange and sequence id.
 Lines sent_messages();
-
-// Passes a message to the delivery callback, from the peer (node 2) or from this process.
-void deliver_from_peer(const std::string& message);
-void deliver_own(const SentMessage& message);
 
 #endif  // TESTS_UNIT_DAEMON_SUPPORT_H_

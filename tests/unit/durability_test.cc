@@ -119,13 +119,10 @@ TEST_F(DurabilityTest, EveryChangeReachesTheDiskInOrderOrIsAFailure) {
 TEST_F(DurabilityTest, WhatCouldNotBeSyncedIsNoSuccessLater) {
   const std::string f = tree_path(0, "f"), zeros = "A " + std::string(40, '0');
   const std::string content = pattern(70000);
-  ctx->peer_exchange_id = 9;
   const auto receive = [&](const std::string& payload, size_t failing = SIZE_MAX) {
-    ctx->cur_state = ST_PEERLOCK;
-    reset_cpg_result(ctx);
     g_synced.clear();
     g_failing = failing;
-    deliver_from_peer(message_bytes(MSG_UPDATE_REQ, 9, 0, payload));
+    DaemonTest::receive(payload);
     g_failing = SIZE_MAX;
     g_synced.clear();
     EXPECT_EQ(ctx->cpg_result.success, failing == SIZE_MAX) << ctx->cpg_result.reason;

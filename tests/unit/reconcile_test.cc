@@ -47,6 +47,7 @@ TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
       {.percent = "", .root = 2, .active = false},
       {.percent = "0", .root = 1, .active = false, .lost = 11, .kept = 90, .withheld = true},
   };
+  const std::string empty = " " SHA_EMPTY " 00000000 00000000 G ";
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
     row.percent != nullptr ? setenv("MAX_DELETED_PERCENT", row.percent, 1)
@@ -58,17 +59,13 @@ TEST_F(ReconcileTest, AnEmptiedTreeDeletesNothingUnlessItIsAllowed) {
     for (int i = 0; i < row.lost + row.kept; ++i) {
       const std::string name = std::to_string(i);
       if (from_peer || i >= row.lost) make_file(row.root, name, "");
-      if (!from_peer || i >= row.lost)
-        listing.push_back(std::string{"AQPV"[row.root]} + " " SHA_EMPTY " 00000000 00000000 G " +
-                          name);
+      if (!from_peer || i >= row.lost) listing.push_back("AQPV"[row.root] + empty + name);
     }
     // A new file must not make the loss look smaller to the next exchange.
-    if (row.withheld && from_peer) listing.push_back("P " SHA_EMPTY " 00000000 00000000 G new");
+    if (row.withheld && from_peer) listing.push_back("P" + empty + "new");
     if (row.withheld && !from_peer) make_file(row.root, "new", "");
     const Lines queue = compare(listing);
-    if (row.withheld) {
-      EXPECT_EQ(queue, Lines());
-    }
+    EXPECT_TRUE(!row.withheld || queue.empty());
     const size_t deleted = from_peer ? static_cast<size_t>(row.lost + row.kept) -
                                            names_in(tree_path(row.root, "")).size()
                                      : queue.size();

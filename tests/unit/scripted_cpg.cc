@@ -1,6 +1,9 @@
 #include "tests/unit/scripted_cpg.h"
 
 #include <string.h>
+#include <unistd.h>
+
+#include "redundancy_health/transport/sync_thread.h"
 
 ScriptedCpg g_cpg;
 
@@ -16,7 +19,30 @@ cs_error_t result_of(const char* call) {
   return g_cpg.failing == call ? CS_ERR_LIBRARY : CS_OK;
 }
 
+void deliver(uint32_t nodeid, uint32_t pid, const std::string& message) {
+  const cpg_name group = {7, "em-sync"};
+  std::vector<uint8_t> bytes(message.begin(), message.end());
+  on_cpg_message(g_context.cpg_handle, &group, nodeid, pid, bytes.data(), bytes.size());
+}
+
 }  // namespace
+
+std::string bytes_of(const SentMessage& message) {
+  return std::string(reinterpret_cast<const char*>(&message.header), sizeof(message.header)) +
+         message.payload;
+}
+
+void deliver_own(const std::string& message) {
+  deliver(g_context.cpg_local_nodeid, static_cast<uint32_t>(getpid()), message);
+}
+
+void deliver_own(const SentMessage& message) {
+  deliver_own(bytes_of(message));
+}
+
+void deliver_from_peer(const std::string& message) {
+  deliver(2, static_cast<uint32_t>(getpid()) + 1, message);  // another process, whatever its node
+}
 
 extern "C" {
 

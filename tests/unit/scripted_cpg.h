@@ -33,4 +33,12 @@ struct ScriptedCpg {
 
 extern ScriptedCpg g_cpg;
 
+std::string bytes_of(const SentMessage& message);
+
+// Passes a message to the delivery callback, in a buffer of its exact size, from this process or
+// from the peer (node 2).
+void deliver_own(const std::string& message);
+void deliver_own(const SentMessage& message);
+void deliver_from_peer(const std::string& message);
+
 #endif  // TESTS_UNIT_SCRIPTED_CPG_H_

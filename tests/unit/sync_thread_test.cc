@@ -93,6 +93,19 @@ TEST_F(SyncThreadTest, EachFailureInARowDoublesThePauseBeforeTheNextExchange) {
   reset_cpg_result(ctx);
   end_exchange_full(ctx, 0, nullptr);
   EXPECT_EQ(pause_before_exchange(ctx), 0) << "a success ends it";
+
+  end_exchange_error(ctx, "failed");
+  const int64_t end = ctx->no_exchange_before = get_uptime_ms() + 300;
+  set_active(true);
+  ctx->resync_countdown = 1;
+  ctx->cur_state = ST_UNLOCKED;
+  g_cpg.sent.clear();
+  publish();
+  eventfd_write(ctx->rpc_fd, 1);
+  while (g_cpg.sent.empty())
+    run(1);
+  EXPECT_GE(get_uptime_ms(), end) << "neither the request nor the resync begins before";
+  EXPECT_EQ(+ctx->rpc_stage, RPC_PENDING) << "the request is served before a resync";
 }
 
 TEST_F(SyncThreadTest, ResyncsFourPassesAfterAFailureAndThenEveryHundred) {
