@@ -184,7 +184,8 @@ class Site:
         decisions = self.decider.decisions(new)
         resets = len(getattr(self.decider, "resets", ()))
         self.watch.forget()
-        log_size = self.pair.log_path(new).stat().st_size
+        log = self.pair.log_path(new)
+        log_size = log.stat().st_size
         undo = fault(self, old)
 
         def decided() -> bool:
@@ -198,7 +199,7 @@ class Site:
             wait_for(self.watch.marks[new].exists, PATIENCE, f"EM {new} is active", 0.01)
             to_mark = time.monotonic() - decision
             assert to_mark <= MARK_LIMIT, f"{to_mark:.1f} s from the decision to the mark"
-            wait_for(lambda: "SYNC running explicit sync request" in self.log_from(new, log_size), PATIENCE,
+            wait_for(lambda: b"SYNC running explicit sync request" in log.read_bytes()[log_size:], PATIENCE,
                      "the new active EM synchronises")
         if undo:
             undo()
@@ -213,11 +214,6 @@ class Site:
             lost = self.writer.lost()
             assert not lost, f"lost: {lost}"
         return decision - begin, to_mark
-
-    def log_from(self, n: int, position: int) -> str:
-        with open(self.pair.log_path(n), "rb") as log:
-            log.seek(position)
-            return log.read().decode(errors="replace")
 
 
 FAULTS = {"orderly": Site.orderly, "decider killed": Site.decider_killed,

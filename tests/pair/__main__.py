@@ -19,7 +19,6 @@ from typing import cast
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parents[1] / "testbed"))
 WORKERS = 2
-ALONE = "test_100000_files"  # needs all processors to meet its time limit
 
 
 def end_with_parent() -> None:
@@ -64,14 +63,12 @@ def main(wanted: list[str]) -> int:
     tests = names(loader.discover(str(HERE)))
     outcomes: Counter[str] = Counter()
     with ProcessPoolExecutor(min(WORKERS, len(tests)) or 1, initializer=end_with_parent) as workers:
-        for alone in (True, False):
-            running = {workers.submit(run, name): name for name in tests
-                       if (ALONE in name) == alone}
-            for done in as_completed(running):
-                seconds, outcome, reason = done.result()
-                outcomes[outcome] += 1
-                print(f"   {outcome:7} {seconds:6.1f} s  {running[done]}",
-                      *filter(None, [reason]), sep="\n", flush=True)
+        running = {workers.submit(run, name): name for name in tests}
+        for done in as_completed(running):
+            seconds, outcome, reason = done.result()
+            outcomes[outcome] += 1
+            print(f"   {outcome:7} {seconds:6.1f} s  {running[done]}",
+                  *filter(None, [reason]), sep="\n", flush=True)
     print(f"{outcomes['ok']} passed, {outcomes['FAILED']} failed"
           + (f", {outcomes['skipped']} skipped" if outcomes["skipped"] else ""))
     return 0 if tests and not outcomes["FAILED"] else 1

@@ -182,10 +182,6 @@ class PairTest(unittest.TestCase):
     def wait_log(self, n: int, text: str, times: int = 1) -> None:
         self.wait(lambda: self.log(n).count(text) >= times, f"EM {n} logs '{text}'")
 
-    def assert_logged(self, n: int, *texts: str, never: bool = False) -> None:
-        log = self.log(n)
-        self.assertEqual([], [text for text in texts if (text in log) == never], f"never={never}")
-
     def daemon_logs(self) -> str:
         """The end of both logs, to analyse a failure, and where the complete logs are."""
         folder = FAILED / self.id()

@@ -1,6 +1,5 @@
 """Faults during work: what the callers are told, that it is true, and that the pair recovers."""
 
-import itertools
 import os
 import signal
 
@@ -14,20 +13,17 @@ LATE = "Received early LOCK_REL message in state "
 
 
 class HardFaultTest(PairTest):
-    serial = itertools.count()
-
     def settle(self) -> None:
         super().settle()
         self.assertEqual([[], []], [Machine(self.pair, n).wrong_digests() for n in EMS])
 
-    def transfer(self, n: int, root: str = ACTIVE, copy: str = ACTIVE) -> tuple[Caller, str]:
-        """Starts to send a large file from EM `n`; returns when a quarter of it has arrived."""
-        name = f"large{next(self.serial)}"
-        caller = self.call(n, self.prepared(n, f"{root}/{name}", os.urandom(LARGE)))
-        target = self.pair.path(3 - n, f"{copy}/{name}")
+    def transfer(self, path: str) -> Caller:
+        """Starts to send a large file from EM 1; returns when a quarter of it has arrived."""
+        caller = self.call(1, self.prepared(1, path, os.urandom(LARGE)))
+        target = self.pair.path(2, path)
         self.wait(lambda: target.exists() and target.stat().st_blocks * 512 > LARGE / 4,
                   "the transfer is under way")
-        return caller, name
+        return caller
 
     def wait_repaired(self) -> None:
         """The daemons find each other and make the trees identical by themselves."""
@@ -44,7 +40,7 @@ class HardFaultTest(PairTest):
 
     def test_corosync_killed_in_a_transfer(self):
         for victim in EMS:
-            caller, _ = self.transfer(1)
+            caller = self.transfer(f"{ACTIVE}/large{victim}")
             self.pair.kill(victim, "corosync")
             if victim == 2:
                 self.assert_done_alone(1, caller.result())
@@ -61,7 +57,7 @@ class HardFaultTest(PairTest):
     def test_link_cut_in_a_transfer(self):
         self.write(2, f"{OWN}/deleted", "before")
         self.synced(1)
-        caller, _ = self.transfer(1)
+        caller = self.transfer(f"{ACTIVE}/large")
         self.pair.cut()
         self.assert_done_alone(1, caller.result())
         for n in EMS:

@@ -21,11 +21,6 @@ class StateTest(PairTest):
         self.assertEqual(told["counters"], fields["counters"])
         self.assertEqual([(member["node"], member["pid"]) for member in told["members"]], fields["members"])
 
-        number = self.pair.path(1, "/run/em/number")
-        number.write_text("3\n")
-        self.assertFalse(self.status(1, 1)["number_valid"])
-        number.write_text("1\n")
-
         self.pair.set_role(2, True)
         self.write(2, f"{ACTIVE}/file", "of the other active EM")
         self.synced(2)

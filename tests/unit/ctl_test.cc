@@ -33,6 +33,7 @@ uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, 
   if (type == 0 && !source.empty() && g_payload[0] != 0)
     rename(source.c_str(), &g_request[source.size() + 2]);
   if (type == 3 && !g_report.empty()) {
+    std::replace(g_report.begin(), g_report.end(), ';', '\0');
     const int fd = memfd_create("report", MFD_CLOEXEC);
     pwrite(fd, g_report.data(), g_report.size(), 0);
     cmd_rsp_attach_descriptor(fd, rsp);
@@ -41,9 +42,15 @@ uint32_t scripted_handler(uint32_t type, const uint8_t* message, uint32_t size, 
   return g_status;
 }
 
+void answer_with(uint32_t status, const std::string& payload) {
+  g_status = status;
+  g_payload = payload;
+  g_turn.release();
+}
+
 #define SHA256_S "043a718774c572bd8a25adbeb1bfcd5c0256ae11cecf9f9c3f925d0e52beaf89"
 
-std::string result_bytes(uint32_t code, const char* reason, char peer_present) {
+std::string result_bytes(uint32_t code = 0, const char* reason = "", char peer_present = 'Y') {
   RpcResult result;
   storage_cfg_set_result(&result, code, "%s", reason);
   result.peer_present = static_cast<uint32_t>(peer_present);
@@ -88,11 +95,9 @@ class CtlTest : public DaemonTest {
 
   // Runs the client in /mnt. Returns its exit status.
   int run(const std::string& line) {
-    out_.clear();
-    FILE* client = popen(("cd /mnt && " + program() + " " + line).c_str(), "r");
-    for (int c; (c = fgetc(client)) != EOF;)
-      out_ += static_cast<char>(c);
-    const int status = pclose(client);
+    const std::string command = "cd /mnt && " + program() + " " + line;
+    const int status = system(("(" + command + ") > /run/out").c_str());
+    out_ = read_file("/run/out");
     const std::lock_guard lock(g_mutex);
     request_ = std::exchange(g_request, "");
     return WEXITSTATUS(status);
@@ -100,14 +105,12 @@ class CtlTest : public DaemonTest {
 
   // Runs the client with this answer of the server.
   int run_answered(const std::string& line, uint32_t status, const std::string& payload) {
-    g_status = status;
-    g_payload = payload;
-    g_turn.release();
+    answer_with(status, payload);
     return run(line);
   }
 
-  bool shows(const std::string& part) const {
-    return out_.find(part) != std::string::npos;
+  testing::AssertionResult shows(const std::string& part) const {
+    return testing::AssertionResult(out_.find(part) != std::string::npos) << out_;
   }
 
   std::string out_, request_;
@@ -131,7 +134,7 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
             "0" + nul + tree_path(1, "no/such") + nul},
            {"diag fail-read=/a=b", "1fail-read=/a=b"},
            {"--timeout 9 --socket 2006 --json sync", "0" + nul + nul}}) {
-    EXPECT_EQ(run_answered(line, 0, result_bytes(0, "", 'Y')), 0) << line;
+    EXPECT_EQ(run_answered(line, 0, result_bytes()), 0) << line;
     EXPECT_EQ(request_, request);
   }
   EXPECT_EQ(run("delete part.persistent/replicated_by_this_em/../x 2>&1"), 1);
@@ -141,7 +144,7 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
   const std::string wrong =
       ";update /a;update /a '';delete '';delete;sync now;diag '';fault x;role master;verify x;"
       "--list sync;--force sync;compare x;--against '' verify;--list --against /x "
-      "verify;nonsense;--nonsense sync;"
+      "verify;nonsense;--nonsense sync;kept show 9/d/f;kept diff 9/d/f x;kept diff;"
       "--timeout 0 sync;--timeout 1x sync;--timeout 99999999999999999999 sync;delete ";
   for (const std::string& line : split(wrong + std::string(70000, 'x'), ';')) {
     EXPECT_EQ(run(line + " 2> /dev/null"), 2) << line;
@@ -150,7 +153,7 @@ TEST_F(CtlTest, SendsTheRequestOfTheCommandOrNoneForWrongUsage) {
 }
 
 TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
-  const std::string success = result_bytes(0, "", 'Y');
+  const std::string success = result_bytes();
   EXPECT_EQ(run_answered("sync", 0, success), 0);
   EXPECT_EQ(out_, "synchronised with the other EM\n");
   EXPECT_EQ(run_answered("-q delete /run/replicated_by_active_em/x", 0, success), 0);
@@ -180,7 +183,7 @@ TEST_F(CtlTest, ShowsTheAnswerWithoutItsHostileBytes) {
 }
 
 TEST_F(CtlTest, PutAndEditPublishAllOrLeaveEverythingAndNameWhatWasTyped) {
-  const std::string good = result_bytes(0, "", 'Y'), bad = result_bytes(34, "no", 'N');
+  const std::string good = result_bytes(), bad = result_bytes(34, "no", 'N');
   const std::string file = make_file(3, "file", "old", 0644);
   set_active(true);
   setenv("VISUAL", "sh '/mnt/the editor'", 1);
@@ -240,7 +243,7 @@ TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
            {own + "way/x", "above it in the tree is a symbolic link"},
            {"/mnt/link", "it is a symbolic link to /mnt/part"}}) {
     EXPECT_EQ(run("put file " + destination + " 2>&1"), 1);
-    EXPECT_TRUE(shows(rule)) << out_;
+    EXPECT_TRUE(shows(rule));
     EXPECT_EQ(run("edit " + destination + " 2>/dev/null"), 1) << destination;
     EXPECT_EQ(request_, "");
   }
@@ -250,7 +253,7 @@ TEST_F(CtlTest, PutAndEditAskBeforeTheyWork) {
   run("edit " + own + "x 2>&1");
   const bool at_once = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(300);
   EXPECT_TRUE(exists("/mnt/edited"));
-  EXPECT_TRUE(!at_once || out_.find("the editor returned at once") != std::string::npos) << out_;
+  EXPECT_TRUE(!at_once || shows("the editor returned at once")) << out_;
 }
 
 TEST_F(CtlTest, KeptFilesAreListedComparedAndPublishedAgain) {
@@ -258,18 +261,16 @@ TEST_F(CtlTest, KeptFilesAreListedComparedAndPublishedAgain) {
   setenv("TZ", "UTC", 1);
   EXPECT_EQ(run("kept"), 0) << "nothing was ever kept";
   EXPECT_EQ(out_, "");
-  const std::string kept = "/mnt/part.persistent/replaced/";
-  fs::create_directories(kept + "00000009.20261126T110603Z.own.replaced/d");
-  fs::create_directories(kept + "00000010.20261126T110604Z.copy.deleted");
-  fs::create_directories(kept + "notes");
-  write_file(kept + "00000009.20261126T110603Z.own.replaced/d/f", "old\n");
-  write_file(kept + "00000009.20261126T110603Z.own.replaced/bin", std::string("\0x", 2));
-  write_file(kept +
-                 "00000010.20261126T110604Z.copy.deleted/es\x1b"
-                 "cape",
-             "gone");
+  const std::string kept = "/mnt/part.persistent/replaced/",
+                    ninth = kept + "00000009.20261126T110603Z.own.replaced/",
+                    tenth = kept + "00000010.20261126T110604Z.copy.deleted/";
+  for (const std::string& folder : {ninth + "d", tenth, kept + "notes"})
+    fs::create_directories(folder);
+  write_file(ninth + "d/f", "old\n");
+  write_file(ninth + "bin", std::string("\0x", 2));
+  write_file(tenth + "es\033cape", "gone");
   write_file(kept + "notes/secret", "secret");
-  fs::create_symlink(kept + "notes/secret", kept + "00000009.20261126T110603Z.own.replaced/link");
+  fs::create_symlink(kept + "notes/secret", ninth + "link");
   make_file(1, "d/f", "new\n");
   make_file(1, "bin", "x");
   for (const auto& [line, status, output] : std::vector<std::tuple<const char*, int, std::string>>{
@@ -285,22 +286,18 @@ TEST_F(CtlTest, KeptFilesAreListedComparedAndPublishedAgain) {
            {"kept restore 9/link -", 1, ""},
            {"kept restore 9/../notes/secret -", 1, ""},
            {"kept restore 11/x", 1, ""},
-           {"kept restore 9", 1, ""},
-           {"kept show 9/d/f", 2, ""},
-           {"kept diff 9/d/f x", 2, ""},
-           {"kept diff", 2, ""}}) {
+           {"kept restore 9", 1, ""}}) {
     EXPECT_EQ(run(std::string(line) + " 2> /dev/null"), status) << line;
     EXPECT_EQ(out_, output);
   }
   EXPECT_EQ(run("--json kept"), 0);
   EXPECT_TRUE(shows(R"({"name":"9/d/f","time":1795691163,"tree":"own","path":"d/f","size":4,)"
-                    R"("kind":"replaced"})"))
-      << out_;
-  EXPECT_EQ(run_answered("kept restore 9/d/f", 0, result_bytes(0, "", 'Y')), 0);
+                    R"("kind":"replaced"})"));
+  EXPECT_EQ(run_answered("kept restore 9/d/f", 0, result_bytes()), 0);
   EXPECT_EQ(out_, "published on both EMs\n");
   EXPECT_EQ(read_file(own + "d/f"), "old\n");
   EXPECT_EQ(run("kept restore \"$(printf '10/es\\033cape')\" 2>&1"), 1);
-  EXPECT_TRUE(shows("is written by the other")) << out_;
+  EXPECT_TRUE(shows("is written by the other"));
 }
 
 // A signal is sent when the file that `until` names is there.
@@ -323,7 +320,7 @@ TEST_F(CtlTest, ASignalLeavesNothingOrNamesWhatWasTyped) {
           " > out 2>&1; do sleep 0.01; done; kill -" + signal + " $!; wait $!)";
       EXPECT_NE(system(("cd /mnt && " + line + " > out 2>&1").c_str()), 0);
       out_ = read_file("/mnt/out");
-      EXPECT_TRUE(shows(expected)) << out_;
+      EXPECT_TRUE(shows(expected));
       EXPECT_EQ(names_in(folder).size(), 0u);
       unlink("/mnt/edits");
       unlink("/mnt/reads");
@@ -343,19 +340,17 @@ TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {
             "cluster_sync_ctl: no answer within 1 s; the daemon has the request, and its "
             "exchange goes on\n");
   EXPECT_EQ(run("--help > /dev/null; script -qec '" + ctl + "' /dev/null < /dev/null"), 3);
-  EXPECT_TRUE(shows("0 s (one without progress ends after 10 s)")) << out_;
+  EXPECT_TRUE(shows("0 s (one without progress ends after 10 s)"));
   g_turn.release(2);
 }
 
 TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
   const auto sync = [this](uint32_t status, const std::string& payload) {
-    g_status = status;
-    g_payload = payload;
-    g_turn.release();
+    answer_with(status, payload);
     cluster_sync_result result;
     return cluster_sync_sync(nullptr, -1, &result);
   };
-  EXPECT_EQ(sync(0, result_bytes(0, "", 'Y')), 0);
+  EXPECT_EQ(sync(0, result_bytes()), 0);
   EXPECT_EQ(sync(0, result_bytes(4, "", 'Y')), ECANCELED);
   EXPECT_EQ(sync(6, ""), ECANCELED);
   EXPECT_EQ(sync(0, "short"), EPROTO);
@@ -397,13 +392,10 @@ TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
 // that of another request.
 TEST_F(CtlTest, TheLibraryTellsTheTruthWhenTheTimeIsUp) {
   const std::string name = tree_path(1, "name"), folder = tree_path(1, "");
-  const auto put = [&] {
-    return cluster_sync_put(nullptr, "new", 3, name.c_str(), 0600, 50, nullptr);
-  };
   g_status = 0;
   g_payload = std::string(100, 'x');  // renamed, but not answered in time
   const int answered = g_answered;
-  EXPECT_EQ(put(), ETIMEDOUT);
+  EXPECT_EQ(cluster_sync_put(nullptr, "new", 3, name.c_str(), 0600, 50, nullptr), ETIMEDOUT);
   g_turn.release();
   while (g_answered == answered)
     usleep(1000);  // else the next request might be answered instead
@@ -425,32 +417,22 @@ TEST_F(CtlTest, TheLibraryTellsTheTruthWhenTheTimeIsUp) {
   g_turn.release();
   EXPECT_EQ(cluster_sync_receive(connection, -1, nullptr, nullptr), EPROTO);
 
-  write_file(folder + "TempUpdate_own", "new");
-  const auto update = [&](int timeout_ms) {
-    return cluster_sync_update(nullptr, (folder + "TempUpdate_own").c_str(), name.c_str(),
-                               timeout_ms, nullptr);
-  };
-  EXPECT_EQ(update(20), ETIMEDOUT) << "the source is still there";
+  const std::string source = make_file(1, "TempUpdate_own", "new");
+  EXPECT_EQ(cluster_sync_update(nullptr, source.c_str(), name.c_str(), 20, nullptr), ETIMEDOUT);
   g_turn.release();
-  while (exists(folder + "TempUpdate_own"))
+  while (exists(source))
     usleep(1000);
   EXPECT_EQ(cluster_sync_delete(nullptr, name.c_str(), 20, nullptr), EINPROGRESS);
   g_turn.release();
   for (const auto& [path, error] : {std::pair(name + "/", EISDIR),
                                     {folder + "TempUpdate_x", EINVAL},
-                                    {folder + ".$SyncDigest$x", EINVAL},
-                                    {folder + " x", EINVAL},
                                     {tree_path(2, "x"), EPERM},
-                                    {folder + std::string(243, 'x'), EINVAL},
                                     {folder + "none/x", ENOENT},
                                     {"/mnt/x", EXDEV},
-                                    {folder + "1/2/3/4/5/6/7/8/9/0/1/2/3/4/5/6/7/8", EINVAL},
                                     {folder + "link", ELOOP},
-                                    {folder + "way/x", ELOOP},
                                     {folder + "dir", EISDIR},
                                     {name + "/x", ENOTDIR}}) {
     symlink("name", (folder + "link").c_str());
-    symlink("dir", (folder + "way").c_str());
     mkdir((folder + "dir").c_str(), 0755);
     EXPECT_EQ(cluster_sync_put_begin(connection, path.c_str(), 0600), error) << path;
   }
@@ -514,21 +496,16 @@ TEST_F(CtlTest, TheLibraryGivesReasonsThatProgramsCanActOn) {
 
 TEST_F(CtlTest, TheLibraryServesSeveralThreadsAtOnce) {
   constexpr int kThreads = 4;
-  g_status = 0;
-  g_payload = result_bytes(0, "", 'Y');
-  g_turn.release(kThreads);
-  std::vector<std::thread> threads;
+  answer_with(0, result_bytes());
+  g_turn.release(kThreads - 1);
+  std::vector<std::jthread> threads;
   for (int i = 0; i < kThreads; ++i)
     threads.emplace_back([name = "/run/replicated_by_active_em/" + std::to_string(i)] {
       EXPECT_EQ(
           cluster_sync_put(nullptr, name.data(), name.size(), name.c_str(), 0600, 9000, nullptr),
           0);
+      EXPECT_EQ(read_file(name), name);
     });
-  for (std::thread& thread : threads)
-    thread.join();
-  for (int i = 0; i < kThreads; ++i)
-    EXPECT_EQ(read_file(tree_path(3, std::to_string(i))),
-              "/run/replicated_by_active_em/" + std::to_string(i));
 }
 
 TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
@@ -586,13 +563,12 @@ TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
             "active\nstate:    standby, all is well\nexchange: idle for 0 s, last success "
             "with the other EM 3 s ago\nerror:    4 s ago: Operation timed out; the cause: "
             "could not open file (I/O): \\x9b\\x0a\ngroup:    2 members: node 1 pid 12, "
-            "node 2 pid 34\n"))
-      << out_;
+            "node 2 pid 34\n"));
   ASSERT_EQ(run_answered("status --json", 0, bytes_of_state(state)), 0);
   for (const char* part : {R"("version":"1.2.3")", R"("last_error":{"text":"Operation timed out",)",
                            R"("resync_in":null)", R"("filesys_bytes_scanned":1099511627776)",
                            R"("members":[{"node":1,"pid":12},{"node":2,"pid":34}])"})
-    EXPECT_TRUE(shows(part)) << out_;
+    EXPECT_TRUE(shows(part));
   ASSERT_EQ(run_answered("metrics --textfile m.prom", 0, bytes_of_state(state)), 0) << out_;
   EXPECT_EQ(mode_of("/mnt/m.prom"), 0644u);
   const std::string metrics = read_file("/mnt/m.prom");
@@ -600,18 +576,15 @@ TEST_F(CtlTest, FaultAndStatusTellWhetherReplicationWorks) {
                            "\ncluster_sync_last_success_age_seconds 3\n", "\ncluster_sync_up 1\n"})
     EXPECT_NE(("\n" + metrics).find(line), std::string::npos) << metrics;
   cluster_sync_state taken;
-  g_status = 0;
   state.size += 3;
-  g_payload = bytes_of_state(state) + "new";
-  g_turn.release();
+  answer_with(0, bytes_of_state(state) + "new");
   EXPECT_EQ(cluster_sync_get_state(nullptr, 9000, &taken, sizeof taken), 0);
   EXPECT_STREQ(taken.last_error, "Operation timed out");
   EXPECT_EQ(run("role standby"), 0) << "as it is already";
 }
 
 TEST_F(CtlTest, CompareNamesWhatDiffersOrSaysThatNobodyCanTell) {
-  const std::string good = result_bytes(0, "", 'Y'),
-                    equal = "=active 2 2 0 0 0;=volatile 0 0 0 0 0;";
+  const std::string good = result_bytes(), equal = "=active 2 2 0 0 0;=volatile 0 0 0 0 0;";
   const std::string rest = "=own 1 1 0 0 0;=copy 3 2 1 0 1;";
   for (const auto& [payload, report, exit_status, out] :
        std::vector<std::tuple<std::string, std::string, int, std::string>>{
@@ -627,18 +600,16 @@ TEST_F(CtlTest, CompareNamesWhatDiffersOrSaysThatNobodyCanTell) {
            {good, equal + rest + "<copy;", 3, "cannot be understood"},
            {good, "=active 2 2 0 0 0 0;" + rest + rest, 3, "cannot be understood"}}) {
     g_report = report;
-    std::replace(g_report.begin(), g_report.end(), ';', '\0');
     EXPECT_EQ(run_answered("compare 2>&1", 0, payload), exit_status) << report;
-    EXPECT_TRUE(shows(out)) << out_;
+    EXPECT_TRUE(shows(out));
     EXPECT_EQ(request_, "3");
   }
 }
 
 TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
-  const std::string good = result_bytes(0, "", 'Y'), tail = "=own 0 0 0 0 0;=copy 0 99 0 99 0;";
+  const std::string good = result_bytes(), tail = "=own 0 0 0 0 0;=copy 0 99 0 99 0;";
   const auto become_active = [&](const std::string& report, const std::string& payload) {
     g_report = report.empty() ? "" : report + tail;
-    std::replace(g_report.begin(), g_report.end(), ';', '\0');
     unlink("/var/run/em/active");
     const int exit_status = run_answered("role active 2>&1", 0, payload);
     EXPECT_EQ(exists("/var/run/em/active"), exit_status == 0);
@@ -650,21 +621,21 @@ TEST_F(CtlTest, ARoleThatWouldEmptyTheOtherEmIsRefused) {
       "cluster_sync_ctl: becoming active would delete 20 of 20 files that the other EM has in "
       "'active'; use --force to make this EM active anyway\n");
   EXPECT_EQ(become_active("=active 9 9 0 0 0;=volatile 10 21 0 11 0;", good), 1);
-  EXPECT_TRUE(shows("11 of 21 files that the other EM has in 'volatile'")) << out_;
+  EXPECT_TRUE(shows("11 of 21 files that the other EM has in 'volatile'"));
   EXPECT_EQ(become_active("=active 0 10 0 10 0;=volatile 11 22 0 11 0;", good), 0) << out_;
   EXPECT_EQ(run("role active"), 0) << "it is already: nothing is asked";
   EXPECT_EQ(become_active("", result_bytes(0, "", 'N')), 0) << "a failover does not wait";
   EXPECT_EQ(become_active("", result_bytes(4, "no", 'Y')), 0);
-  EXPECT_TRUE(shows("not compared with the other EM: no")) << out_;
+  EXPECT_TRUE(shows("not compared with the other EM: no"));
 
   unlink("/var/run/em/active");
   fs::rename(tree_path(3, ""), "/run/gone");
   EXPECT_EQ(run("role active 2>&1"), 1);
-  EXPECT_TRUE(shows("/var/run/replicated_by_active_em/ is missing")) << out_;
+  EXPECT_TRUE(shows("/var/run/replicated_by_active_em/ is missing"));
   write_file("/mnt/fstab", "/dev/sda3 /mnt/part.persistent ext4 defaults 0 2\n");
   const Mount fstab("/etc/fstab", nullptr, "/mnt/fstab");
   EXPECT_EQ(run("role active 2>&1"), 1);
-  EXPECT_TRUE(shows("but nothing is mounted there")) << out_;
+  EXPECT_TRUE(shows("but nothing is mounted there"));
   EXPECT_EQ(run("role active --force"), 0);
   EXPECT_TRUE(exists("/var/run/em/active"));
 }
@@ -724,27 +695,26 @@ TEST_F(CtlTest, ExplainReadsEveryFormatOfTheJournalAndMatchesBothLogs) {
             "  2025-11-24 16:00:01  em1  "}}) {
     write_log("/mnt/em1", kAsking, before, behind);
     EXPECT_EQ(run("explain em1"), 0) << before;
-    EXPECT_TRUE(shows(row)) << out_;
+    EXPECT_TRUE(shows(row));
     EXPECT_EQ(split(out_, '\n').size(), 2u) << "one exchange, one row: " << out_;
-    EXPECT_TRUE(shows(" 1 pushed (2 B) ")) << out_;
-    EXPECT_TRUE(shows("  put cfg: success here, the other EM is away\n")) << out_;
+    EXPECT_TRUE(shows(" 1 pushed (2 B) "));
+    EXPECT_TRUE(shows("  put cfg: success here, the other EM is away\n"));
   }
   const std::string dumped = "dump_flight_recorder:1: 1764000001 ( 1-sync_thread) ";
   for (const auto& [format, before] : {std::pair("verbose", "Mon [s=1;i=2]\n  MESSAGE="),
                                        {"json-pretty", "{\n\t\"MESSAGE\" : \""}}) {
     write_log("/mnt/em1", kAsking, before + dumped);
     EXPECT_EQ(run("explain em1 2>&1"), 1);
-    EXPECT_TRUE(shows(std::string("format ") + format + " is not read")) << out_;
+    EXPECT_TRUE(shows(std::string("format ") + format + " is not read"));
   }
   write_log("/mnt/em1", kAsking, "2025-11-24T17:00:01+0100 em1 CLUS_SYNC[77]: ");
   write_log("/mnt/em2", kServing, "2025-11-24T16:00:17+0000 em2 CLUS_SYNC[5]: ");
   EXPECT_EQ(run("explain em1 em2 2>&1"), 0);
   EXPECT_EQ(split(out_, '\n').size(), 3u) << out_;
-  EXPECT_TRUE(shows("the clock of em2 is 16 s ahead of that of em1")) << out_;
-  EXPECT_TRUE(shows("put cfg: FAILED: Unable to update file (No space left on device): cfg\n"))
-      << out_;
+  EXPECT_TRUE(shows("the clock of em2 is 16 s ahead of that of em1"));
+  EXPECT_TRUE(shows("put cfg: FAILED: Unable to update file (No space left on device): cfg\n"));
   EXPECT_EQ(run("explain em1 em2 --exchange 1 --json"), 0);
-  EXPECT_TRUE(shows(R"("from":"em1","message":"MSG_UPDATE_REQ","sequence":1,"bytes":38,)")) << out_;
+  EXPECT_TRUE(shows(R"("from":"em1","message":"MSG_UPDATE_REQ","sequence":1,"bytes":38,)"));
   EXPECT_EQ(run("explain em1 em2 --exchange 1 --svg picture"), 0);
   const std::string picture = read_file("/mnt/picture");
   const size_t error = picture.find(">Unable to update");
@@ -783,7 +753,7 @@ TEST_F(CtlTest, VerifyListsWhatTheDaemonListsAndNamesTheFilesThatDiffer) {
       << "all but the digests is as in the daemon's listing";
 
   EXPECT_EQ(run("verify --against list 2>&1"), 0);
-  EXPECT_TRUE(shows("both EMs have the same number")) << out_;
+  EXPECT_TRUE(shows("both EMs have the same number"));
   rename(tree_path(0, "a/full").c_str(), "/mnt/full");
   make_file(0, "a/full", pattern(kChunkSize, 1));
   chmod(tree_path(1, "secret").c_str(), 0644);
