@@ -3,7 +3,6 @@
 import os
 import re
 import signal
-import struct
 import time
 import unittest
 from collections.abc import Callable
@@ -20,7 +19,6 @@ ROOTS = (ACTIVE, VOLATILE, OWN, PEERS)
 DEADLINE = 60
 LOG_LINES = 40
 FAULT_EVENT = "/run/em/events/0x80000702"
-HEALTHY, FAILING = 1, 4
 
 
 def flows(active: int, requester: int) -> list[tuple[int, str, str]]:
@@ -134,16 +132,6 @@ class PairTest(unittest.TestCase):
         result = self.ask(n)
         self.assertEqual((True, ""), (result.success, result.reason))
         return result
-
-    def settle(self) -> None:
-        """Runs exchanges until everything is identical and the fault is cleared."""
-        self.wait(lambda: self.ask(1)[::5] == (True, True), "a clean exchange")
-        self.assert_identical()
-        self.assertEqual(HEALTHY, self.fault())
-
-    def fault(self) -> int:
-        """The status of EM 1's last replication fault event."""
-        return struct.unpack_from("<3I", self.read(1, FAULT_EVENT))[2]
 
     def hold(self, n: int) -> None:
         """Freezes EM `n`'s daemon until the end of the test at the latest."""

@@ -2,19 +2,26 @@
 
 import os
 import signal
+import struct
 
 from convergence import Machine
 from em_pair import ACTIVE, EMS, OWN
-from support import Caller, PairTest, Result
+from support import FAULT_EVENT, Caller, PairTest, Result
 
+HEALTHY = 1  # the status of a fault event
 LARGE = 32 << 20
 # The peer's time limit expired first, or its late release ended the next exchange.
 LATE = "Received early LOCK_REL message in state "
 
 
 class HardFaultTest(PairTest):
-    def settle(self) -> None:
-        super().settle()
+    def assert_repaired(self) -> None:
+        """The daemons find each other, make the trees identical by themselves, and clear the fault."""
+        self.pair.wait_joined()
+        self.wait_identical()
+        self.wait(lambda: self.ask(1)[::5] == (True, True), "a clean exchange")
+        self.assert_identical()
+        self.assertEqual(HEALTHY, struct.unpack_from("<3I", self.read(1, FAULT_EVENT))[2])
         self.assertEqual([[], []], [Machine(self.pair, n).wrong_digests() for n in EMS])
 
     def transfer(self, path: str) -> Caller:
@@ -24,11 +31,6 @@ class HardFaultTest(PairTest):
         self.wait(lambda: target.exists() and target.stat().st_blocks * 512 > LARGE / 4,
                   "the transfer is under way")
         return caller
-
-    def wait_repaired(self) -> None:
-        """The daemons find each other and make the trees identical by themselves."""
-        self.pair.wait_joined()
-        self.wait_identical()
 
     def assert_done_alone(self, n: int, result: Result) -> None:
         self.assertEqual((True, False), (result.local_ok, result.peer_present), result)
@@ -51,8 +53,7 @@ class HardFaultTest(PairTest):
             self.wait_alone(3 - victim)
             self.assertEqual(-signal.SIGABRT, self.pair.process(victim, "daemon").wait(20))
             self.pair.restart(victim, "corosync")
-            self.wait_repaired()
-        self.settle()
+            self.assert_repaired()
 
     def test_link_cut_in_a_transfer(self):
         self.write(2, f"{OWN}/deleted", "before")
@@ -67,8 +68,7 @@ class HardFaultTest(PairTest):
         self.pair.path(2, f"{OWN}/deleted").unlink()
         self.assertNotEqual([], self.different())
         self.pair.heal()
-        self.wait_repaired()
-        self.settle()
+        self.assert_repaired()
 
     def test_stop_while_callers_wait(self):
         self.hold(2)
