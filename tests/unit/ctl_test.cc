@@ -345,7 +345,7 @@ TEST_F(CtlTest, SyncShowsItsTimeOnATerminalOnly) {
 }
 
 TEST_F(CtlTest, TheLibraryTellsFailuresApart) {
-  const auto sync = [this](uint32_t status, const std::string& payload) {
+  const auto sync = [](uint32_t status, const std::string& payload) {
     answer_with(status, payload);
     cluster_sync_result result;
     return cluster_sync_sync(nullptr, -1, &result);
