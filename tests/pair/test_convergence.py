@@ -1,7 +1,6 @@
 """After any operations on both EMs, a successful exchange leaves the trees that the model predicts.
 
-The guard against emptied trees, as the package sets it, makes no difference. SEED=n repeats the run of one seed,
-BURSTS sets its length.
+The guard is set as in the package. SEED=n repeats the run of one seed, BURSTS sets its length.
 """
 
 import os
