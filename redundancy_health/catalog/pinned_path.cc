@@ -89,12 +89,14 @@ int keep(int fd, std::string path, PinnedPath* pinned) {
   return 0;
 }
 
-// Whether the kept directory is `path` and has not been removed: a removed directory takes no new
-// file.
 bool kept_directory_is(const std::string& path) {
+  return g_kept_directory.directory != nullptr && g_kept_directory.path == path;
+}
+
+// A removed directory takes no new file.
+bool kept_directory_is_removed() {
   struct stat status;
-  return g_kept_directory.directory != nullptr && g_kept_directory.path == path &&
-         fstat(g_kept_directory.directory->get(), &status) == 0 && status.st_nlink != 0;
+  return fstat(g_kept_directory.directory->get(), &status) != 0 || status.st_nlink == 0;
 }
 
 }  // namespace
@@ -113,11 +115,24 @@ int pin_path(uint32_t root_index, const char* path, PinnedPath* pinned) {
   std::string above;
   pinned->name = split_below_root(root_index, path, &above);
   std::string directory(path, pinned->name);
-  if (kept_directory_is(directory)) {
+  if (kept_directory_is(directory) && !kept_directory_is_removed()) {
     pinned->directory = g_kept_directory.directory;
     return 0;
   }
   return keep(open_below_root(root_index, above), std::move(directory), pinned);
+}
+
+int open_to_read(uint32_t root_index, const char* path) {
+  constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const char* name = last_component(path);
+  if (kept_directory_is(std::string(path, name))) {
+    const int fd = openat(g_kept_directory.directory->get(), name, flags);
+    if (fd >= 0 || errno != ENOENT) return fd;  // ENOENT: the directory may have been removed
+  }
+  PinnedPath file;
+  const int error = pin_path(root_index, path, &file);
+  if (error != 0) return errno = error, -1;
+  return openat(file.dir_fd(), file.name, flags);
 }
 
 int pin_path_entering(uint32_t root_index, const char* path, EnterDirectory enter,

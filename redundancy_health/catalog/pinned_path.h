@@ -31,7 +31,11 @@ struct PinnedPath {
 // call release_kept_directory at the end of an exchange.
 int pin_path(uint32_t root_index, const char* path, PinnedPath* pinned);
 
-// The same, with `enter` for every step from a directory into the next.
+// Opens the file at a path, as pin_path takes it, for reading. Returns a descriptor, or -1 with
+// errno.
+int open_to_read(uint32_t root_index, const char* path);
+
+// As pin_path, with `enter` for every step from a directory into the next.
 using EnterDirectory = int (*)(int dir_fd, const char* name);  // a descriptor, or -1 with errno
 int pin_path_entering(uint32_t root_index, const char* path, EnterDirectory enter,
                       PinnedPath* pinned);

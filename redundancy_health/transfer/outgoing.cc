@@ -1,7 +1,6 @@
 #include "redundancy_health/transfer/outgoing.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -30,13 +29,7 @@ bool is_answer(uint32_t update_type) {
 // Opens the file of an outgoing chunk. Negative with errno if that fails or a fault is injected.
 int open_for_reading(const FileEntry* entry, const char* local_path) {
   if (have_error_injection(g_diag_params.fail_read_path, local_path)) return -1;
-  PinnedPath file;
-  const int error = pin_path(entry->root_index, local_path, &file);
-  if (error != 0) {
-    errno = error;
-    return -1;
-  }
-  return openat(file.dir_fd(), file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  return open_to_read(entry->root_index, local_path);
 }
 
 bool read_exactly(int f, uint32_t offset, char* data, size_t size) {
